@@ -176,7 +176,7 @@ consteval diag::attribute_kind trace_kind_of() {
     else if constexpr (is_list<A>) return list;
     else if constexpr (A::type::category == value_category::flag_set) return flag_set;
     else if constexpr (is_nested_record<A>)
-        return A::type::trace_unit == A::model::trace_unit ? near_record : far_record;
+        return A::type::trace_unit == A::model::trace_unit && A::type::oid_count == 0 ? near_record : far_record;
     else return value_object;
 }
 

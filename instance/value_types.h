@@ -119,6 +119,12 @@ constexpr bool owns_storage(value_category c) {
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
     TRELLIS_VALUE_INITIALIZE(T)                                                                                   \
     TRELLIS_REFERENCES_FAMILY(T)                                                                                  \
+    /* A record of its own, not inside another. */                                                                \
+    static void initialize_alone(loom_handle* h, u32 d, c_type* v, u32* err) {                                    \
+        ::T##_initialize(h, d, v, type_info(), 1, 0, 0, nullptr, err);                                            \
+    }                                                                                                             \
+    /* Worker of the type's own unit: see record::release_replaced. */                                            \
+    static void release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from);                          \
     static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
     static void clone_internal(loom_handle* h, u32 d, const c_type* from, c_type** out, void* workspace,          \
                                i32 size, u32* err) {                                                              \
