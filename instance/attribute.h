@@ -83,8 +83,8 @@ struct length : attribute<Model, Type, P, shape::length> {};
 
 template <class Model, class Type, class Length, place P>
 struct variable_array : attribute<Model, Type, P, shape::variable_array> {
-    using length = Length;                                        // the attribute with the count
-    static constexpr u32 track_block = (P.track + 1 + 7) & ~7u;   // pointer to one flag byte per element
+    using length = Length;                                      // the attribute with the count
+    static constexpr u32 track_block = (P.track + 1 + 7) & ~7u; // pointer to one flag byte per element
 };
 
 template <class Model, class Length, place P>
@@ -162,22 +162,32 @@ constexpr bool all_attributes(type_list<A...>, Body&& body) {
 template <class A>
 consteval diag::attribute_kind trace_kind_of() {
     using enum diag::attribute_kind;
-    if constexpr (is_plain<A>) return plain;
-    else if constexpr (is_fixed_array<A>) return is_array_of_values<A> ? fixed_values : fixed_objects;
+    if constexpr (is_plain<A>)
+        return plain;
+    else if constexpr (is_fixed_array<A>)
+        return is_array_of_values<A> ? fixed_values : fixed_objects;
     else if constexpr (is_variable_array<A>)
         return is_array_of_values<A>    ? variable_values
                : is_array_of_records<A> ? variable_records
                                         : variable_objects;
-    else if constexpr (is_length<A>) return length;
-    else if constexpr (is_counted_string<A>) return counted_string;
-    else if constexpr (is_fixed_string<A>) return fixed_string;
-    else if constexpr (is_oid<A>) return oid;
-    else if constexpr (is_arm<A>) return arm;
-    else if constexpr (is_list<A>) return list;
-    else if constexpr (A::type::category == value_category::flag_set) return flag_set;
+    else if constexpr (is_length<A>)
+        return length;
+    else if constexpr (is_counted_string<A>)
+        return counted_string;
+    else if constexpr (is_fixed_string<A>)
+        return fixed_string;
+    else if constexpr (is_oid<A>)
+        return oid;
+    else if constexpr (is_arm<A>)
+        return arm;
+    else if constexpr (is_list<A>)
+        return list;
+    else if constexpr (A::type::category == value_category::flag_set)
+        return flag_set;
     else if constexpr (is_nested_record<A>)
         return A::type::trace_unit == A::model::trace_unit && A::type::oid_count == 0 ? near_record : far_record;
-    else return value_object;
+    else
+        return value_object;
 }
 
 } // namespace trellis

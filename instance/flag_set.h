@@ -22,7 +22,8 @@ constexpr u32 bit_count = sizeof(F::bits) / sizeof(F::bits[0]);
 template <class F>
 constexpr u32 bits_within(i8 variant) {
     u32 count = 0;
-    for (const flag_bit& bit : F::bits) count += bit.since <= variant ? 1u : 0u;
+    for (const flag_bit& bit : F::bits)
+        count += bit.since <= variant ? 1u : 0u;
     return count;
 }
 
@@ -104,7 +105,8 @@ typename F::object* get(loom_handle* handle, u32 domain, typename F::object* obj
 template <class F>
 void set(loom_handle* handle, u32 domain, typename F::object* object, const typename F::object* source, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return;
+    if (!c.enter())
+        return;
     if (object == nullptr || source == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
@@ -122,7 +124,8 @@ inline u32 bit_of(const typename F::object* object, u32 bit) {
 template <class F>
 u32 get_value(loom_handle* handle, u32 domain, const typename F::object* object, u32 bit, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return 0;
+    if (!c.enter())
+        return 0;
     if (object == nullptr || bit >= bit_count<F>) {
         c.fail_epoch();
         return 0;
@@ -138,9 +141,9 @@ u32 get_cr(loom_handle* handle, const typename F::object* object, u32 bit) {
 template <class F>
 inline bool may_set(i8 variant, u32 bit) {
     for (i8 later = 1; later <= F::newest; ++later)
-        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later) return false;
-    constexpr i8 passes_above = F::newest == 0 ? 0 : F::newest;
-    return bit < bit_count<F> || variant > passes_above;
+        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later)
+            return false;
+    return bit < bit_count<F> || variant > F::newest;
 }
 
 /// Announces and changes one bit; the mask stays within its byte.
@@ -154,13 +157,15 @@ inline void store_bit(const call& c, typename F::object* object, u32 bit, bool o
 template <class F>
 void set_value(loom_handle* handle, u32 domain, typename F::object* object, u32 bit, u32 on, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return;
+    if (!c.enter())
+        return;
     adjust<F>(c, object);
-    if (!may_set<F>(loom_get_instance_variant(object, 1, 0), bit)) {
+    if (!may_set<F>(loom_get_instance_variant(object, 0, 1), bit)) {
         c.fail_epoch();
         return;
     }
-    if (object == nullptr || bit >= bit_count<F>) return;
+    if (object == nullptr || bit >= bit_count<F>)
+        return;
     store_bit<F>(c, object, bit, on != 0);
 }
 template <class F>
@@ -174,7 +179,8 @@ u32 is_valid_cr(loom_handle* handle, u32 bit) {
     const call c = chain_call(handle);
     const i8 variant = peer_variant<F>(c, F::type::type_info());
     for (i8 later = 1; later <= F::newest; ++later)
-        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later) return 0;
+        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later)
+            return 0;
     return bit < bit_count<F> ? 1 : 0;
 }
 

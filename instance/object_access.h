@@ -8,6 +8,7 @@
 #include "instance/call.h"
 
 #include <string.h>
+#include <type_traits>
 
 namespace trellis {
 
@@ -44,6 +45,15 @@ inline const value_of<A>* cell_of(const holder_of<A>* object) {
     return object == nullptr ? nullptr : at_offset<value_of<A>>(object, A::at.offset);
 }
 
+/// Values of an in-place attribute: N for a fixed array, else one.
+template <class A>
+constexpr u32 values_in_place = [] {
+    if constexpr (is_fixed_array<A>)
+        return A::extent;
+    else
+        return 1u;
+}();
+
 /// The pointer of a variable array, counted string or arm.
 template <class A>
 inline value_of<A>*& pointer_of(holder_of<A>* object) {
@@ -78,7 +88,9 @@ template <class A>
 inline const loom_list_head* list_of(const holder_of<A>* object) {
     return at_offset<loom_list_head>(object, A::at.offset);
 }
-inline loom_list_links* links_of(void* element) { return at_offset<loom_list_links>(element, LOOM_LIST_LINKS_OFFSET); }
+inline loom_list_links* links_of(void* element) {
+    return at_offset<loom_list_links>(element, LOOM_LIST_LINKS_OFFSET);
+}
 inline const loom_list_links* links_of(const void* element) {
     return at_offset<loom_list_links>(element, LOOM_LIST_LINKS_OFFSET);
 }
@@ -119,7 +131,8 @@ inline i8 peer_variant(const call& c, const loom_type_info* tinfo) {
 /// The static record's address, or the database's copy of it when objects live in a database.
 template <class Bundle>
 inline loom_type_info* resident_type_info(const call& c, const loom_type_info* tinfo) {
-    if (c.handle->db_kind == 0) return const_cast<loom_type_info*>(tinfo);
+    if (c.handle->db_kind == 0)
+        return const_cast<loom_type_info*>(tinfo);
     return loom_type_info_ptr_get(c.handle, c.domain, tinfo, Bundle::typeinfo_initialize);
 }
 
@@ -131,13 +144,17 @@ inline u32 layout_index(const typename Model::object* object) {
 }
 template <class Model>
 inline u32 layout_size_of(const typename Model::object* object) {
-    if constexpr (Model::newest == 0) return Model::layout_sizes[0];
-    else return Model::layout_sizes[layout_index<Model>(object)];
+    if constexpr (Model::newest == 0)
+        return Model::layout_sizes[0];
+    else
+        return Model::layout_sizes[layout_index<Model>(object)];
 }
 template <class Model>
 inline u32 tracking_size_of(const typename Model::object* object) {
-    if constexpr (Model::newest == 0) return Model::tracking_sizes[0];
-    else return Model::tracking_sizes[layout_index<Model>(object)];
+    if constexpr (Model::newest == 0)
+        return Model::tracking_sizes[0];
+    else
+        return Model::tracking_sizes[layout_index<Model>(object)];
 }
 template <class Model>
 constexpr u32 newest_tracking_size = Model::tracking_sizes[Model::newest];
@@ -189,7 +206,8 @@ inline u8* element_area(void* block, u32 count, u32 index) {
 template <class A>
 inline bool reach(const call& c, const holder_of<A>* object) {
     const i8 variant = loom_get_instance_variant(object, 1, variant_indicator(A::type::category));
-    if (variant >= A::at.since) return true;
+    if (variant >= A::at.since)
+        return true;
     c.fail_epoch();
     return false;
 }
@@ -204,7 +222,8 @@ inline void adjust(const call& c, typename Model::object* object) {
 /// Entry of a writing accessor.
 template <class A>
 inline bool enter_write(const call& c, holder_of<A>* object) {
-    if (!c.enter()) return false;
+    if (!c.enter())
+        return false;
     adjust<typename A::model>(c, object);
     return reach<A>(c, object);
 }
@@ -223,14 +242,16 @@ template <class A, diag::record_says What, u32 Copy = 0>
 template <class A, diag::record_says Corrupted, u32 Copy = 0>
 inline bool tracking_on(const call& c) {
     const tracking_mode mode = c.mode();
-    if (mode == tracking_mode::corrupted) die_of<A, Corrupted, Copy>();
+    if (mode == tracking_mode::corrupted)
+        die_of<A, Corrupted, Copy>();
     return mode == tracking_mode::on;
 }
 
 /// In tracking mode an object without tracking cannot be marked: error 22.
 template <class A, diag::record_says NotTracked>
 inline bool require_tracked(const call& c, const void* object) {
-    if (is_tracked(object)) return true;
+    if (is_tracked(object))
+        return true;
     c.fail(LOOM_EINVAL);
     say_of<A, NotTracked>();
     return false;
@@ -244,8 +265,10 @@ constexpr u8 state_set = 2;
 /// Marks the attribute's own byte as changed, behind a store. False with error 22 on an object without tracking.
 template <class A, diag::record_says Corrupted, diag::record_says NotTracked>
 inline bool mark(const call& c, holder_of<A>* object, u8 state = state_set) {
-    if (!tracking_on<A, Corrupted>(c)) return true;
-    if (!require_tracked<A, NotTracked>(c, object)) return false;
+    if (!tracking_on<A, Corrupted>(c))
+        return true;
+    if (!require_tracked<A, NotTracked>(c, object))
+        return false;
     store_flag(c, tracking_area<typename A::model>(c, object) + A::at.track, state);
     return true;
 }
@@ -259,7 +282,8 @@ inline void mark_element(const call& c, holder_of<A>* object, u32 index) {
         store_flag(c, area + A::track_elements + index, state_set);
     } else {
         u8* flags = element_flags_of<A>(area);
-        if (flags != nullptr) store_flag(c, flags + index, state_set);
+        if (flags != nullptr)
+            store_flag(c, flags + index, state_set);
     }
 }
 
@@ -278,8 +302,10 @@ inline typename Model::object* sentinel() {
 template <class Model>
 inline u64* statistics_of(const loom_variant_table* table, i8 variant) {
     i32 index = clamp_variant<Model>(variant);
-    if (index >= table->n_variants) index = table->n_variants - 1;
-    if (index < 0) index = 0;
+    if (index >= table->n_variants)
+        index = table->n_variants - 1;
+    if (index < 0)
+        index = 0;
     return &table->entries[index].objects_created;
 }
 

@@ -14,12 +14,12 @@ namespace trellis {
 enum class value_category : u8 {
     scalar,
     boolean,
-    object_value,        // addresses, times, strings, byte strings
+    object_value, // addresses, times, strings, byte strings
     opaque_value,
-    shared_enumeration,  // an enumeration that another bundle owns
+    shared_enumeration, // an enumeration that another bundle owns
     enumeration,
     flag_set,
-    record,              // records, unions and choices
+    record, // records, unions and choices
     oid,
 };
 
@@ -126,6 +126,9 @@ constexpr bool owns_storage(value_category c) {
     /* Worker of the type's own unit: see record::release_replaced. */                                            \
     static void release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from);                          \
     static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
+    static u32 marshal_for_clone(loom_handle* h, u32 d, void* buffer, const c_type* v, i32 length, u32* err) {    \
+        return ::T##_marshal_for_clone(h, d, buffer, v, length, err);                                             \
+    }                                                                                                             \
     static void clone_internal(loom_handle* h, u32 d, const c_type* from, c_type** out, void* workspace,          \
                                i32 size, u32* err) {                                                              \
         ::T##_clone_internal(h, d, from, out, workspace, size, err);                                              \

@@ -1,0 +1,485 @@
+// Arrays and character arrays: reading, writing, growing and emptying. A block is always exactly as long as the
+// count says, which the walkers rely on. Lists stand in lists.h.
+#pragma once
+
+#include "instance/accessors.h"
+
+namespace trellis {
+
+/// Type of the value that an array's set takes: records are moved from, values are copied.
+template <class A>
+using source_of = std::conditional_t<is_array_of_records<A>, value_of<A>, const value_of<A>>;
+
+// ---- Blocks of elements (also used by the binary reader) -----------------------------------------------------
+
+/// Bytes of a block of `count` elements; record elements have their tracking areas behind all of them.
+template <class Type>
+inline size_t block_size(u64 count, bool tracked) {
+    if constexpr (Type::category == value_category::record)
+        return static_cast<size_t>(count) * (Type::base_size + (tracked ? Type::tracking_size : 0));
+    else
+        return static_cast<size_t>(count) * sizeof(typename Type::c_type);
+}
+
+/// Points element `index` of a tracked block at its tracking area.
+template <class Type>
+inline u8* place_element(const call& c, typename Type::c_type* block, u32 count, u32 index) {
+    u8* area = element_area<Type>(block, count, index);
+    loomlib_update_sttr_offset(c.handle, c.domain, block + index, offset_to(block + index, area));
+    return area;
+}
+
+/// Sets zeroed elements up in place; they are new memory, so nothing is announced.
+template <class Type>
+inline void initialize_elements(const call& c, typename Type::c_type* block, u32 first, u32 count, bool tracked) {
+    if constexpr (is_initialised(Type::category)) {
+        for (u32 i = first; i < count; ++i) {
+            u8* area = nullptr;
+            if constexpr (Type::category == value_category::record)
+                if (tracked)
+                    area = place_element<Type>(c, block, count, i);
+            Type::initialize(c.handle, c.domain, block + i, 0, 0, area, c.error);
+        }
+    }
+}
+
+/// Replaces the element flags by a zeroed block for `count` elements that keeps the first `kept` bytes. False
+/// with error 12 when there is no room.
+template <class A>
+inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
+    u8*& flags = element_flags_of<A>(tracking_area<typename A::model>(c, object));
+    u8* made = static_cast<u8*>(c.allocate(count == 0 ? 1 : count));
+    if (made == nullptr) {
+        c.fail(LOOM_ENOMEM);
+        return false;
+    }
+    memset(made, 0, count);
+    u8* old = flags;
+    if (old != nullptr && kept != 0)
+        memcpy(made, old, kept);
+    c.store<u8*>(&flags, made, nullptr);
+    if (old != nullptr)
+        c.release(old);
+    return true;
+}
+
+/// Stores the block pointer and then the count.
+template <class A>
+inline void store_block(const call& c, holder_of<A>* object, value_of<A>* block, u32 count) {
+    using count_type = typename A::length::type::c_type;
+    c.store<value_of<A>*>(&pointer_of<A>(object), block, object);
+    c.store<count_type>(&count_of<A>(object), static_cast<count_type>(count), object);
+}
+
+namespace accessor {
+
+using says = diag::record_says;
+
+// ---- Elements ----------------------------------------------------------------------------------------------
+
+template <class A>
+inline value_of<A>* elements_of(holder_of<A>* object) {
+    if constexpr (is_fixed_array<A>)
+        return cell_of<A>(object);
+    else
+        return pointer_of<A>(object);
+}
+template <class A>
+inline u32 count_of_elements(const holder_of<A>* object) {
+    if constexpr (is_fixed_array<A>)
+        return A::extent;
+    else
+        return pointer_of<A>(object) == nullptr ? 0 : count_of<A>(object);
+}
+
+template <class A>
+requires is_array<A> value_of<A>
+*get(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u32* err) {
+    const call c{handle, domain, err};
+    if (!c.enter() || !reach<A>(c, object))
+        return nullptr;
+    if (index >= count_of_elements<A>(object)) {
+        c.fail(LOOM_ENOENT);
+        return nullptr;
+    }
+    return fetch_cell<A>(c, object, elements_of<A>(object) + index);
+}
+
+template <class A>
+requires is_array_of_values<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
+                                                     u32 index, u32* err) {
+    value_of<A>* element = get<A>(handle, domain, object, index, err);
+    return element == nullptr ? plain_of<A>{} : A::type::get_value(handle, domain, element, err);
+}
+
+template <class A>
+requires is_array_of_values<A>
+void get_mem(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* destination, u32 length,
+             u32* err) {
+    const call c{handle, domain, err};
+    if (!c.enter() || !reach<A>(c, object))
+        return;
+    if (length > count_of_elements<A>(object)) {
+        c.fail(LOOM_EINVAL);
+        return;
+    }
+    if (length != 0)
+        memcpy(destination, elements_of<A>(object), length * sizeof *destination);
+}
+
+// ---- Growth ------------------------------------------------------------------------------------------------
+
+/// Traces the first growth of the field in this process.
+template <class A>
+inline void note_reallocation() {
+    static bool noted;
+    if (__atomic_exchange_n(&noted, true, __ATOMIC_RELAXED))
+        return;
+    say_of<A, says::attribute_set_worker_reallocating>();
+}
+
+/// Moves the old elements into the larger block and repairs what a block copy breaks.
+template <class A>
+inline void move_elements(const call& c, value_of<A>* to, u32 count, value_of<A>* from, u32 old_count,
+                          bool tracked) {
+    memcpy(static_cast<void*>(to), from, static_cast<size_t>(old_count) * sizeof *to);
+    if constexpr (is_array_of_records<A>) {
+        using type = typename A::type;
+        for (u32 i = 0; i < old_count; ++i) {
+            if (tracked) {
+                memcpy(element_area<type>(to, count, i), element_area<type>(from, old_count, i),
+                       type::tracking_size);
+                u8* area = place_element<type>(c, to, count, i);
+                type::offset_update(c.handle, c.domain, to + i, area, c.error);
+            }
+            type::post_copyout_cleanup(c.handle, c.domain, to + i, from + i, c.error);
+            type::release_replaced(c.handle, c.domain, from + i, to + i);
+            if (tracked) {
+                loom_hd_mapping_destroy(c.handle, c.domain, from + i, c.error);
+                type::offset_remove(c.handle, c.domain, from + i, c.error);
+            }
+        }
+    }
+}
+
+/// Makes the array `count` elements long, exactly. False with error 12 and nothing changed when there is no room.
+template <class A>
+inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
+    value_of<A>* old = pointer_of<A>(object);
+    const u32 old_count = old == nullptr ? 0 : static_cast<u32>(count_of<A>(object));
+    const size_t size = block_size<typename A::type>(count, tracked);
+    auto* block = static_cast<value_of<A>*>(c.allocate(size));
+    if (block == nullptr) {
+        c.fail(LOOM_ENOMEM);
+        return false;
+    }
+    memset(static_cast<void*>(block), 0, size);
+    if (tracked && !replace_element_flags<A>(c, object, count, old_count)) {
+        c.release(block);
+        return false;
+    }
+    if (old != nullptr) {
+        move_elements<A>(c, block, count, old, old_count, tracked);
+        if (c.reports_to_shared_database())
+            loomdb_plat_set_detach(c.handle, c.domain, old, 1);
+        c.release(old);
+    }
+    store_block<A>(c, object, block, count);
+    initialize_elements<typename A::type>(c, block, old_count, count, tracked);
+    return true;
+}
+
+/// A deep copy into a slot that exists: by way of the workspace.
+template <class A>
+inline void clone_into(const call& c, value_of<A>* slot, const value_of<A>* value) {
+    void* workspace = nullptr;
+    u32 size = 0;
+    loomlib_get_handle_ws(c.handle, &workspace, &size);
+    A::type::clone_internal(c.handle, c.domain, value, &slot, workspace, static_cast<i32>(size), c.error);
+}
+
+/// Worker of the variable array's setters. A null value leaves the slot as growth made it.
+template <class A>
+void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* value, bool by_move) {
+    if (!enter_write<A>(c, object))
+        return;
+    const bool tracked = tracking_on<A, says::attribute_set_worker_corrupted_handle, 0>(c);
+    if (tracked) {
+        if (!require_tracked<A, says::attribute_set_worker_not_tracked>(c, object))
+            return;
+        if constexpr (is_array_of_records<A>)
+            if (value != nullptr && !require_tracked<A, says::attribute_set_worker_value_not_tracked>(c, value))
+                return;
+    }
+    if (index >= largest_count<A>) {
+        c.fail(LOOM_EINVAL); // beyond what the count can say
+        return;
+    }
+    const value_of<A>* block = pointer_of<A>(object);
+    if (block == nullptr || index >= static_cast<u32>(count_of<A>(object))) {
+        if (block != nullptr)
+            note_reallocation<A>();
+        if (!grow<A>(c, object, index + 1, tracked))
+            return;
+    }
+    if (value != nullptr) {
+        value_of<A>* slot = pointer_of<A>(object) + index;
+        if constexpr (is_array_of_records<A>) {
+            if (by_move)
+                A::type::set(c.handle, c.domain, slot, value, c.error);
+            else
+                clone_into<A>(c, slot, value);
+        } else {
+            A::type::set(c.handle, c.domain, slot, value, c.error);
+        }
+    }
+    if (tracking_on<A, says::attribute_set_worker_corrupted_handle, 1>(c))
+        mark_element<A>(c, object, index);
+    if (value != nullptr)
+        c.report_containment(value, object);
+}
+
+template <class A>
+requires is_variable_array<A>
+void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
+    set_element<A>({handle, domain, err}, object, index, value, true);
+}
+
+template <class A>
+requires(is_variable_array<A> && !is_array_of_records<A>) u32
+    set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value) {
+    set_element<A>(chain_call(handle), object, index, value, true);
+    return handle->last_error;
+}
+template <class A>
+requires(is_variable_array<A>&& is_array_of_records<A>) u32
+    set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value, u32 by_move) {
+    set_element<A>(chain_call(handle), object, index, value, by_move != 0);
+    return handle->last_error;
+}
+
+template <class A>
+requires(is_variable_array<A>&& is_array_of_values<A>) void set_value(loom_handle* handle, u32 domain,
+                                                                      holder_of<A>* object, u32 index,
+                                                                      plain_of<A> value, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    value_of<A>* slot = get<A>(handle, domain, object, index, err);
+    if (*err == LOOM_ENOENT) {
+        *err = 0;
+        set_element<A>(c, object, index, nullptr, true);
+        if (c.pending())
+            return;
+        slot = pointer_of<A>(object) + index;
+    }
+    if (c.pending())
+        return;
+    A::type::set_value(handle, domain, slot, value, err);
+    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c))
+        return;
+    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object))
+        mark_element<A>(c, object, index);
+}
+
+/// Replaces the whole array by `length` elements; after a failed allocation the array is empty.
+template <class A>
+requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* handle, u32 domain,
+                                                                    holder_of<A>* object,
+                                                                    const value_of<A>* source, u32 length,
+                                                                    u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    const bool tracked = tracking_on<A, says::attribute_set_mem_corrupted_handle>(c);
+    if (tracked && !require_tracked<A, says::attribute_set_mem_not_tracked>(c, object))
+        return;
+    if (length > largest_count<A>) {
+        c.fail(LOOM_EINVAL);
+        return;
+    }
+    value_of<A>* old = pointer_of<A>(object);
+    if (old != nullptr) {
+        store_block<A>(c, object, nullptr, 0);
+        c.release(old);
+    }
+    const size_t size = length * sizeof *source;
+    auto* block = static_cast<value_of<A>*>(c.allocate(size == 0 ? 1 : size));
+    if (block == nullptr) {
+        c.fail(LOOM_ENOMEM);
+        return;
+    }
+    if (size != 0)
+        memcpy(block, source, size);
+    store_block<A>(c, object, block, length);
+    if (!tracking_on<A, says::attribute_set_mem_corrupted_handle_variable_values>(c))
+        return;
+    store_flag(c, tracking_area<typename A::model>(c, object) + A::at.track, state_set);
+    if (replace_element_flags<A>(c, object, length, 0))
+        return;
+    store_block<A>(c, object, nullptr, 0);
+    c.release(block);
+}
+
+template <class A>
+requires is_array_of_values<A> u32 set_mem_cr(loom_handle* handle, holder_of<A>* object, const value_of<A>* source,
+                                              u32 length) {
+    set_mem<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
+    return handle->last_error;
+}
+
+/// Ends all elements and the block. The element flags stay; the next growth replaces them.
+template <class A>
+requires is_variable_array<A>
+void remove_elements(loom_handle* handle, u32 domain, holder_of<A>* object) {
+    if (object == nullptr || pointer_of<A>(object) == nullptr)
+        return;
+    u32 error = 0;
+    const call c{handle, domain, &error};
+    using count_type = typename A::length::type::c_type;
+    record::tear_down_elements<A>(c, pointer_of<A>(object), static_cast<u32>(count_of<A>(object)));
+    record::release_block(c, pointer_of<A>(object));
+    c.store<count_type>(&count_of<A>(object), count_type{0}, nullptr);
+}
+
+// ---- Fixed arrays ------------------------------------------------------------------------------------------
+
+/// The index is not tested; a null value changes and marks nothing.
+template <class A>
+requires is_fixed_array<A>
+void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object) || value == nullptr)
+        return;
+    A::type::set(handle, domain, cell_of<A>(object) + index, value, err);
+    if (tracking_on<A, says::attribute_set_corrupted_handle>(c)) {
+        if (!require_tracked<A, says::attribute_set_not_tracked>(c, object))
+            return;
+        mark_element<A>(c, object, index);
+    }
+    c.report_containment(value, object);
+}
+
+template <class A>
+requires(is_fixed_array<A>&& is_array_of_values<A>) void set_value(loom_handle* handle, u32 domain,
+                                                                   holder_of<A>* object, u32 index,
+                                                                   plain_of<A> value, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    value_of<A>* slot = get<A>(handle, domain, object, index, err);
+    if (slot == nullptr)
+        return;
+    A::type::set_value(handle, domain, slot, value, err);
+    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c))
+        return;
+    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object))
+        mark_element<A>(c, object, index);
+}
+
+template <class A>
+requires(is_fixed_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* handle, u32 domain,
+                                                                 holder_of<A>* object, const value_of<A>* source,
+                                                                 u32 length, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    if (length > A::extent) {
+        c.fail(LOOM_EINVAL);
+        return;
+    }
+    if (length != 0) {
+        c.announce(cell_of<A>(object), length * sizeof *source, object);
+        memcpy(cell_of<A>(object), source, length * sizeof *source);
+    }
+    mark<A, says::attribute_set_mem_corrupted_handle, says::attribute_set_mem_not_tracked>(c, object);
+}
+
+// ---- Character arrays --------------------------------------------------------------------------------------
+
+/// Copies at most `size` - 1 characters and always terminates; a cut copy gives error 28.
+inline void copy_out(const call& c, char* destination, u32 size, const char* text, u32 length) {
+    if (size == 0) {
+        c.fail(LOOM_EINVAL);
+        return;
+    }
+    if (length >= size) {
+        length = size - 1;
+        c.fail(LOOM_ENOSPC);
+    }
+    if (length != 0)
+        memcpy(destination, text, length);
+    destination[length] = 0;
+}
+
+template <class A>
+requires is_counted_string<A>
+void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
+    const call c{handle, domain, err};
+    if (!c.enter() || !reach<A>(c, object))
+        return;
+    const char* text = pointer_of<A>(object);
+    copy_out(c, destination, size, text, text == nullptr ? 0 : static_cast<u32>(count_of<A>(object)));
+}
+
+template <class A>
+requires is_fixed_string<A>
+void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
+    const call c{handle, domain, err};
+    if (!c.enter() || !reach<A>(c, object))
+        return;
+    copy_out(c, destination, size, cell_of<A>(object), A::extent);
+}
+
+/// The length counts modulo the width of the length attribute; an empty string has no block.
+template <class A>
+requires is_counted_string<A>
+void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    const u32 kept = static_cast<u32>(static_cast<typename A::length::type::c_type>(length));
+    char* old = pointer_of<A>(object);
+    if (old != nullptr) {
+        store_block<A>(c, object, nullptr, 0);
+        c.release(old);
+    }
+    char* text = nullptr;
+    if (kept != 0) {
+        text = static_cast<char*>(c.allocate(size_t{kept} + 1));
+        if (text == nullptr) {
+            c.fail(LOOM_ENOMEM);
+            return;
+        }
+        strncpy(text, source, kept);
+        text[kept] = 0;
+    }
+    store_block<A>(c, object, text, kept);
+    mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object);
+}
+
+/// Fills the rest behind a shorter text as strncpy does, within `length`; no terminator is promised.
+template <class A>
+requires is_fixed_string<A>
+void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
+    const call c{handle, domain, err};
+    if (!enter_write<A>(c, object))
+        return;
+    if (length > A::extent) {
+        c.fail(LOOM_EINVAL);
+        return;
+    }
+    c.announce(cell_of<A>(object), length, object);
+    strncpy(cell_of<A>(object), source, length);
+    mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object);
+}
+
+template <class A>
+requires(is_counted_string<A> || is_fixed_string<A>) u32
+    set_cr(loom_handle* handle, holder_of<A>* object, const char* source, u32 length) {
+    set<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
+    return handle->last_error;
+}
+
+} // namespace accessor
+} // namespace trellis
