@@ -1,0 +1,118 @@
+// Making and ending documents, and what is wrong with a text that is none.
+#include "runtime/export.h"
+#include "runtime/xml/document.h"
+
+#include <loom_runtime/xml.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+
+namespace {
+using namespace loom;
+
+constexpr unsigned parse_options =
+    pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol | pugi::parse_wconv_attribute |
+    pugi::parse_ws_pcdata_single | // a value may be nothing but blanks
+    pugi::parse_fragment;          // text beside the elements is seen, and refused below
+
+loom_xml_document* refuse(loom_xml_error* error, u32 number, const char* reason) {
+    if (error) {
+        *error = {};
+        error->number = number;
+        std::snprintf(error->reason, sizeof error->reason, "%s", reason);
+    }
+    return nullptr;
+}
+
+loom_xml_document* refuse_at(loom_xml_error* error, std::string_view text, ptrdiff_t offset, const char* reason) {
+    refuse(error, LOOM_EINVAL, reason);
+    if (error && offset >= 0) {
+        const std::string_view before = text.substr(0, static_cast<size_t>(offset));
+        error->line = 1;
+        error->column = 1;
+        for (const char c : before) {
+            ++error->column;
+            if (c != '\n') continue;
+            ++error->line;
+            error->column = 1;
+        }
+    }
+    return nullptr;
+}
+
+/// The first thing beside the elements that no document may have there, or nothing.
+pugi::xml_node stray_text(const pugi::xml_document& tree) {
+    for (pugi::xml_node node = tree.first_child(); node; node = node.next_sibling())
+        if (node.type() == pugi::node_cdata ||
+            (node.type() == pugi::node_pcdata && !trimmed(node.value()).empty()))
+            return node;
+    return {};
+}
+
+/// The first element that is nested too deep, or nothing.
+pugi::xml_node too_deep(const pugi::xml_document& tree) {
+    u32 depth = 1;
+    pugi::xml_node node = tree.first_child();
+    while (node) {
+        if (depth > LOOM_XML_DEPTH_LIMIT && node.type() == pugi::node_element) return node;
+        if (const pugi::xml_node child = node.first_child()) {
+            node = child;
+            ++depth;
+            continue;
+        }
+        while (node && !node.next_sibling()) {
+            node = node.parent();
+            --depth;
+        }
+        if (node) node = node.next_sibling();
+    }
+    return {};
+}
+
+struct close_file {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+} // namespace
+
+LOOM_EXPORT loom_xml_document* loom_xml_parse(const void* text, size_t length, loom_xml_error* error) {
+    if (!text || length == 0) return refuse(error, LOOM_EINVAL, "The document is empty");
+    std::unique_ptr<loom_xml_document> document(new (std::nothrow) loom_xml_document);
+    if (!document) return refuse(error, LOOM_ENOMEM, "Out of memory");
+
+    std::string_view source(static_cast<const char*>(text), length);
+    if (source.starts_with("\xef\xbb\xbf")) source.remove_prefix(3); // places are told without the byte order mark
+    const pugi::xml_parse_result result = document->tree.load_buffer(text, length, parse_options);
+    if (result.status == pugi::status_out_of_memory) return refuse(error, LOOM_ENOMEM, "Out of memory");
+    if (!result) return refuse_at(error, source, result.offset, result.description());
+    if (const pugi::xml_node stray = stray_text(document->tree))
+        return refuse_at(error, source, stray.offset_debug(), "Text outside of any element");
+    if (!document->tree.document_element())
+        return refuse_at(error, source, static_cast<ptrdiff_t>(source.size()), "The document has no element");
+    if (const pugi::xml_node deep = too_deep(document->tree))
+        return refuse_at(error, source, deep.offset_debug(), "Elements are nested too deep");
+    return document.release();
+}
+
+LOOM_EXPORT loom_xml_document* loom_xml_parse_file(const char* file_name, loom_xml_error* error) {
+    const auto refuse_file = [&] {
+        const int number = errno;
+        return refuse(error, static_cast<u32>(number), std::strerror(number));
+    };
+    const std::unique_ptr<std::FILE, close_file> file(std::fopen(file_name, "rb"));
+    if (!file) return refuse_file();
+    std::string text;
+    char block[1 << 16];
+    while (const size_t count = std::fread(block, 1, sizeof block, file.get())) text.append(block, count);
+    if (std::ferror(file.get())) return refuse_file();
+    return loom_xml_parse(text.data(), text.size(), error);
+}
+
+LOOM_EXPORT void loom_xml_free(loom_xml_document* document) { delete document; }
+
+LOOM_EXPORT const char* loom_xml_root_name(const loom_xml_document* document) {
+    return document->tree.document_element().name();
+}
+
+LOOM_EXPORT uint64_t loom_xml_visited(const loom_xml_document* document) { return document->visited(); }
