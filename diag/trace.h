@@ -13,14 +13,18 @@
 
 namespace trellis::diag {
 
+// Never defined: calling them while a slot is computed stops the compiler, which then names them.
+void the_statement_has_fewer_entries();
+void the_statement_does_not_apply_here();
+
 /// Slot of statement `wanted` among those of kind `of` (0: of the type itself), `copy` counting its entries.
 template <std::size_t N>
 consteval u32 slot_of(const statement (&statements)[N], std::size_t wanted, u32 copy, kind_set of) {
-    if (copy >= statements[wanted].copies) throw "the statement has fewer entries";
+    if (copy >= statements[wanted].copies) the_statement_has_fewer_entries();
     const bool type_level = of == kinds::of_type;
     if (type_level != (statements[wanted].kinds == kinds::of_type) ||
         (!type_level && (statements[wanted].kinds & of) == 0))
-        throw "the statement does not apply here";
+        the_statement_does_not_apply_here();
     u32 slot = copy;
     for (std::size_t i = 0; i < wanted; ++i)
         if (type_level ? statements[i].kinds == kinds::of_type : (statements[i].kinds & of) != 0)
@@ -42,15 +46,24 @@ template <arguments Takes, class... Argument>
 inline void emit(const u8* unit, u32 index, u16 module, u8 level, Argument... argument) {
     const u32 word = u32{level} << 24;
     using enum arguments;
-    if constexpr (Takes == none) __SPf_0(unit, index, module, word);
-    else if constexpr (Takes == text) __SPf_1(unit, index, module, word, argument...);
-    else if constexpr (Takes == number) __SPf_4(unit, index, module, word, static_cast<u32>(argument)...);
-    else if constexpr (Takes == text_text) __SPf_11(unit, index, module, word, argument...);
-    else if constexpr (Takes == text_number) __SPf_14(unit, index, module, word, argument...);
-    else if constexpr (Takes == number_number) __SPf_44(unit, index, module, word, static_cast<u32>(argument)...);
-    else if constexpr (Takes == pointer_text) __SPf_51(unit, index, module, word, argument...);
-    else if constexpr (Takes == text_text_text) __SPf_111(unit, index, module, word, argument...);
-    else __SPf_444(unit, index, module, word, static_cast<u32>(argument)...);
+    if constexpr (Takes == none)
+        __SPf_0(unit, index, module, word);
+    else if constexpr (Takes == text)
+        __SPf_1(unit, index, module, word, argument...);
+    else if constexpr (Takes == number)
+        __SPf_4(unit, index, module, word, static_cast<u32>(argument)...);
+    else if constexpr (Takes == text_text)
+        __SPf_11(unit, index, module, word, argument...);
+    else if constexpr (Takes == text_number)
+        __SPf_14(unit, index, module, word, argument...);
+    else if constexpr (Takes == number_number)
+        __SPf_44(unit, index, module, word, static_cast<u32>(argument)...);
+    else if constexpr (Takes == pointer_text)
+        __SPf_51(unit, index, module, word, argument...);
+    else if constexpr (Takes == text_text_text)
+        __SPf_111(unit, index, module, word, argument...);
+    else
+        __SPf_444(unit, index, module, word, static_cast<u32>(argument)...);
 }
 
 template <class Owner, const auto& Statements, std::size_t Which, u32 Index, class... Argument>

@@ -30,8 +30,7 @@ template <class A>
 requires is_plain<A> || is_object<A> || is_length<A> value_of<A>
 *get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return nullptr;
+    if (!c.enter() || !reach<A>(c, object)) return nullptr;
     return fetch_cell<A>(c, object, cell_of<A>(object));
 }
 
@@ -39,11 +38,9 @@ template <class A>
 requires is_plain<A> || is_length<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
                                                            u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return plain_of<A>{};
+    if (!c.enter() || !reach<A>(c, object)) return plain_of<A>{};
     value_of<A>* cell = A::type::get(handle, domain, cell_of<A>(object), err);
-    if (cell == nullptr)
-        return plain_of<A>{};
+    if (cell == nullptr) return plain_of<A>{};
     c.report_containment(cell, object);
     return A::type::get_value(handle, domain, cell, err);
 }
@@ -55,11 +52,9 @@ requires is_plain<A> || is_object<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object,
          std::conditional_t<is_nested_record<A>, value_of<A>, const value_of<A>>* value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     A::type::set(handle, domain, cell_of<A>(object), value, err);
-    if (!mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object))
-        return;
+    if (!mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object)) return;
     c.report_containment(value, object);
 }
 
@@ -67,14 +62,11 @@ template <class A>
 requires is_plain<A>
 void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     value_of<A>* cell = nullptr;
-    if (c.enter() && reach<A>(c, object))
-        cell = fetch_cell<A>(c, object, cell_of<A>(object));
+    if (c.enter() && reach<A>(c, object)) cell = fetch_cell<A>(c, object, cell_of<A>(object));
     c.report_containment(cell, object); // a second time: both reports stand
-    if (c.pending())
-        return;
+    if (c.pending()) return;
     if (cell == nullptr) {
         c.fail(LOOM_ENOENT);
         return;
@@ -97,8 +89,7 @@ concept is_fetched_by_get_all = is_plain<A> || is_length<A>;
 template <class M, class Body>
 inline void each_reached_attribute(const typename M::object* object, Body&& body) {
     for (i8 variant = 0; variant <= M::newest; ++variant) {
-        if (loom_get_instance_variant(object, 1, 0) >= variant)
-            body(variant);
+        if (loom_get_instance_variant(object, 1, 0) >= variant) body(variant);
     }
 }
 
@@ -123,8 +114,7 @@ template <class M, class... Argument>
 void get_all(loom_handle* handle, u32 domain, typename M::object* object, Argument... outs_and_error) {
     void* const arguments[] = {static_cast<void*>(outs_and_error)...};
     const call c{handle, domain, static_cast<u32*>(arguments[sizeof...(Argument) - 1])};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     each_reached_attribute<M>(object, [&](i8 variant) {
         u32 position = 0;
         for_each_attribute(typename M::attributes{}, [&]<class A>() {
@@ -159,8 +149,7 @@ template <class M, class... Argument>
 void set_all(loom_handle* handle, u32 domain, typename M::object* object, Argument... values_and_error) {
     const value_slot slots[] = {value_slot::of(values_and_error)...};
     const call c{handle, domain, slots[sizeof...(Argument) - 1].template as<u32*>()};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     adjust<M>(c, object);
     each_reached_attribute<M>(object, [&](i8 variant) {
         u32 position = 0;
@@ -187,13 +176,11 @@ typename M::object* get(loom_handle* handle, u32 domain, typename M::object* obj
 /// Element flag blocks of `to` that `from` does not share.
 template <class M>
 inline void release_replaced_flags(const call& c, typename M::object* to, const typename M::object* from) {
-    if (c.mode() != tracking_mode::on || !is_tracked(to) || !is_tracked(from))
-        return;
+    if (c.mode() != tracking_mode::on || !is_tracked(to) || !is_tracked(from)) return;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_variable_array<A>) {
             u8*& flags = element_flags_of<A>(tracking_area<M>(c, to));
-            if (flags == nullptr || flags == element_flags_of<A>(tracking_area<M>(c, from)))
-                return;
+            if (flags == nullptr || flags == element_flags_of<A>(tracking_area<M>(c, from))) return;
             c.release(flags);
             c.store<u8*>(&flags, nullptr, nullptr);
         }
@@ -219,11 +206,9 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
                     A::type::destroy_internal(handle, domain, values + i, 0);
             }
         } else if constexpr (is_variable_array<A> || is_counted_string<A> || is_arm<A>) {
-            if (pointer_of<A>(from) != pointer_of<A>(to))
-                tear_down<A>(c, to);
+            if (pointer_of<A>(from) != pointer_of<A>(to)) tear_down<A>(c, to);
         } else if constexpr (is_list<A>) {
-            if (first_of(list_of<A>(from)) != first_of(list_of<A>(to)))
-                tear_down<A>(c, to);
+            if (first_of(list_of<A>(from)) != first_of(list_of<A>(to))) tear_down<A>(c, to);
         }
     });
 }
@@ -231,11 +216,9 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
 /// Tells the arena what is about to change in a list's links; a refusal ends the process.
 template <class A, says What, u32 Copy>
 inline void announce_links(const call& c, const void* address, size_t length) {
-    if (c.handle->alloc_ctx == nullptr)
-        return;
+    if (c.handle->alloc_ctx == nullptr) return;
     const u32 granted = arbor_set_range(c.handle->alloc_ctx, address, length, c.domain);
-    if (granted == 1)
-        return;
+    if (granted == 1) return;
     arbor_perror();
     die_of<A, What, Copy>();
 }
@@ -299,8 +282,7 @@ inline void move_tracking_area(const call& c, typename M::object* destination, t
     c.announce(to, size, to);
     memcpy(to, from, size);
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>)
-            c.store<u8*>(&element_flags_of<A>(from), nullptr, nullptr);
+        if constexpr (is_variable_array<A>) c.store<u8*>(&element_flags_of<A>(from), nullptr, nullptr);
     });
 }
 
@@ -309,8 +291,7 @@ template <class M>
 void set(loom_handle* handle, u32 domain, typename M::object* destination, typename M::object* source, u32* err) {
     const call c{handle, domain, err};
     adjust<M>(c, destination);
-    if (destination == source)
-        return;
+    if (destination == source) return;
     loom_object* to = header_of(destination);
     const loom_object* from = header_of(source);
     if (to->loom_variant < from->loom_variant || to->loom_layout_variant != from->loom_layout_variant) {
@@ -318,8 +299,7 @@ void set(loom_handle* handle, u32 domain, typename M::object* destination, typen
         return;
     }
     const tracking_mode mode = c.mode();
-    if (mode == tracking_mode::corrupted)
-        diag::die<M, says::set_corrupted_handle>();
+    if (mode == tracking_mode::corrupted) diag::die<M, says::set_corrupted_handle>();
     const u32 size = mode == tracking_mode::absent ? M::base_size : layout_size_of<M>(destination);
     release_replaced<M>(handle, domain, destination, source);
 

@@ -27,16 +27,14 @@ template <class A>
 requires is_arm<A> value_of<A>
 *get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return nullptr;
+    if (!c.enter() || !reach<A>(c, object)) return nullptr;
     return fetch_cell<A>(c, object, object == nullptr ? nullptr : pointer_of<A>(object));
 }
 
 template <class A>
 inline void report_detached(const call& c, const value_of<A>* arm, const void* holder) {
     c.report_containment(arm, holder);
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_detach(c.handle, c.domain, arm, 1);
+    if (c.reports_to_shared_database()) loomdb_plat_set_detach(c.handle, c.domain, arm, 1);
 }
 
 /// Takes ownership of the value and selects the arm's case. An old value is overwritten, not ended: whoever kept
@@ -45,15 +43,12 @@ template <class A>
 requires is_arm<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     value_of<A>*& arm = pointer_of<A>(object);
-    if (arm != nullptr)
-        report_detached<A>(c, arm, object);
+    if (arm != nullptr) report_detached<A>(c, arm, object);
     c.store<value_of<A>*>(&arm, value, object);
     c.store<i32>(&discriminator_value<A>(object), A::selected_by, object);
-    if (!mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object))
-        return;
+    if (!mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object)) return;
     c.report_containment(value, object);
 }
 
@@ -67,10 +62,8 @@ requires is_arm<A> u32 set_cr(loom_handle* handle, holder_of<A>* object, value_o
 template <class A>
 value_of<A>* get_detach(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return nullptr;
-    if (object == nullptr || !is_selected<A>(object))
-        return nullptr;
+    if (!enter_write<A>(c, object)) return nullptr;
+    if (object == nullptr || !is_selected<A>(object)) return nullptr;
     value_of<A>*& arm = pointer_of<A>(object);
     value_of<A>* detached = arm;
     c.store<value_of<A>*>(&arm, nullptr, object);

@@ -15,12 +15,9 @@ namespace trellis {
 enum class tracking_mode : u8 { absent, off, on, corrupted };
 
 inline tracking_mode tracking_mode_of(const loom_handle* handle) {
-    if (handle->sttr_block == nullptr)
-        return tracking_mode::absent;
-    if (handle->sttr_block->sttr_mode == LOOM_STTR_ON)
-        return tracking_mode::on;
-    if (handle->sttr_block->sttr_mode == LOOM_STTR_OFF)
-        return tracking_mode::off;
+    if (handle->sttr_block == nullptr) return tracking_mode::absent;
+    if (handle->sttr_block->sttr_mode == LOOM_STTR_ON) return tracking_mode::on;
+    if (handle->sttr_block->sttr_mode == LOOM_STTR_OFF) return tracking_mode::off;
     return tracking_mode::corrupted;
 }
 
@@ -42,8 +39,7 @@ struct call {
 
     /// Entry of most operations: false when an earlier error stops them.
     bool enter() const {
-        if (pending())
-            return false;
+        if (pending()) return false;
         clear_last_error();
         return true;
     }
@@ -68,8 +64,7 @@ struct call {
         return contains() && domain != LOOM_DOMAIN_NONE && handle->db_kind == 1;
     }
     void report_containment(const void* value, const void* parent) const {
-        if (contains())
-            loomdb_record_containment2(handle, domain, value, parent, 1);
+        if (contains()) loomdb_record_containment2(handle, domain, value, parent, 1);
     }
 
     tracking_mode mode() const { return tracking_mode_of(handle); }

@@ -10,8 +10,7 @@ template <class M>
 void clone_internal(loom_handle* handle, u32 domain, const typename M::object* source, typename M::object** out,
                     void* workspace, i32 workspace_size, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     if (out == nullptr || workspace == nullptr) {
         c.fail(LOOM_ENOENT);
         return;
@@ -19,8 +18,7 @@ void clone_internal(loom_handle* handle, u32 domain, const typename M::object* s
     M::bundle::trace_init();
     // The source's own variant stands: the bytes never leave the process.
     const u32 length = M::type::marshal_for_clone(handle, domain, workspace, source, workspace_size, err);
-    if (c.pending())
-        return;
+    if (c.pending()) return;
     if (*out == nullptr) {
         *out = M::type::create_internal(handle, domain);
         if (*out == nullptr) {
@@ -29,25 +27,21 @@ void clone_internal(loom_handle* handle, u32 domain, const typename M::object* s
         }
     }
     M::type::unmarshal(handle, domain, workspace, *out, static_cast<i32>(length), 0, err);
-    if (!c.pending())
-        return;
-    if (*out != sentinel<M>())
-        M::type::destroy_internal(handle, domain, *out, 1);
+    if (!c.pending()) return;
+    if (*out != sentinel<M>()) M::type::destroy_internal(handle, domain, *out, 1);
     *out = nullptr;
 }
 
 template <class M>
 void clone(loom_handle* handle, u32 domain, const typename M::object* source, typename M::object** out,
            void* workspace, i32 workspace_size, u32* err) {
-    if (out != nullptr)
-        *out = nullptr;
+    if (out != nullptr) *out = nullptr;
     M::type::clone_internal(handle, domain, source, out, workspace, workspace_size, err);
 }
 
 template <class M>
 typename M::object* clone_cr(loom_handle* handle, const typename M::object* source) {
-    if (handle->last_error != 0)
-        return nullptr;
+    if (handle->last_error != 0) return nullptr;
     void* workspace = nullptr;
     u32 size = 0;
     loomlib_get_handle_ws(handle, &workspace, &size);

@@ -34,8 +34,7 @@ constexpr u32 members_within(i8 variant) {
 template <class E>
 constexpr bool values_are_dense = [] {
     for (u32 i = 0; i < member_count<E>; ++i)
-        if (E::members[i].value != static_cast<i32>(i))
-            return false;
+        if (E::members[i].value != static_cast<i32>(i)) return false;
     return true;
 }();
 
@@ -50,8 +49,7 @@ template <class E>
 i32 map_to_internal_value(i32 user_value) {
     if constexpr (!values_are_dense<E>)
         for (u32 i = 0; i < member_count<E>; ++i)
-            if (E::members[i].value == user_value)
-                return static_cast<i32>(i);
+            if (E::members[i].value == user_value) return static_cast<i32>(i);
     return user_value;
 }
 
@@ -59,8 +57,7 @@ i32 map_to_internal_value(i32 user_value) {
 template <class E>
 inline i32 user_value_of_internal(u32 internal) {
     if constexpr (!values_are_dense<E>)
-        if (internal < member_count<E>)
-            return E::members[internal].value;
+        if (internal < member_count<E>) return E::members[internal].value;
     return static_cast<i32>(internal);
 }
 
@@ -103,8 +100,7 @@ inline void raise_counter(const call& c, const loom_type_info* tinfo, u64* count
 template <class M, auto NoTable, auto Beyond>
 inline loom_variant_entry* entry_of(const loom_type_info* tinfo, i8 variant) {
     loom_variant_table* table = tinfo->variant_table;
-    if (table == nullptr)
-        diag::die<M, NoTable>();
+    if (table == nullptr) diag::die<M, NoTable>();
     if (table->n_variants < variant)
         diag::say<M, Beyond>(static_cast<u32>(variant), static_cast<u32>(table->n_variants));
     return reinterpret_cast<loom_variant_entry*>(
@@ -118,8 +114,7 @@ inline void fill_header(const call& c, typename M::object* object, const loom_ty
                         bool announced) {
     loom_object* header = header_of(object);
     const auto announce = [&](const void* address, size_t length) {
-        if (announced)
-            c.announce(address, length, object);
+        if (announced) c.announce(address, length, object);
     };
     announce(&header->loom_layout_variant, 1);
     header->loom_layout_variant = static_cast<u8>(M::newest);
@@ -139,8 +134,7 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
     const call c{handle, domain, &error};
     typename M::object* made = nullptr;
     const bool stopped = handle->cr_active != 0 && handle->last_error != 0;
-    if (!stopped)
-        made = static_cast<typename M::object*>(c.allocate(sizeof(typename M::object)));
+    if (!stopped) made = static_cast<typename M::object*>(c.allocate(sizeof(typename M::object)));
     if (made != nullptr) {
         memset(static_cast<void*>(made), 0, sizeof(typename M::object));
         fill_header<M>(c, made, M::type::type_info(), 0, true);
@@ -148,13 +142,11 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
         loom_variant_entry* entry = entry_of<M, NoTable, Beyond>(header->loom_tinfo, header->loom_variant);
         raise_counter(c, header->loom_tinfo, &entry->objects_created);
     } else if (handle->cr_active != 0) {
-        if (handle->last_error == 0)
-            loom_store_err(handle, LOOM_ENOMEM);
+        if (handle->last_error == 0) loom_store_err(handle, LOOM_ENOMEM);
         made = sentinel<M>();
     }
     c.report_containment(made, nullptr);
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_dirty(handle, domain, made);
+    if (c.reports_to_shared_database()) loomdb_plat_set_dirty(handle, domain, made);
     return made;
 }
 
@@ -165,8 +157,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     u32 error = 0;
     const call c{handle, domain, &error};
     fill_header<M>(c, object, tinfo, obj_flags, write_through != 0);
-    if (header_of(object)->loom_tinfo->variant_table == nullptr)
-        diag::die<M, NoTable>();
+    if (header_of(object)->loom_tinfo->variant_table == nullptr) diag::die<M, NoTable>();
     return 0;
 }
 
@@ -187,20 +178,16 @@ typename M::object* create_cr(loom_handle* handle) {
 
 template <class M, auto CorruptedTinfo, auto NoTable, auto Beyond>
 void destroy_internal(loom_handle* handle, u32 domain, typename M::object* object, u32 release) {
-    if (object == nullptr || object == sentinel<M>())
-        return;
+    if (object == nullptr || object == sentinel<M>()) return;
     u32 error = 0;
     const call c{handle, domain, &error};
     loom_object* header = header_of(object);
     loom_type_info* tinfo = header->loom_tinfo;
-    if (tinfo == nullptr || tinfo->magic != LOOM_TYPE_INFO_MAGIC)
-        diag::die<M, CorruptedTinfo>();
+    if (tinfo == nullptr || tinfo->magic != LOOM_TYPE_INFO_MAGIC) diag::die<M, CorruptedTinfo>();
     loom_variant_entry* entry = entry_of<M, NoTable, Beyond>(tinfo, header->loom_variant);
     raise_counter(c, tinfo, &entry->objects_destroyed);
-    if (release == 0)
-        return;
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_destroy(handle, domain, object);
+    if (release == 0) return;
+    if (c.reports_to_shared_database()) loomdb_plat_set_destroy(handle, domain, object);
     c.store<loom_type_info*>(&header->loom_tinfo, nullptr, object);
     c.release(object);
 }
@@ -269,8 +256,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename E::object* object, cons
 template <class E>
 u32 initialize(loom_handle* handle, u32 domain, typename E::object* object, const loom_type_info* tinfo,
                u32 write_through, u32, u8 obj_flags, void*, u32* err) {
-    if (*err != 0)
-        return 0;
+    if (*err != 0) return 0;
     return initialize<E>(handle, domain, object, tinfo, write_through, obj_flags);
 }
 template <class E>
@@ -310,8 +296,7 @@ typename E::object* get(loom_handle* handle, u32 domain, typename E::object* obj
 template <class E>
 i32 get_value(loom_handle* handle, u32 domain, const typename E::object* object, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return 0;
+    if (!c.enter()) return 0;
     if (object == nullptr) {
         c.fail(LOOM_EINVAL);
         return 0;
@@ -324,16 +309,14 @@ template <class E>
 inline bool may_hold(i8 variant, i32 user_value) {
     const u32 internal = static_cast<u32>(map_to_internal_value<E>(user_value));
     for (i8 later = 1; later <= E::newest; ++later)
-        if (internal >= members_within<E>(static_cast<i8>(later - 1)) && variant < later)
-            return false;
+        if (internal >= members_within<E>(static_cast<i8>(later - 1)) && variant < later) return false;
     return internal < member_count<E> || variant > E::newest;
 }
 
 template <class E>
 void set(loom_handle* handle, u32 domain, typename E::object* object, const typename E::object* source, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     if (object == nullptr || source == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
@@ -350,8 +333,7 @@ void set(loom_handle* handle, u32 domain, typename E::object* object, const type
 template <class E>
 void set_value(loom_handle* handle, u32 domain, typename E::object* object, i32 user_value, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     if (object == nullptr) {
         c.fail(LOOM_EINVAL);
         return;

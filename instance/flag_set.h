@@ -105,8 +105,7 @@ typename F::object* get(loom_handle* handle, u32 domain, typename F::object* obj
 template <class F>
 void set(loom_handle* handle, u32 domain, typename F::object* object, const typename F::object* source, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     if (object == nullptr || source == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
@@ -124,8 +123,7 @@ inline u32 bit_of(const typename F::object* object, u32 bit) {
 template <class F>
 u32 get_value(loom_handle* handle, u32 domain, const typename F::object* object, u32 bit, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return 0;
+    if (!c.enter()) return 0;
     if (object == nullptr || bit >= bit_count<F>) {
         c.fail_epoch();
         return 0;
@@ -141,8 +139,7 @@ u32 get_cr(loom_handle* handle, const typename F::object* object, u32 bit) {
 template <class F>
 inline bool may_set(i8 variant, u32 bit) {
     for (i8 later = 1; later <= F::newest; ++later)
-        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later)
-            return false;
+        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later) return false;
     return bit < bit_count<F> || variant > F::newest;
 }
 
@@ -157,15 +154,13 @@ inline void store_bit(const call& c, typename F::object* object, u32 bit, bool o
 template <class F>
 void set_value(loom_handle* handle, u32 domain, typename F::object* object, u32 bit, u32 on, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return;
+    if (!c.enter()) return;
     adjust<F>(c, object);
     if (!may_set<F>(loom_get_instance_variant(object, 0, 1), bit)) {
         c.fail_epoch();
         return;
     }
-    if (object == nullptr || bit >= bit_count<F>)
-        return;
+    if (object == nullptr || bit >= bit_count<F>) return;
     store_bit<F>(c, object, bit, on != 0);
 }
 template <class F>
@@ -179,8 +174,7 @@ u32 is_valid_cr(loom_handle* handle, u32 bit) {
     const call c = chain_call(handle);
     const i8 variant = peer_variant<F>(c, F::type::type_info());
     for (i8 later = 1; later <= F::newest; ++later)
-        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later)
-            return 0;
+        if (bit >= bits_within<F>(static_cast<i8>(later - 1)) && variant < later) return 0;
     return bit < bit_count<F> ? 1 : 0;
 }
 

@@ -14,12 +14,9 @@ using says = diag::record_says;
 template <class M, says Corrupted, u32 Copy>
 inline u32 size_under_mode(loom_handle* handle) {
     switch (tracking_mode_of(handle)) {
-    case tracking_mode::corrupted:
-        diag::die<M, Corrupted, Copy>();
-    case tracking_mode::on:
-        return M::base_size + newest_tracking_size<M>;
-    default:
-        return M::base_size;
+    case tracking_mode::corrupted: diag::die<M, Corrupted, Copy>();
+    case tracking_mode::on: return M::base_size + newest_tracking_size<M>;
+    default: return M::base_size;
     }
 }
 
@@ -31,16 +28,13 @@ u32 sizeof_(loom_handle* handle) {
 template <class M>
 u32 sizeof_internal(loom_handle* handle, const typename M::object* object, u32 with_tracking, u32 tracking_only) {
     const tracking_mode mode = tracking_mode_of(handle);
-    if (mode == tracking_mode::corrupted)
-        diag::die<M, says::sizeof_internal_corrupted_handle>();
-    if (mode == tracking_mode::absent)
-        return tracking_only != 0 ? 0 : M::base_size;
+    if (mode == tracking_mode::corrupted) diag::die<M, says::sizeof_internal_corrupted_handle>();
+    if (mode == tracking_mode::absent) return tracking_only != 0 ? 0 : M::base_size;
     const u32 layout = object == nullptr ? M::base_size : layout_size_of<M>(object);
     const u32 tracking = mode == tracking_mode::off ? 0
                          : object == nullptr        ? newest_tracking_size<M>
                                                     : tracking_size_of<M>(object);
-    if (tracking_only != 0)
-        return tracking;
+    if (tracking_only != 0) return tracking;
     return with_tracking != 0 ? layout + tracking : layout;
 }
 
@@ -74,12 +68,10 @@ u32 is_valid_cr(loom_handle* handle, const typename M::object* object, u32 index
     i8 variant = peer_variant<M>(c, M::type::type_info());
     if ((flags & 1) == 0) {
         const i8 own = loom_get_instance_variant(object, 1, 0);
-        if (own < variant)
-            variant = own;
+        if (own < variant) variant = own;
     }
     for (i8 later = 1; later <= M::newest; ++later)
-        if (index >= attribute_numbers<M>::first_of(later) && variant < later)
-            return 0;
+        if (index >= attribute_numbers<M>::first_of(later) && variant < later) return 0;
     return index < attribute_numbers<M>::total || variant > M::newest ? 1 : 0;
 }
 
@@ -117,8 +109,7 @@ template <class M>
 void offset_update(loom_handle* handle, u32 domain, typename M::object* object, void* new_base, u32* err) {
     each_nested_area<M>(object, static_cast<u8*>(new_base), [&]<class A>(value_of<A>* nested, u8* area) {
         loomlib_update_sttr_offset(handle, domain, nested, offset_to(nested, area));
-        if constexpr (A::type::has_nested_records)
-            A::type::offset_update(handle, domain, nested, area, err);
+        if constexpr (A::type::has_nested_records) A::type::offset_update(handle, domain, nested, area, err);
     });
 }
 
@@ -136,8 +127,7 @@ void offset_remove(loom_handle* handle, u32 domain, typename M::object* object, 
 template <class M>
 inline void count_created(const call& c, loom_type_info* tinfo, i8 variant) {
     loom_variant_table* table = tinfo->variant_table;
-    if (table == nullptr)
-        diag::die<M, says::initialize_no_variant_table>();
+    if (table == nullptr) diag::die<M, says::initialize_no_variant_table>();
     if (table->n_variants < variant)
         diag::say<M, says::initialize_variant_beyond_table>(static_cast<u32>(variant),
                                                             static_cast<u32>(table->n_variants));
@@ -159,8 +149,7 @@ inline u8* settle_tracking_base(const call& c, typename M::object* object, void*
         *usable = false;
         return nullptr;
     }
-    if (base == nullptr)
-        base = reinterpret_cast<u8*>(object) + M::layout_sizes[M::newest];
+    if (base == nullptr) base = reinterpret_cast<u8*>(object) + M::layout_sizes[M::newest];
     if (elsewhere) {
         const u32 offset = loomlib_get_sttr_offset(c.handle, c.domain, object);
         repoint<M>(c, object, reinterpret_cast<u8*>(object) + static_cast<i32>(offset));
@@ -174,11 +163,9 @@ template <class M>
 u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, const loom_type_info* tinfo,
                u32 write_through, u32 no_accounting, u8 obj_flags, void* sttr_base, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter())
-        return 0;
+    if (!c.enter()) return 0;
     const auto announce = [&](const void* address, size_t length, const void* owner) {
-        if (write_through != 0)
-            c.announce(address, length, owner);
+        if (write_through != 0) c.announce(address, length, owner);
     };
     loom_object* header = header_of(object);
     const i8 variant = peer_variant<M>(c, tinfo);
@@ -201,8 +188,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     announce(&header->loom_flags, 1, object);
     header->loom_flags |= obj_flags;
     const tracking_mode mode = c.mode();
-    if (mode == tracking_mode::corrupted)
-        diag::die<M, says::initialize_corrupted_handle, 0>();
+    if (mode == tracking_mode::corrupted) diag::die<M, says::initialize_corrupted_handle, 0>();
     if (mode == tracking_mode::on) {
         announce(&header->loom_flags, 1, nullptr);
         header->loom_flags |= OBJ_STATE_TRACKED;
@@ -212,13 +198,11 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     if (no_accounting == 0) {
         count_created<M>(c, *word, variant);
         const tracking_mode again = c.mode();
-        if (again == tracking_mode::corrupted)
-            diag::die<M, says::initialize_corrupted_handle, 1>();
+        if (again == tracking_mode::corrupted) diag::die<M, says::initialize_corrupted_handle, 1>();
         if (again == tracking_mode::on) {
             bool usable;
             base = settle_tracking_base<M>(c, object, sttr_base, &usable);
-            if (!usable)
-                return 0;
+            if (!usable) return 0;
         }
     }
 
@@ -244,16 +228,14 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
 /// What a chain gets instead of a new object; the slot keeps an earlier error.
 template <class M>
 inline typename M::object* fall_back_to_sentinel(loom_handle* handle) {
-    if (handle->last_error == 0)
-        loom_store_err(handle, LOOM_ENOMEM);
+    if (handle->last_error == 0) loom_store_err(handle, LOOM_ENOMEM);
     return sentinel<M>();
 }
 
 template <class M>
 inline typename M::object* report_created(const call& c, typename M::object* made) {
     c.report_containment(made, nullptr);
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_dirty(c.handle, c.domain, made);
+    if (c.reports_to_shared_database()) loomdb_plat_set_dirty(c.handle, c.domain, made);
     return made;
 }
 
@@ -311,8 +293,7 @@ template <class A>
     }
     for (u32 i = 0; i < count; ++i) {
         loomlib_lookup_and_update_oid_ref_count(c.handle, c.domain, references[i], 0, c.error);
-        if (!c.pending())
-            continue;
+        if (!c.pending()) continue;
         const char* text = strerror(static_cast<int>(*c.error));
         const void* reference = references[i];
         if constexpr (is_value)
@@ -330,12 +311,10 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
     using enum diag::attribute_kind;
     if constexpr (trace_kind_of<A>() == near_record) {
         // The type is known to hold no references; only the test of the error word remains.
-        if (c.pending())
-            diag::say<typename A::model, says::get_oid_count_error_pending>();
+        if (c.pending()) diag::say<typename A::model, says::get_oid_count_error_pending>();
     } else {
         const u32 count = A::type::get_oid_count(c.handle, c.domain, value, c.error);
-        if (count != 0 && !drop_references<A>(c, value, count))
-            return false;
+        if (count != 0 && !drop_references<A>(c, value, count)) return false;
     }
     A::type::destroy_internal(c.handle, c.domain, value, 0);
     return true;
@@ -344,8 +323,7 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
 /// Gives the block behind a pointer back, then clears the pointer.
 template <class T>
 inline void release_block(const call& c, T*& pointer) {
-    if (pointer == nullptr)
-        return;
+    if (pointer == nullptr) return;
     c.release(pointer);
     c.store<T*>(&pointer, nullptr, nullptr);
 }
@@ -380,8 +358,7 @@ inline bool tear_down(const call& c, holder_of<A>* object) {
         tear_down_elements<A>(c, cell_of<A>(object), A::extent);
     } else if constexpr (is_variable_array<A>) {
         value_of<A>*& block = pointer_of<A>(object);
-        if (block != nullptr)
-            tear_down_elements<A>(c, block, static_cast<u32>(count_of<A>(object)));
+        if (block != nullptr) tear_down_elements<A>(c, block, static_cast<u32>(count_of<A>(object)));
         release_block(c, block);
     } else if constexpr (is_counted_string<A>) {
         release_block(c, pointer_of<A>(object));
@@ -410,11 +387,9 @@ inline void release_element_flags(const call& c, typename M::object* object) {
     u8* area = nullptr;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_variable_array<A>) {
-            if (area == nullptr)
-                area = tracking_area<M>(c, object);
+            if (area == nullptr) area = tracking_area<M>(c, object);
             u8*& flags = element_flags_of<A>(area);
-            if (flags == nullptr)
-                return;
+            if (flags == nullptr) return;
             c.release(flags);
             flags = nullptr;
         }
@@ -428,8 +403,7 @@ inline void count_destroyed(const call& c, const typename M::object* object) {
     if (tinfo == nullptr || tinfo->magic != LOOM_TYPE_INFO_MAGIC)
         diag::die<M, says::destroy_internal_corrupted_tinfo>();
     loom_variant_table* table = tinfo->variant_table;
-    if (table == nullptr)
-        diag::die<M, says::destroy_internal_no_variant_table>();
+    if (table == nullptr) diag::die<M, says::destroy_internal_no_variant_table>();
     const i8 variant = header_of(object)->loom_variant;
     if (table->n_variants < variant)
         diag::say<M, says::destroy_internal_variant_beyond_table>(static_cast<u32>(variant),
@@ -457,22 +431,18 @@ inline bool remove_own_mapping(const call& c, typename M::object* object) {
 
 template <class M>
 void destroy_internal(loom_handle* handle, u32 domain, typename M::object* object, u32 release) {
-    if (object == nullptr || object == sentinel<M>())
-        return;
+    if (object == nullptr || object == sentinel<M>()) return;
     u32 error = 0;
     const call c{handle, domain, &error};
     loom_object* header = header_of(object);
-    if ((header->loom_flags & OBJ_OID_MAPPED) != 0 && !remove_own_mapping<M>(c, object))
-        return;
+    if ((header->loom_flags & OBJ_OID_MAPPED) != 0 && !remove_own_mapping<M>(c, object)) return;
 
     const i8 variant = loom_get_instance_variant(object, 1, 0);
     if (variant >= 0) {
         const bool done = all_attributes(
             typename M::attributes{}, [&]<class A>() { return variant < A::at.since || tear_down<A>(c, object); });
-        if (!done)
-            return;
-        if ((header->loom_flags & OBJ_STATE_TRACKED) != 0)
-            release_element_flags<M>(c, object);
+        if (!done) return;
+        if ((header->loom_flags & OBJ_STATE_TRACKED) != 0) release_element_flags<M>(c, object);
     }
     count_destroyed<M>(c, object);
     if ((header->loom_flags & (OBJ_STTR_OFFSET | OBJ_RA_DATA)) != 0 && handle->hd_map != nullptr) {
@@ -484,11 +454,9 @@ void destroy_internal(loom_handle* handle, u32 domain, typename M::object* objec
             return;
         }
     }
-    if (release == 0)
-        return;
+    if (release == 0) return;
 
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_destroy(handle, domain, object);
+    if (c.reports_to_shared_database()) loomdb_plat_set_destroy(handle, domain, object);
     if ((header->loom_flags & OBJ_OWNS_FIRST_WORD) != 0 && header->loom_tinfo != nullptr)
         c.release(header->loom_tinfo);
     // A stale pointer to the object now fails the magic test.
@@ -498,8 +466,7 @@ void destroy_internal(loom_handle* handle, u32 domain, typename M::object* objec
 
 template <class M>
 void destroy(loom_handle* handle, u32 domain, typename M::object* object) {
-    if (object == sentinel<M>())
-        return;
+    if (object == sentinel<M>()) return;
     M::type::destroy_internal(handle, domain, object, 1);
 }
 

@@ -37,13 +37,10 @@ using after_statements =
 /// Announces a range of links: to the arena, then to the shared-database layer, before the refusal is looked at.
 template <class A, says Refused, u32 Copy>
 inline void announce_link(const call& c, const void* address, size_t length, const void* owner) {
-    if (c.handle->alloc_ctx == nullptr)
-        return;
+    if (c.handle->alloc_ctx == nullptr) return;
     const u32 granted = arbor_set_range(c.handle->alloc_ctx, address, length, c.domain);
-    if (c.reports_to_shared_database())
-        loomdb_plat_set_dirty(c.handle, c.domain, owner);
-    if (granted == 1)
-        return;
+    if (c.reports_to_shared_database()) loomdb_plat_set_dirty(c.handle, c.domain, owner);
+    if (granted == 1) return;
     arbor_perror();
     die_of<A, Refused, Copy>();
 }
@@ -64,8 +61,7 @@ inline void** backward_cell(loom_list_head* head, void* at) {
 
 /// A head that nothing has initialised is made to point at itself.
 inline void settle_empty(const call& c, loom_list_head* head, const void* owner) {
-    if (head->first != nullptr)
-        return;
+    if (head->first != nullptr) return;
     c.announce(head, 16, owner);
     head->first = head->last = head;
 }
@@ -92,17 +88,14 @@ inline void link_between(const call& c, holder_of<A>* holder, void* previous, vo
 /// Entry of a linking operation.
 template <class A, class Says>
 inline bool enter_link(const call& c, holder_of<A>* holder, const element_of<A>* element) {
-    if (!enter_write<A>(c, holder))
-        return false;
+    if (!enter_write<A>(c, holder)) return false;
     if (element == nullptr) {
         c.fail(LOOM_EINVAL);
         return false;
     }
     if (tracking_on<A, Says::corrupted>(c)) {
-        if (!require_tracked<A, Says::not_tracked>(c, holder))
-            return false;
-        if (!require_tracked<A, Says::value_not_tracked>(c, element))
-            return false;
+        if (!require_tracked<A, Says::not_tracked>(c, holder)) return false;
+        if (!require_tracked<A, Says::value_not_tracked>(c, element)) return false;
     }
     settle_empty(c, list_of<A>(holder), holder);
     return true;
@@ -119,8 +112,7 @@ inline void finish_link(const call& c, holder_of<A>* holder, const element_of<A>
 template <class A>
 void set_first(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_link<A, first_statements>(c, holder, element))
-        return;
+    if (!enter_link<A, first_statements>(c, holder, element)) return;
     loom_list_head* head = list_of<A>(holder);
     link_between<A, first_statements>(c, holder, head, head->first, element, true);
     finish_link<A>(c, holder, element);
@@ -129,8 +121,7 @@ void set_first(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of
 template <class A>
 void set_last(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_link<A, last_statements>(c, holder, element))
-        return;
+    if (!enter_link<A, last_statements>(c, holder, element)) return;
     loom_list_head* head = list_of<A>(holder);
     link_between<A, last_statements>(c, holder, head->last, head, element, false);
     finish_link<A>(c, holder, element);
@@ -140,8 +131,7 @@ template <class A>
 void set_before(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* reference,
                 element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_link<A, before_statements>(c, holder, element))
-        return;
+    if (!enter_link<A, before_statements>(c, holder, element)) return;
     if (reference == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
@@ -154,8 +144,7 @@ template <class A>
 void set_after(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* reference,
                element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_link<A, after_statements>(c, holder, element))
-        return;
+    if (!enter_link<A, after_statements>(c, holder, element)) return;
     if (reference == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
@@ -168,15 +157,13 @@ void set_after(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of
 template <class A>
 void remove(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, holder))
-        return;
+    if (!enter_write<A>(c, holder)) return;
     if (element == nullptr) {
         c.fail(LOOM_EINVAL);
         return;
     }
     const bool tracked = tracking_on<A, says::attribute_remove_corrupted_handle>(c);
-    if (tracked && !require_tracked<A, says::attribute_remove_not_tracked>(c, holder))
-        return;
+    if (tracked && !require_tracked<A, says::attribute_remove_not_tracked>(c, holder)) return;
     loom_list_head* head = list_of<A>(holder);
     loom_list_links* links = links_of(element);
     announce_link<A, says::attribute_remove_arena_refused, 0>(c, &links->next, 2 * sizeof(void*), element);
@@ -185,8 +172,7 @@ void remove(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>
     store_link<A, says::attribute_remove_arena_refused, 2>(c, backward_cell(head, links->next), links->previous,
                                                            holder);
     c.store<u32>(&head->count, head->count - 1, holder);
-    if (tracked)
-        store_flag(c, tracking_area<typename A::model>(c, holder) + A::at.track, state_set);
+    if (tracked) store_flag(c, tracking_area<typename A::model>(c, holder) + A::at.track, state_set);
     c.report_containment(element, holder);
 }
 
@@ -204,8 +190,7 @@ inline bool enter_walk(const call& c, holder_of<A>* holder) {
 }
 template <class A>
 inline element_of<A>* hand_out(const call& c, holder_of<A>* holder, void* element) {
-    if (element == list_of<A>(holder))
-        element = nullptr;
+    if (element == list_of<A>(holder)) element = nullptr;
     c.report_containment(element, holder);
     return static_cast<element_of<A>*>(element);
 }
@@ -223,15 +208,13 @@ element_of<A>* get_last(loom_handle* handle, u32 domain, holder_of<A>* holder, u
 template <class A>
 element_of<A>* get_next(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_walk<A>(c, holder))
-        return nullptr;
+    if (!enter_walk<A>(c, holder)) return nullptr;
     return element == nullptr ? nullptr : hand_out<A>(c, holder, links_of(element)->next);
 }
 template <class A>
 element_of<A>* get_prev(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_walk<A>(c, holder))
-        return nullptr;
+    if (!enter_walk<A>(c, holder)) return nullptr;
     return element == nullptr ? nullptr : hand_out<A>(c, holder, links_of(element)->previous);
 }
 template <class A>
@@ -246,14 +229,10 @@ element_of<A>* get_cr(loom_handle* handle, holder_of<A>* holder, u32 flag, eleme
     const u32 domain = handle->cr_domain;
     u32* err = &handle->last_error;
     switch (flag) {
-    case 0:
-        return get_first<A>(handle, domain, holder, err);
-    case 1:
-        return get_last<A>(handle, domain, holder, err);
-    case 2:
-        return get_prev<A>(handle, domain, holder, element, err);
-    case 3:
-        return get_next<A>(handle, domain, holder, element, err);
+    case 0: return get_first<A>(handle, domain, holder, err);
+    case 1: return get_last<A>(handle, domain, holder, err);
+    case 2: return get_prev<A>(handle, domain, holder, element, err);
+    case 3: return get_next<A>(handle, domain, holder, element, err);
     default:
         say_of<A, says::attribute_get_cr_invalid_flag>(flag);
         loom_store_err(handle, LOOM_EINVAL);
@@ -267,21 +246,11 @@ u32 add_cr(loom_handle* handle, holder_of<A>* holder, element_of<A>* element, u3
     const u32 domain = handle->cr_domain;
     u32* err = &handle->last_error;
     switch (flag) {
-    case 0:
-        set_first<A>(handle, domain, holder, element, err);
-        break;
-    case 1:
-        set_last<A>(handle, domain, holder, element, err);
-        break;
-    case 2:
-        set_before<A>(handle, domain, holder, reference, element, err);
-        break;
-    case 3:
-        set_after<A>(handle, domain, holder, reference, element, err);
-        break;
-    default:
-        say_of<A, says::attribute_add_cr_invalid_flag>(flag);
-        loom_store_err(handle, LOOM_EINVAL);
+    case 0: set_first<A>(handle, domain, holder, element, err); break;
+    case 1: set_last<A>(handle, domain, holder, element, err); break;
+    case 2: set_before<A>(handle, domain, holder, reference, element, err); break;
+    case 3: set_after<A>(handle, domain, holder, reference, element, err); break;
+    default: say_of<A, says::attribute_add_cr_invalid_flag>(flag); loom_store_err(handle, LOOM_EINVAL);
     }
     return handle->last_error;
 }
@@ -290,11 +259,9 @@ u32 add_cr(loom_handle* handle, holder_of<A>* holder, element_of<A>* element, u3
 template <class A>
 holder_of<A>* get_parent(loom_handle* handle, u32 domain, element_of<A>* element, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || element == nullptr)
-        return nullptr;
+    if (!c.enter() || element == nullptr) return nullptr;
     loom_list_head* head = links_of(element)->owner;
-    if (head == nullptr)
-        return nullptr;
+    if (head == nullptr) return nullptr;
     auto* holder = at_offset<holder_of<A>>(reinterpret_cast<unsigned char*>(head) - A::at.offset, 0);
     c.report_containment(holder, nullptr);
     return holder;

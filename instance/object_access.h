@@ -131,8 +131,7 @@ inline i8 peer_variant(const call& c, const loom_type_info* tinfo) {
 /// The static record's address, or the database's copy of it when objects live in a database.
 template <class Bundle>
 inline loom_type_info* resident_type_info(const call& c, const loom_type_info* tinfo) {
-    if (c.handle->db_kind == 0)
-        return const_cast<loom_type_info*>(tinfo);
+    if (c.handle->db_kind == 0) return const_cast<loom_type_info*>(tinfo);
     return loom_type_info_ptr_get(c.handle, c.domain, tinfo, Bundle::typeinfo_initialize);
 }
 
@@ -206,8 +205,7 @@ inline u8* element_area(void* block, u32 count, u32 index) {
 template <class A>
 inline bool reach(const call& c, const holder_of<A>* object) {
     const i8 variant = loom_get_instance_variant(object, 1, variant_indicator(A::type::category));
-    if (variant >= A::at.since)
-        return true;
+    if (variant >= A::at.since) return true;
     c.fail_epoch();
     return false;
 }
@@ -222,8 +220,7 @@ inline void adjust(const call& c, typename Model::object* object) {
 /// Entry of a writing accessor.
 template <class A>
 inline bool enter_write(const call& c, holder_of<A>* object) {
-    if (!c.enter())
-        return false;
+    if (!c.enter()) return false;
     adjust<typename A::model>(c, object);
     return reach<A>(c, object);
 }
@@ -242,16 +239,14 @@ template <class A, diag::record_says What, u32 Copy = 0>
 template <class A, diag::record_says Corrupted, u32 Copy = 0>
 inline bool tracking_on(const call& c) {
     const tracking_mode mode = c.mode();
-    if (mode == tracking_mode::corrupted)
-        die_of<A, Corrupted, Copy>();
+    if (mode == tracking_mode::corrupted) die_of<A, Corrupted, Copy>();
     return mode == tracking_mode::on;
 }
 
 /// In tracking mode an object without tracking cannot be marked: error 22.
 template <class A, diag::record_says NotTracked>
 inline bool require_tracked(const call& c, const void* object) {
-    if (is_tracked(object))
-        return true;
+    if (is_tracked(object)) return true;
     c.fail(LOOM_EINVAL);
     say_of<A, NotTracked>();
     return false;
@@ -265,10 +260,8 @@ constexpr u8 state_set = 2;
 /// Marks the attribute's own byte as changed, behind a store. False with error 22 on an object without tracking.
 template <class A, diag::record_says Corrupted, diag::record_says NotTracked>
 inline bool mark(const call& c, holder_of<A>* object, u8 state = state_set) {
-    if (!tracking_on<A, Corrupted>(c))
-        return true;
-    if (!require_tracked<A, NotTracked>(c, object))
-        return false;
+    if (!tracking_on<A, Corrupted>(c)) return true;
+    if (!require_tracked<A, NotTracked>(c, object)) return false;
     store_flag(c, tracking_area<typename A::model>(c, object) + A::at.track, state);
     return true;
 }
@@ -282,8 +275,7 @@ inline void mark_element(const call& c, holder_of<A>* object, u32 index) {
         store_flag(c, area + A::track_elements + index, state_set);
     } else {
         u8* flags = element_flags_of<A>(area);
-        if (flags != nullptr)
-            store_flag(c, flags + index, state_set);
+        if (flags != nullptr) store_flag(c, flags + index, state_set);
     }
 }
 
@@ -302,10 +294,8 @@ inline typename Model::object* sentinel() {
 template <class Model>
 inline u64* statistics_of(const loom_variant_table* table, i8 variant) {
     i32 index = clamp_variant<Model>(variant);
-    if (index >= table->n_variants)
-        index = table->n_variants - 1;
-    if (index < 0)
-        index = 0;
+    if (index >= table->n_variants) index = table->n_variants - 1;
+    if (index < 0) index = 0;
     return &table->entries[index].objects_created;
 }
 

@@ -17,11 +17,9 @@ inline const char* error_text(u32 number) { return strerror(static_cast<int>(num
 template <class A>
 void* get_by_ref(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return nullptr;
+    if (!c.enter() || !reach<A>(c, object)) return nullptr;
     const loom_oid* oid = oid_of<A>(object);
-    if (loom_oid_id_is_zero(oid->id) != 0)
-        return nullptr; // an empty reference is a normal state
+    if (loom_oid_id_is_zero(oid->id) != 0) return nullptr; // an empty reference is a normal state
     if (target_word_of<A>(object) != resident_type_info<typename A::model::bundle>(c, A::target())) {
         c.fail(LOOM_EINVAL);
         return nullptr;
@@ -39,8 +37,7 @@ void* get_by_ref_cr(loom_handle* handle, holder_of<A>* object) {
 /// Traces an old reference without a mapping; the texts are made only for a level that is on.
 template <class A>
 [[gnu::noinline]] void note_missing_mapping(loom_handle* handle, const loom_oid* oid) {
-    if (spoor_module_test(A::model::bundle::trace_module(), diag::information) == 0)
-        return;
+    if (spoor_module_test(A::model::bundle::trace_module(), diag::information) == 0) return;
     char id[33] = {};
     char source[33] = {};
     u32 error = 0;
@@ -86,8 +83,7 @@ inline void clear_reference(const call& c, holder_of<A>* object) {
 /// Drops the reference that the attribute holds. False when the old one cannot be dropped.
 template <class A>
 inline bool drop_old_reference(const call& c, const loom_oid* oid) {
-    if (loom_oid_id_is_zero(oid->id) != 0)
-        return true;
+    if (loom_oid_id_is_zero(oid->id) != 0) return true;
     loom_oid_mapping* mapping = loomlib_oid_id_mapping_get(c.handle, c.domain, oid, c.error);
     if (c.pending()) {
         say_of<A, says::attribute_set_by_ref_old_mapping_unreadable>(error_text(*c.error));
@@ -98,8 +94,7 @@ inline bool drop_old_reference(const call& c, const loom_oid* oid) {
         return true;
     }
     loomlib_update_oid_ref_count(c.handle, c.domain, mapping, 0, c.error);
-    if (!c.pending())
-        return true;
+    if (!c.pending()) return true;
     say_of<A, says::attribute_set_by_ref_old_count_not_updated>(error_text(*c.error));
     return false;
 }
@@ -116,8 +111,7 @@ inline void set_counted_reference(const call& c, holder_of<A>* object, void* tar
         return;
     }
     loom_oid* oid = oid_of<A>(object);
-    if (!drop_old_reference<A>(c, oid))
-        return;
+    if (!drop_old_reference<A>(c, oid)) return;
     c.announce(oid, sizeof *oid, object);
     loom_oid made{};
     loom_handle_to_oid(&made, c.handle, c.domain, target, 2, 1, c.error);
@@ -133,8 +127,7 @@ inline void set_counted_reference(const call& c, holder_of<A>* object, void* tar
 template <class A>
 void set_by_ref(loom_handle* handle, u32 domain, holder_of<A>* object, void* target, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     if (target == LOOM_OID_RAW_TARGET)
         set_raw_reference<A>(c, object, target);
     else if (target == nullptr)

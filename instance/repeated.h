@@ -36,8 +36,7 @@ inline void initialize_elements(const call& c, typename Type::c_type* block, u32
         for (u32 i = first; i < count; ++i) {
             u8* area = nullptr;
             if constexpr (Type::category == value_category::record)
-                if (tracked)
-                    area = place_element<Type>(c, block, count, i);
+                if (tracked) area = place_element<Type>(c, block, count, i);
             Type::initialize(c.handle, c.domain, block + i, 0, 0, area, c.error);
         }
     }
@@ -55,11 +54,9 @@ inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count
     }
     memset(made, 0, count);
     u8* old = flags;
-    if (old != nullptr && kept != 0)
-        memcpy(made, old, kept);
+    if (old != nullptr && kept != 0) memcpy(made, old, kept);
     c.store<u8*>(&flags, made, nullptr);
-    if (old != nullptr)
-        c.release(old);
+    if (old != nullptr) c.release(old);
     return true;
 }
 
@@ -96,8 +93,7 @@ template <class A>
 requires is_array<A> value_of<A>
 *get(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return nullptr;
+    if (!c.enter() || !reach<A>(c, object)) return nullptr;
     if (index >= count_of_elements<A>(object)) {
         c.fail(LOOM_ENOENT);
         return nullptr;
@@ -117,14 +113,12 @@ requires is_array_of_values<A>
 void get_mem(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* destination, u32 length,
              u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return;
+    if (!c.enter() || !reach<A>(c, object)) return;
     if (length > count_of_elements<A>(object)) {
         c.fail(LOOM_EINVAL);
         return;
     }
-    if (length != 0)
-        memcpy(destination, elements_of<A>(object), length * sizeof *destination);
+    if (length != 0) memcpy(destination, elements_of<A>(object), length * sizeof *destination);
 }
 
 // ---- Growth ------------------------------------------------------------------------------------------------
@@ -133,8 +127,7 @@ void get_mem(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>*
 template <class A>
 inline void note_reallocation() {
     static bool noted;
-    if (__atomic_exchange_n(&noted, true, __ATOMIC_RELAXED))
-        return;
+    if (__atomic_exchange_n(&noted, true, __ATOMIC_RELAXED)) return;
     say_of<A, says::attribute_set_worker_reallocating>();
 }
 
@@ -180,8 +173,7 @@ inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
     }
     if (old != nullptr) {
         move_elements<A>(c, block, count, old, old_count, tracked);
-        if (c.reports_to_shared_database())
-            loomdb_plat_set_detach(c.handle, c.domain, old, 1);
+        if (c.reports_to_shared_database()) loomdb_plat_set_detach(c.handle, c.domain, old, 1);
         c.release(old);
     }
     store_block<A>(c, object, block, count);
@@ -201,12 +193,10 @@ inline void clone_into(const call& c, value_of<A>* slot, const value_of<A>* valu
 /// Worker of the variable array's setters. A null value leaves the slot as growth made it.
 template <class A>
 void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* value, bool by_move) {
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     const bool tracked = tracking_on<A, says::attribute_set_worker_corrupted_handle, 0>(c);
     if (tracked) {
-        if (!require_tracked<A, says::attribute_set_worker_not_tracked>(c, object))
-            return;
+        if (!require_tracked<A, says::attribute_set_worker_not_tracked>(c, object)) return;
         if constexpr (is_array_of_records<A>)
             if (value != nullptr && !require_tracked<A, says::attribute_set_worker_value_not_tracked>(c, value))
                 return;
@@ -217,10 +207,8 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
     }
     const value_of<A>* block = pointer_of<A>(object);
     if (block == nullptr || index >= static_cast<u32>(count_of<A>(object))) {
-        if (block != nullptr)
-            note_reallocation<A>();
-        if (!grow<A>(c, object, index + 1, tracked))
-            return;
+        if (block != nullptr) note_reallocation<A>();
+        if (!grow<A>(c, object, index + 1, tracked)) return;
     }
     if (value != nullptr) {
         value_of<A>* slot = pointer_of<A>(object) + index;
@@ -233,10 +221,8 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
             A::type::set(c.handle, c.domain, slot, value, c.error);
         }
     }
-    if (tracking_on<A, says::attribute_set_worker_corrupted_handle, 1>(c))
-        mark_element<A>(c, object, index);
-    if (value != nullptr)
-        c.report_containment(value, object);
+    if (tracking_on<A, says::attribute_set_worker_corrupted_handle, 1>(c)) mark_element<A>(c, object, index);
+    if (value != nullptr) c.report_containment(value, object);
 }
 
 template <class A>
@@ -263,23 +249,18 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_value(loom_handl
                                                                       holder_of<A>* object, u32 index,
                                                                       plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     value_of<A>* slot = get<A>(handle, domain, object, index, err);
     if (*err == LOOM_ENOENT) {
         *err = 0;
         set_element<A>(c, object, index, nullptr, true);
-        if (c.pending())
-            return;
+        if (c.pending()) return;
         slot = pointer_of<A>(object) + index;
     }
-    if (c.pending())
-        return;
+    if (c.pending()) return;
     A::type::set_value(handle, domain, slot, value, err);
-    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c))
-        return;
-    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object))
-        mark_element<A>(c, object, index);
+    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c)) return;
+    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object)) mark_element<A>(c, object, index);
 }
 
 /// Replaces the whole array by `length` elements; after a failed allocation the array is empty.
@@ -289,11 +270,9 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle*
                                                                     const value_of<A>* source, u32 length,
                                                                     u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     const bool tracked = tracking_on<A, says::attribute_set_mem_corrupted_handle>(c);
-    if (tracked && !require_tracked<A, says::attribute_set_mem_not_tracked>(c, object))
-        return;
+    if (tracked && !require_tracked<A, says::attribute_set_mem_not_tracked>(c, object)) return;
     if (length > largest_count<A>) {
         c.fail(LOOM_EINVAL);
         return;
@@ -309,31 +288,20 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle*
         c.fail(LOOM_ENOMEM);
         return;
     }
-    if (size != 0)
-        memcpy(block, source, size);
+    if (size != 0) memcpy(block, source, size);
     store_block<A>(c, object, block, length);
-    if (!tracking_on<A, says::attribute_set_mem_corrupted_handle_variable_values>(c))
-        return;
+    if (!tracking_on<A, says::attribute_set_mem_corrupted_handle_variable_values>(c)) return;
     store_flag(c, tracking_area<typename A::model>(c, object) + A::at.track, state_set);
-    if (replace_element_flags<A>(c, object, length, 0))
-        return;
+    if (replace_element_flags<A>(c, object, length, 0)) return;
     store_block<A>(c, object, nullptr, 0);
     c.release(block);
-}
-
-template <class A>
-requires is_array_of_values<A> u32 set_mem_cr(loom_handle* handle, holder_of<A>* object, const value_of<A>* source,
-                                              u32 length) {
-    set_mem<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
-    return handle->last_error;
 }
 
 /// Ends all elements and the block. The element flags stay; the next growth replaces them.
 template <class A>
 requires is_variable_array<A>
 void remove_elements(loom_handle* handle, u32 domain, holder_of<A>* object) {
-    if (object == nullptr || pointer_of<A>(object) == nullptr)
-        return;
+    if (object == nullptr || pointer_of<A>(object) == nullptr) return;
     u32 error = 0;
     const call c{handle, domain, &error};
     using count_type = typename A::length::type::c_type;
@@ -349,12 +317,10 @@ template <class A>
 requires is_fixed_array<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object) || value == nullptr)
-        return;
+    if (!enter_write<A>(c, object) || value == nullptr) return;
     A::type::set(handle, domain, cell_of<A>(object) + index, value, err);
     if (tracking_on<A, says::attribute_set_corrupted_handle>(c)) {
-        if (!require_tracked<A, says::attribute_set_not_tracked>(c, object))
-            return;
+        if (!require_tracked<A, says::attribute_set_not_tracked>(c, object)) return;
         mark_element<A>(c, object, index);
     }
     c.report_containment(value, object);
@@ -365,16 +331,12 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_value(loom_handle* 
                                                                    holder_of<A>* object, u32 index,
                                                                    plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     value_of<A>* slot = get<A>(handle, domain, object, index, err);
-    if (slot == nullptr)
-        return;
+    if (slot == nullptr) return;
     A::type::set_value(handle, domain, slot, value, err);
-    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c))
-        return;
-    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object))
-        mark_element<A>(c, object, index);
+    if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c)) return;
+    if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object)) mark_element<A>(c, object, index);
 }
 
 template <class A>
@@ -382,8 +344,7 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* ha
                                                                  holder_of<A>* object, const value_of<A>* source,
                                                                  u32 length, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     if (length > A::extent) {
         c.fail(LOOM_EINVAL);
         return;
@@ -393,6 +354,13 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* ha
         memcpy(cell_of<A>(object), source, length * sizeof *source);
     }
     mark<A, says::attribute_set_mem_corrupted_handle, says::attribute_set_mem_not_tracked>(c, object);
+}
+
+template <class A>
+requires is_array_of_values<A> u32 set_mem_cr(loom_handle* handle, holder_of<A>* object, const value_of<A>* source,
+                                              u32 length) {
+    set_mem<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
+    return handle->last_error;
 }
 
 // ---- Character arrays --------------------------------------------------------------------------------------
@@ -407,8 +375,7 @@ inline void copy_out(const call& c, char* destination, u32 size, const char* tex
         length = size - 1;
         c.fail(LOOM_ENOSPC);
     }
-    if (length != 0)
-        memcpy(destination, text, length);
+    if (length != 0) memcpy(destination, text, length);
     destination[length] = 0;
 }
 
@@ -416,8 +383,7 @@ template <class A>
 requires is_counted_string<A>
 void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return;
+    if (!c.enter() || !reach<A>(c, object)) return;
     const char* text = pointer_of<A>(object);
     copy_out(c, destination, size, text, text == nullptr ? 0 : static_cast<u32>(count_of<A>(object)));
 }
@@ -426,8 +392,7 @@ template <class A>
 requires is_fixed_string<A>
 void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter() || !reach<A>(c, object))
-        return;
+    if (!c.enter() || !reach<A>(c, object)) return;
     copy_out(c, destination, size, cell_of<A>(object), A::extent);
 }
 
@@ -436,8 +401,7 @@ template <class A>
 requires is_counted_string<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     const u32 kept = static_cast<u32>(static_cast<typename A::length::type::c_type>(length));
     char* old = pointer_of<A>(object);
     if (old != nullptr) {
@@ -463,8 +427,7 @@ template <class A>
 requires is_fixed_string<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
     const call c{handle, domain, err};
-    if (!enter_write<A>(c, object))
-        return;
+    if (!enter_write<A>(c, object)) return;
     if (length > A::extent) {
         c.fail(LOOM_EINVAL);
         return;

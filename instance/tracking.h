@@ -15,23 +15,17 @@ using says = diag::record_says;
 template <class A, says Corrupted>
 inline bool tracking_may_be_read(const call& c) {
     switch (c.mode()) {
-    case tracking_mode::corrupted:
-        die_of<A, Corrupted>();
-    case tracking_mode::off:
-        c.fail(LOOM_EINVAL);
-        return false;
-    default:
-        return true;
+    case tracking_mode::corrupted: die_of<A, Corrupted>();
+    case tracking_mode::off: c.fail(LOOM_EINVAL); return false;
+    default: return true;
     }
 }
 
 /// Entry of the get family: says "non state tracked", behind the error.
 template <class A, says Corrupted, says NotTracked>
 inline bool enter_flag_get(const call& c, const holder_of<A>* object) {
-    if (c.pending() || !tracking_may_be_read<A, Corrupted>(c))
-        return false;
-    if (is_tracked(object))
-        return true;
+    if (c.pending() || !tracking_may_be_read<A, Corrupted>(c)) return false;
+    if (is_tracked(object)) return true;
     c.fail(LOOM_EINVAL);
     say_of<A, NotTracked>();
     return false;
@@ -40,10 +34,8 @@ inline bool enter_flag_get(const call& c, const holder_of<A>* object) {
 /// Entry of the set family: says "not state tracked", before the error.
 template <class A, says Corrupted, says NotTracked>
 inline bool enter_flag_set(const call& c, const holder_of<A>* object) {
-    if (c.pending() || !tracking_may_be_read<A, Corrupted>(c))
-        return false;
-    if (is_tracked(object))
-        return true;
+    if (c.pending() || !tracking_may_be_read<A, Corrupted>(c)) return false;
+    if (is_tracked(object)) return true;
     say_of<A, NotTracked>();
     c.fail(LOOM_EINVAL);
     return false;
@@ -53,8 +45,7 @@ inline bool enter_flag_set(const call& c, const holder_of<A>* object) {
 template <class A>
 inline bool may_write_flags(const call& c, holder_of<A>* object) {
     adjust<typename A::model>(c, object);
-    if (loom_get_instance_variant(object, 1, 0) >= A::at.since)
-        return true;
+    if (loom_get_instance_variant(object, 1, 0) >= A::at.since) return true;
     c.fail_epoch();
     return false;
 }
@@ -132,11 +123,9 @@ void state_flag_set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 i
         c.fail(LOOM_ENOENT);
         return;
     }
-    if (!may_write_flags<A>(c, object))
-        return;
+    if (!may_write_flags<A>(c, object)) return;
     u8* flags = element_flags<A>(c, object);
-    if (flags != nullptr)
-        store_flag(c, flags + index, state);
+    if (flags != nullptr) store_flag(c, flags + index, state);
 }
 
 template <class A>
@@ -180,8 +169,7 @@ void state_flag_set_arr(loom_handle* handle, u32 domain, holder_of<A>* object, c
         c.fail(LOOM_ENOENT);
         return;
     }
-    if (!may_write_flags<A>(c, object))
-        return;
+    if (!may_write_flags<A>(c, object)) return;
     memcpy(tracking_area<typename A::model>(c, object), source, length);
 }
 
@@ -195,15 +183,13 @@ template <class M>
 void set_all_state_tracking_flag(loom_handle* handle, u32 domain, typename M::object* object, u8 state) {
     u32 unused = 0;
     const call c{handle, domain, &unused};
-    if (c.mode() != tracking_mode::on || object == nullptr || !is_tracked(object))
-        return;
+    if (c.mode() != tracking_mode::on || object == nullptr || !is_tracked(object)) return;
     u8* area = tracking_area<M>(c, object);
     memset(area, state, tracking_size_of<M>(object));
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_variable_array<A>) {
             const u32 count = static_cast<u32>(count_of<A>(object));
-            if (count == 0)
-                return;
+            if (count == 0) return;
             memset(element_flags_of<A>(area), state, count);
             if constexpr (is_array_of_records<A>)
                 for (u32 i = 0; i < count; ++i)

@@ -148,6 +148,7 @@ constexpr bool owns_storage(value_category c) {
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
+    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
     static i32 map_to_user_value(i32 value) { return ::T##_map_to_user_value(value); }                            \
     static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32, void*, u32*) {               \
@@ -170,6 +171,7 @@ constexpr bool owns_storage(value_category c) {
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
+    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
     static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32, void*, u32*) {               \
         ::T##_initialize(h, d, v, type_info(), write_through, OBJ_NESTED);                                        \
