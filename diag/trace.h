@@ -102,6 +102,60 @@ inline void say(Argument... argument) {
                  Model::trace_base + slot_of(flag_set_statements, which, Copy, kinds::of_type)>(argument...);
 }
 
+/// The frame's and the registry's own statements stand first in their units.
+template <class Frame, frame_says What, class... Argument>
+inline void say(Argument... argument) {
+    constexpr std::size_t which = static_cast<std::size_t>(What);
+    emit_indexed<Frame, frame_statements, which,
+                 Frame::trace_base + slot_of(frame_statements, which, 0, kinds::of_type)>(argument...);
+}
+
+template <class Registry, registry_says What, class... Argument>
+inline void say(Argument... argument) {
+    constexpr std::size_t which = static_cast<std::size_t>(What);
+    emit_indexed<Registry, registry_statements, which,
+                 Registry::trace_base + slot_of(registry_statements, which, 0, kinds::of_type)>(argument...);
+}
+
+/// Tables and messages take their statements trait by trait: first those of all, then those of key objects, then
+/// those of ordered tables; of messages those with a payload last. Model is a table's or message's model, with
+/// `has_key_object` and `ordered`, or `has_payload`.
+template <class Model>
+consteval u32 first_slot_of(table_trait trait) {
+    if (trait == table_trait::any) return 0;
+    const u32 any = entries_of(table_statements, kind_set(table_trait::any));
+    if (trait == table_trait::key_object) {
+        if (!Model::has_key_object) throw "the table has no key object";
+        return any;
+    }
+    if (!Model::ordered) throw "the table is not ordered";
+    return any + (Model::has_key_object ? entries_of(table_statements, kind_set(table_trait::key_object)) : 0);
+}
+template <class Model>
+consteval u32 first_slot_of(message_trait trait) {
+    if (trait == message_trait::any) return 0;
+    if (!Model::has_payload) throw "the message has no payload";
+    return entries_of(message_statements, kind_set(message_trait::any));
+}
+
+template <class Model, table_says What, u32 Copy = 0, class... Argument>
+inline void say(Argument... argument) {
+    constexpr std::size_t which = static_cast<std::size_t>(What);
+    constexpr kind_set trait = table_statements[which].kinds;
+    emit_indexed<Model, table_statements, which,
+                 Model::trace_base + first_slot_of<Model>(table_trait(trait)) +
+                     slot_of(table_statements, which, Copy, trait)>(argument...);
+}
+
+template <class Model, message_says What, u32 Copy = 0, class... Argument>
+inline void say(Argument... argument) {
+    constexpr std::size_t which = static_cast<std::size_t>(What);
+    constexpr kind_set trait = message_statements[which].kinds;
+    emit_indexed<Model, message_statements, which,
+                 Model::trace_base + first_slot_of<Model>(message_trait(trait)) +
+                     slot_of(message_statements, which, Copy, trait)>(argument...);
+}
+
 /// A fatal statement of a type: traced at level 0, then the process ends.
 template <class Model, auto What, u32 Copy = 0>
 [[noreturn]] inline void die() {
