@@ -15,11 +15,11 @@ void clone_internal(loom_handle* handle, u32 domain, const typename M::object* s
         c.fail(LOOM_ENOENT);
         return;
     }
-    M::bundle::trace_init();
     // The source's own variant stands: the bytes never leave the process.
     const u32 length = M::type::marshal_for_clone(handle, domain, workspace, source, workspace_size, err);
     if (c.pending()) return;
     if (*out == nullptr) {
+        M::bundle::trace_init();
         *out = M::type::create_internal(handle, domain);
         if (*out == nullptr) {
             c.fail(LOOM_ENOMEM);
@@ -28,7 +28,9 @@ void clone_internal(loom_handle* handle, u32 domain, const typename M::object* s
     }
     M::type::unmarshal(handle, domain, workspace, *out, static_cast<i32>(length), 0, err);
     if (!c.pending()) return;
-    if (*out != sentinel<M>()) M::type::destroy_internal(handle, domain, *out, 1);
+    // A slot of an array belongs to its holder, who ends it; everything else ends here.
+    const bool in_a_holder = (header_of(*out)->loom_flags & OBJ_NESTED) != 0;
+    if (*out != sentinel<M>() && !in_a_holder) M::type::destroy_internal(handle, domain, *out, 1);
     *out = nullptr;
 }
 

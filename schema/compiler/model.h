@@ -92,12 +92,15 @@ struct named {
     int newest = 0;                // highest variant
     std::vector<variant_layout> variants;
     std::uint32_t base_size = 0;
+    std::uint32_t call_base = 0;   // place of the type's first function in the function order (see names.h)
 };
 
 struct record : named {
     std::vector<attribute> attributes;
     bool list_element = false;     // some record holds a list of it
-    bool has_nested_records = false;
+    bool has_nested_records = false; // in place or in a fixed array
+    std::uint32_t oid_count = 0;   // its own oid attributes, nested records not counted
+    std::uint32_t tracking_alignment = 1; // of its tracking area: 8 when the area holds a pointer
     /// Lists that hold this record, as (holder, attribute index): each gives a `<attribute>_get_parent`.
     std::vector<std::pair<const record*, std::size_t>> held_by;
 };
@@ -112,7 +115,7 @@ struct enumeration_member {
 struct enumeration : named {
     std::vector<enumeration_member> members;
     bool shared = false;           // other bundles import it: `_initialize` takes a value's nine arguments
-    const bundle* imported_from = nullptr; // null: the bundle's own
+    const bundle* imported_from = nullptr; // null: the bundle's own; else a bundle of which only the name is known
 };
 
 struct flag_member {
@@ -139,8 +142,8 @@ struct table : named {
     // the table record is a type of its own
     std::array<std::uint8_t, 16> record_luid{};
     std::string record_luid_text;
+    std::string record_definition;
     std::string record_definition_hash;
-    std::uint32_t call_base = 0;
 };
 
 struct message : named {
@@ -158,6 +161,7 @@ struct foreign_table {
 struct import {
     std::string bundle_name;
     location where;
+    std::unique_ptr<bundle> home;  // stands for the other bundle: name only
     std::vector<std::unique_ptr<enumeration>> enumerations; // shared enumerations used here; only names count
     std::vector<foreign_table> tables;
 };
@@ -166,6 +170,7 @@ struct import {
 struct exported_function {
     std::string name;
     std::string family; // "record", "accessor", "enumeration", "flag", "table", "message", "bundle"
+    const location* where = nullptr; // the declaration that brings it
 };
 
 /// One whole schema. All types stand in schema order; the type list of the bundle follows it.
