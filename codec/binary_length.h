@@ -1,0 +1,130 @@
+// How many bytes a record takes in the binary form: an upper bound, exact but for the whole-array bytes of empty
+// arrays. The form itself is told in binary_writer.h.
+#pragma once
+
+#include "codec/walk.h"
+
+namespace trellis::codec {
+
+/// Variant, object flags and jump.
+constexpr u32 frame_size = 6;
+
+template <class A>
+inline u32 length_of_value(const call& c, const value_of<A>* value) {
+    return A::type::len(c.handle, c.domain, value);
+}
+
+/// Bytes of one attribute without state bytes.
+template <class A>
+[[gnu::always_inline]] inline u32 length_of(const call& c, const holder_of<A>* object) {
+    if constexpr (is_length<A>) {
+        return 0; // counted with its array
+    } else if constexpr (is_plain<A> || is_object<A>) {
+        return length_of_value<A>(c, field_of<A>(object));
+    } else if constexpr (is_fixed_string<A> || (is_fixed_array<A> && is_byte_array<A>)) {
+        return A::extent * length_of_value<A>(c, field_of<A>(object));
+    } else if constexpr (is_fixed_array<A>) {
+        u32 sum = 0;
+        for (u32 i = 0; i < A::extent; ++i)
+            sum += length_of_value<A>(c, field_of<A>(object) + i);
+        return sum;
+    } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
+        u32 sum = A::length::type::len(c.handle, c.domain, field_of<typename A::length>(object));
+        const u32 count = count_of<A>(object);
+        const value_of<A>* block = pointer_of<A>(object);
+        if constexpr (is_counted_string<A> || is_byte_array<A>) {
+            if (count != 0) sum += count * length_of_value<A>(c, block);
+        } else {
+            for (u32 i = 0; i < count; ++i)
+                sum += length_of_value<A>(c, block + i);
+        }
+        return sum;
+    } else if constexpr (is_oid<A>) {
+        return loomlib_oid_len(c.handle, c.domain, oid_of<A>(object));
+    } else if constexpr (is_arm<A>) {
+        // A selected arm without value is asked for its size all the same; none of it is written.
+        if (!is_selected<A>(object)) return 0;
+        const value_of<A>* arm = pointer_of<A>(object);
+        const u32 length = length_of_value<A>(c, arm);
+        return arm == nullptr ? 0 : length;
+    } else {
+        static_assert(is_list<A>);
+        u32 sum = types::u_int32::len(c.handle, c.domain, &list_of<A>(object)->count);
+        each_element<A>(object, [&](const value_of<A>* element) {
+            sum += length_of_value<A>(c, element);
+            return true;
+        });
+        return sum;
+    }
+}
+
+/// Bytes of one attribute of an absent instance: its value types say what an absent value takes.
+template <class A>
+inline u32 length_of_absent(const call& c) {
+    const auto absent = [&]<class Type>() { return Type::len(c.handle, c.domain, nullptr); };
+    if constexpr (is_plain<A> || is_object<A>)
+        return absent.template operator()<typename A::type>();
+    else if constexpr (is_fixed_array<A> || is_fixed_string<A>)
+        return A::extent * absent.template operator()<typename A::type>();
+    else if constexpr (is_variable_array<A> || is_counted_string<A>)
+        return absent.template operator()<typename A::length::type>();
+    else if constexpr (is_oid<A>)
+        return loomlib_oid_len(c.handle, c.domain, nullptr);
+    else if constexpr (is_list<A>)
+        return absent.template operator()<types::u_int32>();
+    else
+        return 0; // lengths stand with their arrays; no arm is selected
+}
+
+/// State bytes of one attribute, as if no array were empty.
+template <class A>
+[[gnu::always_inline]] inline u32 state_bytes_of(const holder_of<A>* object) {
+    if constexpr (is_length<A>)
+        return 0;
+    else if constexpr (is_fixed_array<A>)
+        return 1 + A::extent;
+    else if constexpr (is_variable_array<A>)
+        return 1 + count_of<A>(object);
+    else
+        return 1;
+}
+
+} // namespace trellis::codec
+
+namespace trellis::record {
+
+template <class M>
+u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
+    const call c{handle, domain, nullptr};
+    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    u32 sum = codec::frame_size;
+    if (object == nullptr) {
+        codec::each_reached<M>(0, [&]<class A>() {
+            sum += codec::length_of_absent<A>(c);
+            return true;
+        });
+        return sum;
+    }
+    if (variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                sum += codec::length_of<A>(c, object);
+                return true;
+            });
+    const tracking_mode mode = c.mode();
+    if (mode == tracking_mode::corrupted) diag::die<M, diag::record_says::len_corrupted_handle>();
+    if (mode == tracking_mode::on && variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                sum += codec::state_bytes_of<A>(object);
+                return true;
+            });
+    return sum;
+}
+
+template <class M>
+u32 len_cr(loom_handle* handle, const typename M::object* object) {
+    return handle->last_error != 0 ? 0 : M::type::len(handle, handle->cr_domain, object);
+}
+
+} // namespace trellis::record

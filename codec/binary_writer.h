@@ -1,0 +1,251 @@
+// How a record becomes bytes. The form, from the record's first byte:
+//
+//     variant     1 byte    how many variants of fields follow; negative: none
+//     flags       1 byte    8: the fields carry state bytes; 32: an ra data block follows
+//     ra data     9 bytes   only when flagged
+//     jump        4 bytes   distance from its own first byte to the end of the record
+//     fields                in schema order, which is the order of variants
+//
+// A value is written by its own type's operation, which tests the room and refuses while an error is pending. The
+// frame, the state bytes and raw blocks are written all the same, as far as there is room. A state byte takes one
+// of two steps: the scalar step stores at the cursor even at the exact end of the buffer (hence the spare byte
+// that callers provide) and stays there; the guarded step, of references, lists and arms, wants two bytes of room.
+// The reader stands in binary_reader.h, the size in binary_length.h.
+#pragma once
+
+#include "codec/walk.h"
+
+#include <loom/wire.h>
+
+namespace trellis::codec {
+
+/// An empty tracking area: what is written for an object without tracking under a handle with it.
+template <class Model>
+struct blank_area {
+    alignas(8) static constexpr u8 bytes[newest_tracking_size<Model> + 1] = {};
+};
+
+/// Cursor in the output.
+struct writer {
+    call c;
+    u8* buffer;
+    u32 position;
+    i32 length;
+    bool cut_down; // the record is written in an older form than it has; the error is kept aside
+
+    u8* at() const { return buffer + position; }
+    i32 room() const { return length - static_cast<i32>(position); }
+
+    template <class Type>
+    [[gnu::always_inline]] void value(const typename Type::c_type* v) {
+        position += Type::marshal(c.handle, c.domain, at(), v, room(), c.error);
+        if constexpr (has_variant(Type::category))
+            // A part that is cut down with its holder must not stop the holder's other fields.
+            if (cut_down && *c.error == LOOM_EIDRM) *c.error = 0;
+    }
+
+    [[gnu::always_inline]] void scalar_step(u8 state) {
+        *at() = state;
+        position += static_cast<i32>(position) != length;
+    }
+    [[gnu::always_inline]] void guarded_step(u8 state) {
+        if (room() < 2) return;
+        *at() = state;
+        ++position;
+    }
+    /// `flags` null: none are held, zeros go out.
+    void element_states(const u8* flags, u32 count) {
+        const u32 fitting = room() <= 0 ? 0 : static_cast<u32>(room()) < count ? static_cast<u32>(room()) : count;
+        if (fitting == 0) return;
+        if (flags != nullptr)
+            memcpy(at(), flags, fitting);
+        else
+            memset(at(), 0, fitting);
+        position += fitting;
+    }
+    /// A block without a form of its own: what does not fit is left out, with error 90.
+    void raw(const void* block, u32 count) {
+        u32 fitting = count;
+        if (count > static_cast<u32>(room() < 0 ? 0 : room())) {
+            c.fail(LOOM_EMSGSIZE);
+            fitting = room() < 0 ? 0 : static_cast<u32>(room());
+        }
+        if (fitting != 0) memcpy(at(), block, fitting);
+        position += fitting;
+    }
+};
+
+/// Writes one attribute; `area` is the tracking area that the state bytes come from, null for none.
+template <class A>
+[[gnu::always_inline]] inline void write(writer& w, const holder_of<A>* object, const u8* area) {
+    using type = typename A::type;
+    if constexpr (is_length<A>) {
+        // stands in front of its array
+    } else if constexpr (is_plain<A> || is_object<A>) {
+        w.template value<type>(field_of<A>(object));
+        if (area != nullptr) w.scalar_step(area[A::at.track]);
+    } else if constexpr (is_fixed_array<A>) {
+        for (u32 i = 0; i < A::extent; ++i)
+            w.template value<type>(field_of<A>(object) + i);
+        if (area == nullptr) return;
+        w.scalar_step(area[A::at.track]);
+        w.element_states(area + A::track_elements, A::extent);
+    } else if constexpr (is_fixed_string<A>) {
+        for (u32 i = 0; i < A::extent; ++i)
+            w.template value<type>(field_of<A>(object) + i);
+        if (area != nullptr) w.scalar_step(area[A::at.track]);
+    } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
+        w.template value<typename A::length::type>(field_of<typename A::length>(object));
+        const u32 count = count_of<A>(object);
+        if (count == 0) return; // no state bytes either
+        const value_of<A>* block = pointer_of<A>(object);
+        if constexpr (is_counted_string<A> || is_byte_array<A>) {
+            w.raw(block, count);
+        } else {
+            for (u32 i = 0; i < count; ++i)
+                w.template value<type>(block + i);
+        }
+        if (area == nullptr) return;
+        w.scalar_step(area[A::at.track]);
+        if constexpr (is_variable_array<A>) w.element_states(element_flags_of<A>(const_cast<u8*>(area)), count);
+    } else if constexpr (is_oid<A>) {
+        w.position += loomlib_oid_marshal(w.c.handle, w.c.domain, w.at(), oid_of<A>(object), w.room(), w.c.error);
+        if (area != nullptr) w.guarded_step(area[A::at.track]);
+    } else if constexpr (is_arm<A>) {
+        if (is_selected<A>(object)) {
+            const value_of<A>* arm = pointer_of<A>(object);
+            if (arm != nullptr)
+                w.template value<type>(arm);
+            else
+                w.c.fail(LOOM_ENOENT);
+        }
+        if (area != nullptr) w.guarded_step(area[A::at.track]);
+    } else {
+        static_assert(is_list<A>);
+        w.position += _loom_list_len_marshal(w.c.handle, w.c.domain, w.at(), &list_of<A>(object)->count, w.room(),
+                                             w.c.error);
+        each_element<A>(object, [&](const value_of<A>* element) {
+            w.template value<type>(element);
+            return true;
+        });
+        if (area != nullptr) w.guarded_step(area[A::at.track]);
+    }
+}
+
+/// The flags byte, and the ra data block when it says so: the block's contents belong to others and go out empty.
+inline void write_flags(writer& w, u8 flags) {
+    flags &= LOOM_WIRE_FLAGS;
+    w.position += _loom_instance_obj_flag_marshal(w.c.handle, w.c.domain, w.at(), &flags, w.room(), w.c.error);
+    if ((flags & OBJ_RA_DATA) == 0) return;
+    const u64 address = 0;
+    const u8 kind = 0;
+    w.position +=
+        _loom_instance_ra_data_marshal(w.c.handle, w.c.domain, w.at(), &address, &kind, w.room(), w.c.error);
+}
+
+/// The jump is written empty in front of the fields and again when their end is known.
+class jump_writer {
+  public:
+    explicit jump_writer(writer& w) : start_(w.position) {
+        const u32 unknown = 0;
+        const u32 written =
+            _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.at(), &unknown, w.room(), w.c.error);
+        has_room_ = written != 0;
+        w.position += written;
+    }
+    void close(const writer& w) const {
+        if (!has_room_) return;
+        const u32 jump = w.position - start_;
+        _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, 4, w.c.error);
+    }
+
+  private:
+    u32 start_;
+    bool has_room_;
+};
+
+/// Entry of a binary operation: false when an earlier error or the lack of any room stops it.
+inline bool enter_with_room(const call& c, i32 length) {
+    if (!c.enter()) return false;
+    if (length >= 1) return true;
+    c.fail(LOOM_EMSGSIZE);
+    return false;
+}
+
+/// The variant to write an instance in: its own, within what this build knows and, when `checked`, within what the
+/// peer knows. A peer that knows less gets the older form, and the caller gets error 43: it is kept aside here
+/// (`*cut_down`) so that the fields are written, and stands in the error word at the end.
+template <class Model>
+inline i8 variant_to_write(const call& c, i8 own, bool checked, bool* cut_down) {
+    const i8 peer = static_cast<i8>(
+        loom_domain_lookup_variant(c.handle, &c.handle->domain_state, Model::type::type_info(), c.error));
+    *cut_down = checked && own > peer;
+    if (*cut_down) {
+        c.fail_epoch();
+        *c.error = 0;
+        own = peer;
+    }
+    return clamp_variant<Model>(own);
+}
+inline void bring_back_epoch_error(const writer& w) {
+    if (w.cut_down && *w.c.error == 0) w.c.fail(LOOM_EIDRM);
+}
+
+inline void write_variant(writer& w, i8 variant) {
+    w.position += _loom_instance_variant_marshal(w.c.handle, w.c.domain, w.at(), &variant, w.room(), w.c.error);
+}
+
+} // namespace trellis::codec
+
+namespace trellis::record {
+
+/// Worker of marshal and marshal_for_clone. `checked` compares the instance's variant with the peer's; the parts
+/// of the record are compared in any case.
+template <class M>
+[[gnu::noinline]] u32 marshal_internal(const call& given, void* buffer, const typename M::object* object,
+                                       i32 length, bool checked) {
+    using says = diag::record_says;
+    const call c = given; // a copy that nobody else sees stays in registers
+    if (!codec::enter_with_room(c, length)) return 0;
+    bool cut_down;
+    const i8 variant = codec::variant_to_write<M>(c, loom_get_instance_variant(object, 1, 0), checked, &cut_down);
+    codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};
+    codec::write_variant(w, variant);
+
+    u8 flags = loom_get_instance_obj_flag(object, 1, 0);
+    const u8* area = nullptr;
+    switch (c.mode()) {
+    case tracking_mode::corrupted: diag::die<M, says::marshal_internal_corrupted_handle>();
+    case tracking_mode::on:
+        area = (flags & OBJ_STATE_TRACKED) != 0 ? tracking_area<M>(c, object) : codec::blank_area<M>::bytes;
+        flags |= OBJ_STATE_TRACKED;
+        break;
+    default: flags &= static_cast<u8>(~OBJ_STATE_TRACKED);
+    }
+    codec::write_flags(w, flags);
+
+    const codec::jump_writer jump(w);
+    if (variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                codec::write<A>(w, object, area);
+                return true;
+            });
+    jump.close(w);
+    codec::bring_back_epoch_error(w);
+    return w.position;
+}
+
+template <class M>
+u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
+            u32* err) {
+    return marshal_internal<M>({handle, domain, err}, buffer, object, length, true);
+}
+
+template <class M>
+u32 marshal_for_clone(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
+                      u32* err) {
+    return marshal_internal<M>({handle, domain, err}, buffer, object, length, false);
+}
+
+} // namespace trellis::record

@@ -1,0 +1,107 @@
+// Records as indented text for logs: "name@type: {", one line per field two blanks further in, "}". Nothing reads
+// this form back. An instance below its type's newest variant ends without the closing brace, by which a reader of
+// logs knows an older record. The closing blanks go to the start of the record's text, where the opening ones
+// already stand, and the position moves past as many bytes that nothing wrote: callers clear their buffers.
+#pragma once
+
+#include "codec/walk.h"
+
+#include <loom/text.h>
+
+#include <stdio.h>
+
+namespace trellis::codec {
+
+/// Cursor in the text.
+struct text_writer {
+    call c;
+    char* buffer;
+    i32 position;
+    i32 length;
+    i32 depth; // of the fields
+
+    char* at() const { return buffer + position; }
+    i32 room() const { return length - position; }
+
+    template <class Type>
+    void value(const char* name, const typename Type::c_type* v) {
+        position += Type::print(c.handle, c.domain, at(), depth, name, v, room(), c.error);
+    }
+};
+
+template <class A>
+inline void print_elements(text_writer& w, const value_of<A>* elements, u32 count) {
+    char name[80]; // a longer name is cut
+    for (u32 i = 0; i < count; ++i) {
+        snprintf(name, sizeof name, "%s[%d]", A::name, static_cast<int>(i));
+        w.template value<typename A::type>(name, elements + i);
+    }
+}
+
+template <class A>
+inline void print_attribute(text_writer& w, const holder_of<A>* object) {
+    using type = typename A::type;
+    if constexpr (is_plain<A> || is_object<A> || is_length<A>) {
+        w.template value<type>(A::name, field_of<A>(object));
+    } else if constexpr (is_fixed_array<A>) {
+        print_elements<A>(w, field_of<A>(object), A::extent);
+    } else if constexpr (is_variable_array<A>) {
+        print_elements<A>(w, pointer_of<A>(object), count_of<A>(object));
+    } else if constexpr (is_counted_string<A>) {
+        w.position += var_string_print(w.c.handle, w.c.domain, w.at(), w.depth, A::name, pointer_of<A>(object),
+                                       w.room(), count_of<A>(object), w.c.error);
+    } else if constexpr (is_fixed_string<A>) {
+        w.position += null_string_print(w.c.handle, w.c.domain, w.at(), w.depth, A::name, field_of<A>(object),
+                                        w.room(), A::extent, w.c.error);
+    } else if constexpr (is_oid<A>) {
+        w.position += loom_oid_print(w.c.handle, w.c.domain, w.at(), w.depth, A::name, oid_of<A>(object), w.room(),
+                                     w.c.error);
+    } else if constexpr (is_arm<A>) {
+        const value_of<A>* arm = pointer_of<A>(object);
+        if (is_selected<A>(object) && arm != nullptr)
+            w.template value<type>(joined_text<A::discriminator::name, text::dot, A::name>, arm);
+    } else {
+        static_assert(is_list<A>);
+        w.template value<types::u_int32>(joined_text<text::list_prefix, A::name, text::count_suffix>,
+                                         &list_of<A>(object)->count);
+        each_element<A>(object, [&](const value_of<A>* element) {
+            w.template value<type>(joined_text<text::list_prefix, A::name>, element);
+            return true;
+        });
+    }
+}
+
+/// The characters written, or -1 when the chain's error slot is set.
+inline i32 chain_result(const loom_handle* handle, i32 written) { return handle->last_error != 0 ? -1 : written; }
+
+} // namespace trellis::codec
+
+namespace trellis::record {
+
+template <class M>
+i32 print(loom_handle* handle, u32 domain, char* buffer, i32 depth, const char* name,
+          const typename M::object* object, i32 length, u32* err) {
+    const call c{handle, domain, err};
+    if (!c.enter()) return 0;
+    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    codec::text_writer w{c, buffer, 0, length, depth + 2};
+    w.position += loom_print_space(handle, domain, buffer, depth, length, err);
+    w.position += loom_snprintf(handle, domain, w.at(), w.room(), err, "%s@%s: {\n", name, M::name);
+    if (variant >= 0)
+        codec::each_reached<M>(variant, [&]<class A>() {
+            codec::print_attribute<A>(w, object);
+            return true;
+        });
+    if (variant < M::newest) return w.position;
+    w.position += loom_print_space(handle, domain, buffer, depth, w.room(), err);
+    w.position += loom_snprintf(handle, domain, w.at(), w.room(), err, "}\n");
+    return w.position;
+}
+
+template <class M>
+i32 print_cr(loom_handle* handle, const typename M::object* object, char* buffer, i32 length) {
+    return codec::chain_result(
+        handle, print<M>(handle, handle->cr_domain, buffer, 0, M::name, object, length, &handle->last_error));
+}
+
+} // namespace trellis::record
