@@ -42,7 +42,7 @@ template <class Registry>
 inline i32 lookup(const void* luid) {
     luid_words words;
     memcpy(&words, luid, sizeof words);
-    const u32 place = Registry::slots[(words.low * Registry::multiplier) >> Registry::shift];
+    const u32 place = Registry::slots[((words.low ^ words.high) * Registry::multiplier) >> Registry::shift];
     if (place == Registry::count) return -1;
     const luid_words& key = Registry::keys[place];
     return key.low == words.low && key.high == words.high ? static_cast<i32>(place) : -1;
