@@ -20,6 +20,12 @@ enum class next_step : u8 {
     give_up,       // the operation ends at once with result 0
 };
 
+/// Stores a state byte; out of line, which keeps the path without them short.
+[[gnu::noinline]] inline void store_state(loom_handle* handle, u32 domain, u8* flag, u8 state) {
+    handle->write_hook(handle, flag, 1, domain, nullptr);
+    *flag = state;
+}
+
 /// Cursor in the input.
 struct reader {
     call c;
@@ -45,16 +51,16 @@ struct reader {
 
     [[gnu::always_inline]] void scalar_step(u32 track) {
         if (states == state_bytes::absent || room() == 0) return;
-        if (states == state_bytes::taken && room() > 0) store_flag(c, area + track, *at());
+        if (states == state_bytes::taken && room() > 0) store_state(c.handle, c.domain, area + track, *at());
         ++position;
     }
     /// References and lists want two bytes of room, arms only one.
     [[gnu::always_inline]] void guarded_step(u32 track, i32 wanted) {
         if (states == state_bytes::absent || room() < wanted) return;
-        if (states == state_bytes::taken) store_flag(c, area + track, *at());
+        if (states == state_bytes::taken) store_state(c.handle, c.domain, area + track, *at());
         ++position;
     }
-    void element_states(u8* flags, u32 count) {
+    [[gnu::always_inline]] void element_states(u8* flags, u32 count) {
         if (states == state_bytes::absent) return;
         const u32 size = fitting(count);
         if (states == state_bytes::taken && flags != nullptr && size != 0) {
@@ -252,6 +258,16 @@ inline next_step read_arm(reader& r, holder_of<A>* object) {
 
 // ---- Attributes --------------------------------------------------------------------------------------------
 
+/// Runs a long step on a copy of the cursor: only the copy's address leaves the caller, whose own cursor stays in
+/// registers.
+template <class Object>
+[[gnu::always_inline]] inline next_step apart(reader& r, Object* object, next_step (*step)(reader&, Object*)) {
+    reader copy = r;
+    const next_step then = step(copy, object);
+    r.position = copy.position;
+    return then;
+}
+
 template <class A>
 [[gnu::always_inline]] inline next_step read(reader& r, holder_of<A>* object) {
     using type = typename A::type;
@@ -272,16 +288,16 @@ template <class A>
             r.template value<type>(field_of<A>(object) + i);
         r.scalar_step(A::at.track);
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
-        return read_counted<A>(r, object);
+        return apart(r, object, &read_counted<A>);
     } else if constexpr (is_oid<A>) {
         r.position += loomlib_oid_unmarshal(r.c.handle, r.c.domain, r.at(), oid_of<A>(object), r.room(),
                                             r.existing, r.c.error);
         r.guarded_step(A::at.track, 2);
     } else if constexpr (is_arm<A>) {
-        return read_arm<A>(r, object);
+        return apart(r, object, &read_arm<A>);
     } else {
         static_assert(is_list<A>);
-        return read_list<A>(r, object);
+        return apart(r, object, &read_list<A>);
     }
     return next_step::next_attribute;
 }

@@ -54,7 +54,7 @@ struct writer {
         ++position;
     }
     /// `flags` null: none are held, zeros go out.
-    void element_states(const u8* flags, u32 count) {
+    [[gnu::always_inline]] void element_states(const u8* flags, u32 count) {
         const u32 fitting = room() <= 0 ? 0 : static_cast<u32>(room()) < count ? static_cast<u32>(room()) : count;
         if (fitting == 0) return;
         if (flags != nullptr)
@@ -64,7 +64,7 @@ struct writer {
         position += fitting;
     }
     /// A block without a form of its own: what does not fit is left out, with error 90.
-    void raw(const void* block, u32 count) {
+    [[gnu::always_inline]] void raw(const void* block, u32 count) {
         u32 fitting = count;
         if (count > static_cast<u32>(room() < 0 ? 0 : room())) {
             c.fail(LOOM_EMSGSIZE);
