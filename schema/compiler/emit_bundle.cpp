@@ -3,7 +3,7 @@
 #include "schema/compiler/emit_bundle.h"
 
 #include "schema/compiler/emit_families.h"
-#include "schema/compiler/function_list.h"
+#include "schema/compiler/names.h"
 
 #include <stdexcept>
 
@@ -50,7 +50,7 @@ std::string unit_source(const bundle& source, const std::vector<const type_text*
     std::string text = generated_notice(source, names.empty() ? "No types." : "Exports of " + joined(names) + ".");
     if (types.empty()) return text;
     for (const std::string& each : includes)
-        text += "#include " + (each.front() == '<' ? each : quoted(each)) + "\n";
+        text += "#include " + (each.front() == '<' ? each : c_literal(each)) + "\n";
     text += "\n#include \"codec/codec.h\"\n#include \"frame/export.h\"\n#include \"instance/instance.h\"\n\n"
             "#include <stddef.h>\n\nnamespace bundle_" + source.name + " {\n";
     for (const type_text* each : types) text += "\n// ---- " + each->name + "\n\n" + each->exports;

@@ -218,7 +218,7 @@ std::string joined(const std::vector<std::string>& parts, std::string_view betwe
     return text;
 }
 
-std::string quoted(std::string_view text) {
+std::string c_literal(std::string_view text) {
     std::string result = "\"";
     for (const char character : text) {
         if (character == '"' || character == '\\') result += '\\';

@@ -115,7 +115,7 @@ std::string doc_comment(const std::string& text, std::string_view indent = "");
 /// "1, 2, 3"
 std::string joined(const std::vector<std::string>& parts, std::string_view between = ", ");
 /// A C string literal with quotes.
-std::string quoted(std::string_view text);
+std::string c_literal(std::string_view text);
 /// 16 bytes as "0x01, 0x02, ...".
 std::string byte_list(const std::uint8_t* bytes, std::size_t count);
 /// The file's first line: what wrote it and from what.
