@@ -71,11 +71,11 @@ typedef struct nexa_bytestr {
     uint32_t reserved;
 } nexa_bytestr;
 /** Physical address of up to 15 octets. */
-typedef struct loom_phys_addr {
+typedef struct __attribute__((aligned(8))) loom_phys_addr {
     uint8_t length;
     uint8_t octets[7];
     uint8_t more_octets[8];
-} loom_phys_addr __attribute__((aligned(8)));
+} loom_phys_addr;
 /** Strings held under AES, and a user name: opaque texts, as loom_vstring. */
 typedef struct loom_aes_vstring {
     char* text;

@@ -127,8 +127,8 @@ struct counted {
             return;
         }
         if (destination == source) return;
-        const std::string_view bytes = view(source);
-        if (const u32 error = assign(c, destination, source->length, bytes.data())) c.fail(error);
+        if (const u32 error = assign(c, destination, source->length, K::bytes(*source), K::bytes(*source)))
+            c.fail(error);
     }
 
     static void assign_value(const call& c, type* value, const void* bytes, u32 length) {
@@ -168,17 +168,18 @@ private:
         out.append(" bytes>");
     }
 
-    static u32 assign(const call& c, type* value, u32 length, const void* bytes) {
-        return fill(c, value, bytes ? length : 0, bytes, [&](void* block) { std::memmove(block, bytes, length); });
+    static u32 assign(const call& c, type* value, u32 length, const void* bytes, const void* others = nullptr) {
+        return fill(c, value, bytes ? length : 0, others,
+                    [&](void* block) { std::memmove(block, bytes, length); });
     }
 
-    /// Gives `value` the `length` bytes that `write` puts into a block. `source` is the block that they come from,
-    /// which stays alive if the value holds it as well. Returns 0 or 12; without memory the value stays as it was,
-    /// but a shared block is left to its other holder.
+    /// Gives `value` the `length` bytes that `write` puts into a block. `others` is the block of another value, which
+    /// stays alive if `value` holds it as well. Returns 0 or 12; without memory the value stays as it was, but a
+    /// shared block is left to its other holder.
     template <class Write>
-    static u32 fill(const call& c, type* value, u32 length, const void* source, Write write) {
+    static u32 fill(const call& c, type* value, u32 length, const void* others, Write write) {
         auto*& held = K::bytes(*value);
-        const bool shared = held && held == source;
+        const bool shared = held && held == others;
         if (held && length && length == value->length && !shared) {
             c.announce(held, length, value);
             write(held);

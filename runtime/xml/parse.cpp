@@ -4,6 +4,7 @@
 
 #include <loom_runtime/xml.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -26,20 +27,22 @@ loom_xml_document* refuse(loom_xml_error* error, u32 number, const char* reason)
     return nullptr;
 }
 
+/// Refuses a text for what stands `offset` bytes behind its start.
 loom_xml_document* refuse_at(loom_xml_error* error, std::string_view text, ptrdiff_t offset, const char* reason) {
     refuse(error, LOOM_EINVAL, reason);
-    if (error && offset >= 0) {
-        const std::string_view before = text.substr(0, static_cast<size_t>(offset));
-        error->line = 1;
-        error->column = 1;
-        for (const char c : before) {
-            ++error->column;
-            if (c != '\n') continue;
-            ++error->line;
-            error->column = 1;
-        }
-    }
+    if (!error || offset < 0) return nullptr;
+    std::string_view before = text.substr(0, std::min(static_cast<size_t>(offset), text.size()));
+    if (before.starts_with("\xef\xbb\xbf")) before.remove_prefix(3); // a byte order mark is not seen
+    error->line = static_cast<u32>(1 + std::count(before.begin(), before.end(), '\n'));
+    error->column = static_cast<u32>(before.size() - (before.rfind('\n') + 1) + 1);
     return nullptr;
+}
+
+/// Where a node begins in the text: an element at its name's bracket, a text at its first visible character.
+ptrdiff_t place_of(pugi::xml_node node, std::string_view text) {
+    const ptrdiff_t offset = node.offset_debug();
+    if (offset < 0 || node.type() == pugi::node_element) return offset - 1;
+    return static_cast<ptrdiff_t>(text.find_first_not_of(" \t\n\r", static_cast<size_t>(offset)));
 }
 
 /// The first thing beside the elements that no document may have there, or nothing.
@@ -81,17 +84,16 @@ LOOM_EXPORT loom_xml_document* loom_xml_parse(const void* text, size_t length, l
     std::unique_ptr<loom_xml_document> document(new (std::nothrow) loom_xml_document);
     if (!document) return refuse(error, LOOM_ENOMEM, "Out of memory");
 
-    std::string_view source(static_cast<const char*>(text), length);
-    if (source.starts_with("\xef\xbb\xbf")) source.remove_prefix(3); // places are told without the byte order mark
+    const std::string_view source(static_cast<const char*>(text), length);
     const pugi::xml_parse_result result = document->tree.load_buffer(text, length, parse_options);
     if (result.status == pugi::status_out_of_memory) return refuse(error, LOOM_ENOMEM, "Out of memory");
     if (!result) return refuse_at(error, source, result.offset, result.description());
     if (const pugi::xml_node stray = stray_text(document->tree))
-        return refuse_at(error, source, stray.offset_debug(), "Text outside of any element");
+        return refuse_at(error, source, place_of(stray, source), "Text outside of any element");
     if (!document->tree.document_element())
         return refuse_at(error, source, static_cast<ptrdiff_t>(source.size()), "The document has no element");
     if (const pugi::xml_node deep = too_deep(document->tree))
-        return refuse_at(error, source, deep.offset_debug(), "Elements are nested too deep");
+        return refuse_at(error, source, place_of(deep, source), "Elements are nested too deep");
     return document.release();
 }
 
