@@ -64,9 +64,6 @@ constexpr bool owns_storage(value_category c) {
         ::T##_from_xml(h, d, path, document, v, err, message, message_length);                                    \
     }                                                                                                             \
     static u32 hash(const c_type* v, u32 seed) { return ::T##_hash(v, seed); }                                    \
-    static void set(loom_handle* h, u32 d, c_type* to, const c_type* from, u32* err) {                            \
-        ::T##_set(h, d, to, from, err);                                                                           \
-    }                                                                                                             \
     static c_type* create(loom_handle* h, u32 d) { return ::T##_create(h, d); }                                   \
     static void destroy(loom_handle* h, u32 d, c_type* v) { ::T##_destroy(h, d, v); }                             \
     static void destroy_internal(loom_handle* h, u32 d, c_type* v, u32 release) {                                 \
@@ -75,6 +72,12 @@ constexpr bool owns_storage(value_category c) {
 
 #define TRELLIS_COMPARE_FAMILY(T)                                                                                 \
     static i32 compare(const c_type* a, const c_type* b) { return ::T##_compare(a, b); }
+
+// A set that leaves its source alone; a record's takes what its source points at.
+#define TRELLIS_COPY_FAMILY(T)                                                                                    \
+    static void set(loom_handle* h, u32 d, c_type* to, const c_type* from, u32* err) {                            \
+        ::T##_set(h, d, to, from, err);                                                                           \
+    }
 
 #define TRELLIS_GET_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32* err) { return ::T##_get(h, d, v, err); }
@@ -114,6 +117,7 @@ constexpr bool owns_storage(value_category c) {
 #define TRELLIS_RECORD_FAMILY(T)                                                                                  \
     static constexpr value_category category = value_category::record;                                            \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    static void set(loom_handle* h, u32 d, c_type* to, c_type* from, u32* err) { ::T##_set(h, d, to, from, err); } \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
@@ -145,6 +149,7 @@ constexpr bool owns_storage(value_category c) {
 #define TRELLIS_ENUMERATION_FAMILY(T)                                                                             \
     static constexpr value_category category = value_category::enumeration;                                       \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    TRELLIS_COPY_FAMILY(T)                                                                                        \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
@@ -159,6 +164,7 @@ constexpr bool owns_storage(value_category c) {
 #define TRELLIS_SHARED_ENUMERATION_FAMILY(T)                                                                      \
     static constexpr value_category category = value_category::shared_enumeration;                                \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    TRELLIS_COPY_FAMILY(T)                                                                                        \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
@@ -169,6 +175,7 @@ constexpr bool owns_storage(value_category c) {
 #define TRELLIS_FLAG_SET_FAMILY(T)                                                                                \
     static constexpr value_category category = value_category::flag_set;                                          \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    TRELLIS_COPY_FAMILY(T)                                                                                        \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
@@ -186,6 +193,7 @@ namespace types {
         static constexpr value_category category = value_category::CATEGORY;                                      \
         static constexpr char name[] = #T;                                                                        \
         TRELLIS_COMMON_FAMILY(T)                                                                                  \
+        TRELLIS_COPY_FAMILY(T)                                                                                    \
         TRELLIS_GET_FAMILY(T)                                                                                     \
         TRELLIS_PLAIN_FAMILY(T)
 #define TRELLIS_VALUE(T, CATEGORY)                                                                                \
@@ -194,6 +202,7 @@ namespace types {
         static constexpr value_category category = value_category::CATEGORY;                                      \
         static constexpr char name[] = #T;                                                                        \
         TRELLIS_COMMON_FAMILY(T)                                                                                  \
+        TRELLIS_COPY_FAMILY(T)                                                                                    \
         TRELLIS_COMPARE_FAMILY(T)                                                                                 \
         TRELLIS_GET_FAMILY(T)                                                                                     \
         TRELLIS_EMBEDDED_FAMILY(T)                                                                                \
