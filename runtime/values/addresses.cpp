@@ -32,7 +32,7 @@ size_t format_octets(char* text, size_t room, u32 family, const u8* octets) {
 /// Dotted quad (RFC 791) or the text of RFC 4291; 0 when it is neither, else the family.
 u32 parse_octets(std::string_view text, u8* octets) {
     char terminated[INET6_ADDRSTRLEN];
-    if (text.size() >= sizeof terminated) return no_family;
+    if (text.empty() || text.size() >= sizeof terminated) return no_family;
     std::memcpy(terminated, text.data(), text.size());
     terminated[text.size()] = '\0';
     if (text.find('\0') != std::string_view::npos) return no_family;
