@@ -40,6 +40,7 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the generated words ar
 /// has no collisions among the registry's own luids, so that one comparison decides.
 template <class Registry>
 inline i32 lookup(const void* luid) {
+    if constexpr (Registry::count == 0) return -1;
     luid_words words;
     memcpy(&words, luid, sizeof words);
     const u32 place = Registry::slots[((words.low ^ words.high) * Registry::multiplier) >> Registry::shift];

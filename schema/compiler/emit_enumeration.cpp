@@ -89,6 +89,7 @@ void emit_model(emission& run, const enumeration& type) {
     text += "    using bundle = bundle_" + bundle + "::bundle;\n";
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += "    static constexpr i8 newest = " + std::to_string(type.newest) + ";\n";
+    text += "    static constexpr u32 base_size = " + std::to_string(type.base_size) + ";\n";
     text += "    static constexpr int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
     text += "    static constexpr u32 trace_base = " + std::to_string(type.trace_base) + ";\n";
     text += "    static constexpr enumeration_member members[] = {\n";

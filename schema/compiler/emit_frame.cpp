@@ -73,10 +73,10 @@ std::string frame_source(emission& run) {
         text += "void* " + each->bundle_name + "_bundle_handler_register(void* handler);\n";
         text += "void* " + each->bundle_name + "_bundle_handler_unregister(void);\n";
     }
-    text += "}\n\n";
-    text += "TRELLIS_EXPORT void* " + name + "_bundle_registered_handler = nullptr;\n";
-    text += "TRELLIS_EXPORT uint16_t g_loom_" + name + "_trace_module_id = 0;\n";
-    text += "TRELLIS_EXPORT uint16_t g_loom_" + name + "_stub_trace_module_id = 0;\n\n";
+    text += "\n";
+    text += "TRELLIS_EXPORT_DATA void* " + name + "_bundle_registered_handler = nullptr;\n";
+    text += "TRELLIS_EXPORT_DATA uint16_t g_loom_" + name + "_trace_module_id = 0;\n";
+    text += "TRELLIS_EXPORT_DATA uint16_t g_loom_" + name + "_stub_trace_module_id = 0;\n}\n\n";
     text += "namespace bundle_" + name + " {\n\nnamespace {\n\n";
     text += "/// Owner of the frame's trace statements.\nstruct frame_statements {\n"
             "    using bundle = bundle_" + name + "::bundle;\n"

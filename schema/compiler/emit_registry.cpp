@@ -140,7 +140,7 @@ std::string registry_source(emission& run, const std::vector<registered>& all) {
     text += "#include \"bundle.h\"\n\n#include \"frame/bundle.h\"\n\n#include <" + name + "/table_registry.h>\n\n";
     text += "extern \"C\" __attribute__((visibility(\"hidden\"))) const loom_table_vft " + name +
             "_table_records[];\n";
-    text += "TRELLIS_EXPORT loom_table_vft " + name + "_table_lut[" + extent + "] = {};\n\n";
+    text += "extern \"C\" {\nTRELLIS_EXPORT_DATA loom_table_vft " + name + "_table_lut[" + extent + "] = {};\n}\n\n";
     text += "namespace bundle_" + name + " {\n\nnamespace {\n\nu32 registry_state = 0;\n\n";
     text += "struct registry {\n    using bundle = bundle_" + name + "::bundle;\n"
             "    static constexpr int trace_unit = 4;\n    static constexpr u32 trace_base = 0;\n";
