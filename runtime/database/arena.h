@@ -1,0 +1,197 @@
+// Arena memory: one range of addresses with an allocator of its own inside. The same code serves private memory and
+// mapped files; what differs is the backing that gives it room. Sections, files and locks are not known here, only
+// the undo log and the debug arena that listen to notices.
+//
+//   base                                                                     top          extent        reserve
+//   | arena_header | block | block | ...                                      |  untouched  |  not there yet |
+//
+//   block: | head: size and flags | payload ...                      |    in use
+//          | head | next | previous | ...               | size again |    free, in a bin, merged with its neighbours
+//          | head | next | ...                                       |    cached: free, small, not merged
+//
+// A block starts 8 bytes before a multiple of 16, so payloads are 16-byte aligned. Freeing a small block puts it on
+// a list of blocks of exactly its size; those lists are merged into the bins only before the arena would grow.
+//
+// Every store of the allocator is announced. Blocks that are freed while a section is open keep their contents until
+// it commits, unless they were made in the same section: only so can an abort bring them back.
+#pragma once
+
+#include "runtime/database/sanitizer.h"
+
+#include "frame/basic_types.h"
+
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace loom {
+using namespace trellis;
+
+class debug_arena;
+class undo_log;
+
+/// Gives an arena its room.
+class backing {
+public:
+    virtual ~backing() = default;
+    /// Makes the bytes up to `extent` usable; false when there is no room.
+    virtual bool extend(std::byte* base, u64 old_extent, u64 extent) = 0;
+};
+
+/// A free or used piece of the arena.
+struct block {
+    u64 head;
+    block* next;
+    block* previous;
+};
+inline constexpr u64 block_in_use = 1;
+inline constexpr u64 block_previous_in_use = 2;
+inline constexpr u64 block_cached = 4;
+inline constexpr u64 block_deferred = 8;
+inline constexpr u64 block_flags = 15;
+
+/// A block under a name.
+struct named_root {
+    named_root* next;
+    void* block;
+    u32 hash;
+    u32 length;
+};
+
+inline constexpr char arena_magic[8] = {'L', 'O', 'O', 'M', 'A', 'R', 'N', 'A'};
+inline constexpr u32 arena_version = 1;
+
+/// The first bytes of every arena, and of every database file.
+struct arena_header {
+    char magic[8];
+    u32 version;
+    u32 header_size;
+    u64 base;
+    u64 reserve;
+    u8 identity[16];
+    char name[64];
+    u64 extent;
+    u64 top;
+    u64 top_previous_in_use;
+    u64 blocks;
+    u64 bytes;
+    u64 cached_bytes;
+    void* database_root; ///< what the layers above keep; null until they have made it
+    u64 bin_map[3];
+    block* cached[33];
+    block* bins[192];
+    named_root* roots[64];
+};
+static_assert(sizeof(arena_header) <= 4096 - 8 && std::is_trivially_copyable_v<arena_header>);
+
+class arena {
+public:
+    /// Takes over memory at `base` whose header is filled in already.
+    void attach(std::byte* base, backing* room, bool private_memory);
+    /// Writes a header for an arena without blocks.
+    static void format(arena_header& header, u64 base, u64 reserve, u64 extent, const u8 identity[16],
+                       const std::string& name);
+
+    arena_header& header() const { return *reinterpret_cast<arena_header*>(base_); }
+    std::byte* base() const { return base_; }
+    bool contains(const void* address) const {
+        return static_cast<u64>(static_cast<const std::byte*>(address) - base_) < reserve_;
+    }
+    u64 offset_of(const void* address) const { return static_cast<u64>(static_cast<const std::byte*>(address) - base_); }
+
+    /// `size` bytes, 16-byte aligned, contents undefined; null when there is no room.
+    void* allocate(u64 size);
+    /// Gives a block back. Ends the process when it is none.
+    void release(void* payload);
+    /// Bytes that the block behind `payload` can hold.
+    static u64 size_of(const void* payload);
+
+    /// The bytes are about to change. False when the undo log has no room.
+    bool announce(const void* address, u64 size) { return !listened_ || note(address, size); }
+    /// Whether notices go anywhere at all.
+    bool listened() const { return listened_; }
+    /// Announces and stores.
+    template <class T>
+    void assign(T& place, std::type_identity_t<T> value) {
+        announce_or_end(&place, sizeof place);
+        place = value;
+    }
+    /// For stores that cannot be refused: a notice without room in the log ends the process, so that what the
+    /// section has done so far can still be undone.
+    void announce_or_end(const void* address, u64 size) {
+        if (listened_) note_or_end(address, size);
+    }
+
+    /// From here on notices go to `log`, and freed blocks keep their contents.
+    void open_section(undo_log& log);
+    /// Carries out the deferred frees; they are still part of the section.
+    void finish_section();
+    /// Notices go nowhere again.
+    void close_section();
+    /// After a rollback: tells the sanitizer anew which memory is in use.
+    void refresh_poison();
+    bool in_section() const { return log_ != nullptr; }
+
+    void set_debug(debug_arena* debug);
+    void set_next_tag(u32 tag) { next_tag_ = tag; }
+
+    named_root* find_root(const char* name) const;
+    /// Enters or replaces a root; false when there is no memory for it.
+    bool set_root(const char* name, void* block);
+
+    /// Visits all blocks in use by payload and size, in order.
+    void each_block(const std::function<void(void*, u64)>& visit) const;
+    /// The block in use around `offset`, if any: payload and size.
+    std::pair<const void*, u64> block_around(u64 offset) const;
+    /// Empty when the arena's records agree with each other; otherwise the first fault.
+    std::string verify() const;
+    /// Lets the sanitizer forget what it was told, before the memory goes.
+    void detach();
+
+private:
+    bool note(const void* address, u64 size);
+    void note_or_end(const void* address, u64 size);
+    block* pop_cached(u64 total);
+    block* take_free(u64 total);
+    block* take_top(u64 total);
+    void unlink(block* piece, u64 size);
+    void link(block* piece, u64 size);
+    void push_cached(block* piece, u64 total);
+    void merge(block* piece, u64 size);
+    void flush_cached();
+    bool grow(u64 total);
+    void set_previous_in_use(block* piece, bool in_use);
+    void count(i64 blocks, i64 bytes);
+    block* at(u64 offset) const { return reinterpret_cast<block*>(base_ + offset); }
+    block* piece_behind(block* piece, u64 size) const {
+        return reinterpret_cast<block*>(reinterpret_cast<std::byte*>(piece) + size);
+    }
+    bool made_in_section(const block* piece) const;
+
+    struct known_range {
+        u64 offset = 0;
+        u32 size = 0;
+        u32 section = 0;
+    };
+    struct young_block {
+        const block* piece = nullptr;
+        u32 section = 0;
+    };
+
+    std::byte* base_ = nullptr;
+    u64 reserve_ = 0;
+    backing* room_ = nullptr;
+    bool private_memory_ = false;
+    bool listened_ = false;
+    debug_arena* debug_ = nullptr;
+    undo_log* log_ = nullptr;
+    u32 section_ = 0;
+    u32 next_tag_ = 0;
+    u64 section_top_ = 0;
+    std::vector<block*> deferred_;
+    std::vector<known_range> known_;  ///< ranges that the open section has logged; may forget
+    std::vector<young_block> young_;  ///< blocks that the open section has made; may forget
+};
+
+} // namespace loom

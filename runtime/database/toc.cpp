@@ -1,0 +1,187 @@
+// The list of all tables, and the tables of contents: one per domain, from paths and ids to tables.
+//
+// A TOC remembers the tables that it let go (table_out_of_toc): a second delete of such a table is forgiven, so that
+// a free that was refused halfway can be repeated. In a TOC marked shared, a table that is taken out by anybody but
+// the garbage collector waits for the collector.
+#include "runtime/database/gc.h"
+#include "runtime/export.h"
+#include "runtime/handle/open_handle.h"
+
+#include <cstring>
+
+namespace loom {
+namespace {
+constexpr std::size_t longest_path = 207;
+
+void set_error(loom_handle* handle, u32* err, u32 number) {
+    *err = number;
+    loom_store_err(handle, number);
+}
+
+u64 hash_of_path(const char* path, std::size_t length) {
+    u64 hash = 14695981039346656037u;
+    for (std::size_t i = 0; i < length; ++i) hash = (hash ^ static_cast<u8>(path[i])) * 1099511628211u;
+    return hash;
+}
+u64 hash_of_id(u64 id, const u8* luid) { return (id + 1) * 0x9E3779B97F4A7C15u ^ hash_of_bytes(luid); }
+
+u64 hash_of_table(const loom_table& table) {
+    return table.open_mode == 0 ? hash_of_path(table.table_name, strnlen(table.table_name, longest_path))
+                                : hash_of_id(table.table_id, table.header.loom_tinfo->luid);
+}
+
+toc* find_toc(const database_root& root, u32 domain) {
+    toc* each = root.tocs;
+    while (each && each->domain != domain) each = each->next;
+    return each;
+}
+
+toc* open_toc(open_handle& handle, u32 domain) {
+    database_root& root = *handle.db->root();
+    if (toc* found = find_toc(root, domain)) return found;
+    const write_scope scope(handle);
+    auto* made = scope ? static_cast<toc*>(handle.db->memory.allocate(sizeof(toc))) : nullptr;
+    if (!made) return nullptr;
+    std::memset(static_cast<void*>(made), 0, sizeof *made);
+    made->root.flags = root.shared ? LOOM_TOC_SHARED : 0;
+    made->domain = domain;
+    made->next = root.tocs;
+    handle.db->memory.assign(root.tocs, made);
+    return made;
+}
+
+toc_entry* find_entry(const toc& contents, const loom_table* table) {
+    return contents.tables.find(hash_of_table(*table), [&](const toc_entry& each) { return each.table == table; });
+}
+
+toc_entry* find_path(const toc& contents, const char* path, u32 length) {
+    return contents.tables.find(hash_of_path(path, length), [&](const toc_entry& each) {
+        return each.table->open_mode == 0 && strnlen(each.table->table_name, longest_path) == length &&
+               std::memcmp(each.table->table_name, path, length) == 0;
+    });
+}
+
+toc_entry* find_id(const toc& contents, u64 id, const u8* luid) {
+    return contents.tables.find(hash_of_id(id, luid), [&](const toc_entry& each) {
+        return each.table->open_mode != 0 && each.table->table_id == id &&
+               std::memcmp(each.table->header.loom_tinfo->luid, luid, 16) == 0;
+    });
+}
+} // namespace
+} // namespace loom
+
+using namespace loom;
+
+LOOM_EXPORT loom_table_list* loomlib_database_table_toc_get(loom_handle* handle, uint32_t, uint32_t* err) {
+    return *err ? nullptr : opened(handle)->db->root()->tables;
+}
+
+LOOM_EXPORT loom_table_list* loomlib_database_table_toc_create(loom_handle* handle, uint32_t domain, uint32_t* err) {
+    if (loom_table_list* list = loomlib_database_table_toc_get(handle, domain, err)) return list;
+    if (*err) return nullptr;
+    open_handle* own = opened(handle);
+    const write_scope scope(*own);
+    auto* list = scope ? static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list))) : nullptr;
+    if (!list) {
+        set_error(handle, err, scope ? LOOM_ENOMEM : LOOM_EPERM);
+        return nullptr;
+    }
+    *list = {nullptr, &list->first};
+    own->db->memory.assign(own->db->root()->tables, list);
+    return list;
+}
+
+LOOM_EXPORT void loom_each_table(loom_handle* handle, loom_table_fn visit, void* context) {
+    const loom_table_list* list = opened(handle)->db->root()->tables;
+    for (loom_table* table = list ? list->first : nullptr; table;) {
+        loom_table* next = table->toc_next;
+        if (visit(table, context)) return;
+        table = next;
+    }
+}
+
+LOOM_EXPORT loom_toc_root* loomdb_database_toc_get(loom_handle* handle, uint32_t domain, uint32_t* err) {
+    toc* found = *err ? nullptr : find_toc(*opened(handle)->db->root(), domain);
+    return found ? &found->root : nullptr;
+}
+
+LOOM_EXPORT loom_toc_root* loomdb_database_toc_open(loom_handle* handle, uint32_t domain, uint32_t* err) {
+    if (*err) return nullptr;
+    toc* contents = open_toc(*opened(handle), domain);
+    if (!contents) set_error(handle, err, LOOM_ENOMEM);
+    return contents ? &contents->root : nullptr;
+}
+
+LOOM_EXPORT uint32_t loom_database_mark_shared(loom_handle* handle, uint32_t shared) {
+    open_handle* own = opened(handle);
+    const write_scope scope(*own);
+    if (!scope) return EPERM;
+    arena& memory = own->db->memory;
+    database_root& root = *own->db->root();
+    memory.assign(root.shared, shared != 0);
+    for (toc* each = root.tocs; each; each = each->next)
+        memory.assign(each->root.flags, static_cast<u8>(shared ? LOOM_TOC_SHARED : 0));
+    return 0;
+}
+
+LOOM_EXPORT loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, uint32_t domain, const char* path,
+                                                           uint32_t path_length, uint64_t id, const uint8_t* luid,
+                                                           uint32_t luid_length, uint32_t by_name, uint32_t* err) {
+    if (*err) return nullptr;
+    if (luid_length != 16 || !luid || (by_name && (!path || path_length > longest_path))) {
+        set_error(handle, err, LOOM_EINVAL);
+        return nullptr;
+    }
+    const toc* contents = find_toc(*opened(handle)->db->root(), domain);
+    if (!contents) return nullptr;
+    const toc_entry* entry = by_name ? find_path(*contents, path, path_length) : find_id(*contents, id, luid);
+    if (!entry) return nullptr;
+    if (std::memcmp(entry->table->header.loom_tinfo->luid, luid, 16) != 0) {
+        // A full path can name a table of another type. Its records are not what the caller takes them for.
+        set_error(handle, err, LOOM_EINVAL);
+        return nullptr;
+    }
+    return entry->table;
+}
+
+LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t dynamic,
+                                            uint32_t* err) {
+    if (*err) return;
+    open_handle* own = opened(handle);
+    const write_scope scope(*own);
+    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    toc* contents = open_toc(*own, domain);
+    if (!contents) return set_error(handle, err, LOOM_ENOMEM);
+    const toc_entry* same = table->open_mode == 0
+                                ? find_path(*contents, table->table_name,
+                                            static_cast<u32>(strnlen(table->table_name, longest_path)))
+                                : find_id(*contents, table->table_id, table->header.loom_tinfo->luid);
+    if (same) return set_error(handle, err, LOOM_EEXIST);
+    arena& memory = own->db->memory;
+    auto* entry = static_cast<toc_entry*>(memory.allocate(sizeof(toc_entry)));
+    if (entry) *entry = {nullptr, table, hash_of_table(*table), dynamic != 0, 0};
+    if (!entry || !contents->tables.insert(memory, entry)) {
+        if (entry) memory.release(entry);
+        return set_error(handle, err, LOOM_ENOMEM);
+    }
+    memory.assign(words_of(table).domain, domain);
+    memory.assign(words_of(table).marks, words_of(table).marks & ~table_out_of_toc);
+}
+
+LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* err) {
+    if (*err) return;
+    open_handle* own = opened(handle);
+    toc* contents = find_toc(*own->db->root(), domain);
+    toc_entry* entry = contents ? find_entry(*contents, table) : nullptr;
+    if (!entry) {
+        if (!(words_of(table).marks & table_out_of_toc)) set_error(handle, err, LOOM_ENOENT);
+        return;
+    }
+    const write_scope scope(*own);
+    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    arena& memory = own->db->memory;
+    contents->tables.remove(memory, entry);
+    memory.release(entry);
+    memory.assign(words_of(table).marks, words_of(table).marks | table_out_of_toc);
+    if ((contents->root.flags & LOOM_TOC_SHARED) && !handle->gc_context) put_on_gc_list(*own, table);
+}

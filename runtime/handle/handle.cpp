@@ -1,0 +1,281 @@
+// Opening and closing handles, their sections, and the functions that bundles find in them.
+#include "runtime/handle/open_handle.h"
+
+#include "runtime/export.h"
+#include "runtime/handle/peer.h"
+#include "runtime/types/type_info_map.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace loom {
+namespace {
+constexpr u32 default_workspace_size = u32{1} << 20;
+constexpr u64 scratch_reserve = u64{1} << 30;
+
+std::atomic<u32> shared_handles{0};
+thread_local u32 call_site_tag = 0;
+
+open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
+
+void* alloc(void* context, u32, size_t size) { return of(context).allocate(size); }
+void release(void* context, u32, void* block) { of(context).release(block); }
+
+void announce(loom_handle* handle, const void* address, size_t length, u32, const void*) {
+    of(handle->alloc_ctx).announce_or_end(address, length);
+}
+void announce_counter(void* context, const void* address, u32, u32) {
+    of(context).announce_or_end(address, sizeof(u64));
+}
+
+void fill_view(open_handle& handle, const loom_open_options& options) {
+    loom_handle& view = handle.view;
+    view.shared_alloc = alloc;
+    view.alloc = alloc;
+    view.free = release;
+    view.write_hook = announce;
+    view.counter_hook = announce_counter;
+    view.tinfo_insert = insert_type_info;
+    view.tinfo_lookup = lookup_type_info;
+    view.db_kind = options.kind;
+    view.alloc_ctx = view.tinfo_ctx = view.shared_alloc_ctx = &handle;
+    view.header_tag = options.header_tag;
+    view.cr_domain = options.cr_domain ? options.cr_domain : 1;
+    view.pending_totals = &handle.db->root()->pending_totals;
+    view.hd_map = &handle.db->root()->tracking;
+    view.runtime = &handle;
+    handle.db_name = handle.db->memory.header().name;
+    view.db_name = handle.db_name.c_str();
+    handle.workspace_size = options.workspace_size ? options.workspace_size : default_workspace_size;
+    loom_set_peer(&view, nullptr);
+    loom_set_tracking(&view, options.tracking);
+}
+
+/// Locks for a mapped database, and its root.
+u32 prepare_mapped(open_handle& handle, bool exclusive) {
+    database& db = *handle.db;
+    if (const u32 error = handle.lock.open(db.file()))
+        return fail(error, "database %s: cannot be opened for locking: %s", db.path.c_str(),
+                    words_of(static_cast<int>(error)).c_str());
+    if (!handle.lock.declare_use(exclusive))
+        return fail(EBUSY, exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
+                                     : "database %s: is in use exclusively; close the other handle on it",
+                    db.path.c_str());
+    if (handle.db->exclusive != exclusive)
+        return fail(EBUSY, "database %s: is being opened in another way by this process", db.path.c_str());
+    if (const u32 error = handle.begin_read()) return error;
+    const bool has_root = db.root() != nullptr;
+    handle.end_read();
+    if (has_root) return 0;
+    if (const u32 error = handle.begin_write()) return error;
+    const bool made = db.make_root() != nullptr;
+    handle.end_write(made);
+    return made ? 0 : fail(ENOMEM, "database %s: no room on the disk", db.path.c_str());
+}
+} // namespace
+
+u32 open_handle::begin_write() {
+    if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
+    if (shared()) {
+        if (db->writer.load() == std::this_thread::get_id())
+            return fail(EDEADLK, "this thread has a write section on the database with another handle");
+        if (!lock.take_write())
+            return fail(static_cast<u32>(errno), "write lock of %s: %s", db->path.c_str(), words_of(errno).c_str());
+        lock_taken(db.get());
+        db->writer = std::this_thread::get_id();
+    }
+    if (db->needs_recovery()) db->recover();
+    db->open_section();
+    section = section_kind::write;
+    return 0;
+}
+
+u32 open_handle::end_write(bool commit) {
+    if (section != section_kind::write) return fail(EINVAL, "this handle has no write section");
+    if (commit) db->commit_section();
+    else db->abort_section();
+    section = section_kind::none;
+    if (shared()) {
+        db->writer = std::thread::id{};
+        lock_given_up(db.get());
+        lock.give_up();
+    }
+    return 0;
+}
+
+u32 open_handle::begin_read() {
+    if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
+    while (shared()) {
+        if (db->writer.load() == std::this_thread::get_id())
+            return fail(EDEADLK, "this thread has a write section on the database with another handle");
+        if (!lock.take_read())
+            return fail(static_cast<u32>(errno), "read lock of %s: %s", db->path.c_str(), words_of(errno).c_str());
+        lock_taken(db.get());
+        if (!db->needs_recovery()) break;
+        // A writer has died. Only who has the write lock may put its bytes back.
+        lock.give_up();
+        if (const u32 error = begin_write()) return error;
+        end_write(true);
+    }
+    if (!shared() && db->needs_recovery()) db->recover();
+    section = section_kind::read;
+    return 0;
+}
+
+u32 open_handle::end_read() {
+    if (section != section_kind::read) return fail(EINVAL, "this handle has no read section");
+    section = section_kind::none;
+    if (shared()) {
+        lock_given_up(db.get());
+        lock.give_up();
+    }
+    if (!frees_put_off.empty()) {
+        const write_scope scope(*this);
+        for (void* block : frees_put_off) db->memory.release(block);
+        frees_put_off.clear();
+    }
+    return 0;
+}
+
+void* open_handle::allocate(u64 size) {
+    const u32 tag = std::exchange(call_site_tag, 0);
+    if (failing_after != ~u64{0}) {
+        if (failing_after == 0) return nullptr;
+        --failing_after;
+    }
+    ++allocations;
+    if (db->mapped && section == section_kind::read) return scratch_space().memory.allocate(size);
+    const write_scope scope(*this);
+    if (!scope) return nullptr;
+    db->memory.set_next_tag(tag);
+    return db->memory.allocate(size);
+}
+
+void open_handle::release(void* block) {
+    if (!block) return;
+    database& space = space_of(block);
+    if (&space != db.get()) {
+        space.memory.release(block);
+    } else if (db->mapped && section == section_kind::read) {
+        frees_put_off.push_back(block);
+    } else {
+        const write_scope scope(*this);
+        space.memory.release(block);
+    }
+}
+
+database& open_handle::scratch_space() {
+    if (!scratch) {
+        scratch = database::make_private(scratch_reserve, "scratch");
+        if (!scratch) fatal("%s", error_text().c_str());
+    }
+    return *scratch;
+}
+
+write_scope::write_scope(open_handle& handle) : handle_(handle) {
+    if (!handle.db->mapped || handle.section == section_kind::write) return;
+    granted_ = handle.section == section_kind::none && handle.begin_write() == 0;
+    opened_ = granted_;
+}
+
+write_scope::~write_scope() {
+    if (opened_) handle_.end_write(true);
+}
+
+} // namespace loom
+
+using namespace loom;
+
+LOOM_EXPORT loom_handle* loom_open(const loom_open_options* options) {
+    error_text().clear();
+    if (!options || options->size != sizeof *options || options->kind > LOOM_DB_PRIVATE_MANIFESTED ||
+        options->tracking > LOOM_TRACKING_ON) {
+        fail(EINVAL, "loom_open: the options are not filled in (size, kind, tracking)");
+        return nullptr;
+    }
+    auto handle = std::make_unique<open_handle>();
+    const bool mapped = options->kind == LOOM_DB_MAPPED;
+    handle->db = mapped ? database::open_file(*options)
+                        : database::make_private(options->reserve, options->name ? options->name : "private");
+    if (!handle->db) return nullptr;
+    if (mapped && prepare_mapped(*handle, options->flags & LOOM_OPEN_EXCLUSIVE) != 0) return nullptr;
+    fill_view(*handle, *options);
+    if (handle->shared()) ++shared_handles;
+    return &handle.release()->view;
+}
+
+LOOM_EXPORT loom_handle* loom_open_private(void) {
+    loom_open_options options{};
+    options.size = sizeof options;
+    options.kind = LOOM_DB_PRIVATE;
+    return loom_open(&options);
+}
+
+LOOM_EXPORT loom_handle* loom_open_mapped(const char* path, uint32_t flags) {
+    loom_open_options options{};
+    options.size = sizeof options;
+    options.kind = LOOM_DB_MAPPED;
+    options.path = path;
+    options.flags = flags;
+    return loom_open(&options);
+}
+
+LOOM_EXPORT void loom_close(loom_handle* handle) {
+    if (!handle) return;
+    open_handle* own = opened(handle);
+    if (own->section == section_kind::write) own->end_write(false);
+    if (own->section == section_kind::read) own->end_read();
+    loom_set_peer(handle, nullptr);
+    if (own->shared()) --shared_handles;
+    delete own;
+}
+
+LOOM_EXPORT uint32_t loom_write_begin(loom_handle* handle) { return opened(handle)->begin_write(); }
+LOOM_EXPORT uint32_t loom_write_commit(loom_handle* handle) { return opened(handle)->end_write(true); }
+LOOM_EXPORT uint32_t loom_write_abort(loom_handle* handle) { return opened(handle)->end_write(false); }
+LOOM_EXPORT uint32_t loom_read_begin(loom_handle* handle) { return opened(handle)->begin_read(); }
+LOOM_EXPORT uint32_t loom_read_end(loom_handle* handle) { return opened(handle)->end_read(); }
+
+LOOM_EXPORT uint32_t loomlib_db_is_shared(void) { return shared_handles.load() != 0; }
+LOOM_EXPORT uint32_t loomlib_database_is_write_locked(loom_handle* handle) {
+    const open_handle* own = opened(handle);
+    return !own->shared() || own->section == section_kind::write;
+}
+
+LOOM_EXPORT void loom_database_identity(loom_handle* handle, uint8_t identity[16]) {
+    std::memcpy(identity, opened(handle)->db->memory.header().identity, 16);
+}
+LOOM_EXPORT uint32_t loom_database_sync(loom_handle* handle) { return opened(handle)->db->sync(); }
+
+LOOM_EXPORT void loom_set_tracking(loom_handle* handle, uint32_t tracking) {
+    open_handle* own = opened(handle);
+    own->tracking.sttr_mode = tracking == LOOM_TRACKING_ON ? LOOM_STTR_ON : LOOM_STTR_OFF;
+    handle->sttr_block = tracking == LOOM_TRACKING_NONE ? nullptr : &own->tracking;
+}
+LOOM_EXPORT void loom_set_cr_domain(loom_handle* handle, uint32_t domain) { handle->cr_domain = domain; }
+LOOM_EXPORT void loom_set_header_tag(loom_handle* handle, uint32_t tag) { handle->header_tag = tag; }
+LOOM_EXPORT void loom_set_suppress_messages(loom_handle* handle, uint32_t suppress) {
+    opened(handle)->suppress_messages = suppress;
+}
+LOOM_EXPORT uint32_t loomlib_suppress_messages_enabled(loom_handle* handle) {
+    return handle->runtime ? opened(handle)->suppress_messages : 0;
+}
+
+LOOM_EXPORT void loom_set_workspace_size(loom_handle* handle, uint32_t size) {
+    open_handle* own = opened(handle);
+    own->workspace = {};
+    own->workspace_size = size;
+}
+LOOM_EXPORT void loomlib_get_handle_ws(loom_handle* handle, void** workspace, uint32_t* size) {
+    open_handle* own = opened(handle);
+    if (own->workspace.empty()) own->workspace.resize(own->workspace_size);
+    *workspace = own->workspace.data();
+    *size = own->workspace_size;
+}
+
+LOOM_EXPORT void umber_set_callsite_tag(uint32_t tag) { call_site_tag = tag; }
+LOOM_EXPORT void* loomlib_malloc(uint32_t, uint32_t, size_t size) { return std::malloc(size); }
+LOOM_EXPORT void loomlib_free(uint32_t, uint32_t, void* block) { std::free(block); }

@@ -1,0 +1,129 @@
+// What the runtime keeps behind a loom_handle, and the access of one handle to its database: sections, memory,
+// notices. The address of this object is also the `alloc_ctx`, `tinfo_ctx` and `shared_alloc_ctx` of the handle.
+#pragma once
+
+#include "runtime/database/database.h"
+#include "runtime/database/error_text.h"
+
+#include <loom_runtime/arena.h>
+#include <loom_runtime/runtime.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace loom {
+
+enum class section_kind : u8 { none, write, read };
+
+/// Records handed to readers, latest last; a ring.
+struct replication_cache {
+    struct seen {
+        loom_table* table;
+        loom_table_record* record;
+    };
+    std::array<seen, 256> latest{};
+    u64 count = 0;
+};
+
+/// One message in an open message bundle.
+struct bundled_message {
+    std::array<u8, 16> luid;
+    std::string name;
+    u64 count;
+};
+struct message_bundle {
+    std::string name;
+    std::vector<std::array<u8, 16>> allowed;
+    std::vector<bundled_message> messages;
+    u64 most = 0;
+    u64 total = 0;
+};
+
+/// Remembers what a lookup by type gave; direct-mapped, keyed by the address of the type information.
+struct variant_cache_entry {
+    const void* peer = nullptr;
+    const loom_type_info* info = nullptr;
+    u64 luid_half = 0;
+    i8 variant = 0;
+};
+struct manifest_cache_entry {
+    const loom_type_info* info = nullptr;
+    u64 luid_half = 0;
+    loom_type_info* manifested = nullptr;
+};
+
+struct open_handle {
+    loom_handle view{};
+    std::shared_ptr<database> db;
+    section_lock lock;
+    section_kind section = section_kind::none;
+    loom_sttr_block tracking{};
+    std::string db_name;
+
+    /// Memory of this process for objects that are made while the database may not be changed.
+    std::shared_ptr<database> scratch;
+    std::vector<void*> frees_put_off;
+    u64 allocations = 0;
+    u64 failing_after = ~u64{0};
+
+    std::vector<std::byte> workspace;
+    u32 workspace_size = 0;
+    u32 suppress_messages = 0;
+    loom_peer* peer = nullptr;
+    std::array<variant_cache_entry, 256> variants{};
+    std::array<manifest_cache_entry, 256> manifests{};
+    u64 manifests_rollbacks = 0;
+
+    loom_report_fn observer = nullptr;
+    void* observer_context = nullptr;
+    std::array<u64, 4> reports{};
+    replication_cache replication;
+    std::unique_ptr<message_bundle> messages;
+    u64 gc_failures = 0;
+
+    bool shared() const { return db->mapped && !db->exclusive; }
+
+    u32 begin_write();
+    u32 end_write(bool commit);
+    u32 begin_read();
+    u32 end_read();
+
+    /// Bytes are about to change. Only the owner of a section may add to its log: objects that another handle
+    /// builds meanwhile are not part of it. False when there is no room.
+    bool announce(const void* address, u64 size) {
+        return (db->mapped && section != section_kind::write) || db->memory.announce(address, size);
+    }
+    void announce_or_end(const void* address, u64 size) {
+        if (!announce(address, size)) fatal("%s", error_text().c_str());
+    }
+
+    void* allocate(u64 size);
+    void release(void* block);
+    /// The memory that `address` lies in: the database's, or that of this process.
+    database& space_of(const void* address) {
+        return !db->mapped || db->memory.contains(address) ? *db : scratch_space();
+    }
+    database& scratch_space();
+};
+
+/// The runtime's part of a handle; null for a handle that another runtime has made.
+inline open_handle* opened(loom_handle* handle) { return static_cast<open_handle*>(handle->runtime); }
+
+/// The right to change the database for a few steps: nothing inside a write section or in a private database, a short
+/// section of its own otherwise. Inside a read section there is no such right.
+class write_scope {
+public:
+    explicit write_scope(open_handle& handle);
+    ~write_scope();
+    write_scope(const write_scope&) = delete;
+    write_scope& operator=(const write_scope&) = delete;
+    explicit operator bool() const { return granted_; }
+
+private:
+    open_handle& handle_;
+    bool opened_ = false;
+    bool granted_ = true;
+};
+
+} // namespace loom

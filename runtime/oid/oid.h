@@ -1,0 +1,15 @@
+// What the parts of the oid family share with each other and with the garbage collector.
+#pragma once
+
+#include "runtime/database/layout.h"
+
+namespace loom {
+
+/// Top bit of an oid's object word: the value holds a counted reference.
+inline constexpr u64 oid_counted = u64{1} << 63;
+
+/// Ends an object whose end was put off and that has no references left. False when nobody knows how, or when it
+/// would not go.
+bool destroy_put_off(loom_handle* handle, loom_oid_mapping* mapping);
+
+} // namespace loom
