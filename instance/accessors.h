@@ -179,6 +179,7 @@ inline void release_replaced_flags(const call& c, typename M::object* to, const 
     if (c.mode() != tracking_mode::on || !is_tracked(to) || !is_tracked(from)) return;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_variable_array<A>) {
+            if (!has_room_for<A>(to) || !has_room_for<A>(from)) return;
             u8*& flags = element_flags_of<A>(tracking_area<M>(c, to));
             if (flags == nullptr || flags == element_flags_of<A>(tracking_area<M>(c, from))) return;
             c.release(flags);
@@ -196,6 +197,7 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
     const call c{handle, domain, &error};
     release_replaced_flags<M>(c, to, from);
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        if (!has_room_for<A>(to) || !has_room_for<A>(from)) return;
         if constexpr ((is_object<A> || is_fixed_array<A>)&&owns_storage(A::type::category)) {
             value_of<A>* values = cell_of<A>(to);
             const value_of<A>* kept = cell_of<A>(from);
@@ -238,6 +240,7 @@ inline void move_list(const call& c, holder_of<A>* destination, holder_of<A>* so
         links_of(first)->previous = to;
         announce_links<A, says::post_copyout_cleanup_arena_refused, 1>(c, &links_of(last)->next, sizeof(void*));
         links_of(last)->next = to;
+        c.announce(to, 16, destination);
         to->first = first;
         to->last = last;
         c.announce(from, 16, source);
@@ -255,6 +258,7 @@ void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* d
                           typename M::object* source, u32* err) {
     const call c{handle, domain, err};
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        if (!has_room_for<A>(destination) || !has_room_for<A>(source)) return;
         if constexpr (is_object<A> && owns_storage(A::type::category)) {
             A::type::set(handle, domain, cell_of<A>(destination), cell_of<A>(source), err);
         } else if constexpr (is_fixed_array<A> && owns_storage(A::type::category)) {
@@ -282,7 +286,8 @@ inline void move_tracking_area(const call& c, typename M::object* destination, t
     c.announce(to, size, to);
     memcpy(to, from, size);
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>) c.store<u8*>(&element_flags_of<A>(from), nullptr, nullptr);
+        if constexpr (is_variable_array<A>)
+            if (has_room_for<A>(source)) c.store<u8*>(&element_flags_of<A>(from), nullptr, nullptr);
     });
 }
 

@@ -108,24 +108,27 @@ inline loom_variant_entry* entry_of(const loom_type_info* tinfo, i8 variant) {
         offsetof(loom_variant_entry, objects_created));
 }
 
-/// Fills the header of memory that the caller zeroed. All stores have the object as owner.
+/// Fills the header of memory that the caller zeroed. All stores have the object as owner. False when the database
+/// has no room for the type's description.
 template <class M>
-inline void fill_header(const call& c, typename M::object* object, const loom_type_info* tinfo, u8 flags,
+inline bool fill_header(const call& c, typename M::object* object, const loom_type_info* tinfo, u8 flags,
                         bool announced) {
     loom_object* header = header_of(object);
     const auto announce = [&](const void* address, size_t length) {
         if (announced) c.announce(address, length, object);
     };
+    const i8 variant = peer_variant<M>(c, tinfo);
     announce(&header->loom_layout_variant, 1);
     header->loom_layout_variant = static_cast<u8>(M::newest);
     announce(&header->loom_variant, 1);
-    header->loom_variant = peer_variant<M>(c, tinfo);
+    header->loom_variant = variant;
     announce(&header->loom_tinfo, sizeof header->loom_tinfo);
     header->loom_tinfo = resident_type_info<typename M::bundle>(c, tinfo);
     if (flags != 0) {
         announce(&header->loom_flags, 1);
         header->loom_flags |= flags;
     }
+    return header->loom_tinfo != nullptr;
 }
 
 template <class M, auto NoTable, auto Beyond>
@@ -137,7 +140,12 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
     if (!stopped) made = static_cast<typename M::object*>(c.allocate(sizeof(typename M::object)));
     if (made != nullptr) {
         memset(static_cast<void*>(made), 0, sizeof(typename M::object));
-        fill_header<M>(c, made, M::type::type_info(), 0, true);
+        if (!fill_header<M>(c, made, M::type::type_info(), 0, true)) {
+            c.release(made);
+            made = nullptr;
+        }
+    }
+    if (made != nullptr) {
         const loom_object* header = header_of(made);
         loom_variant_entry* entry = entry_of<M, NoTable, Beyond>(header->loom_tinfo, header->loom_variant);
         raise_counter(c, header->loom_tinfo, &entry->objects_created);
@@ -151,13 +159,13 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
 }
 
 /// In-place set-up: the variant table is checked, nothing is counted, since nothing counts the end of it.
-template <class M, auto NoTable>
+template <class M, auto NoTable, auto Beyond>
 u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, const loom_type_info* tinfo,
                u32 write_through, u8 obj_flags) {
     u32 error = 0;
     const call c{handle, domain, &error};
-    fill_header<M>(c, object, tinfo, obj_flags, write_through != 0);
-    if (header_of(object)->loom_tinfo->variant_table == nullptr) diag::die<M, NoTable>();
+    if (fill_header<M>(c, object, tinfo, obj_flags, write_through != 0))
+        entry_of<M, NoTable, Beyond>(header_of(object)->loom_tinfo, header_of(object)->loom_variant);
     return 0;
 }
 
@@ -249,8 +257,8 @@ typename E::object* create_cr(loom_handle* handle) {
 template <class E>
 u32 initialize(loom_handle* handle, u32 domain, typename E::object* object, const loom_type_info* tinfo,
                u32 write_through, u8 obj_flags) {
-    return compact::initialize<E, says::initialize_no_variant_table>(handle, domain, object, tinfo, write_through,
-                                                                     obj_flags);
+    return compact::initialize<E, says::initialize_no_variant_table, says::initialize_variant_beyond_table>(
+        handle, domain, object, tinfo, write_through, obj_flags);
 }
 /// An enumeration that other bundles share takes the argument list of a value.
 template <class E>

@@ -65,8 +65,8 @@ typename F::object* create_cr(loom_handle* handle) {
 template <class F>
 u32 initialize(loom_handle* handle, u32 domain, typename F::object* object, const loom_type_info* tinfo,
                u32 write_through, u8 obj_flags) {
-    return compact::initialize<F, says::initialize_no_variant_table>(handle, domain, object, tinfo, write_through,
-                                                                     obj_flags);
+    return compact::initialize<F, says::initialize_no_variant_table, says::initialize_variant_beyond_table>(
+        handle, domain, object, tinfo, write_through, obj_flags);
 }
 template <class F>
 void destroy_internal(loom_handle* handle, u32 domain, typename F::object* object, u32 release) {

@@ -87,8 +87,10 @@ template <class M, class Body>
 inline void each_nested_area(typename M::object* object, u8* base, Body&& body) {
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_nested_record<A>) {
-            body.template operator()<A>(cell_of<A>(object), base + nested_track<A>);
+            if (has_room_for<A>(object))
+                body.template operator()<A>(cell_of<A>(object), base + nested_track<A>);
         } else if constexpr (is_fixed_array<A> && is_array_of_records<A>) {
+            if (!has_room_for<A>(object)) return;
             for (u32 i = 0; i < A::extent; ++i)
                 body.template operator()<A>(cell_of<A>(object) + i,
                                             base + element_track<A> + i * A::type::tracking_size);
@@ -100,7 +102,7 @@ inline void each_nested_area(typename M::object* object, u8* base, Body&& body) 
 template <class M>
 inline void repoint(const call& c, typename M::object* object, u8* base) {
     each_nested_area<M>(object, base, [&]<class A>(value_of<A>* nested, u8* area) {
-        loomlib_update_sttr_offset(c.handle, c.domain, nested, offset_to(nested, area));
+        point_at_area(c, nested, area);
         A::type::offset_update(c.handle, c.domain, nested, area, c.error);
     });
 }
@@ -108,7 +110,7 @@ inline void repoint(const call& c, typename M::object* object, u8* base) {
 template <class M>
 void offset_update(loom_handle* handle, u32 domain, typename M::object* object, void* new_base, u32* err) {
     each_nested_area<M>(object, static_cast<u8*>(new_base), [&]<class A>(value_of<A>* nested, u8* area) {
-        loomlib_update_sttr_offset(handle, domain, nested, offset_to(nested, area));
+        point_at_area(call{handle, domain, err}, nested, area);
         if constexpr (A::type::has_nested_records) A::type::offset_update(handle, domain, nested, area, err);
     });
 }
@@ -184,6 +186,11 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     loom_type_info** word = loom_get_manifested_type_info_ptr_mem(object);
     announce(word, sizeof *word, nullptr);
     *word = resident_type_info<typename M::bundle>(c, tinfo);
+    if (*word == nullptr) {
+        // The database has no room for the type's description; the object must not be used.
+        if (!c.pending()) c.fail(LOOM_ENOMEM);
+        return 0;
+    }
     // The caller's flags go in with the object as owner; the stores around them have none.
     announce(&header->loom_flags, 1, object);
     header->loom_flags |= obj_flags;
@@ -253,6 +260,10 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
     M::type::initialize_alone(handle, domain, object, &error);
     if (error != 0) {
         diag::say<M, says::create_internal_failed>(static_cast<const char*>(strerror(static_cast<int>(error))));
+        if constexpr (M::type::has_nested_records) { // their places in the side table go with them
+            u32 unused = 0;
+            M::type::offset_remove(handle, domain, object, &unused);
+        }
         c.release(object);
         return nullptr;
     }
@@ -387,6 +398,7 @@ inline void release_element_flags(const call& c, typename M::object* object) {
     u8* area = nullptr;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_variable_array<A>) {
+            if (!has_room_for<A>(object)) return;
             if (area == nullptr) area = tracking_area<M>(c, object);
             u8*& flags = element_flags_of<A>(area);
             if (flags == nullptr) return;

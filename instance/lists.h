@@ -167,10 +167,16 @@ void remove(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>
     loom_list_head* head = list_of<A>(holder);
     loom_list_links* links = links_of(element);
     announce_link<A, says::attribute_remove_arena_refused, 0>(c, &links->next, 2 * sizeof(void*), element);
-    store_link<A, says::attribute_remove_arena_refused, 1>(c, forward_cell(head, links->previous), links->next,
-                                                           holder);
-    store_link<A, says::attribute_remove_arena_refused, 2>(c, backward_cell(head, links->next), links->previous,
-                                                           holder);
+    // The mirror of linking: the head's own pointer first, the neighbour's link behind it.
+    void** forward = forward_cell(head, links->previous);
+    void** backward = backward_cell(head, links->next);
+    if (links->next == head && links->previous != head) {
+        store_link<A, says::attribute_remove_arena_refused, 1>(c, backward, links->previous, holder);
+        store_link<A, says::attribute_remove_arena_refused, 2>(c, forward, links->next, holder);
+    } else {
+        store_link<A, says::attribute_remove_arena_refused, 3>(c, forward, links->next, holder);
+        store_link<A, says::attribute_remove_arena_refused, 4>(c, backward, links->previous, holder);
+    }
     c.store<u32>(&head->count, head->count - 1, holder);
     if (tracked) store_flag(c, tracking_area<typename A::model>(c, holder) + A::at.track, state_set);
     c.report_containment(element, holder);

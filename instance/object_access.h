@@ -162,6 +162,16 @@ inline bool is_tracked(const void* object) {
     return (static_cast<const loom_object*>(object)->loom_flags & OBJ_STATE_TRACKED) != 0;
 }
 
+/// False for an attribute of a variant that the code which laid the object out did not know: there is no memory
+/// for it.
+template <class A>
+inline bool has_room_for(const holder_of<A>* object) {
+    if constexpr (A::at.since == 0)
+        return true;
+    else
+        return header_of(object)->loom_layout_variant >= A::at.since;
+}
+
 /// Distance from the object to its tracking area.
 template <class Model>
 inline u32 tracking_offset(const call& c, const typename Model::object* object) {
@@ -178,6 +188,14 @@ inline u8* tracking_area(const call& c, const typename Model::object* object) {
 /// The offset from an object to an area, as loomlib_update_sttr_offset takes it.
 inline u32 offset_to(const void* object, const void* area) {
     return static_cast<u32>(static_cast<const u8*>(area) - static_cast<const u8*>(object));
+}
+
+/// Records that the object's tracking area lies at `area`. Without room for the record, error 12: the object must
+/// then not be used, since its flags would be looked for inside its neighbour.
+template <class Object>
+inline void point_at_area(const call& c, Object* object, const u8* area) {
+    loomlib_update_sttr_offset(c.handle, c.domain, object, offset_to(object, area));
+    if ((header_of(object)->loom_flags & OBJ_STTR_OFFSET) == 0) c.fail(LOOM_ENOMEM);
 }
 
 /// Where a nested record's own area starts inside its holder's.

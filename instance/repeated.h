@@ -25,7 +25,7 @@ inline size_t block_size(u64 count, bool tracked) {
 template <class Type>
 inline u8* place_element(const call& c, typename Type::c_type* block, u32 count, u32 index) {
     u8* area = element_area<Type>(block, count, index);
-    loomlib_update_sttr_offset(c.handle, c.domain, block + index, offset_to(block + index, area));
+    point_at_area(c, block + index, area);
     return area;
 }
 
@@ -42,21 +42,31 @@ inline void initialize_elements(const call& c, typename Type::c_type* block, u32
     }
 }
 
-/// Replaces the element flags by a zeroed block for `count` elements that keeps the first `kept` bytes. False
-/// with error 12 when there is no room.
-template <class A>
-inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
-    u8*& flags = element_flags_of<A>(tracking_area<typename A::model>(c, object));
+/// A zeroed block of flags for `count` elements; null with error 12 when there is no room.
+inline u8* allocate_element_flags(const call& c, u32 count) {
     u8* made = static_cast<u8*>(c.allocate(count == 0 ? 1 : count));
-    if (made == nullptr) {
+    if (made == nullptr)
         c.fail(LOOM_ENOMEM);
-        return false;
-    }
-    memset(made, 0, count);
+    else
+        memset(made, 0, count);
+    return made;
+}
+/// Puts `made` in the place of the element flags; the first `kept` bytes move along.
+template <class A>
+inline void install_element_flags(const call& c, holder_of<A>* object, u8* made, u32 kept) {
+    u8*& flags = element_flags_of<A>(tracking_area<typename A::model>(c, object));
     u8* old = flags;
     if (old != nullptr && kept != 0) memcpy(made, old, kept);
     c.store<u8*>(&flags, made, nullptr);
     if (old != nullptr) c.release(old);
+}
+/// Replaces the element flags by a zeroed block for `count` elements that keeps the first `kept` bytes. False
+/// with error 12 when there is no room.
+template <class A>
+inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
+    u8* made = allocate_element_flags(c, count);
+    if (made == nullptr) return false;
+    install_element_flags<A>(c, object, made, kept);
     return true;
 }
 
@@ -167,17 +177,20 @@ inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
         return false;
     }
     memset(static_cast<void*>(block), 0, size);
-    if (tracked && !replace_element_flags<A>(c, object, count, old_count)) {
+    // All memory is found before anything changes; the flags take their place last.
+    u8* flags = nullptr;
+    if (tracked && (flags = allocate_element_flags(c, count)) == nullptr) {
         c.release(block);
         return false;
     }
     if (old != nullptr) {
         move_elements<A>(c, block, count, old, old_count, tracked);
-        if (c.reports_to_shared_database()) loomdb_plat_set_detach(c.handle, c.domain, old, 1);
+        if (c.reports_to_shared_database()) loomdb_plat_set_detach(c.handle, c.domain, old, 0);
         c.release(old);
     }
     store_block<A>(c, object, block, count);
     initialize_elements<typename A::type>(c, block, old_count, count, tracked);
+    if (tracked) install_element_flags<A>(c, object, flags, old_count);
     return true;
 }
 
@@ -277,14 +290,11 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle*
         c.fail(LOOM_EINVAL);
         return;
     }
-    value_of<A>* old = pointer_of<A>(object);
-    if (old != nullptr) {
-        store_block<A>(c, object, nullptr, 0);
-        c.release(old);
-    }
+    if (value_of<A>* old = pointer_of<A>(object)) c.release(old);
     const size_t size = length * sizeof *source;
     auto* block = static_cast<value_of<A>*>(c.allocate(size == 0 ? 1 : size));
     if (block == nullptr) {
+        store_block<A>(c, object, nullptr, 0);
         c.fail(LOOM_ENOMEM);
         return;
     }
@@ -304,10 +314,10 @@ void remove_elements(loom_handle* handle, u32 domain, holder_of<A>* object) {
     if (object == nullptr || pointer_of<A>(object) == nullptr) return;
     u32 error = 0;
     const call c{handle, domain, &error};
-    using count_type = typename A::length::type::c_type;
-    record::tear_down_elements<A>(c, pointer_of<A>(object), static_cast<u32>(count_of<A>(object)));
-    record::release_block(c, pointer_of<A>(object));
-    c.store<count_type>(&count_of<A>(object), count_type{0}, nullptr);
+    value_of<A>* elements = pointer_of<A>(object);
+    record::tear_down_elements<A>(c, elements, static_cast<u32>(count_of<A>(object)));
+    c.release(elements);
+    store_block<A>(c, object, nullptr, 0);
 }
 
 // ---- Fixed arrays ------------------------------------------------------------------------------------------
@@ -403,15 +413,12 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* sour
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
     const u32 kept = static_cast<u32>(static_cast<typename A::length::type::c_type>(length));
-    char* old = pointer_of<A>(object);
-    if (old != nullptr) {
-        store_block<A>(c, object, nullptr, 0);
-        c.release(old);
-    }
+    if (char* old = pointer_of<A>(object)) c.release(old);
     char* text = nullptr;
     if (kept != 0) {
         text = static_cast<char*>(c.allocate(size_t{kept} + 1));
         if (text == nullptr) {
+            store_block<A>(c, object, nullptr, 0);
             c.fail(LOOM_ENOMEM);
             return;
         }
