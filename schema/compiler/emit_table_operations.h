@@ -1,6 +1,5 @@
 // The functions of tables and messages: names, C types and docstrings, one entry per function, in function order.
-// The emitters and the list of exported names both read this; what the functions do stands in tables/ and
-// messages/.
+// The emitters of both families write these out; what the functions do stands in tables/ and messages/.
 #pragma once
 
 #include "schema/compiler/model.h"
@@ -30,13 +29,10 @@ struct family_operation {
 using table_operation = family_operation<table_operation_for>;
 using message_operation = family_operation<message_operation_for>;
 
-std::span<const table_operation> table_operations();
-std::span<const message_operation> message_operations();
+std::span<const table_operation> operations_of_tables();
+std::span<const message_operation> operations_of_messages();
 
 bool has_operation(const table& type, const table_operation& operation);
 bool has_operation(const message& type, const message_operation& operation);
-
-/// "tbl_top_level_sing_rec_sing_type_singleton_id", "tbl_top_level_comp_key_comp_key_"
-std::string key_path(const table& type);
 
 } // namespace trellis::schema

@@ -1,5 +1,5 @@
 // The entries themselves. Docstrings go into the public headers of the bundles.
-#include "schema/compiler/table_operations.h"
+#include "schema/compiler/emit_table_operations.h"
 
 namespace trellis::schema {
 
@@ -378,14 +378,10 @@ constexpr message_operation of_messages[] = {
      "A new message with its payload, or null.", every},
     {"$message_action_message_create_cr", "create_cr", "struct $message_action_message*", "loom_handle* handle",
      "The same in a chain of calls; never null.", every},
-    {"$message_action_message_create_internal", "create_internal", "struct $message_action_message*", "$H",
-     "Worker of both.", every},
     {"$message_action_message_destroy", "destroy", "void", "$H, struct $message_action_message* message",
      "Ends the message and its payload; null is allowed.", every},
     {"$message_action_message_destroy_cr", "destroy_cr", "void",
      "loom_handle* handle, struct $message_action_message* message", "The same in a chain of calls.", every},
-    {"$message_action_message_destroy_internal", "destroy_internal", "void",
-     "$H, struct $message_action_message* message", "Worker of both.", every},
     {"$message_action_message_get_luid", "get_luid", "void", "$H, const void* object, uint8_t* luid, $e",
      "Copies the 16 bytes of the object's luid to `luid`.", every},
     {"$message_action_message_$payload_get", "payload_get", "struct $payload*",
@@ -415,8 +411,6 @@ constexpr message_operation of_messages[] = {
     {"$message_action_message_marshal_cr", "marshal_cr", "int32_t",
      "loom_handle* handle, struct $message_action_message* message, void* buffer, int32_t length",
      "The same in a chain of calls; -1 on an error.", every},
-    {"$message_action_message_marshal_internal", "marshal_internal", "uint32_t",
-     "$H, void* buffer, struct $message_action_message* message, int32_t length, $e", "Worker of both.", every},
     {"$message_action_message_unmarshal", "unmarshal", "uint32_t",
      "$H, void* context, struct $message_action_message** message, const void* buffer, int32_t length, "
      "$message_action_message_handler_fn callback, $e",
@@ -447,8 +441,8 @@ constexpr message_operation of_messages[] = {
 
 } // namespace
 
-std::span<const table_operation> table_operations() { return of_tables; }
-std::span<const message_operation> message_operations() { return of_messages; }
+std::span<const table_operation> operations_of_tables() { return of_tables; }
+std::span<const message_operation> operations_of_messages() { return of_messages; }
 
 bool has_operation(const table& type, const table_operation& operation) {
     return operation.applies == all || (operation.applies == key_object && type.key == key_form::object) ||
