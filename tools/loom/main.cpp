@@ -1,0 +1,213 @@
+// loom: databases, tables, records, bundles and traces on the command line. Here: the list of commands, their
+// help, and how failures are told. What commands do stands in *_commands.cpp.
+#include "commands.h"
+#include "failure.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <iostream>
+#include <span>
+
+namespace tool {
+namespace {
+
+struct command {
+    std::string_view name;
+    std::string_view operands;
+    std::string_view summary;
+    std::size_t fewest; // operands
+    std::size_t most;
+    std::vector<option> options;
+    int (*run)(context&);
+};
+
+constexpr std::size_t any_number = static_cast<std::size_t>(-1);
+const option tenant{"--tenant", "N", "work on the records of tenant N (default 0)"};
+const option source{"--src", "N", "take records of source N (default 1)"};
+const option as_text{"--text", "", "as text"};
+const option as_xml{"--xml", "", "as XML"};
+
+/// Known to all commands.
+const option common_options[] = {
+    {"--bundle", "NAME|FILE", "load this bundle; without it, those that the data needs or all in the search path"},
+    {"--bundle-path", "DIR", "look for bundles here first (also: LOOM_BUNDLE_PATH, directories joined by ':')"},
+};
+
+const std::vector<command>& commands() {
+    static const std::vector<command> all = {
+        {"create",
+         "DB",
+         "make an empty database file",
+         1,
+         1,
+         {{"--room", "MIB", "the most it can ever hold, in MiB (default 32768)"}},
+         create_database},
+        {"import",
+         "DB FILE...",
+         "put records from XML files into tables; all of them or none",
+         2,
+         any_number,
+         {},
+         import_file},
+        {"export",
+         "DB [TABLE]",
+         "write records as XML, in the form that import reads",
+         1,
+         2,
+         {{"--output", "FILE", "into this file instead of the standard output"}},
+         export_tables},
+        {"tables", "DB", "list the tables", 1, 1, {}, list_tables},
+        {"walk",
+         "DB TABLE",
+         "list the records in the order of their keys",
+         2,
+         2,
+         {source, tenant, as_text, as_xml},
+         walk_table},
+        {"find",
+         "DB TABLE ATTRIBUTE=VALUE...",
+         "find a record by its key",
+         3,
+         any_number,
+         {{"--nearest", "", "or else the next one behind it"}, source, tenant},
+         find_record},
+        {"show",
+         "DB TABLE ATTRIBUTE=VALUE...",
+         "show a record by its key, as text unless told otherwise",
+         3,
+         any_number,
+         {as_text,
+          as_xml,
+          {"--bytes", "", "as annotated bytes of its binary form"},
+          {"--schema", "FILE", "the schema as 'trellisc json' prints it (default: beside the bundle)"},
+          {"--nearest", "", "or else the next one behind it"},
+          source,
+          tenant},
+         show_record},
+        {"compare",
+         "DB DB",
+         "tell whether two databases hold equal records; status 1 when not",
+         2,
+         2,
+         {},
+         compare_databases},
+        {"send",
+         "DB TABLE [ATTRIBUTE=VALUE...]",
+         "send a record, or all of a table, to another process",
+         2,
+         any_number,
+         {{"--socket", "PATH", "to the 'loom receive' that listens there"},
+          {"--exec", "COMMAND...", "to a command that gets one end of a socket pair as its standard input"}},
+         send_records},
+        {"receive",
+         "",
+         "print records that another process sends",
+         0,
+         0,
+         {{"--socket", "PATH", "listen there (default: the standard input is the socket)"},
+          as_text,
+          as_xml,
+          {"--into", "DB", "put them into this database instead"}},
+         receive_records},
+        {"bundles", "", "list the bundles", 0, 0, {}, list_bundles},
+        {"types",
+         "[BUNDLE...]",
+         "list the types of bundles with their luids, sizes and variants",
+         0,
+         any_number,
+         {{"--kind", "KIND", "only records, enumerations, tables, ..."}},
+         list_types},
+        {"trace", "FILE", "print a trace file, with the texts out of the bundles", 1, 1, {}, decode_trace},
+    };
+    return all;
+}
+
+void print_overview(std::ostream& out) {
+    out << "loom: databases of typed records, on the command line\n\n";
+    for (const command& each : commands()) {
+        const std::string synopsis = std::string(each.name) + " " + std::string(each.operands);
+        out << "  loom " << std::left << std::setw(36) << synopsis << each.summary << '\n';
+    }
+    out << "\n'loom help COMMAND' tells the options of a command.\n"
+           "Status: 0 done, 1 it does not hold or could not be done, 2 wrong usage.\n";
+}
+
+void print_options(std::ostream& out, std::span<const option> options) {
+    for (const option& each : options) {
+        const std::string synopsis =
+            std::string(each.name) + (each.value.empty() ? "" : " " + std::string(each.value));
+        out << "  " << std::left << std::setw(24) << synopsis << each.help << '\n';
+    }
+}
+
+void print_help(std::ostream& out, const command& wanted) {
+    out << "loom " << wanted.name << ' ' << wanted.operands << "\n  " << wanted.summary << "\n\n";
+    print_options(out, wanted.options);
+    print_options(out, common_options);
+}
+
+const command& command_named(const std::string& name) {
+    const auto found = std::ranges::find(commands(), name, &command::name);
+    if (found == commands().end())
+        throw usage_failure("there is no command '" + name + "'", "'loom help' lists the commands");
+    return *found;
+}
+
+int run(const command& wanted, std::span<const std::string> words) {
+    std::vector<option> known = wanted.options;
+    known.insert(known.end(), std::begin(common_options), std::end(common_options));
+    const arguments line(words, known);
+    const std::string cure = "usage: loom " + std::string(wanted.name) + " " + std::string(wanted.operands);
+    if (line.positional().size() < wanted.fewest) throw usage_failure("there is something missing", cure);
+    if (line.positional().size() > wanted.most)
+        throw usage_failure("'" + line[wanted.most] + "' is too much", cure);
+    bundles loaded(line);
+    context c{line, loaded};
+    return wanted.run(c);
+}
+
+int dispatch(std::span<const std::string> words) {
+    if (words.empty()) {
+        print_overview(std::cerr);
+        return exit_usage;
+    }
+    if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") {
+        if (words.size() > 1)
+            print_help(std::cout, command_named(words[1]));
+        else
+            print_overview(std::cout);
+        return exit_good;
+    }
+    const command& wanted = command_named(words[0]);
+    if (std::ranges::find(words, "--help") != words.end()) {
+        print_help(std::cout, wanted);
+        return exit_good;
+    }
+    return run(wanted, words.subspan(1));
+}
+
+void report(const std::exception& error, const std::string& cure) {
+    std::cout.flush();
+    std::cerr << "loom: " << error.what() << '\n';
+    if (!cure.empty()) std::cerr << "loom: cure: " << cure << '\n';
+}
+
+} // namespace
+} // namespace tool
+
+int main(int count, char** words) {
+    try {
+        const std::vector<std::string> all(words + 1, words + count);
+        const int status = tool::dispatch(all);
+        if (!std::cout.flush()) throw tool::failure("the output cannot be written");
+        return status;
+    } catch (const tool::usage_failure& error) {
+        tool::report(error, error.cure());
+        return tool::exit_usage;
+    } catch (const tool::failure& error) {
+        tool::report(error, error.cure());
+    } catch (const std::exception& error) {
+        tool::report(error, {});
+    }
+    return tool::exit_failed;
+}

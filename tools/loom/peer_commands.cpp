@@ -1,0 +1,194 @@
+// Commands between two processes: send and receive. On a stream socket the receiver first tells what it speaks, so
+// that the sender can write the forms it knows; then each record travels as its binary form and is answered.
+//
+//     receiver: u32 number of manifests, each u32 length and its text
+//     sender:   a table record: 27-byte header, 16-byte luid, payload, key     } for each record,
+//     receiver: u32, 0 or the error number with which it was refused           } until the sender closes
+//
+// Numbers travel most significant byte first, as everywhere on the wire.
+#include "commands.h"
+#include "failure.h"
+#include "manifest.h"
+#include "stream_socket.h"
+#include "table_type.h"
+#include "xml_file.h"
+
+#include <loom/wire.h>
+
+#include <array>
+#include <iostream>
+#include <memory>
+
+namespace tool {
+namespace {
+
+constexpr std::size_t header_size = LOOM_MESSAGE_HEADER_WIRE_SIZE;
+constexpr std::size_t frame_size = header_size + LOOM_LUID_SIZE;
+constexpr std::size_t largest_message = std::size_t{256} * 1024 * 1024;
+
+// ----------------------------------------------------------------------------------------------------- manifests
+
+void send_manifests(const stream_socket& socket) {
+    std::vector<std::string> texts;
+    each_module([&](const loom_module_node& module) {
+        const std::string path = bundles::library_path(module.name);
+        if (!path.empty()) texts.push_back(read_manifest(path).text);
+    });
+    socket.send_number(static_cast<std::uint32_t>(texts.size()));
+    for (const std::string& text : texts) {
+        socket.send_number(static_cast<std::uint32_t>(text.size()));
+        socket.send_all(std::as_bytes(std::span(text)));
+    }
+}
+
+using peer_pointer = std::unique_ptr<loom_peer, decltype(&loom_peer_release)>;
+
+peer_pointer receive_peer(const stream_socket& socket) {
+    constexpr std::uint32_t most_manifests = 1000, longest_manifest = 16 * 1024 * 1024;
+    peer_pointer peer(loom_peer_create("receiver"), &loom_peer_release);
+    const std::uint32_t count = socket.receive_number("the receiver's greeting");
+    if (count > most_manifests) throw failure("what answers there is no 'loom receive'");
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const std::uint32_t length = socket.receive_number("the receiver's manifest");
+        if (length > longest_manifest) throw failure("what answers there is no 'loom receive'");
+        std::string text(length, '\0');
+        socket.receive_all(std::as_writable_bytes(std::span(text)), "the receiver's manifest");
+        if (loom_peer_add_manifest(peer.get(), text.data(), text.size()) != 0)
+            throw failure(std::string("the receiver's manifest cannot be read: ") + loom_error_text());
+    }
+    return peer;
+}
+
+// ------------------------------------------------------------------------------------------------------- sending
+
+/// The records that the command line means: the one with the key, or the whole table.
+std::vector<loom_table_record*> wanted_records(context& c, const database& db, const stored_table& stored,
+                                               const table_type& type) {
+    const std::span<const std::string> words = c.line.from(2);
+    if (words.empty()) return type.records(db.handle(), stored.table, std::nullopt);
+    const auto key = type.key_record(db.handle(), stored.table, words);
+    loom_table_record* found = type.search(db.handle(), stored.table, key.get(), false, 1);
+    if (!found)
+        throw failure(db.path() + ": " + stored.label() + " has no record with " +
+                      type.key_text(db.handle(), stored.table, key.get()));
+    return {found};
+}
+
+/// Sends over what `connect` gives; nothing is connected before the records are at hand.
+template <class Connect>
+void send_all_records(context& c, Connect connect) {
+    const database db = database::open(c.line[0]);
+    const read_section reading(db);
+    const stored_table stored = db.table(c.line[1]);
+    const table_type type = table_type::of(stored, db, c.loaded);
+    const std::vector<loom_table_record*> records = wanted_records(c, db, stored, type);
+
+    auto&& socket = connect();
+    const peer_pointer peer = receive_peer(socket);
+    loom_set_peer(db.handle(), peer.get());
+    for (loom_table_record* record : records) {
+        const std::vector<std::byte> bytes = type.to_bytes(db.handle(), record);
+        const std::string key = stored.label() + " " + type.key_text(db.handle(), stored.table, record);
+        socket.send_all(bytes);
+        const std::uint32_t answer = socket.receive_number("the receiver's answer");
+        if (answer != 0) throw failure("the receiver refused " + key + ": error " + error_number_text(answer));
+        std::cerr << "sent " << bytes.size() << " bytes: " << key << '\n';
+    }
+    loom_set_peer(db.handle(), nullptr);
+}
+
+// ----------------------------------------------------------------------------------------------------- receiving
+
+/// The next message, frame included; empty when the sender has closed.
+std::vector<std::byte> receive_message(const stream_socket& socket, loom_handle* handle) {
+    std::vector<std::byte> message(frame_size);
+    if (!socket.receive_or_end(message, "a record's frame")) return {};
+    loom_message_header header{};
+    std::uint32_t error = 0;
+    _loom_message_header_unmarshal(handle, tool_domain, message.data(), &header, header_size, &error);
+    if (error || header.hdr_magic != LOOM_MESSAGE_HEADER_MAGIC || header.hdr_length < frame_size ||
+        header.hdr_length > largest_message)
+        throw failure("what came in is no table record: its header is wrong",
+                      "let 'loom send' or a program with the same frame write to this socket");
+    message.resize(header.hdr_length);
+    socket.receive_all(std::span(message).subspan(frame_size), "a record");
+    return message;
+}
+
+/// Where received records go: to the output, or into a database.
+class receiver {
+  public:
+    explicit receiver(context& c)
+        : as_xml_(c.line.has("--xml")), into_(c.line.value("--into")),
+          database_(into_ ? database::open(*into_) : database::in_memory()) {}
+
+    loom_handle* handle() const { return database_.handle(); }
+
+    /// 0, or the error number with which the record is refused.
+    std::uint32_t take(std::span<const std::byte> message) {
+        const auto type = table_type::with_luid(message.data() + header_size, handle());
+        if (!type) {
+            std::cerr << "loom: a record of a table that no loaded bundle knows was refused\n";
+            return LOOM_EBADE;
+        }
+        return into_ ? insert(*type, message) : print(*type, message);
+    }
+
+  private:
+    std::uint32_t print(const table_type& type, std::span<const std::byte> message) {
+        const auto record = type.from_bytes(handle(), message);
+        if (as_xml_)
+            write_indented(std::cout, type.to_xml(handle(), record.get()), 0);
+        else
+            std::cout << type.to_text(handle(), record.get());
+        return std::cout.flush() ? 0u : static_cast<std::uint32_t>(EIO);
+    }
+
+    std::uint32_t insert(const table_type& type, std::span<const std::byte> message) {
+        write_section writing(database_);
+        loom_table* table = type.open(handle(), type.name());
+        auto record = type.from_bytes(handle(), message);
+        const std::uint32_t error = type.insert(handle(), table, record);
+        if (error == 0) writing.commit();
+        return error;
+    }
+
+    bool as_xml_;
+    std::optional<std::string> into_;
+    database database_;
+};
+
+} // namespace
+
+int send_records(context& c) {
+    const std::vector<std::string> command = c.line.values("--exec");
+    const std::optional<std::string> path = c.line.value("--socket");
+    if (command.empty() == !path.has_value())
+        throw usage_failure("send wants one of --socket PATH and --exec COMMAND...");
+    if (path) {
+        send_all_records(c, [&] { return stream_socket::connected_to(*path); });
+        return exit_good;
+    }
+    std::optional<child_process> child;
+    send_all_records(c, [&]() -> const stream_socket& { return child.emplace(command).socket(); });
+    child->finish();
+    return exit_good;
+}
+
+int receive_records(context& c) {
+    c.loaded.load_all();
+    receiver target(c);
+    const std::optional<std::string> path = c.line.value("--socket");
+    const stream_socket socket = path ? stream_socket::accepted_at(*path) : stream_socket::standard_input();
+    send_manifests(socket);
+    unsigned count = 0;
+    for (std::vector<std::byte> message; !(message = receive_message(socket, target.handle())).empty(); ++count) {
+        const std::uint32_t answer = target.take(message);
+        socket.send_number(answer);
+        if (answer != 0) throw failure("a record was refused: error " + error_number_text(answer));
+    }
+    if (count == 0) throw failure("the sender closed before it sent a record");
+    return exit_good;
+}
+
+} // namespace tool

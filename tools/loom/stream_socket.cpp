@@ -1,0 +1,180 @@
+#include "stream_socket.h"
+
+#include "failure.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+std::string system_error() { return std::strerror(errno); }
+
+sockaddr_un address_of(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw failure(path + ": is too long for the name of a socket",
+                      "take a path of less than " + std::to_string(sizeof address.sun_path) + " bytes");
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+int new_socket() {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) throw failure("there is no socket to be had: " + system_error());
+    return descriptor;
+}
+
+struct socket_pair {
+    int ends[2];
+    socket_pair() {
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+            throw failure("there is no socket pair to be had: " + system_error());
+    }
+};
+
+} // namespace
+
+stream_socket stream_socket::connected_to(const std::string& path) {
+    const sockaddr_un address = address_of(path);
+    stream_socket socket(new_socket());
+    if (::connect(socket.descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        throw failure(path + ": nobody answers: " + system_error(),
+                      "start 'loom receive --socket " + path + "' first");
+    return socket;
+}
+
+stream_socket stream_socket::accepted_at(const std::string& path) {
+    const sockaddr_un address = address_of(path);
+    const stream_socket listening(new_socket());
+    if (::bind(listening.descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        throw failure(path + ": cannot be made: " + system_error(), "take a path that does not exist yet");
+    const int accepted = ::listen(listening.descriptor_, 1) == 0
+                             ? ::accept4(listening.descriptor_, nullptr, nullptr, SOCK_CLOEXEC)
+                             : -1;
+    const std::string reason = system_error();
+    ::unlink(path.c_str());
+    if (accepted < 0) throw failure(path + ": nobody could be let in: " + reason);
+    return stream_socket(accepted);
+}
+
+stream_socket stream_socket::standard_input() {
+    int type = 0;
+    socklen_t size = sizeof type;
+    if (::getsockopt(STDIN_FILENO, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM)
+        throw failure("the standard input is no socket",
+                      "give --socket PATH, or start this command by 'loom send ... --exec loom receive'");
+    const int descriptor = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (descriptor < 0) throw failure("the standard input cannot be used: " + system_error());
+    return stream_socket(descriptor);
+}
+
+stream_socket::~stream_socket() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+stream_socket::stream_socket(stream_socket&& other) noexcept : descriptor_(other.descriptor_) {
+    other.descriptor_ = -1;
+}
+
+void stream_socket::send_all(std::span<const std::byte> bytes) const {
+    while (!bytes.empty()) {
+        const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) throw failure("the other side is gone: " + system_error());
+        bytes = bytes.subspan(static_cast<std::size_t>(sent));
+    }
+}
+
+bool stream_socket::receive_or_end(std::span<std::byte> bytes, const std::string& what) const {
+    std::size_t received = 0;
+    while (received < bytes.size()) {
+        const ssize_t count = ::recv(descriptor_, bytes.data() + received, bytes.size() - received, 0);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) throw failure(what + " cannot be received: " + system_error());
+        if (count == 0 && received == 0) return false;
+        if (count == 0)
+            throw failure("the other side closed in the middle of " + what + ": " + std::to_string(received) +
+                          " of " + std::to_string(bytes.size()) + " bytes came");
+        received += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+void stream_socket::receive_all(std::span<std::byte> bytes, const std::string& what) const {
+    if (!bytes.empty() && !receive_or_end(bytes, what))
+        throw failure("the other side closed before " + what + " came: 0 of " + std::to_string(bytes.size()) +
+                      " bytes");
+}
+
+void stream_socket::send_number(std::uint32_t number) const {
+    const std::array bytes{std::byte(number >> 24), std::byte(number >> 16), std::byte(number >> 8),
+                           std::byte(number)};
+    send_all(bytes);
+}
+
+std::uint32_t stream_socket::receive_number(const std::string& what) const {
+    std::array<std::byte, 4> bytes{};
+    receive_all(bytes, what);
+    std::uint32_t number = 0;
+    for (const std::byte byte : bytes)
+        number = number << 8 | std::to_integer<std::uint32_t>(byte);
+    return number;
+}
+
+void stream_socket::shut_down(bool both_ways) const { ::shutdown(descriptor_, both_ways ? SHUT_RDWR : SHUT_WR); }
+
+// ------------------------------------------------------------------------------------------------------ children
+
+child_process::child_process(const std::vector<std::string>& command)
+    : child_process(command, socket_pair().ends) {}
+
+child_process::child_process(const std::vector<std::string>& command, const int (&pair)[2])
+    : socket_(pair[0]), name_(command.front()) {
+    std::vector<char*> words;
+    for (const std::string& word : command)
+        words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    process_ = ::fork();
+    if (process_ == 0) {
+        ::dup2(pair[1], STDIN_FILENO);
+        ::execvp(words[0], words.data());
+        static constexpr char message[] = "loom: the command of --exec cannot be started\n";
+        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, message, sizeof message - 1);
+        ::_exit(127);
+    }
+    ::close(pair[1]);
+    if (process_ < 0) throw failure(name_ + ": cannot be started: " + system_error());
+}
+
+child_process::~child_process() {
+    if (process_ < 0) return;
+    socket_.shut_down(true);
+    wait();
+}
+
+int child_process::wait() {
+    int status = 0;
+    if (process_ > 0)
+        while (::waitpid(process_, &status, 0) < 0 && errno == EINTR) {
+        }
+    process_ = -1;
+    return status;
+}
+
+void child_process::finish() {
+    socket_.shut_down(false);
+    const int status = wait();
+    if (WIFSIGNALED(status)) throw failure(name_ + ": was ended by signal " + std::to_string(WTERMSIG(status)));
+    if (WEXITSTATUS(status) != 0)
+        throw failure(name_ + ": failed with status " + std::to_string(WEXITSTATUS(status)));
+}
+
+} // namespace tool
