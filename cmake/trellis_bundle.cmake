@@ -4,7 +4,7 @@
 #   trellis_add_bundle(<target> SCHEMA a.trellis b.trellis ...
 #                      [NAME <bundle>]        the name the schema gives itself; default: the target's
 #                      [IMPORTS target ...]   bundles that the schema imports from
-#                      [UNITS n]              source files the types are spread over, 1 to 99; default 8
+#                      [UNITS n]              source files the types are spread over, 1 to 1000; default 8
 #                      [VERSION x.y.z]        of the library; its first number is the SOVERSION; default: the project's
 #                      [EXPORT set]           export set of the installed target
 #                      [NO_INSTALL])

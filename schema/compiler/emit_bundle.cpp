@@ -79,7 +79,7 @@ std::string revision(const bundle& source, const std::string& digest) {
 } // namespace
 
 void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units) {
-    if (units == 0 || units > 99) throw std::runtime_error("a bundle has 1 to 99 source units");
+    if (units == 0 || units > 1000) throw std::runtime_error("a bundle has 1 to 1000 source units");
     output_tree tree(out);
     emission run(source, exported_functions(source), tree);
     const std::vector<type_text> types = emit_types(run);
