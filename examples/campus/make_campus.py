@@ -231,6 +231,12 @@ class Radio:
     def power_level(self):
         return 3 + self.access_point.number % 2 if self.slot == 0 else 2
 
+    @property
+    def event_time(self):
+        """In the morning of a Monday, 37 seconds after the radio before."""
+        seconds = 37 * self.number
+        return f"2025-03-03T0{6 + seconds // 3600}:{seconds // 60 % 60:02}:{seconds % 60:02}.000Z"
+
     def bssid(self, wlan=0):
         return f"02:00:5e:{self.access_point.number:02x}:{self.slot:02x}:{wlan:02x}"
 
@@ -349,6 +355,7 @@ def write_radio(w, radio):
                 w.values(sniffer_enabled=False, channel=0, server_ip="192.0.2.53", sniffer_ip_invalid=False)
             with w.open("last_event"):
                 w.member("event_type", "TRL_EVT_RADIO_IF_DOWN" if radio.disabled else "TRL_EVT_RADIO_CHANNEL_CHANGE")
+                w.value("event_time", radio.event_time)
             w.value("antenna_pid", "internal-omni")
             w.array("bssid_idx", [wlan.wlan_id for wlan in radio.wlans])
             w.array("port_id", [100 + wlan.wlan_id for wlan in radio.wlans])
