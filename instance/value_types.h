@@ -167,7 +167,9 @@ constexpr bool owns_storage(value_category c) {
     TRELLIS_COPY_FAMILY(T)                                                                                        \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
+    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
+    static i32 map_to_user_value(i32 value) { return ::T##_map_to_user_value(value); }                            \
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
     TRELLIS_VALUE_INITIALIZE(T)
 
