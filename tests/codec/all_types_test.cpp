@@ -1,0 +1,330 @@
+// Every type of the bundle against the walker, on random instances: what the library writes must be what the walker
+// says, what it reads back must be what was written, with state tracking on or off on either side, over new objects
+// and over objects in use, in every variant, and in buffers of every length.
+#include "tests/codec/codec_fixture.h"
+
+#include <loom_runtime/xml.h>
+
+namespace trellis::testing {
+namespace {
+
+constexpr uint32_t rounds = 6;
+
+/// An object of the type under test with its walker.
+class subject {
+public:
+    subject(const std::string& type, loom_handle* handle)
+        : type_(type), operations_(type), handle_(handle), walker_(schema(), handle, domain),
+          object_(operations_.create(handle, domain)) {}
+    ~subject() {
+        // A negative variant would leave the values behind.
+        restore_variants();
+        operations_.destroy(handle_, domain, object_);
+    }
+    subject(const subject&) = delete;
+
+    void fill(std::mt19937& random, const fill_options& options) { walker_.fill(type_, object_, random, options); }
+    void* object() const { return object_; }
+    const model_walker& walker() const { return walker_; }
+    const named_type& operations() const { return operations_; }
+    loom_handle* handle() const { return handle_; }
+    int8_t variant() const { return static_cast<const int8_t*>(object_)[8]; }
+
+    std::vector<uint8_t> marshal(uint32_t* error, loom_handle* by = nullptr) const {
+        std::vector<uint8_t> buffer(1u << 20);
+        const uint32_t size = operations_.marshal(by == nullptr ? handle_ : by, domain, buffer.data(), object_,
+                                                  static_cast<int32_t>(buffer.size()) - 1, error);
+        buffer.resize(size);
+        return buffer;
+    }
+    uint32_t unmarshal(const uint8_t* bytes, size_t size, uint32_t existing, uint32_t* error) {
+        return operations_.unmarshal(handle_, domain, bytes, object_, static_cast<int32_t>(size), existing, error);
+    }
+    std::vector<uint8_t> states() const {
+        return walker_.states(type_, object_, walker_.area_of(type_, object_));
+    }
+
+private:
+    void restore_variants() {
+        const auto record = schema().records.find(type_);
+        if (record != schema().records.end() && variant() < 0)
+            static_cast<int8_t*>(object_)[8] = static_cast<int8_t>(record->second.newest);
+    }
+
+    std::string type_;
+    named_type operations_;
+    loom_handle* handle_;
+    model_walker walker_;
+    void* object_;
+};
+
+class AllTypes : public ::testing::TestWithParam<std::string> {};
+class AllRecords : public ::testing::TestWithParam<std::string> {};
+
+struct tracking_pair {
+    uint32_t writer, reader;
+};
+constexpr tracking_pair tracking_pairs[] = {{LOOM_TRACKING_NONE, LOOM_TRACKING_NONE},
+                                            {LOOM_TRACKING_OFF, LOOM_TRACKING_ON},
+                                            {LOOM_TRACKING_ON, LOOM_TRACKING_OFF},
+                                            {LOOM_TRACKING_ON, LOOM_TRACKING_ON}};
+
+TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
+    for (const tracking_pair& tracking : tracking_pairs) {
+        const database writing(tracking.writer), reading(tracking.reader);
+        for (uint32_t seed = 0; seed < rounds; ++seed) {
+            SCOPED_TRACE(::testing::Message() << "tracking " << tracking.writer << " to " << tracking.reader
+                                              << ", seed " << seed);
+            std::mt19937 random(seed);
+            const fill_options options{.lower_variants = seed % 3 == 2, .stale_arms = false, .presentable = false};
+            subject source(GetParam(), writing);
+            source.fill(random, options);
+
+            bool complete;
+            const std::vector<uint8_t> expected = source.walker().marshal(GetParam(), source.object(), &complete);
+            ASSERT_TRUE(complete);
+            uint32_t error = 0;
+            const std::vector<uint8_t> bytes = source.marshal(&error);
+            ASSERT_EQ(error, 0u);
+            ASSERT_EQ(hex(bytes), hex(expected));
+            const uint32_t length = source.operations().len(writing, domain, source.object());
+            ASSERT_GE(length, bytes.size());
+            if (tracking.writer != LOOM_TRACKING_ON) { ASSERT_EQ(length, bytes.size()); }
+
+            subject target(GetParam(), reading);
+            const bool in_use = seed % 2 == 1;
+            if (in_use) target.fill(random, {});
+            ASSERT_EQ(target.unmarshal(bytes.data(), bytes.size(), in_use, &error), bytes.size());
+            ASSERT_EQ(error, 0u);
+            ASSERT_EQ(target.variant(), source.variant());
+            // Without states, as a handle without tracking writes both.
+            const database plain;
+            ASSERT_EQ(hex(target.marshal(&error, plain)), hex(source.marshal(&error, plain)));
+            if (tracking.writer == LOOM_TRACKING_ON && tracking.reader == LOOM_TRACKING_ON) {
+                ASSERT_EQ(hex(target.states()), hex(source.states()));
+            }
+            const std::vector<uint8_t> again = target.walker().marshal(GetParam(), target.object(), &complete);
+            ASSERT_EQ(hex(target.marshal(&error)), hex(again));
+        }
+    }
+}
+
+TEST_P(AllTypes, NothingIsLeftBehind) {
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database writing(tracking), reading(tracking);
+        {
+            subject warm_up(GetParam(), reading); // what the database keeps of a type is made once
+        }
+        const uint64_t blocks = reading.blocks();
+        for (uint32_t seed = 0; seed < rounds; ++seed) {
+            std::mt19937 random(seed);
+            subject source(GetParam(), writing);
+            subject target(GetParam(), reading);
+            target.fill(random, {});
+            for (uint32_t existing = 0; existing < 2; ++existing) {
+                source.fill(random, {});
+                uint32_t error = 0;
+                const std::vector<uint8_t> bytes = source.marshal(&error);
+                target.unmarshal(bytes.data(), bytes.size(), existing, &error);
+                ASSERT_EQ(error, 0u);
+            }
+        }
+        EXPECT_EQ(reading.blocks(), blocks) << "tracking " << tracking;
+    }
+}
+
+TEST_P(AllTypes, EveryStoreOfTheReaderIsAnnounced) {
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database writing(tracking), reading(tracking);
+        std::mt19937 random(1);
+        subject source(GetParam(), writing);
+        source.fill(random, {});
+        subject target(GetParam(), reading);
+        target.fill(random, {});
+        uint32_t error = 0;
+        const std::vector<uint8_t> bytes = source.marshal(&error);
+        ASSERT_EQ(loom_debug_arena_start(reading, nullptr, nullptr), 0u);
+        for (int twice = 0; twice < 2; ++twice) {
+            target.unmarshal(bytes.data(), bytes.size(), 1, &error);
+            ASSERT_EQ(error, 0u);
+            EXPECT_EQ(loom_debug_arena_check(reading), 0u) << "tracking " << tracking;
+        }
+        loom_debug_arena_stop(reading);
+    }
+}
+
+TEST_P(AllTypes, SelectedArmsWithoutValueAreMissed) {
+    const database writing(LOOM_TRACKING_ON);
+    for (uint32_t seed = 0; seed < rounds; ++seed) {
+        std::mt19937 random(seed);
+        subject source(GetParam(), writing);
+        source.fill(random, {.lower_variants = false, .stale_arms = true, .presentable = false});
+        bool complete;
+        source.walker().marshal(GetParam(), source.object(), &complete);
+        uint32_t error = 0;
+        const std::vector<uint8_t> bytes = source.marshal(&error);
+        EXPECT_EQ(error, complete ? 0u : 2u);
+        EXPECT_LE(bytes.size(), source.operations().len(writing, domain, source.object()));
+    }
+}
+
+TEST_P(AllTypes, BuffersOfEveryLength) {
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database writing(tracking), reading(tracking), skipping;
+        std::mt19937 random(3);
+        subject source(GetParam(), writing);
+        source.fill(random, {});
+        uint32_t error = 0;
+        const std::vector<uint8_t> bytes = source.marshal(&error);
+        ASSERT_EQ(error, 0u);
+        const size_t step = bytes.size() > 4000 ? 7 : 1;
+        for (size_t size = 1; size < bytes.size(); size += step) {
+            exact_buffer buffer(size + 1, 0xAA); // one spare byte
+            error = 0;
+            const uint32_t written = source.operations().marshal(writing, domain, buffer.data(), source.object(),
+                                                                 static_cast<int32_t>(size), &error);
+            ASSERT_LE(written, size);
+            // Only state bytes go missing without an error.
+            if (tracking != LOOM_TRACKING_ON) { ASSERT_EQ(error, 90u) << "room for " << size; }
+
+            const exact_buffer cut(bytes.data(), size);
+            for (const database* by : {&reading, &skipping}) {
+                subject target(GetParam(), *by);
+                error = 0;
+                target.unmarshal(cut.data(), size, 0, &error);
+                if (tracking != LOOM_TRACKING_ON && schema().flag_sets.count(GetParam()) == 0) {
+                    ASSERT_NE(error, 0u) << "only " << size << " bytes of " << bytes.size();
+                }
+            }
+        }
+    }
+}
+
+TEST_P(AllTypes, DamagedBytesDoNoHarm) {
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database writing(tracking), reading(tracking);
+        for (uint32_t seed = 0; seed < 20; ++seed) {
+            std::mt19937 random(seed);
+            subject source(GetParam(), writing);
+            source.fill(random, {});
+            uint32_t error = 0;
+            std::vector<uint8_t> bytes = source.marshal(&error);
+            for (uint32_t damage = 1 + static_cast<uint32_t>(random() % 4); damage > 0; --damage)
+                bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
+            bytes.resize(1 + random() % bytes.size());
+            const exact_buffer cut(bytes.data(), bytes.size());
+            subject target(GetParam(), reading);
+            if (seed % 2 == 1) target.fill(random, {});
+            target.unmarshal(cut.data(), bytes.size(), seed % 2, &error);
+            error = 0;
+            target.marshal(&error);
+        }
+    }
+}
+
+TEST_P(AllTypes, TextIsTheWalkers) {
+    const database plain;
+    for (uint32_t seed = 0; seed < rounds; ++seed) {
+        std::mt19937 random(seed);
+        subject source(GetParam(), plain);
+        source.fill(random, {.lower_variants = seed % 2 == 1, .stale_arms = seed % 3 == 0, .presentable = false});
+        for (const int depth : {0, 3}) {
+            const std::string expected = source.walker().print(GetParam(), source.object(), "label", depth);
+            std::vector<char> buffer(expected.size() + 100);
+            uint32_t error = 0;
+            const int32_t size =
+                source.operations().print(plain, domain, buffer.data(), depth, "label", source.object(),
+                                          static_cast<int32_t>(buffer.size()), &error);
+            ASSERT_EQ(error, 0u);
+            ASSERT_EQ(std::string(buffer.data(), static_cast<size_t>(size)), expected) << "seed " << seed;
+        }
+        for (int32_t size = 0; size < 200; size += 9) {
+            exact_buffer buffer(static_cast<size_t>(size));
+            uint32_t error = 0;
+            ASSERT_LE(source.operations().print(plain, domain, reinterpret_cast<char*>(buffer.data()), 2, "label",
+                                                source.object(), size, &error),
+                      size);
+        }
+    }
+}
+
+struct parsed {
+    loom_xml_document* document;
+    explicit parsed(const std::string& text) : document(loom_xml_parse(text.data(), text.size(), nullptr)) {}
+    ~parsed() { loom_xml_free(document); }
+};
+
+TEST_P(AllTypes, XmlIsTheWalkersAndComesBack) {
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database handle(tracking);
+        for (uint32_t seed = 0; seed < rounds; ++seed) {
+            SCOPED_TRACE(::testing::Message() << "tracking " << tracking << ", seed " << seed);
+            std::mt19937 random(seed);
+            subject source(GetParam(), handle);
+            const bool lowered = seed % 3 == 2;
+            source.fill(random, {.lower_variants = lowered, .stale_arms = lowered, .presentable = true});
+            const std::string expected = source.walker().to_xml(GetParam(), source.object(), "root", 7);
+            std::vector<char> buffer(expected.size() + 100);
+            uint32_t error = 0;
+            const uint32_t size =
+                source.operations().to_xml(handle, domain, "root", buffer.data(), source.object(),
+                                           static_cast<int32_t>(buffer.size()), 7, &error);
+            ASSERT_EQ(error, 0u);
+            const std::string text(buffer.data(), size);
+            ASSERT_EQ(text, expected);
+            if (lowered) continue;
+
+            const parsed document(text);
+            ASSERT_NE(document.document, nullptr);
+            subject target(GetParam(), handle);
+            target.operations().from_xml(handle, domain, "//root", document.document, target.object(), &error);
+            ASSERT_EQ(error, 0u);
+            ASSERT_EQ(source.walker().compare(GetParam(), source.object(), target.object()), 0)
+                << text << "\n"
+                << source.walker().to_xml(GetParam(), target.object(), "root", 7);
+        }
+    }
+}
+
+TEST_P(AllTypes, OrderAndHashAreTheWalkers) {
+    const database plain;
+    for (uint32_t seed = 0; seed < 4 * rounds; ++seed) {
+        std::mt19937 random(seed);
+        const fill_options options{.lower_variants = false, .stale_arms = seed % 2 == 1, .presentable = false};
+        subject a(GetParam(), plain), b(GetParam(), plain);
+        a.fill(random, options);
+        if (seed % 4 == 0) random.seed(seed);
+        b.fill(random, options);
+        const auto sign = [](int32_t value) { return (value > 0) - (value < 0); };
+        const named_type& type = a.operations();
+        const model_walker& walker = a.walker();
+        ASSERT_EQ(sign(type.compare(a.object(), b.object())), walker.compare(GetParam(), a.object(), b.object()));
+        ASSERT_EQ(sign(type.compare(b.object(), a.object())), walker.compare(GetParam(), b.object(), a.object()));
+        ASSERT_EQ(type.compare(a.object(), a.object()), 0);
+        ASSERT_EQ(type.hash(a.object(), seed), walker.hash(GetParam(), a.object(), seed));
+    }
+    subject one(GetParam(), plain);
+    EXPECT_EQ(one.operations().compare(nullptr, nullptr), 0);
+    EXPECT_LT(one.operations().compare(nullptr, one.object()), 0);
+    EXPECT_GT(one.operations().compare(one.object(), nullptr), 0);
+    EXPECT_EQ(one.operations().hash(nullptr, 77), 77u);
+}
+
+TEST_P(AllRecords, AbsentInstanceHasTheLengthOfAnEmptyOne) {
+    const database plain;
+    const named_type type(GetParam());
+    subject empty(GetParam(), plain);
+    static_cast<int8_t*>(empty.object())[8] = 0;
+    uint32_t error = 0;
+    const std::vector<uint8_t> bytes = empty.marshal(&error);
+    // Where the empty discriminator selects an arm, that arm is missing.
+    EXPECT_EQ(type.len(plain, domain, nullptr), type.len(plain, domain, empty.object()));
+    if (error == 0) { EXPECT_EQ(type.len(plain, domain, nullptr), bytes.size()); }
+}
+
+std::string label(const ::testing::TestParamInfo<std::string>& info) { return info.param; }
+INSTANTIATE_TEST_SUITE_P(Bundle, AllTypes, ::testing::ValuesIn(type_names()), label);
+INSTANTIATE_TEST_SUITE_P(Bundle, AllRecords, ::testing::ValuesIn(record_names()), label);
+
+} // namespace
+} // namespace trellis::testing
