@@ -50,8 +50,8 @@ consteval u32 slot_of(std::size_t wanted, u32 copy) {
     const auto applies = [](const diag::statement& statement) {
         return has_payload<M> || static_cast<diag::message_trait>(statement.kinds) == diag::message_trait::any;
     };
-    if (!applies(diag::message_statements[wanted])) throw "the statement does not apply to this message";
-    if (copy >= diag::message_statements[wanted].copies) throw "the statement has fewer entries";
+    if (!applies(diag::message_statements[wanted])) diag::the_statement_does_not_apply_here();
+    if (copy >= diag::message_statements[wanted].copies) diag::the_statement_has_fewer_entries();
     u32 slot = copy;
     for (std::size_t i = 0; i < wanted; ++i)
         if (applies(diag::message_statements[i])) slot += diag::message_statements[i].copies;

@@ -163,8 +163,8 @@ consteval bool has_statement(const diag::statement& statement) {
 }
 template <class T>
 consteval u32 slot_of(std::size_t wanted, u32 copy) {
-    if (!has_statement<T>(diag::table_statements[wanted])) throw "the statement does not apply to this table";
-    if (copy >= diag::table_statements[wanted].copies) throw "the statement has fewer entries";
+    if (!has_statement<T>(diag::table_statements[wanted])) diag::the_statement_does_not_apply_here();
+    if (copy >= diag::table_statements[wanted].copies) diag::the_statement_has_fewer_entries();
     u32 slot = copy;
     for (std::size_t i = 0; i < wanted; ++i)
         if (has_statement<T>(diag::table_statements[i])) slot += diag::table_statements[i].copies;
