@@ -1,0 +1,137 @@
+// trellisc: the schema compiler as a program. Reads files, runs the stages of schema.h, prints or writes what was
+// asked for. Exit status: 0 done, 1 mistakes in a schema (or, for compare, changes that break peers), 2 wrong use
+// or a file that cannot be read or written.
+#include "schema/compiler/emit_bundle.h"
+#include "schema/compiler/names.h"
+#include "schema/compiler/report.h"
+#include "schema/compiler/schema.h"
+
+#include <charconv>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+
+namespace {
+
+using namespace trellis::schema;
+
+constexpr int done = 0, mistaken = 1, misused = 2;
+
+constexpr std::string_view usage = R"(trellisc - compiles trellis schemas
+
+  trellisc check FILE...                       tells all mistakes of a schema
+  trellisc layout FILE...                      prints sizes, offsets and tracking areas of all types
+  trellisc names FILE...                       prints the exported functions, one a line, in function order
+  trellisc generate --out DIR [--units N] FILE...
+                                               writes the sources of the bundle
+  trellisc help                                prints this
+
+All files of a bundle are given together, in any order.
+Exit status: 0 done, 1 mistakes in a schema, 2 wrong use or unreadable files.
+)";
+
+struct wrong_use : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+int tell(const std::vector<diagnostic>& mistakes) {
+    for (const diagnostic& d : mistakes) std::cerr << text_of(d) << '\n';
+    if (mistakes.empty()) return done;
+    std::cerr << mistakes.size() << (mistakes.size() == 1 ? " mistake\n" : " mistakes\n");
+    return mistaken;
+}
+
+std::string content_of(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (!in) throw wrong_use("cannot read " + path.string());
+    return text;
+}
+
+compiled compile_files(const std::vector<std::string>& names) {
+    if (names.empty()) throw wrong_use("no schema file given");
+    std::vector<source_text> texts;
+    for (const std::string& name : names) texts.push_back({name, content_of(name)});
+    return compile(texts);
+}
+
+int check(const std::vector<std::string>& files) {
+    const compiled result = compile_files(files);
+    if (!result.good()) return tell(result.mistakes);
+    std::cout << summary(*result.model);
+    return done;
+}
+
+template <class Print>
+int print(const std::vector<std::string>& files, Print what) {
+    const compiled result = compile_files(files);
+    if (!result.good()) return tell(result.mistakes);
+    std::cout << what(*result.model);
+    return done;
+}
+
+std::string names_text(const bundle& b) {
+    std::string text;
+    for (const exported_function& f : exported_functions(b)) text += f.name + "\n";
+    return text;
+}
+
+int generate(const std::vector<std::string>& arguments) {
+    std::vector<std::string> files;
+    std::string out;
+    unsigned units = default_units;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& a = arguments[i];
+        if (a != "--out" && a != "--units") {
+            files.push_back(a);
+            continue;
+        }
+        if (++i == arguments.size()) throw wrong_use(a + " needs a value");
+        const std::string& value = arguments[i];
+        if (a == "--out") out = value;
+        else if (const auto r = std::from_chars(value.data(), value.data() + value.size(), units);
+                 r.ec != std::errc() || r.ptr != value.data() + value.size() || units == 0 || units > 1000)
+            throw wrong_use("--units takes a number from 1 to 1000");
+    }
+    if (out.empty()) throw wrong_use("generate needs --out DIR");
+    const compiled result = compile_files(files);
+    if (!result.good()) return tell(result.mistakes);
+    emit_bundle(*result.model, out, units);
+    return done;
+}
+
+int run(const std::vector<std::string>& words) {
+    if (words.empty()) throw wrong_use("no command given");
+    const std::string& command = words.front();
+    const std::vector<std::string> rest(words.begin() + 1, words.end());
+    if (command == "help" || command == "--help" || command == "-h") {
+        std::cout << usage;
+        return done;
+    }
+    if (command == "check") return check(rest);
+    if (command == "layout") return print(rest, layout_text);
+    if (command == "names") return print(rest, names_text);
+    if (command == "generate") return generate(rest);
+    throw wrong_use("unknown command " + command);
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    try {
+        const int status = run({arguments + 1, arguments + count});
+        std::cout.flush();
+        if (!std::cout) throw std::runtime_error("cannot write the output");
+        return status;
+    } catch (const wrong_use& e) {
+        std::cerr << "trellisc: " << e.what() << "\nTry trellisc help.\n";
+    } catch (const std::exception& e) {
+        std::cerr << "trellisc: " << e.what() << '\n';
+    }
+    return misused;
+}
