@@ -115,8 +115,8 @@ int show_record(context& c) {
     if (c.line.has("--xml")) {
         write_indented(std::cout, table.type.to_xml(db.handle(), record), 0);
     } else if (c.line.has("--bytes")) {
-        const schema_models models(c.line.value("--schema"), table.type.module());
-        write_annotated(std::cout, table.type.to_bytes(db.handle(), record), table.type, models);
+        const schema_model model = schema_model::load(c.line.value("--schema"), table.type.module());
+        write_annotated(std::cout, table.type.to_bytes(db.handle(), record), table.type, model);
     } else {
         std::cout << table.type.to_text(db.handle(), record);
     }

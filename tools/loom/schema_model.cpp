@@ -1,0 +1,74 @@
+#include "schema_model.h"
+
+#include "bundles.h"
+#include "failure.h"
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+namespace fs = std::filesystem;
+
+namespace tool {
+namespace {
+
+using json = nlohmann::json;
+
+schema_model::shape shape_of(const std::string& name) {
+    using enum schema_model::shape;
+    static const std::map<std::string, schema_model::shape> shapes = {
+        {"plain", plain},   {"object", object},
+        {"length", length}, {"fixed_array", fixed_array},
+        {"oid", oid},       {"variable_array", variable_array},
+        {"arm", arm},       {"counted_string", counted_string},
+        {"list", list},     {"fixed_string", fixed_string},
+    };
+    return shapes.at(name);
+}
+
+schema_model::attribute read_attribute(const json& from) {
+    schema_model::attribute result;
+    result.name = from.at("name");
+    result.form = shape_of(from.at("shape"));
+    result.type = from.value("type", "");
+    result.extent = from.value("extent", 0u);
+    result.length_name = from.value("length", "");
+    result.discriminator = from.value("discriminator", "");
+    result.case_name = from.value("case", "");
+    result.since = from.value("since", 0);
+    return result;
+}
+
+fs::path beside_library(const std::string& module) {
+    const fs::path library = bundles::library_path(module);
+    const fs::path path = library.parent_path() / (module + ".json");
+    if (!fs::is_regular_file(path))
+        throw failure("there is no schema model of " + module + " at " + path.string(),
+                      "make one with 'trellisc json', and name it with --schema");
+    return path;
+}
+
+} // namespace
+
+schema_model schema_model::load(const std::optional<std::string>& file, const std::string& module) {
+    const fs::path path = file ? fs::path(*file) : beside_library(module);
+    std::ifstream stream(path);
+    if (!stream) throw failure(path.string() + ": cannot be read", "make the file with 'trellisc json'");
+    schema_model model;
+    try {
+        for (const json& each : json::parse(stream).at("records"))
+            for (const json& attribute : each.at("attributes"))
+                model.records_[each.at("name")].attributes.push_back(read_attribute(attribute));
+    } catch (const std::exception& error) {
+        throw failure(path.string() + ": is no schema model: " + error.what(),
+                      "make the file with 'trellisc json'");
+    }
+    return model;
+}
+
+const schema_model::record* schema_model::find_record(const std::string& name) const {
+    const auto found = records_.find(name);
+    return found == records_.end() ? nullptr : &found->second;
+}
+
+} // namespace tool
