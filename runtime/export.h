@@ -4,5 +4,6 @@
 
 /// An exported C operation: `LOOM_EXPORT uint32_t u_int8_len(...) { ... }`.
 #define LOOM_EXPORT extern "C" __attribute__((visibility("default")))
-/// An exported object that a platform header declares: `LOOM_EXPORT_DATA loom_type_info _x_type_info_internal = ...;`.
+/// An exported object that a platform header declares: `LOOM_EXPORT_DATA loom_type_info _x_type_info_internal =
+/// ...;`.
 #define LOOM_EXPORT_DATA __attribute__((visibility("default")))

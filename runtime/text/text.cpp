@@ -30,8 +30,8 @@ iso_time now() {
 }
 } // namespace
 
-LOOM_EXPORT int32_t loom_snprintf(loom_handle* handle, uint32_t domain, char* buffer, int32_t length, uint32_t* err,
-                                  const char* format, ...) {
+LOOM_EXPORT int32_t loom_snprintf(loom_handle* handle, uint32_t domain, char* buffer, int32_t length,
+                                  uint32_t* err, const char* format, ...) {
     const call c{handle, domain, err};
     if (c.pending()) return 0;
     const u32 room = room_of(length);
@@ -56,8 +56,8 @@ LOOM_EXPORT int32_t loom_print_space(loom_handle* handle, uint32_t domain, char*
     return static_cast<i32>(written);
 }
 
-LOOM_EXPORT uint32_t start_tag(loom_handle* handle, uint32_t domain, char* buffer, const char* name, int32_t length,
-                               uint8_t state, uint32_t* err) {
+LOOM_EXPORT uint32_t start_tag(loom_handle* handle, uint32_t domain, char* buffer, const char* name,
+                               int32_t length, uint8_t state, uint32_t* err) {
     return xml_piece({handle, domain, err}, buffer, name, length,
                      [&](text_writer& out) { append_open_tag(out, name, state); });
 }

@@ -1,5 +1,5 @@
-// Bounded text: appends to a caller's buffer, never beyond it, and knows whether something was left out. How a line
-// or an element ends, and what a short buffer reports, is decided here for all printing operations.
+// Bounded text: appends to a caller's buffer, never beyond it, and knows whether something was left out. How a
+// line or an element ends, and what a short buffer reports, is decided here for all printing operations.
 #pragma once
 
 #include "runtime/values/call.h"
@@ -9,7 +9,7 @@
 namespace loom {
 
 class text_writer {
-public:
+  public:
     text_writer(char* buffer, i32 length) : buffer_(buffer), room_(room_of(length)) {}
 
     void append(std::string_view text) {
@@ -59,7 +59,7 @@ public:
         return used_;
     }
 
-private:
+  private:
     char* buffer_;
     u32 room_;
     u32 used_ = 0;

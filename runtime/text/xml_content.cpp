@@ -75,9 +75,12 @@ void append_escaped(text_writer& out, std::string_view text) {
     };
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
-        if (c == '&') replace(i, "&amp;");
-        else if (c == '<') replace(i, "&lt;");
-        else if (c == '>') replace(i, "&gt;");
+        if (c == '&')
+            replace(i, "&amp;");
+        else if (c == '<')
+            replace(i, "&lt;");
+        else if (c == '>')
+            replace(i, "&gt;");
         else if (is_control(static_cast<unsigned char>(c))) {
             replace(i, "&#");
             append_decimal(out, static_cast<u8>(c));
@@ -91,8 +94,10 @@ void append_text_element(text_writer& out, std::string_view name, std::string_vi
     const bool hexadecimal = !xml_can_hold(text);
     append_open_tag(out, name, state, hexadecimal);
     if (hexadecimal)
-        for (const char byte : text) out.append_hex(static_cast<u8>(byte));
-    else append_escaped(out, text);
+        for (const char byte : text)
+            out.append_hex(static_cast<u8>(byte));
+    else
+        append_escaped(out, text);
     append_close_tag(out, name);
 }
 

@@ -113,7 +113,9 @@ struct octets_kind {
 /// Text: RFC 5952.
 struct ipv6_kind : octets_kind<ipv6_addr> {
     static constexpr size_t text_limit = INET6_ADDRSTRLEN;
-    static size_t format(char* text, const type& value) { return format_octets(text, text_limit, 6, value.octets); }
+    static size_t format(char* text, const type& value) {
+        return format_octets(text, text_limit, 6, value.octets);
+    }
     static bool parse(std::string_view text, type& value) { return parse_octets(text, value.octets) == 6; }
 };
 
@@ -265,9 +267,7 @@ struct physical_kind {
         if (const int result = std::memcmp(octets_in(a), octets_in(b), shared)) return sign(result);
         return order(count_of(a), count_of(b));
     }
-    static u32 hash(const type& value, u32 seed) {
-        return SuperFastHash(octets_in(value), count_of(value), seed);
-    }
+    static u32 hash(const type& value, u32 seed) { return SuperFastHash(octets_in(value), count_of(value), seed); }
 };
 } // namespace
 } // namespace loom

@@ -12,10 +12,14 @@ using namespace trellis;
 
 template <std::unsigned_integral T>
 constexpr T byte_swapped_on_little_endian(T value) {
-    if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1) return value;
-    else if constexpr (sizeof(T) == 2) return __builtin_bswap16(value);
-    else if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
-    else return __builtin_bswap64(value);
+    if constexpr (std::endian::native == std::endian::big || sizeof(T) == 1)
+        return value;
+    else if constexpr (sizeof(T) == 2)
+        return __builtin_bswap16(value);
+    else if constexpr (sizeof(T) == 4)
+        return __builtin_bswap32(value);
+    else
+        return __builtin_bswap64(value);
 }
 
 /// Writes `value` to `sizeof(T)` bytes at `out`.

@@ -1,5 +1,5 @@
-// One call of a runtime operation: handle, domain and error word in one place, so that the error discipline and the
-// announcement of stores are written once. No operation lives here.
+// One call of a runtime operation: handle, domain and error word in one place, so that the error discipline and
+// the announcement of stores are written once. No operation lives here.
 #pragma once
 
 #include <loom/instance.h>

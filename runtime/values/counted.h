@@ -1,5 +1,6 @@
 // Operations of values that keep counted bytes outside themselves, in memory of the handle's allocator: strings,
-// byte strings, opaque texts. Here is who owns which block when, what is announced, and what happens without memory.
+// byte strings, opaque texts. Here is who owns which block when, what is announced, and what happens without
+// memory.
 #pragma once
 
 #include "runtime/values/big_endian.h"
@@ -73,9 +74,12 @@ struct counted {
         if (!c.pending() && !value) return static_cast<i32>(c.fail(LOOM_ENOENT));
         return print_line(c, buffer, indent, name, K::name, length, [&](text_writer& out) {
             const std::string_view bytes = view(value);
-            if constexpr (K::holds == content::octets) append_octets(out, bytes);
-            else if constexpr (K::holds == content::secret) append_size(out, bytes.size());
-            else append_printable(out, bytes);
+            if constexpr (K::holds == content::octets)
+                append_octets(out, bytes);
+            else if constexpr (K::holds == content::secret)
+                append_size(out, bytes.size());
+            else
+                append_printable(out, bytes);
         });
     }
 
@@ -157,9 +161,10 @@ struct counted {
         if (release) handle->free(handle->alloc_ctx, domain, value);
     }
 
-private:
+  private:
     static void append_octets(text_writer& out, std::string_view bytes) {
-        for (const char byte : bytes) out.append_hex(static_cast<u8>(byte));
+        for (const char byte : bytes)
+            out.append_hex(static_cast<u8>(byte));
     }
 
     static void append_size(text_writer& out, size_t size) {
@@ -173,9 +178,9 @@ private:
                     [&](void* block) { std::memmove(block, bytes, length); });
     }
 
-    /// Gives `value` the `length` bytes that `write` puts into a block. `others` is the block of another value, which
-    /// stays alive if `value` holds it as well. Returns 0 or 12; without memory the value stays as it was, but a
-    /// shared block is left to its other holder.
+    /// Gives `value` the `length` bytes that `write` puts into a block. `others` is the block of another value,
+    /// which stays alive if `value` holds it as well. Returns 0 or 12; without memory the value stays as it was,
+    /// but a shared block is left to its other holder.
     template <class Write>
     static u32 fill(const call& c, type* value, u32 length, const void* others, Write write) {
         auto*& held = K::bytes(*value);
@@ -187,8 +192,8 @@ private:
         }
         type filled{};
         if (length) {
-            auto* block = static_cast<std::remove_reference_t<decltype(held)>>(
-                c.allocate(size_t{length} + K::terminator));
+            auto* block =
+                static_cast<std::remove_reference_t<decltype(held)>>(c.allocate(size_t{length} + K::terminator));
             if (!block) {
                 if (shared) c.store(value, type{});
                 return LOOM_ENOMEM;

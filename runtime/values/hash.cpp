@@ -4,7 +4,8 @@
 // The block is taken in words of four bytes, each as two 16-bit halves, low byte first:
 //   hash += low; hash = hash << 16 ^ high << 11 ^ hash; hash += hash >> 11
 // One to three bytes behind the last word have steps of their own, a single byte being taken as signed; six shifts
-// at the end let the last bits reach all others. An empty block gives the seed, so that it does not wipe out a chain.
+// at the end let the last bits reach all others. An empty block gives the seed, so that it does not wipe out a
+// chain.
 #include "frame/basic_types.h"
 #include "runtime/export.h"
 
@@ -44,8 +45,7 @@ LOOM_EXPORT uint32_t SuperFastHash(const void* block, uint32_t length, uint32_t 
         hash ^= hash << 10;
         hash += hash >> 1;
         break;
-    default:
-        break;
+    default: break;
     }
     hash ^= hash << 3;
     hash += hash >> 5;

@@ -15,7 +15,7 @@ template <class K>
 concept in_place_kind = requires(const typename K::type& value, typename K::type& target, u8* bytes, char* text) {
     { K::name } -> std::convertible_to<std::string_view>;
     { K::wire_size(value) } -> std::same_as<u32>;
-    { K::write(bytes, value) };
+    {K::write(bytes, value)};
     { K::read(static_cast<const u8*>(bytes), u32{}, target) } -> std::same_as<read_result>;
     { K::hash(value, u32{}) } -> std::same_as<u32>;
     { K::text_limit } -> std::convertible_to<size_t>;
@@ -25,7 +25,9 @@ concept in_place_kind = requires(const typename K::type& value, typename K::type
 
 /// Kinds whose text may hold any byte, so that XML needs care.
 template <class K>
-constexpr bool is_any_text = requires { requires K::any_text; };
+constexpr bool is_any_text = requires {
+    requires K::any_text;
+};
 
 /// Hash over the canonical wire form, for kinds with bytes in memory that do not count.
 template <class K>
@@ -65,8 +67,10 @@ struct in_place {
         return print_line(c, buffer, indent, name, K::name, length, [&](text_writer& out) {
             char text[K::text_limit];
             const std::string_view view(text, K::format(text, *value));
-            if constexpr (is_any_text<K>) append_printable(out, view);
-            else out.append(view);
+            if constexpr (is_any_text<K>)
+                append_printable(out, view);
+            else
+                out.append(view);
         });
     }
 
@@ -119,14 +123,18 @@ struct in_place {
 
     static void set(const call& c, type* destination, const type* source) {
         if (c.pending()) return;
-        if (source && destination) c.store(destination, *source);
-        else c.fail(source ? LOOM_EINVAL : LOOM_ENOENT);
+        if (source && destination)
+            c.store(destination, *source);
+        else
+            c.fail(source ? LOOM_EINVAL : LOOM_ENOENT);
     }
 
     static void set_value(const call& c, type* destination, type value) {
         if (c.pending()) return;
-        if (destination) c.store(destination, value);
-        else c.fail(LOOM_EINVAL);
+        if (destination)
+            c.store(destination, value);
+        else
+            c.fail(LOOM_EINVAL);
     }
 
     /// A block copy of such a value is a whole copy already.

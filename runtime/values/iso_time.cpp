@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 
 namespace loom {
@@ -17,12 +18,13 @@ i64 local_seconds(const iso_time& time) { return time.seconds + time.utc_offset 
 
 /// Takes `count` digits off the front of a text.
 class digit_reader {
-public:
+  public:
     explicit digit_reader(std::string_view text) : rest_(text) {}
 
     u32 number(size_t count) {
         u32 value = 0;
-        for (size_t i = 0; i < count; ++i) value = value * 10 + digit();
+        for (size_t i = 0; i < count; ++i)
+            value = value * 10 + digit();
         return value;
     }
     void expect(char character) { good_ &= take(character); }
@@ -35,15 +37,17 @@ public:
     u32 nanoseconds() {
         u32 value = 0;
         u32 digits = 0;
-        for (; digits < 9 && at_digit(); ++digits) value = value * 10 + digit();
+        for (; digits < 9 && at_digit(); ++digits)
+            value = value * 10 + digit();
         good_ &= digits > 0;
-        for (; digits < 9; ++digits) value *= 10;
+        for (; digits < 9; ++digits)
+            value *= 10;
         return value;
     }
     bool good() const { return good_; }
     bool at_end() const { return rest_.empty(); }
 
-private:
+  private:
     bool at_digit() const { return !rest_.empty() && rest_[0] >= '0' && rest_[0] <= '9'; }
     u32 digit() {
         if (!at_digit()) {
@@ -64,7 +68,8 @@ bool is_expressible(const iso_time& time) {
     if (time.nanoseconds >= 1'000'000'000 || time.utc_offset <= -minutes_per_day ||
         time.utc_offset >= minutes_per_day)
         return false;
-    if (time.seconds < first_second - seconds_per_day || time.seconds > last_second + seconds_per_day) return false;
+    if (time.seconds < first_second - seconds_per_day || time.seconds > last_second + seconds_per_day)
+        return false;
     return local_seconds(time) >= first_second && local_seconds(time) <= last_second;
 }
 
@@ -74,23 +79,25 @@ size_t format_iso(char* text, const iso_time& time, fraction digits) {
     const sys_days day = floor<days>(local);
     const year_month_day date{day};
     const hh_mm_ss clock{local - day};
-    int size = std::snprintf(text, iso_text_limit, "%04d-%02u-%02uT%02d:%02d:%02d", static_cast<int>(date.year()),
-                             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                             static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                             static_cast<int>(clock.seconds().count()));
-    const auto append = [&](const char* format, auto... values) {
-        size += std::snprintf(text + size, iso_text_limit - static_cast<size_t>(size), format, values...);
-    };
+    char* at = text;
+    const auto room = [&] { return static_cast<size_t>(text + iso_text_limit - at); };
+    at += std::snprintf(at, room(), "%04d-%02u-%02uT%02d:%02d:%02d", static_cast<int>(date.year()),
+                        static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                        static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                        static_cast<int>(clock.seconds().count()));
     if (digits == fraction::milliseconds) {
-        append(".%03u", time.nanoseconds / 1'000'000);
+        at += std::snprintf(at, room(), ".%03u", time.nanoseconds / 1'000'000);
     } else if (time.nanoseconds) {
-        append(".%09u", time.nanoseconds);
-        while (text[size - 1] == '0') --size;
+        at += std::snprintf(at, room(), ".%09u", time.nanoseconds);
+        while (at[-1] == '0')
+            --at;
     }
-    const i32 offset = time.utc_offset < 0 ? -time.utc_offset : time.utc_offset;
-    if (offset == 0) append("Z");
-    else append("%c%02d:%02d", time.utc_offset < 0 ? '-' : '+', offset / 60, offset % 60);
-    return static_cast<size_t>(size);
+    const i32 offset = std::abs(time.utc_offset);
+    if (offset == 0)
+        *at++ = 'Z';
+    else
+        at += std::snprintf(at, room(), "%c%02d:%02d", time.utc_offset < 0 ? '-' : '+', offset / 60, offset % 60);
+    return static_cast<size_t>(at - text);
 }
 
 bool parse_iso(std::string_view text, iso_time& time) {

@@ -54,9 +54,12 @@ size_t format_floating(char* text, size_t room, T value) {
 
 template <class T>
 bool parse_floating(std::string_view text, T& value) {
-    if (text == "INF" || text == "+INF") value = std::numeric_limits<T>::infinity();
-    else if (text == "-INF") value = -std::numeric_limits<T>::infinity();
-    else if (text == "NaN") value = std::bit_cast<T>(plain_nan<T>);
+    if (text == "INF" || text == "+INF")
+        value = std::numeric_limits<T>::infinity();
+    else if (text == "-INF")
+        value = -std::numeric_limits<T>::infinity();
+    else if (text == "NaN")
+        value = std::bit_cast<T>(plain_nan<T>);
     else if (text.starts_with("NaN(") && text.ends_with(')')) {
         bits_of<T> bits;
         if (!parse_integer(text.substr(4, text.size() - 5), bits, 16)) return false;

@@ -8,9 +8,9 @@ namespace loom {
 namespace {
 
 template <class T>
-using wire_integer = std::conditional_t<
-    sizeof(T) == 1, u8,
-    std::conditional_t<sizeof(T) == 2, u16, std::conditional_t<sizeof(T) == 4, u32, u64>>>;
+using wire_integer =
+    std::conditional_t<sizeof(T) == 1, u8,
+                       std::conditional_t<sizeof(T) == 2, u16, std::conditional_t<sizeof(T) == 4, u32, u64>>>;
 
 /// Wire form and hash of everything that is a number of 1, 2, 4 or 8 bytes.
 template <class T>

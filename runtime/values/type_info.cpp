@@ -13,7 +13,8 @@ constexpr uint8_t hexadecimal_value(char digit) {
     return static_cast<uint8_t>(digit <= '9' ? digit - '0' : digit - 'a' + 10);
 }
 
-consteval loom_type_info type_info(std::string_view name, std::string_view luid_text, loom_variant_table* variants) {
+consteval loom_type_info type_info(std::string_view name, std::string_view luid_text,
+                                   loom_variant_table* variants) {
     loom_type_info info{};
     info.magic = LOOM_TYPE_INFO_MAGIC;
     for (size_t i = 0; i < sizeof info.luid; ++i)

@@ -1,7 +1,9 @@
 // Paths through a parsed document: steps, the indexes that keep them cheap, and the text of elements.
 #include "runtime/xml/document.h"
 
+#include <algorithm>
 #include <new>
+#include <utility>
 
 namespace loom {
 namespace {
@@ -47,23 +49,53 @@ split_path split(std::string_view path) {
     return {path.substr(0, leading ? slash + 1 : slash), path.substr(slash + 1)};
 }
 
-pugi::xml_node pick(const std::vector<pugi::xml_node>& elements, u64 position) {
+pugi::xml_node pick(std::span<const pugi::xml_node> elements, u64 position) {
     const u64 index = position ? position - 1 : 0;
     return index < elements.size() ? elements[index] : pugi::xml_node();
 }
 
-bool is_text(pugi::xml_node node) {
-    return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
-}
+bool is_text(pugi::xml_node node) { return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata; }
 } // namespace
+
+name_index::name_index(const std::vector<pugi::xml_node>& elements) : elements_(elements.size()) {
+    // Elements of one name often follow each other: only a new name is looked up.
+    std::unordered_map<std::string_view, u32> numbers;
+    std::vector<u32> number_of(elements.size());
+    for (size_t i = 0; i < elements.size(); ++i) {
+        const std::string_view name = elements[i].name();
+        if (i && groups_[number_of[i - 1]].name == name) {
+            number_of[i] = number_of[i - 1];
+        } else {
+            number_of[i] = numbers.try_emplace(name, static_cast<u32>(groups_.size())).first->second;
+            if (number_of[i] == groups_.size()) groups_.push_back({name, 0, 0});
+        }
+        ++groups_[number_of[i]].count;
+    }
+    u32 begin = 0;
+    for (group& each : groups_)
+        each.begin = std::exchange(begin, begin + each.count) + each.count;
+    for (size_t i = elements.size(); i-- > 0;)
+        elements_[--groups_[number_of[i]].begin] = elements[i];
+    std::sort(groups_.begin(), groups_.end(), [](const group& a, const group& b) { return a.name < b.name; });
+}
+
+std::span<const pugi::xml_node> name_index::named(std::string_view name) const {
+    const auto found =
+        std::lower_bound(groups_.begin(), groups_.end(), name,
+                         [](const group& each, std::string_view wanted) { return each.name < wanted; });
+    if (found == groups_.end() || found->name != name) return {};
+    return std::span(elements_).subspan(found->begin, found->count);
+}
 
 element_text::element_text(pugi::xml_node element) {
     u32 pieces = 0;
     for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
         if (!is_text(child)) continue;
         if (++pieces == 2) joined_ = raw_;
-        if (pieces == 1) raw_ = child.value();
-        else raw_ = joined_ += child.value();
+        if (pieces == 1)
+            raw_ = child.value();
+        else
+            raw_ = joined_ += child.value();
     }
     const pugi::xml_attribute encoding = element.attribute("encoding");
     if (!encoding) return;
@@ -72,8 +104,10 @@ element_text::element_text(pugi::xml_node element) {
 }
 
 void element_text::copy_to(void* bytes) const {
-    if (hexadecimal_) decode_hexadecimal(raw_, bytes);
-    else if (!raw_.empty()) std::memcpy(bytes, raw_.data(), raw_.size());
+    if (hexadecimal_)
+        decode_hexadecimal(raw_, bytes);
+    else if (!raw_.empty())
+        std::memcpy(bytes, raw_.data(), raw_.size());
 }
 } // namespace loom
 
@@ -175,40 +209,35 @@ u32 loom_xml_document::count_children(pugi::xml_node parent, std::string_view na
     return static_cast<u32>(children(parent, name).size());
 }
 
-const loom_xml_document::element_list& loom_xml_document::children(pugi::xml_node parent,
-                                                                   std::string_view name) const {
-    static const element_list none;
-    auto entry = children_.find(parent);
-    if (entry == children_.end()) {
-        name_index index;
+loom_xml_document::elements loom_xml_document::children(pugi::xml_node parent, std::string_view name) const {
+    auto index = children_.find(parent);
+    if (index == children_.end()) {
+        std::vector<pugi::xml_node> all;
         for (pugi::xml_node child = parent.first_child(); child; child = child.next_sibling()) {
             ++visited_;
-            if (is_element(child)) index[child.name()].push_back(child);
+            if (is_element(child)) all.push_back(child);
         }
-        entry = children_.emplace(parent, std::move(index)).first;
+        index = children_.try_emplace(parent, all).first;
     }
     ++visited_;
-    const auto list = entry->second.find(name);
-    return list == entry->second.end() ? none : list->second;
+    return index->second.named(name);
 }
 
-const loom_xml_document::element_list& loom_xml_document::anywhere(std::string_view name) const {
-    static const element_list none;
-    if (!anywhere_built_) {
+loom_xml_document::elements loom_xml_document::anywhere(std::string_view name) const {
+    if (!anywhere_) {
         // In document order and without recursion, since documents may be deep.
-        name_index index;
+        std::vector<pugi::xml_node> all;
         pugi::xml_node node = tree.first_child();
         while (node) {
             ++visited_;
-            if (is_element(node)) index[node.name()].push_back(node);
+            if (is_element(node)) all.push_back(node);
             pugi::xml_node next = node.first_child();
-            for (; !next && node; node = node.parent()) next = node.next_sibling();
+            for (; !next && node; node = node.parent())
+                next = node.next_sibling();
             node = next;
         }
-        anywhere_ = std::move(index);
-        anywhere_built_ = true;
+        anywhere_.emplace(all);
     }
     ++visited_;
-    const auto list = anywhere_.find(name);
-    return list == anywhere_.end() ? none : list->second;
+    return anywhere_->named(name);
 }

@@ -14,6 +14,8 @@
 
 #include <pugixml.hpp>
 
+#include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -26,9 +28,26 @@ struct path_step {
     u64 position = 0;
 };
 
+/// Elements by name: for each name those that carry it, in document order. Two blocks of memory, so that documents
+/// may have many.
+class name_index {
+  public:
+    explicit name_index(const std::vector<pugi::xml_node>& elements);
+    std::span<const pugi::xml_node> named(std::string_view name) const;
+
+  private:
+    struct group {
+        std::string_view name;
+        u32 begin;
+        u32 count;
+    };
+    std::vector<group> groups_;            // by name
+    std::vector<pugi::xml_node> elements_; // group by group
+};
+
 /// The text of one element: its own characters without those of elements inside. Views of it live as long as it.
 class element_text {
-public:
+  public:
     /// May throw bad_alloc: a text in several pieces is joined.
     explicit element_text(pugi::xml_node element);
     element_text(const element_text&) = delete;
@@ -43,7 +62,7 @@ public:
     /// Writes size() bytes.
     void copy_to(void* bytes) const;
 
-private:
+  private:
     std::string_view raw_;
     std::string joined_;
     bool hexadecimal_ = false;
@@ -53,8 +72,6 @@ private:
 
 /// The opaque document of the platform headers.
 struct loom_xml_document {
-    using element_list = std::vector<pugi::xml_node>;
-
     pugi::xml_document tree;
 
     /// The element at the path: 0, 2 when there is none, 22 when the path is none, 12 when an index has no memory.
@@ -64,8 +81,8 @@ struct loom_xml_document {
 
     trellis::u64 visited() const { return visited_; }
 
-private:
-    using name_index = std::unordered_map<std::string_view, element_list>;
+  private:
+    using elements = std::span<const pugi::xml_node>;
     struct node_hash {
         size_t operator()(pugi::xml_node node) const { return node.hash_value(); }
     };
@@ -73,13 +90,12 @@ private:
     trellis::u32 find_prefix(std::string_view prefix, pugi::xml_node& found) const;
     pugi::xml_node step(pugi::xml_node parent, const loom::path_step& step) const;
     trellis::u32 count_children(pugi::xml_node parent, std::string_view name) const;
-    const element_list& children(pugi::xml_node parent, std::string_view name) const;
-    const element_list& anywhere(std::string_view name) const;
+    elements children(pugi::xml_node parent, std::string_view name) const;
+    elements anywhere(std::string_view name) const;
 
     // Filled by look-ups, which do not change what the document says.
-    mutable std::unordered_map<pugi::xml_node, name_index, node_hash> children_;
-    mutable name_index anywhere_;
-    mutable bool anywhere_built_ = false;
+    mutable std::unordered_map<pugi::xml_node, loom::name_index, node_hash> children_;
+    mutable std::optional<loom::name_index> anywhere_;
     mutable std::string last_prefix_;
     mutable pugi::xml_node last_element_;
     mutable trellis::u64 visited_ = 0;

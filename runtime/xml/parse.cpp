@@ -13,10 +13,10 @@
 namespace {
 using namespace loom;
 
-constexpr unsigned parse_options =
-    pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol | pugi::parse_wconv_attribute |
-    pugi::parse_ws_pcdata_single | // a value may be nothing but blanks
-    pugi::parse_fragment;          // text beside the elements is seen, and refused below
+constexpr unsigned parse_options = pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol |
+                                   pugi::parse_wconv_attribute |
+                                   pugi::parse_ws_pcdata_single | // a value may be nothing but blanks
+                                   pugi::parse_fragment; // text beside the elements is seen, and refused below
 
 loom_xml_document* refuse(loom_xml_error* error, u32 number, const char* reason) {
     if (error) {
@@ -106,7 +106,8 @@ LOOM_EXPORT loom_xml_document* loom_xml_parse_file(const char* file_name, loom_x
     if (!file) return refuse_file();
     std::string text;
     char block[1 << 16];
-    while (const size_t count = std::fread(block, 1, sizeof block, file.get())) text.append(block, count);
+    while (const size_t count = std::fread(block, 1, sizeof block, file.get()))
+        text.append(block, count);
     if (std::ferror(file.get())) return refuse_file();
     return loom_xml_parse(text.data(), text.size(), error);
 }

@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t domain = watched_memory::domain;
 
 class FrameFields : public testing::Test {
-protected:
+  protected:
     using writer = std::function<uint32_t(void* buffer, int32_t length)>;
     using reader = std::function<uint32_t(const void* buffer, int32_t length)>;
 
@@ -90,8 +90,8 @@ TEST_F(FrameFields, RaDataIsNineBytes) {
                                                   &memory.error);
         },
         [&](const void* buffer, int32_t length) {
-            return _loom_instance_ra_data_unmarshal(memory.handle(), domain, buffer, &got_address, &got_kind, length,
-                                                    &memory.error);
+            return _loom_instance_ra_data_unmarshal(memory.handle(), domain, buffer, &got_address, &got_kind,
+                                                    length, &memory.error);
         },
         [&] { return got_address == address && got_kind == kind; },
         [&] { return got_address == 0 && got_kind == 0; });
@@ -104,16 +104,15 @@ TEST_F(FrameFields, MessageHeaderIsTwentySevenBytes) {
     const auto same = [](const loom_message_header& a, const loom_message_header& b) {
         return std::memcmp(&a, &b, sizeof a) == 0;
     };
-    expect_field({188, 255, 255, 255, 255, 255, 255, 1, 1, 2, 3, 4, 10, 11, 12, 13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-                 [&](void* buffer, int32_t length) {
-                     return _loom_message_header_marshal(memory.handle(), domain, buffer, &header, length,
-                                                         &memory.error);
-                 },
-                 [&](const void* buffer, int32_t length) {
-                     return _loom_message_header_unmarshal(memory.handle(), domain, buffer, &got, length,
-                                                           &memory.error);
-                 },
-                 [&] { return same(got, header); }, [&] { return same(got, zero); });
+    expect_field(
+        {188, 255, 255, 255, 255, 255, 255, 1, 1, 2, 3, 4, 10, 11, 12, 13, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+        [&](void* buffer, int32_t length) {
+            return _loom_message_header_marshal(memory.handle(), domain, buffer, &header, length, &memory.error);
+        },
+        [&](const void* buffer, int32_t length) {
+            return _loom_message_header_unmarshal(memory.handle(), domain, buffer, &got, length, &memory.error);
+        },
+        [&] { return same(got, header); }, [&] { return same(got, zero); });
 }
 
 TEST(TypeHeader, TellsWhetherStateBytesFollow) {

@@ -23,7 +23,7 @@ constexpr char canary = '#';
 using document_pointer = std::unique_ptr<loom_xml_document, void (*)(loom_xml_document*)>;
 
 class TextHelpers : public testing::Test {
-protected:
+  protected:
     using writer = std::function<int64_t(char* buffer, int32_t length)>;
 
     /// What is written into ample room; and that no shorter buffer is left, its error is 90 and a pending error
@@ -91,10 +91,9 @@ TEST_F(TextHelpers, TagsCarryTheState) {
     EXPECT_EQ(open(0), "<rec>");
     EXPECT_EQ(open(2), "<rec state=\"2\">");
     EXPECT_EQ(open(255), "<rec state=\"255\">");
-    EXPECT_EQ(written([&](char* buffer, int32_t length) {
-                  return end_tag(handle, domain, buffer, "rec", length, err);
-              }),
-              "</rec>");
+    EXPECT_EQ(
+        written([&](char* buffer, int32_t length) { return end_tag(handle, domain, buffer, "rec", length, err); }),
+        "</rec>");
     EXPECT_EQ(written([&](char* buffer, int32_t length) {
                   return xml_enum_print(handle, domain, buffer, "<EN_VAL_0/>", length, 11, err);
               }),
@@ -102,8 +101,8 @@ TEST_F(TextHelpers, TagsCarryTheState) {
     const std::string stamped = written([&](char* buffer, int32_t length) {
         return start_tag_timestamp(handle, domain, buffer, "bundle", length, err);
     });
-    EXPECT_TRUE(std::regex_match(
-        stamped, std::regex(R"(<bundle timestamp="20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z">)")))
+    EXPECT_TRUE(
+        std::regex_match(stamped, std::regex(R"(<bundle timestamp="20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z">)")))
         << stamped;
     EXPECT_EQ(start_tag(handle, domain, nullptr, nullptr, 0, 0, err), 0u);
     EXPECT_EQ(*err, 22u);

@@ -31,7 +31,8 @@ inline uint64_t test_seed() {
 inline uint64_t below(random_bits& random, uint64_t limit) { return random() % limit; }
 
 inline void fill_bytes(random_bits& random, void* bytes, size_t size) {
-    for (size_t i = 0; i < size; ++i) static_cast<uint8_t*>(bytes)[i] = static_cast<uint8_t>(random());
+    for (size_t i = 0; i < size; ++i)
+        static_cast<uint8_t*>(bytes)[i] = static_cast<uint8_t>(random());
 }
 
 /// Plain texts, texts full of XML's own characters, UTF-8, and any bytes.
@@ -52,7 +53,7 @@ inline std::string random_text(random_bits& random) {
 }
 
 template <class T>
-    requires std::is_arithmetic_v<T>
+requires std::is_arithmetic_v<T>
 void randomise(watched_memory&, random_bits& random, T* value) {
     using limits = std::numeric_limits<T>;
     switch (below(random, 8)) {
@@ -64,13 +65,16 @@ void randomise(watched_memory&, random_bits& random, T* value) {
         if constexpr (std::is_floating_point_v<T>) *value = std::copysign(T{0}, T{-1});
         break;
     case 5:
-        if constexpr (std::is_floating_point_v<T>) *value = random() & 1 ? limits::infinity() : limits::quiet_NaN();
+        if constexpr (std::is_floating_point_v<T>)
+            *value = random() & 1 ? limits::infinity() : limits::quiet_NaN();
         break;
     default: fill_bytes(random, value, sizeof *value); break;
     }
 }
 
-inline void randomise(watched_memory&, random_bits& random, ipv4_addr* value) { fill_bytes(random, value, sizeof *value); }
+inline void randomise(watched_memory&, random_bits& random, ipv4_addr* value) {
+    fill_bytes(random, value, sizeof *value);
+}
 inline void randomise(watched_memory&, random_bits& random, loom_mac_addr* value) {
     fill_bytes(random, value, sizeof *value);
 }
@@ -79,7 +83,7 @@ inline void randomise(watched_memory&, random_bits& random, ipv6_addr* value) {
     if (below(random, 2)) std::memset(value->octets + below(random, 8), 0, below(random, 9));
 }
 template <class T>
-    requires std::is_same_v<T, ip_address> || std::is_same_v<T, ip_prefix>
+requires std::is_same_v<T, ip_address> || std::is_same_v<T, ip_prefix>
 void randomise(watched_memory&, random_bits& random, T* value) {
     // Every byte may be anything; mostly the family is one.
     fill_bytes(random, value, sizeof *value);
@@ -107,15 +111,19 @@ inline void randomise(watched_memory&, random_bits& random, loom_phys_addr* valu
 }
 /// Counted values get their block straight from the handle, as a program's own memory would look.
 template <class T>
-    requires requires(T value) { value.length; value.reserved; } && (sizeof(T) == 16)
-void randomise(watched_memory& memory, random_bits& random, T* value) {
+requires requires(T value) {
+    value.length;
+    value.reserved;
+} &&(sizeof(T) == 16) void randomise(watched_memory& memory, random_bits& random, T* value) {
     const std::string text = random_text(random);
     if (text.empty()) return;
     loom_handle* handle = memory.handle();
     auto* block = static_cast<char*>(handle->alloc(handle->alloc_ctx, watched_memory::domain, text.size() + 1));
     std::memcpy(block, text.c_str(), text.size() + 1);
-    if constexpr (std::is_same_v<T, nexa_bytestr>) value->bytes = reinterpret_cast<uint8_t*>(block);
-    else value->text = block;
+    if constexpr (std::is_same_v<T, nexa_bytestr>)
+        value->bytes = reinterpret_cast<uint8_t*>(block);
+    else
+        value->text = block;
     value->length = static_cast<uint32_t>(text.size());
 }
 
@@ -157,31 +165,81 @@ void randomise(watched_memory& memory, random_bits& random, T* value) {
     static constexpr auto set_all_state_tracking_flag = &T##_set_all_state_tracking_flag;
 
 namespace family {
-struct u_int8 { PLAIN_FAMILY(u_int8, uint8_t) };
-struct u_int16 { PLAIN_FAMILY(u_int16, uint16_t) };
-struct u_int32 { PLAIN_FAMILY(u_int32, uint32_t) };
-struct u_int64 { PLAIN_FAMILY(u_int64, uint64_t) };
-struct int8 { PLAIN_FAMILY(int8, int8_t) };
-struct int16 { PLAIN_FAMILY(int16, int16_t) };
-struct int32 { PLAIN_FAMILY(int32, int32_t) };
-struct int64 { PLAIN_FAMILY(int64, int64_t) };
-struct character { PLAIN_FAMILY(char, char) };
-struct double_precision { PLAIN_FAMILY(double, double) };
-struct single_precision { PLAIN_FAMILY(float, float) };
-struct boolean { PLAIN_FAMILY(loom_boolean, loom_boolean) EMBEDDED_FAMILY(loom_boolean) };
-struct address { OBJECT_FAMILY(ip_address) };
-struct prefix { OBJECT_FAMILY(ip_prefix) };
-struct ipv4 { OBJECT_FAMILY(ipv4_addr) };
-struct ipv6 { OBJECT_FAMILY(ipv6_addr) };
-struct mac { OBJECT_FAMILY(loom_mac_addr) };
-struct calendar { OBJECT_FAMILY(calendar_time) };
-struct stamp { OBJECT_FAMILY(timestamp) };
-struct vstring { OBJECT_FAMILY(loom_vstring) };
-struct bytestr { OBJECT_FAMILY(nexa_bytestr) };
-struct physical { OBJECT_FAMILY(loom_phys_addr) };
-struct aes { OBJECT_FAMILY(loom_aes_vstring) };
-struct password { OBJECT_FAMILY(loom_aes_password_vstring) };
-struct username { OBJECT_FAMILY(loom_username_vstring) };
+struct u_int8 {
+    PLAIN_FAMILY(u_int8, uint8_t)
+};
+struct u_int16 {
+    PLAIN_FAMILY(u_int16, uint16_t)
+};
+struct u_int32 {
+    PLAIN_FAMILY(u_int32, uint32_t)
+};
+struct u_int64 {
+    PLAIN_FAMILY(u_int64, uint64_t)
+};
+struct int8 {
+    PLAIN_FAMILY(int8, int8_t)
+};
+struct int16 {
+    PLAIN_FAMILY(int16, int16_t)
+};
+struct int32 {
+    PLAIN_FAMILY(int32, int32_t)
+};
+struct int64 {
+    PLAIN_FAMILY(int64, int64_t)
+};
+struct character {
+    PLAIN_FAMILY(char, char)
+};
+struct double_precision {
+    PLAIN_FAMILY(double, double)
+};
+struct single_precision {
+    PLAIN_FAMILY(float, float)
+};
+struct boolean {
+    PLAIN_FAMILY(loom_boolean, loom_boolean) EMBEDDED_FAMILY(loom_boolean)
+};
+struct address {
+    OBJECT_FAMILY(ip_address)
+};
+struct prefix {
+    OBJECT_FAMILY(ip_prefix)
+};
+struct ipv4 {
+    OBJECT_FAMILY(ipv4_addr)
+};
+struct ipv6 {
+    OBJECT_FAMILY(ipv6_addr)
+};
+struct mac {
+    OBJECT_FAMILY(loom_mac_addr)
+};
+struct calendar {
+    OBJECT_FAMILY(calendar_time)
+};
+struct stamp {
+    OBJECT_FAMILY(timestamp)
+};
+struct vstring {
+    OBJECT_FAMILY(loom_vstring)
+};
+struct bytestr {
+    OBJECT_FAMILY(nexa_bytestr)
+};
+struct physical {
+    OBJECT_FAMILY(loom_phys_addr)
+};
+struct aes {
+    OBJECT_FAMILY(loom_aes_vstring)
+};
+struct password {
+    OBJECT_FAMILY(loom_aes_password_vstring)
+};
+struct username {
+    OBJECT_FAMILY(loom_username_vstring)
+};
 } // namespace family
 
 using all_families =
@@ -192,14 +250,23 @@ using all_families =
                    family::physical, family::aes, family::password, family::username>;
 
 template <class F>
-constexpr bool has_order = requires { F::compare; };
+constexpr bool has_order = requires {
+    F::compare;
+};
 template <class F>
-constexpr bool is_plain = requires { F::set_value; };
+constexpr bool is_plain = requires {
+    F::set_value;
+};
 template <class F>
-constexpr bool is_object = requires { F::clone_internal; };
+constexpr bool is_object = requires {
+    F::clone_internal;
+};
 template <class F>
-constexpr bool is_counted = requires(typename F::type value) { value.length; value.reserved; } &&
-                            sizeof(typename F::type) == 16;
+constexpr bool is_counted = requires(typename F::type value) {
+    value.length;
+    value.reserved;
+}
+&&sizeof(typename F::type) == 16;
 
 struct family_names {
     template <class F>

@@ -32,9 +32,9 @@ std::unique_ptr<uint8_t[]> exact_block(const void* bytes, size_t size) {
 
 template <class F>
 class ValueOperations : public testing::Test {
-protected:
+  protected:
     using type = typename F::type;
-    static constexpr int rounds = 300;
+    static constexpr uint32_t rounds = 300;
 
     type* random_value() {
         type* value = memory.place<type>();
@@ -84,13 +84,13 @@ TYPED_TEST_SUITE(ValueOperations, all_families, family_names);
 
 TYPED_TEST(ValueOperations, ReadBackWhatTheyMarshal) {
     using F = TypeParam;
-    for (int i = 0; i < this->rounds; ++i) {
+    for (uint32_t i = 0; i < this->rounds; ++i) {
         auto* value = this->random_value();
         auto* copy = this->random_value(); // existing contents are replaced and given back
         const auto bytes = this->wire(value);
         const auto block = exact_block(bytes.data(), bytes.size());
-        EXPECT_EQ(F::unmarshal(this->memory.handle(), domain, block.get(), copy, static_cast<int32_t>(bytes.size()),
-                               i % 2, &this->memory.error),
+        EXPECT_EQ(F::unmarshal(this->memory.handle(), domain, block.get(), copy,
+                               static_cast<int32_t>(bytes.size()), i % 2, &this->memory.error),
                   bytes.size());
         EXPECT_EQ(this->memory.error, 0u);
         EXPECT_TRUE(this->same(value, copy));
@@ -116,9 +116,9 @@ TYPED_TEST(ValueOperations, StayWithinAShortWireBuffer) {
             const uint64_t allocations = this->memory.allocations();
             const auto block = exact_block(bytes.data(), length > 0 ? static_cast<size_t>(length) : 0);
             this->memory.watch();
-            EXPECT_EQ(F::unmarshal(this->memory.handle(), domain, block.get(), target, length, 1,
-                                   &this->memory.error),
-                      0u);
+            EXPECT_EQ(
+                F::unmarshal(this->memory.handle(), domain, block.get(), target, length, 1, &this->memory.error),
+                0u);
             this->expect_error(LOOM_EMSGSIZE);
             EXPECT_TRUE(this->memory.unchanged());
             EXPECT_EQ(this->memory.allocations(), allocations);
@@ -130,7 +130,7 @@ TYPED_TEST(ValueOperations, StayWithinAShortWireBuffer) {
 
 TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
     using F = TypeParam;
-    for (int i = 0; i < 4 * this->rounds; ++i) {
+    for (uint32_t i = 0; i < 4 * this->rounds; ++i) {
         auto* source = this->random_value();
         auto bytes = this->wire(source);
         bytes.resize(bytes.size() + below(this->random, 4));
@@ -157,7 +157,7 @@ TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
 
 TYPED_TEST(ValueOperations, ReadBackTheirXml) {
     using F = TypeParam;
-    for (int i = 0; i < this->rounds; ++i) {
+    for (uint32_t i = 0; i < this->rounds; ++i) {
         auto* value = this->random_value();
         auto* copy = this->random_value();
         const auto state = static_cast<uint8_t>(i % 3 ? 0 : this->random());
@@ -338,7 +338,7 @@ TYPED_TEST(ValueOperations, AnnounceEveryStore) {
     using F = TypeParam;
     loom_handle* handle = this->memory.handle();
     uint32_t* err = &this->memory.error;
-    for (int i = 0; i < this->rounds; ++i) {
+    for (uint32_t i = 0; i < this->rounds; ++i) {
         auto* value = this->random_value();
         auto* other = this->random_value();
         const auto bytes = this->wire(other);
@@ -346,11 +346,15 @@ TYPED_TEST(ValueOperations, AnnounceEveryStore) {
         this->memory.watch();
         switch (i % 5) {
         case 0: F::set(handle, domain, value, other, err); break;
-        case 1: F::unmarshal(handle, domain, bytes.data(), value, static_cast<int32_t>(bytes.size()), 1, err); break;
+        case 1:
+            F::unmarshal(handle, domain, bytes.data(), value, static_cast<int32_t>(bytes.size()), 1, err);
+            break;
         case 2: F::from_xml(handle, domain, "r/value", document.get(), value, err, nullptr, 0); break;
         case 3:
-            if constexpr (is_plain<F>) F::set_value(handle, domain, value, *other, err);
-            else F::set(handle, domain, value, other, err);
+            if constexpr (is_plain<F>)
+                F::set_value(handle, domain, value, *other, err);
+            else
+                F::set(handle, domain, value, other, err);
             break;
         case 4: F::destroy_internal(handle, domain, value, 0); break;
         }
@@ -374,7 +378,7 @@ TYPED_TEST(ValueOperations, CopyPrivately) {
     using type = typename F::type;
     loom_handle* handle = this->memory.handle();
     uint32_t* err = &this->memory.error;
-    for (int i = 0; i < this->rounds; ++i) {
+    for (uint32_t i = 0; i < this->rounds; ++i) {
         auto* value = this->random_value();
         auto* copy = this->random_value();
         const auto bytes = this->wire(value);
@@ -385,8 +389,10 @@ TYPED_TEST(ValueOperations, CopyPrivately) {
             // A block copy shares what lies outside until it is cleaned up; also through _set.
             auto* block_copy = this->memory.template place<type>();
             std::memcpy(static_cast<void*>(block_copy), value, sizeof *value);
-            if (i % 2) F::post_copyout_cleanup(handle, domain, block_copy, value, err);
-            else F::set(handle, domain, block_copy, value, err);
+            if (i % 2)
+                F::post_copyout_cleanup(handle, domain, block_copy, value, err);
+            else
+                F::set(handle, domain, block_copy, value, err);
             std::vector<uint8_t> scratch(bytes.size());
             type* clone = nullptr;
             F::clone_internal(handle, domain, value, &clone, scratch.data(), static_cast<int32_t>(scratch.size()),
@@ -485,7 +491,8 @@ TYPED_TEST(ValueOperations, HashAndOrderAgree) {
     using F = TypeParam;
     if constexpr (has_order<F>) {
         std::vector<typename F::type*> values;
-        for (int i = 0; i < 60; ++i) values.push_back(this->random_value());
+        for (int i = 0; i < 60; ++i)
+            values.push_back(this->random_value());
         const uint64_t allocations = this->memory.allocations();
         this->memory.watch();
         for (auto* a : values) {
@@ -507,7 +514,8 @@ TYPED_TEST(ValueOperations, HashAndOrderAgree) {
         }
         EXPECT_TRUE(this->memory.unchanged());
         EXPECT_EQ(this->memory.allocations(), allocations);
-        for (auto* value : values) this->end(value);
+        for (auto* value : values)
+            this->end(value);
     }
     auto* value = this->random_value();
     EXPECT_NE(F::hash(value, 1), F::hash(value, 2));

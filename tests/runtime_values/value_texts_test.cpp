@@ -14,7 +14,8 @@ constexpr uint32_t domain = watched_memory::domain;
 
 std::string hexadecimal(const std::vector<uint8_t>& bytes) {
     std::ostringstream out;
-    for (const uint8_t byte : bytes) out << std::hex << std::setw(2) << std::setfill('0') << unsigned{byte};
+    for (const uint8_t byte : bytes)
+        out << std::hex << std::setw(2) << std::setfill('0') << unsigned{byte};
     return out.str();
 }
 
@@ -29,8 +30,7 @@ forms forms_of(watched_memory& memory, const typename F::type& value) {
     std::vector<char> text(4096);
     const auto room = static_cast<int32_t>(text.size());
     forms result;
-    const int32_t printed =
-        F::print(memory.handle(), domain, text.data(), 0, "v", &value, room, &memory.error);
+    const int32_t printed = F::print(memory.handle(), domain, text.data(), 0, "v", &value, room, &memory.error);
     result.print.assign(text.data(), static_cast<size_t>(printed));
     const uint32_t written = F::to_xml(memory.handle(), domain, "v", text.data(), &value, room, 0, &memory.error);
     result.xml.assign(text.data(), written);
@@ -130,11 +130,13 @@ TEST(ValueTexts, OfTimes) {
                                    "0000000065e06ab81dcd6500003c");
     expect_forms<family::calendar>({-1, 1, -90, 0}, "1969-12-31T22:29:59.000000001-01:30",
                                    "ffffffffffffffff00000001ffa6");
-    expect_forms<family::calendar>({253402300799, 0, 0, 0}, "9999-12-31T23:59:59Z", "0000003afff4417f000000000000");
+    expect_forms<family::calendar>({253402300799, 0, 0, 0}, "9999-12-31T23:59:59Z",
+                                   "0000003afff4417f000000000000");
     expect_forms<family::calendar>({253402300799, 0, 1, 0}, "@253402300799,0,1", "0000003afff4417f000000000001");
-    expect_forms<family::calendar>({-62167219200, 0, 0, 0}, "0000-01-01T00:00:00Z", "fffffff1868b8400000000000000");
-    expect_forms<family::calendar>({INT64_MIN, UINT32_MAX, INT16_MIN, 0}, "@-9223372036854775808,4294967295,-32768",
-                                   "8000000000000000ffffffff8000");
+    expect_forms<family::calendar>({-62167219200, 0, 0, 0}, "0000-01-01T00:00:00Z",
+                                   "fffffff1868b8400000000000000");
+    expect_forms<family::calendar>({INT64_MIN, UINT32_MAX, INT16_MIN, 0},
+                                   "@-9223372036854775808,4294967295,-32768", "8000000000000000ffffffff8000");
     expect_forms<family::stamp>({0, 0}, "1970-01-01T00:00:00.000Z", "0000000000000000");
     expect_forms<family::stamp>({397, 0xf4a0e0b4}, "2024-02-29T11:30:00.500Z", "0000018df4a0e0b4");
     expect_forms<family::stamp>({UINT32_MAX, UINT32_MAX}, "@18446744073709551615", "ffffffffffffffff");
@@ -155,10 +157,10 @@ TEST(ValueTexts, OfStrings) {
         {std::string("a\0b", 3), "a\\x00b", "<v encoding=\"hex\">610062</v>"},
         {"\x1b[0m", "\\x1b[0m", "<v encoding=\"hex\">1b5b306d</v>"},
         {"\xff", "\xff", "<v encoding=\"hex\">ff</v>"},
-        {"\xc0\x80", "\xc0\x80", "<v encoding=\"hex\">c080</v>"},             // overlong
-        {"\xed\xa0\x80", "\xed\xa0\x80", "<v encoding=\"hex\">eda080</v>"},   // a surrogate
-        {"\xef\xbf\xbf", "\xef\xbf\xbf", "<v encoding=\"hex\">efbfbf</v>"},   // U+FFFF
-        {"\xc3", "\xc3", "<v encoding=\"hex\">c3</v>"},                       // cut off
+        {"\xc0\x80", "\xc0\x80", "<v encoding=\"hex\">c080</v>"},           // overlong
+        {"\xed\xa0\x80", "\xed\xa0\x80", "<v encoding=\"hex\">eda080</v>"}, // a surrogate
+        {"\xef\xbf\xbf", "\xef\xbf\xbf", "<v encoding=\"hex\">efbfbf</v>"}, // U+FFFF
+        {"\xc3", "\xc3", "<v encoding=\"hex\">c3</v>"},                     // cut off
         {"\xf4\x90\x80\x80", "\xf4\x90\x80\x80", "<v encoding=\"hex\">f4908080</v>"},
     };
     watched_memory memory;
@@ -220,11 +222,14 @@ TEST(ValueTexts, AreRefusedWhenTheyAreNoValues) {
     const std::string refused = "error 22";
     for (const char* text : {"", "-1", "256", "1.0", "0x10", "1 2", "one", "+-1", "++1"})
         EXPECT_EQ(read_text<family::u_int8>(text), refused) << text;
-    for (const char* text : {"129", "-129"}) EXPECT_EQ(read_text<family::int8>(text), refused) << text;
+    for (const char* text : {"129", "-129"})
+        EXPECT_EQ(read_text<family::int8>(text), refused) << text;
     for (const char* text : {"", "1e999", "inf", "nan", "NaN(0)", "NaN(zz)", "1,5", "0x1p3"})
         EXPECT_EQ(read_text<family::double_precision>(text), refused) << text;
-    for (const char* text : {"", "yes", "TRUE", "2"}) EXPECT_EQ(read_text<family::boolean>(text), refused) << text;
-    for (const char* text : {"", "ab"}) EXPECT_EQ(read_text<family::character>(text), refused) << text;
+    for (const char* text : {"", "yes", "TRUE", "2"})
+        EXPECT_EQ(read_text<family::boolean>(text), refused) << text;
+    for (const char* text : {"", "ab"})
+        EXPECT_EQ(read_text<family::character>(text), refused) << text;
     for (const char* text : {"", "1.2.3", "1.2.3.256", "1.2.3.4.5", "::1", "1.2.3.4/8"})
         EXPECT_EQ(read_text<family::ipv4>(text), refused) << text;
     for (const char* text : {"", "1.2.3.4", "1::2::3", "12345::", ":::"})
@@ -237,14 +242,15 @@ TEST(ValueTexts, AreRefusedWhenTheyAreNoValues) {
                              "ga:bb:cc:dd:ee:ff", "aa:bb:cc:dd:ee:f"})
         EXPECT_EQ(read_text<family::mac>(text), refused) << text;
     EXPECT_EQ(read_text<family::physical>("00:01:02:03:04:05:06:07:08:09:0a:0b:0c:0d:0e:0f"), refused);
-    for (const char* text : {"", "2023-02-29T00:00:00Z", "2024-13-01T00:00:00Z", "2024-01-01T24:00:00Z",
-                             "2024-01-01T00:60:00Z", "2024-01-01T00:00:60Z", "2024-01-01 00:00:00Z",
-                             "2024-01-01T00:00:00.Z", "2024-01-01T00:00:00+24:00", "2024-01-01T00:00:00Zx",
-                             "2024-01-01", "@1,2", "@1,2,3,4", "@1,4294967296,0"})
+    for (const char* text :
+         {"", "2023-02-29T00:00:00Z", "2024-13-01T00:00:00Z", "2024-01-01T24:00:00Z", "2024-01-01T00:60:00Z",
+          "2024-01-01T00:00:60Z", "2024-01-01 00:00:00Z", "2024-01-01T00:00:00.Z", "2024-01-01T00:00:00+24:00",
+          "2024-01-01T00:00:00Zx", "2024-01-01", "@1,2", "@1,2,3,4", "@1,4294967296,0"})
         EXPECT_EQ(read_text<family::calendar>(text), refused) << text;
     for (const char* text : {"1969-12-31T23:59:59Z", "2024-01-01T00:00:00.0001Z", "@18446744073709551616", "@-1"})
         EXPECT_EQ(read_text<family::stamp>(text), refused) << text;
-    for (const char* text : {"0", "0g", "00 11"}) EXPECT_EQ(read_text<family::bytestr>(text), refused) << text;
+    for (const char* text : {"0", "0g", "00 11"})
+        EXPECT_EQ(read_text<family::bytestr>(text), refused) << text;
 }
 
 /// Wire bytes that no writer makes.
@@ -284,9 +290,10 @@ TEST(ValueTexts, StringsOrderByBytesThenLength) {
 
 TEST(ValueTexts, AddressesOrderByFamilyThenOctets) {
     const ip_address none{}, small = address_of(4, {1, 2, 3, 4}), large = address_of(4, {200}),
-                     other = address_of(6, {1}), zoned = address_of(6, {1}, 1);
+                             other = address_of(6, {1}), zoned = address_of(6, {1}, 1);
     const ip_address* in_order[] = {&none, &small, &large, &other, &zoned};
-    for (size_t i = 1; i < std::size(in_order); ++i) EXPECT_EQ(ip_address_compare(in_order[i - 1], in_order[i]), -1);
+    for (size_t i = 1; i < std::size(in_order); ++i)
+        EXPECT_EQ(ip_address_compare(in_order[i - 1], in_order[i]), -1);
     const ip_prefix wide = prefix_of(4, {10}, 8), narrow = prefix_of(4, {10}, 24);
     EXPECT_EQ(ip_prefix_compare(&wide, &narrow), -1);
     const timestamp early{0, UINT32_MAX}, late{1, 0};
@@ -320,7 +327,8 @@ TEST(SuperFastHash, GivesThePublishedValues) {
         return SuperFastHash(text.data(), static_cast<uint32_t>(text.size()), seed);
     };
     std::string all_bytes;
-    for (int i = 0; i < 256; ++i) all_bytes += static_cast<char>(i);
+    for (int i = 0; i < 256; ++i)
+        all_bytes += static_cast<char>(i);
     EXPECT_EQ(hash("", 7), 7u);
     EXPECT_EQ(hash("a", 0), 0x93642e87u);
     EXPECT_EQ(hash("\xff", 0), 0x7ffaa939u);

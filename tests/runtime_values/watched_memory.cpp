@@ -25,7 +25,8 @@ watched_memory::watched_memory() {
 
 watched_memory::~watched_memory() {
     EXPECT_EQ(live_.size(), 0u) << "blocks were not given back";
-    for (const auto& [block, size] : live_) std::free(block);
+    for (const auto& [block, size] : live_)
+        std::free(block);
 }
 
 void* watched_memory::allocate(size_t size) {

@@ -9,7 +9,7 @@
 #include <vector>
 
 class watched_memory {
-public:
+  public:
     watched_memory();
     ~watched_memory();
     watched_memory(const watched_memory&) = delete;
@@ -43,7 +43,7 @@ public:
 
     static constexpr uint32_t domain = 7;
 
-private:
+  private:
     struct watched_block {
         std::vector<uint8_t> before;
         std::vector<bool> announced;

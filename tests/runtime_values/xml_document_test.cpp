@@ -129,7 +129,8 @@ TEST(XmlDocuments, ComeFromFiles) {
     std::FILE* file = std::fopen(name.c_str(), "wb");
     ASSERT_NE(file, nullptr);
     std::string text = "<a>\n";
-    for (int i = 0; i < 20000; ++i) text += "<b>x</b>\n"; // more than one block of input
+    for (int i = 0; i < 20000; ++i)
+        text += "<b>x</b>\n"; // more than one block of input
     text += "</a>";
     std::fwrite(text.data(), 1, text.size(), file);
     std::fclose(file);
@@ -150,7 +151,8 @@ TEST(XmlDocuments, OutliveBombs) {
     for (int i = 1; i < 20; ++i) {
         const std::string before = "&x" + std::to_string(i - 1) + ";";
         entities += "<!ENTITY x" + std::to_string(i) + " \"";
-        for (int j = 0; j < 10; ++j) entities += before;
+        for (int j = 0; j < 10; ++j)
+            entities += before;
         entities += "\">";
     }
     entities += "]><a>&x19;</a>";
@@ -160,9 +162,11 @@ TEST(XmlDocuments, OutliveBombs) {
 
     const auto nested = [](size_t depth) {
         std::string text;
-        for (size_t i = 0; i < depth; ++i) text += "<a>";
+        for (size_t i = 0; i < depth; ++i)
+            text += "<a>";
         text += "<b>bottom</b>";
-        for (size_t i = 0; i < depth; ++i) text += "</a>";
+        for (size_t i = 0; i < depth; ++i)
+            text += "</a>";
         return text;
     };
     loom_xml_error error{};
@@ -174,7 +178,8 @@ TEST(XmlDocuments, OutliveBombs) {
     ASSERT_NE(deepest, nullptr) << error.reason;
     EXPECT_EQ(value_at(deepest, "//b"), "bottom");
     std::string path;
-    for (uint32_t i = 1; i < LOOM_XML_DEPTH_LIMIT; ++i) path += "a/";
+    for (uint32_t i = 1; i < LOOM_XML_DEPTH_LIMIT; ++i)
+        path += "a/";
     EXPECT_EQ(value_at(deepest, path + "b"), "bottom");
     EXPECT_EQ(parse(std::string(1'000'000, '<')), nullptr);
 }
@@ -195,7 +200,8 @@ uint64_t cost_of_reading(int records, bool around_siblings) {
         EXPECT_EQ(value_at(document, record + "/id"), std::to_string(i));
         EXPECT_EQ(value_at(document, record + "/in/x"), std::to_string(i));
         EXPECT_EQ(value_at(document, record + "/absent"), "error 2");
-        EXPECT_EQ(value_at(document, "//records/rec[" + std::to_string(i) + "]/name").substr(1), std::to_string(i));
+        EXPECT_EQ(value_at(document, "//records/rec[" + std::to_string(i) + "]/name").substr(1),
+                  std::to_string(i));
         EXPECT_EQ(value_at(document, "//absent" + std::to_string(i)), "error 2");
     }
     return loom_xml_visited(document.get());
