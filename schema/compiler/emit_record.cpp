@@ -167,8 +167,6 @@ constexpr operation get_parent = {"get_parent", "$T*", "$H, $C* element, $e", "T
 /// What an attribute is called inside its model: no attribute's name can meet a member of the model.
 std::string model_member(const attribute& of) { return of.name + "_"; }
 
-bool is_array(const attribute& of) { return of.form == shape::fixed_array || of.form == shape::variable_array; }
-
 /// The accessors of an attribute, in the order of the list of functions.
 std::vector<operation> accessors_of(const attribute& of) {
     const bool values = is_plain_value(of.type);

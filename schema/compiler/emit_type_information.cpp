@@ -79,15 +79,15 @@ std::string type_info_record(const bundle& source, const information& of, std::s
 }
 
 std::string identity_declarations(const std::string& symbol) {
-    return "extern const char " + symbol + "_name[], " + symbol + "_luid_text[33];\nextern const uint8_t " + symbol +
-           "_luid[16];\n";
+    return "extern TRELLIS_EXPORT_DATA const char " + symbol + "_name[], " + symbol + "_luid_text[33];\n" +
+           "extern TRELLIS_EXPORT_DATA const uint8_t " + symbol + "_luid[16];\n";
 }
 
 /// Name text, luid and luid text of a table or message, under the names every bundle uses.
 std::string identity(const std::string& symbol, const std::string& text, const named& of) {
-    return "TRELLIS_EXPORT_DATA const char " + symbol + "_name[] = \"" + text + "\";\n" + "TRELLIS_EXPORT_DATA const uint8_t " +
+    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "TRELLIS_EXPORT_DATA const uint8_t " +
            symbol + "_luid[16] = {" + byte_list(of.luid.data(), of.luid.size()) + "};\n" +
-           "TRELLIS_EXPORT_DATA const char " + symbol + "_luid_text[33] = \"" + of.luid_text + "\";\n";
+           "const char " + symbol + "_luid_text[33] = \"" + of.luid_text + "\";\n";
 }
 
 } // namespace
@@ -98,9 +98,9 @@ void emit_type_information(emission& run) {
     std::string text = generated_notice(source, "Type information of all types.");
     text += "#include \"bundle.h\"\n\n#include \"frame/export.h\"\n\n#include <loom/registry.h>\n\n";
     text += "// Read-only once the loader has filled in the addresses.\n"
-            "#define TRELLIS_TYPE_INFO TRELLIS_EXPORT_DATA __attribute__((section(\".data.rel.ro.type_info\")))\n\n";
+            "#define TRELLIS_TYPE_INFO __attribute__((section(\".data.rel.ro.type_info\")))\n\n";
     text += "namespace {\n" + variant_tables(all) + "} // namespace\n\nextern \"C\" {\n\n";
-    for (const information& each : all) text += "extern loom_type_info " + each.symbol + ";\n";
+    for (const information& each : all) text += "extern TRELLIS_EXPORT_DATA loom_type_info " + each.symbol + ";\n";
     for (const auto& each : source.tables) text += identity_declarations("table_" + each->name);
     for (const auto& each : source.messages) text += identity_declarations("message_action_" + each->name);
     text += "\n";
