@@ -58,6 +58,10 @@ inline void** forward_cell(loom_list_head* head, void* at) {
 inline void** backward_cell(loom_list_head* head, void* at) {
     return at == head ? &head->last : &links_of(at)->previous;
 }
+/// The object that a neighbour's cell lies in: an element, or the holder of the head.
+inline const void* object_at(const loom_list_head* head, const void* at, const void* holder) {
+    return at == head ? holder : at;
+}
 
 /// A head that nothing has initialised is made to point at itself.
 inline void settle_empty(const call& c, loom_list_head* head, const void* owner) {
@@ -66,8 +70,8 @@ inline void settle_empty(const call& c, loom_list_head* head, const void* owner)
     head->first = head->last = head;
 }
 
-/// Links `element` between two neighbours, each an element or the head. `near_is_previous` says which neighbour's
-/// cell is the head's side, stored last.
+/// Links `element` between two neighbours, each an element or the head. `head_side_is_previous` says which
+/// neighbour's cell is the head's side, stored last.
 template <class A, class Says>
 inline void link_between(const call& c, holder_of<A>* holder, void* previous, void* next, void* element,
                          bool head_side_is_previous) {
@@ -79,10 +83,15 @@ inline void link_between(const call& c, holder_of<A>* holder, void* previous, vo
     store_link<A, Says::arena_refused, 2>(c, &links->previous, previous, element);
     void** forward = forward_cell(head, previous);
     void** backward = backward_cell(head, next);
-    void** far = head_side_is_previous ? backward : forward;
-    void** near = head_side_is_previous ? forward : backward;
-    store_link<A, Says::arena_refused, 3>(c, far, element, holder);
-    store_link<A, Says::arena_refused, 4>(c, near, element, holder);
+    const void* before = object_at(head, previous, holder);
+    const void* behind = object_at(head, next, holder);
+    if (head_side_is_previous) {
+        store_link<A, Says::arena_refused, 3>(c, backward, element, behind);
+        store_link<A, Says::arena_refused, 4>(c, forward, element, before);
+    } else {
+        store_link<A, Says::arena_refused, 3>(c, forward, element, before);
+        store_link<A, Says::arena_refused, 4>(c, backward, element, behind);
+    }
 }
 
 /// Entry of a linking operation.
@@ -170,12 +179,14 @@ void remove(loom_handle* handle, u32 domain, holder_of<A>* holder, element_of<A>
     // The mirror of linking: the head's own pointer first, the neighbour's link behind it.
     void** forward = forward_cell(head, links->previous);
     void** backward = backward_cell(head, links->next);
+    const void* before = object_at(head, links->previous, holder);
+    const void* behind = object_at(head, links->next, holder);
     if (links->next == head && links->previous != head) {
-        store_link<A, says::attribute_remove_arena_refused, 1>(c, backward, links->previous, holder);
-        store_link<A, says::attribute_remove_arena_refused, 2>(c, forward, links->next, holder);
+        store_link<A, says::attribute_remove_arena_refused, 1>(c, backward, links->previous, behind);
+        store_link<A, says::attribute_remove_arena_refused, 2>(c, forward, links->next, before);
     } else {
-        store_link<A, says::attribute_remove_arena_refused, 3>(c, forward, links->next, holder);
-        store_link<A, says::attribute_remove_arena_refused, 4>(c, backward, links->previous, holder);
+        store_link<A, says::attribute_remove_arena_refused, 3>(c, forward, links->next, before);
+        store_link<A, says::attribute_remove_arena_refused, 4>(c, backward, links->previous, behind);
     }
     c.store<u32>(&head->count, head->count - 1, holder);
     if (tracked) store_flag(c, tracking_area<typename A::model>(c, holder) + A::at.track, state_set);
