@@ -1,6 +1,6 @@
 // Hooks of the test handle, the runtime operations that tests look over the shoulder of, and the judgement of
 // stores.
-#include "support/test_handle.h"
+#include "tests/support/test_handle.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

@@ -1,0 +1,734 @@
+// Objects of a generated bundle, filled and read back through the exported accessors, for any record. What an
+// attribute is comes from the generated models while this is compiled; the accessors are looked up by their exported
+// names, so that the names are tested as well. The models of one record are instantiated once, in the unit that
+// registers it; everything else works with record_driver.
+#pragma once
+
+#include "tests/support/test_handle.h"
+
+#include "instance/attribute.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace trellis::testing {
+
+/// The same numbers for the same seed, so that what was set can be told again when it is read back.
+class number_source {
+public:
+    explicit number_source(u64 seed) : state_(seed) {}
+    u64 next() {
+        u64 mixed = state_ += 0x9E3779B97F4A7C15u;
+        mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
+        mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
+        return mixed ^ (mixed >> 31);
+    }
+    u32 below(u32 limit) { return static_cast<u32>(next() % limit); }
+    bool chance() { return below(2) != 0; }
+
+private:
+    u64 state_;
+};
+
+/// One pass over an object: sets every attribute, or compares every attribute with what a setting pass with the same
+/// seed has stored.
+struct object_walk {
+    test_handle& handle;
+    bool setting;
+    number_source numbers;
+    std::vector<std::string>& faults;
+    std::string path; // for the faults
+
+    object_walk(test_handle& on, bool sets, u64 seed, std::vector<std::string>& faults_found)
+        : handle(on), setting(sets), numbers(seed), faults(faults_found) {}
+
+    bool tracked() const { return handle->sttr_block != nullptr && handle->sttr_block->sttr_mode == LOOM_STTR_ON; }
+
+    void fault(const std::string& what) { faults.push_back(path + ": " + what); }
+    /// Behind every call: the error must be the expected one; the stores are judged.
+    void done(u32 error, u32 expected, const char* operation) {
+        if (error != expected)
+            fault(std::string(operation) + " gives error " + std::to_string(error) + " instead of " +
+                  std::to_string(expected));
+        handle.end_operation();
+    }
+    template <class T>
+    void same(const T& got, const T& expected, const char* operation) {
+        if (!(got == expected)) fault(std::string(operation) + " gives another value than was set");
+    }
+};
+
+/// Operations of a record, without its type.
+struct record_driver {
+    const char* name;
+    u32 base_size;
+    u32 tracking_size; // of the newest layout
+    i8 newest;
+    loom_type_info* (*type_info)();
+    void* (*create)(loom_handle*, u32);
+    void (*destroy)(loom_handle*, u32, void*);
+    void (*walk)(object_walk&, void*);
+    void (*clone)(loom_handle*, u32, const void*, void**, void*, i32, u32*);
+    u32 (*marshal)(loom_handle*, u32, void*, const void*, i32, u32*);
+    u32 (*unmarshal)(loom_handle*, u32, const void*, void*, i32, u32, u32*);
+    u32 (*len)(loom_handle*, u32, const void*);
+    i32 (*compare)(const void*, const void*);
+    u32 (*hash)(const void*, u32);
+    void (*set)(loom_handle*, u32, void*, void*, u32*);
+    /// Names of the record types in place, each with the variant that introduced it; arrays count each element.
+    std::vector<std::pair<const char*, i8>> nested;
+};
+
+/// An enumeration or flag set.
+struct compact_driver {
+    const char* name;
+    bool is_flag_set;
+    u32 size;
+    i8 newest;
+    loom_type_info* (*type_info)();
+    void* (*create)(loom_handle*, u32);
+    void (*destroy)(loom_handle*, u32, void*);
+    u32 (*marshal)(loom_handle*, u32, void*, const void*, i32, u32*);
+    u32 (*unmarshal)(loom_handle*, u32, const void*, void*, i32, u32, u32*);
+    u32 (*len)(loom_handle*, u32, const void*);
+    i32 (*compare)(const void*, const void*);
+    u32 (*hash)(const void*, u32);
+    void (*set)(loom_handle*, u32, void*, const void*, u32*);
+    /// Members' user values with their variants, or bit numbers.
+    std::vector<std::pair<i32, i8>> members;
+};
+
+/// All registered types, in the order of their registration; sorted by name.
+const std::vector<record_driver>& all_records();
+const std::vector<compact_driver>& all_compact_types();
+const record_driver& record_named(std::string_view name);
+const compact_driver& compact_named(std::string_view name);
+struct registration {
+    explicit registration(std::vector<record_driver> records);
+    explicit registration(std::vector<compact_driver> types);
+};
+
+/// An exported function, or an error that names it.
+void* exported_address(const std::string& name);
+template <class Function>
+Function* exported(const std::string& name) {
+    return reinterpret_cast<Function*>(exported_address(name));
+}
+
+/// A value of an enumeration that may be set under the handle: a random one, first of `wanted` when not empty.
+i32 enumeration_value(object_walk& walk, const char* enumeration, const std::vector<i32>& wanted);
+
+// ---- Values ------------------------------------------------------------------------------------------------
+
+/// A random value that is not the zero value. Pointers inside stay valid until the next value is made.
+void make_value(number_source& numbers, ip_address& value);
+void make_value(number_source& numbers, ip_prefix& value);
+void make_value(number_source& numbers, ipv4_addr& value);
+void make_value(number_source& numbers, ipv6_addr& value);
+void make_value(number_source& numbers, loom_mac_addr& value);
+void make_value(number_source& numbers, calendar_time& value);
+void make_value(number_source& numbers, timestamp& value);
+void make_value(number_source& numbers, loom_vstring& value);
+void make_value(number_source& numbers, nexa_bytestr& value);
+void make_value(number_source& numbers, loom_phys_addr& value);
+void make_value(number_source& numbers, loom_aes_vstring& value);
+void make_value(number_source& numbers, loom_aes_password_vstring& value);
+void make_value(number_source& numbers, loom_username_vstring& value);
+std::string make_text(number_source& numbers, u32 length);
+
+template <class Type>
+typename Type::c_type make_scalar(number_source& numbers) {
+    using T = typename Type::c_type;
+    if constexpr (Type::category == value_category::boolean) return 1;
+    else if constexpr (std::is_same_v<T, char>) return static_cast<char>('a' + numbers.below(26));
+    else if constexpr (std::is_floating_point_v<T>) return static_cast<T>(numbers.below(1000000) + 1) / 8;
+    else {
+        const T value = static_cast<T>(numbers.next());
+        return value == 0 ? T{1} : value;
+    }
+}
+
+template <class Type>
+constexpr bool is_value_object =
+    Type::category == value_category::object_value || Type::category == value_category::opaque_value;
+
+/// A flag set with random bits set.
+template <class Type>
+typename Type::c_type* make_flags(object_walk& walk) {
+    const compact_driver& driver = compact_named(Type::name);
+    static auto* const set_value = exported<void(loom_handle*, u32, typename Type::c_type*, u32, u32, u32*)>(
+        std::string(Type::name) + "_set_value");
+    static auto* const is_valid = exported<u32(loom_handle*, u32)>(std::string(Type::name) + "_is_valid_cr");
+    auto* flags = static_cast<typename Type::c_type*>(driver.create(walk.handle, test_handle::domain));
+    u32 error = 0;
+    for (const auto& [bit, since] : driver.members)
+        if (walk.numbers.chance() && is_valid(walk.handle, static_cast<u32>(bit)))
+            set_value(walk.handle, test_handle::domain, flags, static_cast<u32>(bit), 1, &error);
+    if (error != 0) walk.fault("bits cannot be set");
+    return flags;
+}
+
+// ---- Attributes --------------------------------------------------------------------------------------------
+
+template <class A>
+struct attribute_walker {
+    using object = typename A::model::object;
+    using type = typename A::type;
+    using value = typename type::c_type;
+    static constexpr u32 domain = test_handle::domain;
+
+    static std::string accessor(const char* operation) {
+        return std::string(A::model::name) + "_" + A::name + "_" + operation;
+    }
+    template <class Function>
+    static Function* find(const char* operation) {
+        return exported<Function>(accessor(operation));
+    }
+
+    object_walk& w;
+    object* const holder;
+    const bool reachable;
+    std::vector<std::pair<std::string, i32>>& chosen; // discriminators and their values
+    const u32 expected = reachable ? 0u : u32{LOOM_EIDRM};
+    u32 error = 0;
+
+    u32* err() {
+        error = 0;
+        return &error;
+    }
+    void done(const char* operation) { w.done(error, expected, operation); }
+
+    void walk() {
+        if constexpr (is_plain<A>) walk_plain();
+        else if constexpr (is_nested_record<A>) walk_nested();
+        else if constexpr (is_object<A>) walk_object();
+        else if constexpr (is_fixed_array<A>) walk_fixed_array();
+        else if constexpr (is_variable_array<A>) walk_variable_array();
+        else if constexpr (is_counted_string<A> || is_fixed_string<A>) walk_string();
+        else if constexpr (is_oid<A>) walk_oid();
+        else if constexpr (is_arm<A>) walk_arm();
+        else if constexpr (is_list<A>) walk_list();
+    }
+
+    // ---- One value in place
+
+    /// The cases of the arms that the attribute selects.
+    static std::vector<i32> cases() {
+        std::vector<i32> all;
+        for_each_attribute(typename A::model::attributes{}, [&]<class B>() {
+            if constexpr (is_arm<B>)
+                if constexpr (std::is_same_v<typename B::discriminator, A>) all.push_back(B::selected_by);
+        });
+        return all;
+    }
+
+    void walk_plain() {
+        typename type::plain_type plain;
+        if constexpr (is_any_enumeration(type::category)) {
+            plain = enumeration_value(w, type::name, cases());
+            chosen.emplace_back(A::name, plain);
+        } else {
+            plain = make_scalar<type>(w.numbers);
+        }
+        const bool by_value = w.numbers.chance() || type::category == value_category::shared_enumeration;
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
+        static auto* const get_value = find<typename type::plain_type(loom_handle*, u32, object*, u32*)>("get_value");
+        static auto* const set = find<void(loom_handle*, u32, object*, const value*, u32*)>("set");
+        static auto* const set_value =
+            find<void(loom_handle*, u32, object*, typename type::plain_type, u32*)>("set_value");
+        if (w.setting) {
+            if (by_value) {
+                set_value(w.handle, domain, holder, plain, err());
+            } else if constexpr (type::category == value_category::enumeration) {
+                value* source = type::create(w.handle, domain);
+                type::set_value(w.handle, domain, source, plain, err());
+                if (error == 0) set(w.handle, domain, holder, source, err());
+                type::destroy(w.handle, domain, source);
+            } else {
+                const value source = [&] {
+                    if constexpr (is_any_enumeration(type::category)) return value{};
+                    else return plain;
+                }();
+                set(w.handle, domain, holder, &source, err());
+            }
+            done(by_value ? "set_value" : "set");
+            return;
+        }
+        const auto got = get_value(w.handle, domain, holder, err());
+        done("get_value");
+        const value* cell = get(w.handle, domain, holder, err());
+        done("get");
+        if (!reachable) {
+            if (cell != nullptr) w.fault("get hands out an attribute that is out of reach");
+            return;
+        }
+        w.same(got, plain, "get_value");
+        if (cell == nullptr) w.fault("get gives null");
+        check_state(state_of_set);
+    }
+
+    void walk_object() {
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
+        static auto* const set = find<void(loom_handle*, u32, object*, const value*, u32*)>("set");
+        with_value([&](const value* source) {
+            if (w.setting) {
+                set(w.handle, domain, holder, source, err());
+                done("set");
+                return;
+            }
+            const value* cell = get(w.handle, domain, holder, err());
+            done("get");
+            if (!reachable) return;
+            if (cell == nullptr || type::compare(cell, source) != 0) w.fault("get gives another value than was set");
+            check_state(state_of_set);
+        });
+    }
+
+    /// Calls the body with a random value object or flag set.
+    template <class Body>
+    void with_value(Body&& body) {
+        if constexpr (type::category == value_category::flag_set) {
+            value* source = make_flags<type>(w);
+            body(source);
+            type::destroy(w.handle, domain, source);
+        } else {
+            value source{};
+            make_value(w.numbers, source);
+            body(&source);
+        }
+    }
+
+    /// Half of all nested records are filled where they lie, the others are made outside and moved in.
+    void walk_nested() {
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
+        static auto* const set = find<void(loom_handle*, u32, object*, value*, u32*)>("set");
+        const record_driver& driver = record_named(type::name);
+        const bool in_place = w.numbers.chance();
+        if (!reachable) {
+            get(w.handle, domain, holder, err());
+            done("get");
+            return;
+        }
+        if (w.setting && !in_place) {
+            void* source = driver.create(w.handle, domain);
+            driver.walk(w, source);
+            set(w.handle, domain, holder, static_cast<value*>(source), err());
+            done("set");
+            driver.destroy(w.handle, domain, source);
+            return;
+        }
+        value* nested = get(w.handle, domain, holder, err());
+        done("get");
+        if (nested == nullptr) return w.fault("get gives null");
+        driver.walk(w, nested);
+        if (!w.setting) check_state(in_place ? 0 : state_of_set);
+    }
+
+    // ---- Arrays
+
+    void walk_fixed_array() {
+        if constexpr (is_array_of_values<A>) {
+            const std::vector<value> values = make_values(A::extent);
+            walk_values(values, w.numbers.below(3));
+        } else {
+            for (u32 i = 0; i < A::extent; ++i) walk_element(i, false);
+            check_whole();
+        }
+    }
+
+    void walk_variable_array() {
+        const u32 count = 1 + w.numbers.below(3);
+        if constexpr (is_array_of_values<A>) {
+            const std::vector<value> values = make_values(count);
+            walk_values(values, w.numbers.below(3));
+        } else {
+            for (u32 i = 0; i < count; ++i) walk_element(i, w.numbers.chance());
+            check_whole();
+        }
+        if (!w.setting && reachable) check_count(count);
+    }
+
+    static constexpr bool has_count = is_variable_array<A>;
+
+    void check_count(u32 count) {
+        if constexpr (has_count) {
+            using length = typename A::length;
+            static auto* const get_value = exported<typename length::type::c_type(loom_handle*, u32, object*, u32*)>(
+                std::string(A::model::name) + "_" + length::name + "_get_value");
+            w.same(static_cast<u32>(get_value(w.handle, domain, holder, err())), count, "the length");
+            done("length get_value");
+            static auto* const get = find<value*(loom_handle*, u32, object*, u32, u32*)>("get");
+            if (get(w.handle, domain, holder, count, err()) != nullptr) w.fault("get hands out an element beyond the end");
+            w.done(error, LOOM_ENOENT, "get beyond the end");
+        }
+    }
+
+    std::vector<value> make_values(u32 count) {
+        std::vector<value> values(count);
+        for (value& each : values) each = make_scalar<type>(w.numbers);
+        return values;
+    }
+
+    enum way { by_value, by_pointer, as_block };
+
+    void walk_values(const std::vector<value>& values, u32 way) {
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32, u32*)>("get");
+        static auto* const get_value = find<value(loom_handle*, u32, object*, u32, u32*)>("get_value");
+        static auto* const get_mem = find<void(loom_handle*, u32, object*, value*, u32, u32*)>("get_mem");
+        static auto* const set = find<void(loom_handle*, u32, object*, u32, const value*, u32*)>("set");
+        static auto* const set_value = find<void(loom_handle*, u32, object*, u32, value, u32*)>("set_value");
+        static auto* const set_mem = find<void(loom_handle*, u32, object*, const value*, u32, u32*)>("set_mem");
+        const u32 count = static_cast<u32>(values.size());
+        if (w.setting) {
+            if (way == as_block) {
+                set_mem(w.handle, domain, holder, values.data(), count, err());
+                done("set_mem");
+                return;
+            }
+            for (u32 i = 0; i < count; ++i) {
+                if (way == by_value) set_value(w.handle, domain, holder, i, values[i], err());
+                else set(w.handle, domain, holder, i, &values[i], err());
+                done(way == by_value ? "set_value" : "set");
+            }
+            return;
+        }
+        std::vector<value> block(count);
+        get_mem(w.handle, domain, holder, block.data(), count, err());
+        done("get_mem");
+        if (!reachable) return;
+        w.same(block, values, "get_mem");
+        for (u32 i = 0; i < count; ++i) {
+            w.same(get_value(w.handle, domain, holder, i, err()), values[i], "get_value");
+            done("get_value");
+            const value* element = get(w.handle, domain, holder, i, err());
+            done("get");
+            if (element == nullptr || !(*element == values[i])) w.fault("get gives another element than was set");
+            check_element_state(i, way == as_block ? 0 : state_of_set);
+        }
+        check_whole();
+    }
+
+    /// One element that is an object: a value object, a flag set or a record.
+    void walk_element(u32 index, bool by_copy) {
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32, u32*)>("get");
+        if constexpr (is_array_of_records<A>) {
+            static auto* const set = find<void(loom_handle*, u32, object*, u32, value*, u32*)>("set");
+            const record_driver& driver = record_named(type::name);
+            if (!reachable) {
+                if (get(w.handle, domain, holder, index, err()) != nullptr) w.fault("get reaches too far");
+                done("get");
+                return;
+            }
+            if (w.setting) {
+                void* source = driver.create(w.handle, domain);
+                driver.walk(w, source);
+                if constexpr (has_count) {
+                    static auto* const set_cr = find<u32(loom_handle*, object*, u32, value*, u32)>("set_cr");
+                    if (by_copy) {
+                        w.handle->last_error = 0;
+                        error = set_cr(w.handle, holder, index, static_cast<value*>(source), 0);
+                        w.handle->last_error = 0;
+                    } else {
+                        set(w.handle, domain, holder, index, static_cast<value*>(source), err());
+                    }
+                } else {
+                    set(w.handle, domain, holder, index, static_cast<value*>(source), err());
+                }
+                done(by_copy ? "set_cr by copy" : "set");
+                driver.destroy(w.handle, domain, source);
+                return;
+            }
+            value* element = get(w.handle, domain, holder, index, err());
+            done("get");
+            if (element == nullptr) return w.fault("get gives null");
+            w.path += "[" + std::to_string(index) + "]";
+            driver.walk(w, element);
+            check_element_state(index, state_of_set);
+        } else {
+            static auto* const set = find<void(loom_handle*, u32, object*, u32, const value*, u32*)>("set");
+            with_value([&](const value* source) {
+                if (w.setting) {
+                    if constexpr (has_count) {
+                        static auto* const set_cr = find<u32(loom_handle*, object*, u32, const value*)>("set_cr");
+                        if (by_copy) {
+                            w.handle->last_error = 0;
+                            error = set_cr(w.handle, holder, index, source);
+                            w.handle->last_error = 0;
+                        } else {
+                            set(w.handle, domain, holder, index, source, err());
+                        }
+                    } else {
+                        set(w.handle, domain, holder, index, source, err());
+                    }
+                    done(by_copy ? "set_cr" : "set");
+                    return;
+                }
+                const value* element = get(w.handle, domain, holder, index, err());
+                done("get");
+                if (!reachable) return;
+                if (element == nullptr || type::compare(element, source) != 0)
+                    w.fault("get gives another element than was set");
+                check_element_state(index, state_of_set);
+            });
+        }
+    }
+
+    // ---- Character arrays, references, arms, lists
+
+    void walk_string() {
+        constexpr u32 most = [] {
+            if constexpr (is_fixed_string<A>) return A::extent;
+            else return 40u;
+        }();
+        const std::string text = make_text(w.numbers, 1 + w.numbers.below(most));
+        static auto* const get = find<void(loom_handle*, u32, object*, char*, u32, u32*)>("get");
+        static auto* const set = find<void(loom_handle*, u32, object*, const char*, u32, u32*)>("set");
+        static auto* const set_cr = find<u32(loom_handle*, object*, const char*, u32)>("set_cr");
+        const bool chained = w.numbers.chance();
+        if (w.setting) {
+            if (chained) {
+                w.handle->last_error = 0;
+                error = set_cr(w.handle, holder, text.data(), static_cast<u32>(text.size()));
+                w.handle->last_error = 0;
+            } else {
+                set(w.handle, domain, holder, text.data(), static_cast<u32>(text.size()), err());
+            }
+            done(chained ? "set_cr" : "set");
+            return;
+        }
+        char got[64] = {};
+        get(w.handle, domain, holder, got, sizeof got, err());
+        done("get");
+        if (!reachable) return;
+        w.same(std::string(got), text, "get");
+        check_state(state_of_set);
+    }
+
+    void walk_oid() {
+        if (w.setting) return;
+        static auto* const get = find<void*(loom_handle*, u32, object*, u32*)>("get_by_ref");
+        if (get(w.handle, domain, holder, err()) != nullptr) w.fault("an empty reference leads somewhere");
+        done("get_by_ref");
+        if (reachable) check_state(0);
+    }
+
+    bool is_chosen() const {
+        for (const auto& [name, value] : chosen)
+            if (name == A::discriminator::name) return value == A::selected_by;
+        return false;
+    }
+
+    void walk_arm() {
+        static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
+        static auto* const set = find<void(loom_handle*, u32, object*, value*, u32*)>("set");
+        if (!is_chosen() || !reachable) {
+            if (w.setting) return;
+            const value* cell = get(w.handle, domain, holder, err());
+            done("get");
+            if (cell != nullptr) w.fault("an arm that nobody has set is there");
+            if (reachable) check_state(0);
+            return;
+        }
+        if (w.setting) {
+            value* made = type::create(w.handle, domain);
+            fill_alone(made);
+            set(w.handle, domain, holder, made, err());
+            done("set");
+            return;
+        }
+        value* cell = get(w.handle, domain, holder, err());
+        done("get");
+        if (cell == nullptr) return w.fault("get gives null");
+        compare_alone(cell);
+        check_state(state_of_set);
+    }
+
+    /// Fills a value that stands on its own: what an arm points at.
+    void fill_alone(value* made) {
+        u32 ignored = 0;
+        if constexpr (type::category == value_category::record) {
+            record_named(type::name).walk(w, made);
+        } else if constexpr (is_any_enumeration(type::category)) {
+            type::set_value(w.handle, domain, made, enumeration_value(w, type::name, {}), &ignored);
+        } else if constexpr (is_plain_value(type::category)) {
+            const value plain = make_scalar<type>(w.numbers);
+            type::set(w.handle, domain, made, &plain, &ignored);
+        } else {
+            with_value([&](const value* source) { type::set(w.handle, domain, made, source, &ignored); });
+        }
+        w.done(ignored, 0, "set of an arm's own value");
+    }
+    void compare_alone(value* cell) {
+        if constexpr (type::category == value_category::record) {
+            record_named(type::name).walk(w, cell);
+        } else if constexpr (is_any_enumeration(type::category)) {
+            w.same(cell->value, enumeration_value(w, type::name, {}), "the arm");
+        } else if constexpr (is_plain_value(type::category)) {
+            w.same(*cell, make_scalar<type>(w.numbers), "the arm");
+        } else {
+            with_value([&](const value* source) {
+                if (type::compare(cell, source) != 0) w.fault("the arm has another value than was set");
+            });
+        }
+    }
+
+    void walk_list() {
+        static auto* const get_first = find<value*(loom_handle*, u32, object*, u32*)>("get_first");
+        static auto* const get_next = find<value*(loom_handle*, u32, object*, value*, u32*)>("get_next");
+        static auto* const get_count = find<u32(loom_handle*, u32, object*, u32*)>("get_count");
+        static auto* const set_last = find<void(loom_handle*, u32, object*, value*, u32*)>("set_last");
+        const record_driver& driver = record_named(type::name);
+        if (!reachable) {
+            if (get_first(w.handle, domain, holder, err()) != nullptr) w.fault("a list that is out of reach has elements");
+            done("get_first");
+            return;
+        }
+        const u32 count = 1 + w.numbers.below(3);
+        value* element = nullptr;
+        for (u32 i = 0; i < count; ++i) {
+            if (w.setting) {
+                element = static_cast<value*>(driver.create(w.handle, domain));
+                driver.walk(w, element);
+                set_last(w.handle, domain, holder, element, err());
+                done("set_last");
+                continue;
+            }
+            element = element == nullptr ? get_first(w.handle, domain, holder, err())
+                                         : get_next(w.handle, domain, holder, element, err());
+            done("get_next");
+            if (element == nullptr) return w.fault("the list is shorter than it was made");
+            driver.walk(w, element);
+        }
+        if (w.setting) return;
+        if (get_next(w.handle, domain, holder, element, err()) != nullptr) w.fault("the list is longer than it was made");
+        done("get_next");
+        w.same(get_count(w.handle, domain, holder, err()), count, "get_count");
+        done("get_count");
+        check_state(state_of_set);
+    }
+
+    // ---- State flags
+
+    static constexpr u8 state_of_set = 2;
+
+    void check_state(u8 state) {
+        if (!w.tracked()) return;
+        static auto* const get = find<u8(loom_handle*, u32, const object*, u32*)>("state_flag_get");
+        w.same(get(w.handle, domain, holder, err()), state, "state_flag_get");
+        done("state_flag_get");
+    }
+    void check_element_state(u32 index, u8 state) {
+        if (!w.tracked()) return;
+        static auto* const get = find<u8(loom_handle*, u32, const object*, u32, u32*)>("state_flag_get");
+        w.same(get(w.handle, domain, holder, index, err()), state, "state_flag_get of an element");
+        done("state_flag_get");
+    }
+    void check_whole() {
+        if (!w.tracked() || w.setting || !reachable) return;
+        static auto* const get = find<u8(loom_handle*, u32, const object*, u32*)>("state_flag_whole_get");
+        w.same(get(w.handle, domain, holder, err()), state_of_set, "state_flag_whole_get");
+        done("state_flag_whole_get");
+    }
+};
+
+template <class M>
+void walk_record(object_walk& w, void* at) {
+    auto* object = static_cast<typename M::object*>(at);
+    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    std::vector<std::pair<std::string, i32>> chosen;
+    const std::string outer = w.path;
+    for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        w.path = outer + "/" + M::name + "." + A::name;
+        if constexpr (!is_length<A>)
+            attribute_walker<A>{.w = w, .holder = object, .reachable = variant >= A::at.since, .chosen = chosen}.walk();
+    });
+    w.path = outer;
+}
+
+// ---- Registration ------------------------------------------------------------------------------------------
+
+template <class M>
+record_driver driver_of() {
+    using facade = typename M::type;
+    using object = typename M::object;
+    record_driver made{};
+    made.name = M::name;
+    made.base_size = M::base_size;
+    made.tracking_size = facade::tracking_size;
+    made.newest = M::newest;
+    made.type_info = facade::type_info;
+    made.create = [](loom_handle* h, u32 d) -> void* { return facade::create(h, d); };
+    made.destroy = [](loom_handle* h, u32 d, void* o) { facade::destroy(h, d, static_cast<object*>(o)); };
+    made.walk = walk_record<M>;
+    made.clone = [](loom_handle* h, u32 d, const void* from, void** out, void* workspace, i32 size, u32* err) {
+        static auto* const clone =
+            exported<void(loom_handle*, u32, const void*, void**, void*, i32, u32*)>(std::string(M::name) + "_clone");
+        clone(h, d, from, out, workspace, size, err);
+    };
+    made.marshal = [](loom_handle* h, u32 d, void* buffer, const void* o, i32 length, u32* err) {
+        return facade::marshal(h, d, buffer, static_cast<const object*>(o), length, err);
+    };
+    made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
+        return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
+    };
+    made.len = [](loom_handle* h, u32 d, const void* o) { return facade::len(h, d, static_cast<const object*>(o)); };
+    made.compare = [](const void* a, const void* b) {
+        return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
+    };
+    made.hash = [](const void* o, u32 seed) { return facade::hash(static_cast<const object*>(o), seed); };
+    made.set = [](loom_handle* h, u32 d, void* to, void* from, u32* err) {
+        static auto* const set = exported<void(loom_handle*, u32, void*, void*, u32*)>(std::string(M::name) + "_set");
+        set(h, d, to, from, err);
+    };
+    for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        if constexpr (is_nested_record<A>) made.nested.emplace_back(A::type::name, A::at.since);
+        if constexpr (is_fixed_array<A>)
+            if constexpr (is_array_of_records<A>)
+                for (u32 i = 0; i < A::extent; ++i) made.nested.emplace_back(A::type::name, A::at.since);
+    });
+    return made;
+}
+
+template <class M>
+compact_driver compact_driver_of() {
+    using facade = typename M::type;
+    using object = typename M::object;
+    compact_driver made{};
+    made.name = M::name;
+    made.is_flag_set = facade::category == value_category::flag_set;
+    made.size = sizeof(object);
+    made.newest = M::newest;
+    made.type_info = facade::type_info;
+    made.create = [](loom_handle* h, u32 d) -> void* { return facade::create(h, d); };
+    made.destroy = [](loom_handle* h, u32 d, void* o) { facade::destroy(h, d, static_cast<object*>(o)); };
+    made.marshal = [](loom_handle* h, u32 d, void* buffer, const void* o, i32 length, u32* err) {
+        return facade::marshal(h, d, buffer, static_cast<const object*>(o), length, err);
+    };
+    made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
+        return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
+    };
+    made.len = [](loom_handle* h, u32 d, const void* o) { return facade::len(h, d, static_cast<const object*>(o)); };
+    made.compare = [](const void* a, const void* b) {
+        return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
+    };
+    made.hash = [](const void* o, u32 seed) { return facade::hash(static_cast<const object*>(o), seed); };
+    made.set = [](loom_handle* h, u32 d, void* to, const void* from, u32* err) {
+        facade::set(h, d, static_cast<object*>(to), static_cast<const object*>(from), err);
+    };
+    if constexpr (facade::category == value_category::flag_set) {
+        i32 bit = 0;
+        for (const auto& each : M::bits) made.members.emplace_back(bit++, each.since);
+    } else {
+        for (const auto& each : M::members) made.members.emplace_back(each.value, each.since);
+    }
+    return made;
+}
+
+} // namespace trellis::testing
