@@ -34,7 +34,7 @@ std::size_t distance(const std::string& a, const std::string& b) {
 /// Names of one kind and what they stand for. The model's vectors own the things.
 template <class T>
 class directory {
-public:
+  public:
     T* find(const std::string& name) const {
         const auto found = things_.find(name);
         return found == things_.end() ? nullptr : found->second;
@@ -42,26 +42,30 @@ public:
     void enter(const std::string& name, T* thing) { things_.emplace(name, thing); }
     const std::map<std::string, T*>& all() const { return things_; }
 
-private:
+  private:
     std::map<std::string, T*> things_;
 };
 
 class builder {
-public:
+  public:
     builder(const std::vector<syntax::file>& files, diagnostics& out) : files_(files), out_(out) {}
 
     std::unique_ptr<bundle> build() {
         identify();
-        for (const syntax::file* file : in_group_order()) collect(*file);
+        for (const syntax::file* file : in_group_order())
+            collect(*file);
         order_types();
-        for (auto& [from, to] : record_sources_) resolve(*from, *to);
-        for (auto& [from, to] : table_sources_) resolve(*from, *to);
-        for (auto& [from, to] : message_sources_) resolve(*from, *to);
+        for (auto& [from, to] : record_sources_)
+            resolve(*from, *to);
+        for (auto& [from, to] : table_sources_)
+            resolve(*from, *to);
+        for (auto& [from, to] : message_sources_)
+            resolve(*from, *to);
         resolve_registry();
         return std::move(model_);
     }
 
-private:
+  private:
     // ---- Files ---------------------------------------------------------------------------------------------
 
     void identify() {
@@ -73,15 +77,18 @@ private:
                 model_->name = named->text;
                 model_->doc = file.doc;
                 model_->where = named->where;
-            } else out_.add(file.bundle->where, "a second bundle statement; the first is at " + place(named->where),
-                            "compile one bundle at a time, and begin its other files with group NAME of BUNDLE");
+            } else
+                out_.add(file.bundle->where, "a second bundle statement; the first is at " + place(named->where),
+                         "compile one bundle at a time, and begin its other files with group NAME of BUNDLE");
         }
         if (named == nullptr)
             out_.add({files_.empty() ? "schema" : files_.front().name, 1, 1}, "no file says which bundle this is",
                      "begin one of them with bundle NAME");
         for (const syntax::file& file : files_)
             if (named != nullptr && file.group_of && file.group_of->text != named->text)
-                out_.add(file.group_of->where, "a group of the bundle " + quoted(file.group_of->text) + " among files of " + quoted(named->text),
+                out_.add(file.group_of->where,
+                         "a group of the bundle " + quoted(file.group_of->text) + " among files of " +
+                             quoted(named->text),
                          "leave the file out, or name the bundle it belongs to");
     }
 
@@ -90,11 +97,14 @@ private:
         std::vector<const syntax::file*> result, others;
         std::map<std::string, const syntax::file*> groups;
         for (const syntax::file& file : files_) {
-            if (!file.group) result.push_back(&file);
-            else if (const auto [known, fresh] = groups.emplace(file.group->text, &file); fresh) others.push_back(&file);
+            if (!file.group)
+                result.push_back(&file);
+            else if (const auto [known, fresh] = groups.emplace(file.group->text, &file); fresh)
+                others.push_back(&file);
             else {
                 out_.add(file.group->where,
-                         "a second group " + quoted(file.group->text) + "; the first is at " + place(known->second->group->where),
+                         "a second group " + quoted(file.group->text) + "; the first is at " +
+                             place(known->second->group->where),
                          "give each file's group a name of its own");
                 others.push_back(&file);
             }
@@ -109,7 +119,8 @@ private:
                 }
                 const auto found = std::find(others.begin(), others.end(), known->second);
                 if (found == others.end()) {
-                    out_.add(listed.where, "the group " + quoted(listed.text) + " is listed twice", "list it once");
+                    out_.add(listed.where, "the group " + quoted(listed.text) + " is listed twice",
+                             "list it once");
                     continue;
                 }
                 result.push_back(*found);
@@ -130,7 +141,8 @@ private:
         return fresh;
     }
     bool declare_type(const word& name) {
-        if (find_builtin(name.text) != nullptr || name.text == "string" || name.text == "oid" || name.text == "list") {
+        if (find_builtin(name.text) != nullptr || name.text == "string" || name.text == "oid" ||
+            name.text == "list") {
             out_.add(name.where, quoted(name.text) + " is a built-in type", "choose another name");
             return false;
         }
@@ -146,7 +158,8 @@ private:
     }
 
     void collect(const syntax::file& file) {
-        for (const syntax::import& from : file.imports) collect(from);
+        for (const syntax::import& from : file.imports)
+            collect(from);
         for (const syntax::record& from : file.records) {
             if (!declare_type(from.name)) continue;
             record& made = start(model_->records, from.name, from.doc);
@@ -187,8 +200,10 @@ private:
             made.trace_unit = 3;
             message_sources_.emplace_back(&from, &made);
         }
-        for (const word& w : file.order) order_.push_back(w);
-        for (const word& w : file.registry) registry_.push_back(w);
+        for (const word& w : file.order)
+            order_.push_back(w);
+        for (const word& w : file.registry)
+            registry_.push_back(w);
     }
 
     void collect(const syntax::import& from) {
@@ -219,10 +234,12 @@ private:
     void order_types() {
         std::map<std::string, std::size_t> rank;
         for (const word& w : order_) {
-            const bool own = records_.find(w.text) != nullptr || flag_sets_.find(w.text) != nullptr ||
-                             (enumerations_.find(w.text) != nullptr && enumerations_.find(w.text)->imported_from == nullptr);
+            const bool own =
+                records_.find(w.text) != nullptr || flag_sets_.find(w.text) != nullptr ||
+                (enumerations_.find(w.text) != nullptr && enumerations_.find(w.text)->imported_from == nullptr);
             if (!own)
-                out_.add(w.where, "order names " + quoted(w.text) + ", which is no record, enum or flags of this bundle",
+                out_.add(w.where,
+                         "order names " + quoted(w.text) + ", which is no record, enum or flags of this bundle",
                          "correct the name or take it off the list");
             if (!rank.emplace(w.text, rank.size()).second)
                 out_.add(w.where, "order names " + quoted(w.text) + " twice", "name it once");
@@ -253,7 +270,8 @@ private:
             const auto twin = std::find_if(into.attributes.begin(), into.attributes.end(),
                                            [&](const attribute& other) { return other.name == made.name; });
             if (twin != into.attributes.end())
-                out_.add(made.where, quoted(made.name) + " is an attribute twice; the first is at " + place(twin->where),
+                out_.add(made.where,
+                         quoted(made.name) + " is an attribute twice; the first is at " + place(twin->where),
                          "rename one of them or take one out");
             resolve_type(a, into, made);
             if (a.discriminator) resolve_arm(a, into, made);
@@ -286,7 +304,8 @@ private:
                 into.type.of_record->held_by.emplace_back(&holder, holder.attributes.size());
             } else if (is_known(into.type))
                 out_.add(type.name.where, "a list of " + quoted(type.name.text) + ", which is no record",
-                         "lists chain records; use an array, " + type.name.text + "[count], or wrap the value in a record");
+                         "lists chain records; use an array, " + type.name.text +
+                             "[count], or wrap the value in a record");
             return;
         case syntax::form::array:
             into.form = type.extent ? shape::fixed_array : shape::variable_array;
@@ -301,7 +320,8 @@ private:
     }
 
     static bool is_known(const type_ref& t) {
-        return t.value != nullptr || t.of_record != nullptr || t.of_enumeration != nullptr || t.of_flag_set != nullptr;
+        return t.value != nullptr || t.of_record != nullptr || t.of_enumeration != nullptr ||
+               t.of_flag_set != nullptr;
     }
     static bool is_plain(const type_ref& t) {
         if (t.value != nullptr)
@@ -316,7 +336,8 @@ private:
         into.of_flag_set = flag_sets_.find(name.text);
         if (is_known(into)) return;
         std::vector<std::string> known = names_of(types_);
-        for (const builtin& b : builtins()) known.push_back(b.name);
+        for (const builtin& b : builtins())
+            known.push_back(b.name);
         unknown(name, "type", known, "declare it, or import it from its bundle");
     }
 
@@ -328,19 +349,24 @@ private:
         if (before == nullptr || before->name != name.text) {
             const bool elsewhere = std::any_of(holder.attributes.begin(), holder.attributes.end(),
                                                [&](const attribute& a) { return a.name == name.text; });
-            out_.add(name.where, subject + (elsewhere ? ", which does not stand directly before it" : ", which is no attribute"),
+            out_.add(name.where,
+                     subject +
+                         (elsewhere ? ", which does not stand directly before it" : ", which is no attribute"),
                      elsewhere ? "move the count to the line above the array" : cure);
             return;
         }
-        const bool counts = before->form == shape::plain && before->type.value != nullptr &&
-                            (before->type.name == "u_int8" || before->type.name == "u_int16" || before->type.name == "u_int32");
+        const bool counts =
+            before->form == shape::plain && before->type.value != nullptr &&
+            (before->type.name == "u_int8" || before->type.name == "u_int16" || before->type.name == "u_int32");
         if (!counts) {
             if (is_known(before->type) || before->form == shape::oid)
-                out_.add(before->where, subject + ", which is no unsigned integer", "make it a u_int8, u_int16 or u_int32");
+                out_.add(before->where, subject + ", which is no unsigned integer",
+                         "make it a u_int8, u_int16 or u_int32");
             return;
         }
         if (before->since != array.since)
-            out_.add(array.where, subject + " of an earlier variant", "introduce the array and its count in the same variant");
+            out_.add(array.where, subject + " of an earlier variant",
+                     "introduce the array and its count in the same variant");
         before->form = shape::length;
     }
 
@@ -356,15 +382,20 @@ private:
         const auto found = std::find_if(holder.attributes.begin(), holder.attributes.end(),
                                         [&](const attribute& a) { return a.name == from.discriminator->text; });
         if (found == holder.attributes.end()) {
-            out_.add(from.discriminator->where, "the record " + quoted(holder.name) + " has no attribute " +
-                     quoted(from.discriminator->text) + " above this line", "name an enumeration attribute that stands above");
+            out_.add(from.discriminator->where,
+                     "the record " + quoted(holder.name) + " has no attribute " +
+                         quoted(from.discriminator->text) + " above this line",
+                     "name an enumeration attribute that stands above");
             return;
         }
         const enumeration* selector = found->form == shape::plain ? found->type.of_enumeration : nullptr;
         if (selector == nullptr || selector->imported_from != nullptr) {
             if (is_known(found->type))
-                out_.add(from.discriminator->where, quoted(found->name) + " selects arms but is " +
-                         (selector == nullptr ? "no enumeration" : "an enumeration of another bundle, whose members are not known here"),
+                out_.add(from.discriminator->where,
+                         quoted(found->name) + " selects arms but is " +
+                             (selector == nullptr
+                                  ? "no enumeration"
+                                  : "an enumeration of another bundle, whose members are not known here"),
                          "let an enumeration of this bundle select");
             return;
         }
@@ -372,7 +403,8 @@ private:
                                          [&](const enumeration_member& m) { return m.name == into.case_name; });
         if (member == selector->members.end()) {
             std::vector<std::string> known;
-            for (const enumeration_member& m : selector->members) known.push_back(m.name);
+            for (const enumeration_member& m : selector->members)
+                known.push_back(m.name);
             unknown(*from.selected_by, "member of " + selector->name, known, "name a member of " + selector->name);
             return;
         }
@@ -393,7 +425,8 @@ private:
         into.key_attribute = from.key_name.text;
         if (into.payload == nullptr) return;
         std::vector<std::string> known;
-        for (const attribute& a : into.payload->attributes) known.push_back(a.name);
+        for (const attribute& a : into.payload->attributes)
+            known.push_back(a.name);
         if (std::find(known.begin(), known.end(), into.key_attribute) == known.end())
             unknown(from.key_name, "attribute of " + into.payload->name, known,
                     "name an attribute of the payload, or write keyed by record KEY");
@@ -410,7 +443,8 @@ private:
             out_.add(name.where, quoted(name.text) + " is no record", "name a record of this bundle");
         else {
             std::vector<std::string> known;
-            for (const auto& [text, record] : records_.all()) known.push_back(text);
+            for (const auto& [text, record] : records_.all())
+                known.push_back(text);
             unknown(name, "record", known, "declare it");
         }
         return nullptr;
@@ -419,10 +453,12 @@ private:
     void resolve_registry() {
         std::map<std::string, location> listed;
         for (const word& w : registry_) {
-            if (!tables_.contains(w.text)) unknown(w, "table", names_of(tables_), "declare it, import it or take it off the list");
+            if (!tables_.contains(w.text))
+                unknown(w, "table", names_of(tables_), "declare it, import it or take it off the list");
             else if (!listed.emplace(w.text, w.where).second)
                 out_.add(w.where, "the registry lists " + quoted(w.text) + " twice", "list it once");
-            else model_->registry.push_back(w.text);
+            else
+                model_->registry.push_back(w.text);
         }
         for (const auto& [name, where] : tables_)
             if (!registry_.empty() && !listed.contains(name))
@@ -433,11 +469,13 @@ private:
 
     static std::vector<std::string> names_of(const std::map<std::string, location>& space) {
         std::vector<std::string> names;
-        for (const auto& [name, where] : space) names.push_back(name);
+        for (const auto& [name, where] : space)
+            names.push_back(name);
         return names;
     }
     /// Proposes the nearest known name when one is near.
-    void unknown(const word& name, const std::string& kind, const std::vector<std::string>& known, const std::string& cure) {
+    void unknown(const word& name, const std::string& kind, const std::vector<std::string>& known,
+                 const std::string& cure) {
         const std::string* nearest = nullptr;
         std::size_t least = std::min<std::size_t>(3, name.text.size() / 2 + 1);
         if (name.text.size() <= 64)

@@ -45,7 +45,8 @@ const std::array<builtin, 25>& stock() {
 std::span<const builtin> builtins() { return stock(); }
 
 const builtin* find_builtin(std::string_view name) {
-    const auto found = std::find_if(stock().begin(), stock().end(), [&](const builtin& b) { return b.name == name; });
+    const auto found =
+        std::find_if(stock().begin(), stock().end(), [&](const builtin& b) { return b.name == name; });
     return found == stock().end() ? nullptr : &*found;
 }
 

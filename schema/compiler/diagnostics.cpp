@@ -7,7 +7,8 @@ namespace trellis::schema {
 
 bool diagnostics::told_at(const location& where) const {
     return std::any_of(list_.begin(), list_.end(), [&](const diagnostic& d) {
-        return std::tie(d.where.file, d.where.line, d.where.column) == std::tie(where.file, where.line, where.column);
+        return std::tie(d.where.file, d.where.line, d.where.column) ==
+               std::tie(where.file, where.line, where.column);
     });
 }
 

@@ -23,7 +23,7 @@ inline std::string text_of(const diagnostic& d) {
 }
 
 class diagnostics {
-public:
+  public:
     void add(const location& where, std::string wrong, std::string cure) {
         list_.push_back({where, std::move(wrong), std::move(cure)});
     }
@@ -33,7 +33,7 @@ public:
     /// In the order of the files as they were first met, then by line and column; equal ones once.
     std::vector<diagnostic> sorted() const;
 
-private:
+  private:
     std::vector<diagnostic> list_;
 };
 

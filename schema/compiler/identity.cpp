@@ -28,7 +28,9 @@ std::string text_of(const table& t) {
     switch (t.key) {
     case key_form::attribute: text += " keyed by " + t.key_attribute; break;
     case key_form::whole_payload: text += " keyed by itself"; break;
-    case key_form::object: text += " keyed by record " + (t.key_record == nullptr ? "" : t.key_record->name); break;
+    case key_form::object:
+        text += " keyed by record " + (t.key_record == nullptr ? "" : t.key_record->name);
+        break;
     }
     return text + (t.ordered ? " ordered\n" : "\n");
 }

@@ -15,7 +15,9 @@ constexpr std::uint32_t pointer_size = 8;
 constexpr std::uint32_t oid_size = 48; // type word and value
 constexpr std::uint32_t list_head_size = 24;
 
-std::uint64_t aligned(std::uint64_t at, std::uint64_t alignment) { return (at + alignment - 1) / alignment * alignment; }
+std::uint64_t aligned(std::uint64_t at, std::uint64_t alignment) {
+    return (at + alignment - 1) / alignment * alignment;
+}
 
 /// What an attribute takes in the instance.
 struct room {
@@ -48,9 +50,11 @@ std::uint32_t layout_size_of(std::uint32_t used_length) {
 
 /// Sizes from the used lengths.
 void settle_sizes(named& type) {
-    for (variant_layout& v : type.variants) v.layout_size = layout_size_of(v.used_length);
+    for (variant_layout& v : type.variants)
+        v.layout_size = layout_size_of(v.used_length);
     type.base_size = type.variants.back().layout_size;
-    for (variant_layout& v : type.variants) v.alloc_slop = type.base_size - v.used_length;
+    for (variant_layout& v : type.variants)
+        v.alloc_slop = type.base_size - v.used_length;
 }
 
 /// Whether a value of the attribute's type, in place or in a fixed array, is a record with an area of its own.
@@ -60,24 +64,30 @@ const record* nested_in(const attribute& a) {
 }
 
 class layout {
-public:
+  public:
     layout(bundle& b, diagnostics& out) : b_(b), out_(out) {}
 
     void run() {
-        for (auto& r : b_.records) place(*r);
-        for (auto& e : b_.enumerations) settle_enumeration(*e);
+        for (auto& r : b_.records)
+            place(*r);
+        for (auto& e : b_.enumerations)
+            settle_enumeration(*e);
         for (auto& i : b_.imports)
-            for (auto& e : i->enumerations) settle_enumeration(*e);
-        for (auto& f : b_.flag_sets) settle_flag_set(*f);
+            for (auto& e : i->enumerations)
+                settle_enumeration(*e);
+        for (auto& f : b_.flag_sets)
+            settle_flag_set(*f);
     }
 
-private:
+  private:
     /// Records in place first: their sizes are needed.
     void place(record& r) {
         if (!placed_.insert(&r).second) return;
         for (attribute& a : r.attributes)
-            if (nested_in(a) != nullptr) place(*a.type.of_record);
-            else if (a.type.of_flag_set != nullptr) settle_flag_set(*a.type.of_flag_set);
+            if (nested_in(a) != nullptr)
+                place(*a.type.of_record);
+            else if (a.type.of_flag_set != nullptr)
+                settle_flag_set(*a.type.of_flag_set);
         place_in_instance(r);
         place_in_tracking_area(r);
         r.has_nested_records = std::any_of(r.attributes.begin(), r.attributes.end(),
@@ -95,7 +105,9 @@ private:
             a.offset = static_cast<std::uint32_t>(at);
             at += needed.width;
             if (at > largest_instance) {
-                out_.add(a.where, "an instance of \"" + r.name + "\" is larger than " + std::to_string(largest_instance) + " bytes",
+                out_.add(a.where,
+                         "an instance of \"" + r.name + "\" is larger than " + std::to_string(largest_instance) +
+                             " bytes",
                          "make the arrays in it shorter, or let them vary");
                 at = header_size;
             }
@@ -150,7 +162,8 @@ void settle_messages_and_tables(bundle& b) {
         m->base_size = shallow_message + (m->payload == nullptr ? 0 : pointer_size);
         m->variants = {{m->base_size, m->base_size, 0, 0}};
     }
-    for (auto& t : b.tables) t->variants = {{8, 8, 0, 0}};
+    for (auto& t : b.tables)
+        t->variants = {{8, 8, 0, 0}};
 }
 
 } // namespace

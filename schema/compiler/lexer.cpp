@@ -12,30 +12,38 @@ bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 bool is_mark(char c) { return std::string_view("{}[]:,=").find(c) != std::string_view::npos; }
 
 class scanner {
-public:
+  public:
     explicit scanner(std::string_view text) : text_(text) {}
 
     std::vector<token> all() {
-        while (at_ < text_.size()) next();
+        while (at_ < text_.size())
+            next();
         add(token_kind::line_end, at_, 0);
         add(token_kind::end, at_, 0);
         return std::move(tokens_);
     }
 
-private:
+  private:
     void next() {
         const char c = text_[at_];
         if (c == '\n') {
             add(token_kind::line_end, at_, 1);
             ++line_;
             line_start_ = at_;
-        } else if (is_blank(c)) ++at_;
-        else if (starts("//")) comment();
-        else if (is_letter(c)) add(token_kind::name, at_, word_length(at_));
-        else if (is_digit(c) || (c == '-' && is_digit(peek(1)))) number();
-        else if (starts("->") || starts("..")) add(token_kind::mark, at_, 2);
-        else if (is_mark(c)) add(token_kind::mark, at_, 1);
-        else unknown();
+        } else if (is_blank(c))
+            ++at_;
+        else if (starts("//"))
+            comment();
+        else if (is_letter(c))
+            add(token_kind::name, at_, word_length(at_));
+        else if (is_digit(c) || (c == '-' && is_digit(peek(1))))
+            number();
+        else if (starts("->") || starts(".."))
+            add(token_kind::mark, at_, 2);
+        else if (is_mark(c))
+            add(token_kind::mark, at_, 1);
+        else
+            unknown();
     }
 
     char peek(std::size_t ahead) const { return at_ + ahead < text_.size() ? text_[at_ + ahead] : '\n'; }
@@ -58,12 +66,13 @@ private:
         const std::size_t end = std::min(text_.find('\n', at_), text_.size());
         const bool doc = starts("///") && !starts("////");
         if (doc) {
-            const bool alone = tokens_.empty() || tokens_.back().line != line_ ||
-                               tokens_.back().kind == token_kind::line_end;
+            const bool alone =
+                tokens_.empty() || tokens_.back().line != line_ || tokens_.back().kind == token_kind::line_end;
             std::size_t from = at_ + 3;
             std::size_t to = end;
             if (from < to && text_[from] == ' ') ++from;
-            while (to > from && is_blank(text_[to - 1])) --to;
+            while (to > from && is_blank(text_[to - 1]))
+                --to;
             const int column = static_cast<int>(at_ - line_start_) + 1;
             tokens_.push_back({alone ? token_kind::doc : token_kind::trailing_doc, text_.substr(from, to - from),
                                line_, column});
@@ -76,7 +85,8 @@ private:
         auto goes_on = [&](char c) {
             return !is_word(c) && !is_blank(c) && !is_mark(c) && c != '\n' && c != '/' && c != '-' && c != '.';
         };
-        while (at_ + length < text_.size() && goes_on(text_[at_ + length])) ++length;
+        while (at_ + length < text_.size() && goes_on(text_[at_ + length]))
+            ++length;
         add(token_kind::unknown, at_, length);
     }
 

@@ -10,11 +10,11 @@
 namespace trellis::schema {
 
 enum class token_kind {
-    name,        // starts with a letter or underscore
-    number,      // decimal digits, with a minus sign before them or not
-    digits,      // a word that starts with a digit and is no number: 03c893e7...
-    mark,        // { } [ ] : , = -> ..
-    doc,         // `/// text` on a line of its own: text
+    name,         // starts with a letter or underscore
+    number,       // decimal digits, with a minus sign before them or not
+    digits,       // a word that starts with a digit and is no number: 03c893e7...
+    mark,         // { } [ ] : , = -> ..
+    doc,          // `/// text` on a line of its own: text
     trailing_doc, // `/// text` behind something else
     line_end,
     unknown,

@@ -1,19 +1,22 @@
 // trellisc: the schema compiler as a program. Reads files, runs the stages of schema.h, prints or writes what was
 // asked for. Exit status: 0 done, 1 mistakes in a schema (or, for compare, changes that break peers), 2 wrong use
 // or a file that cannot be read or written.
+#include "schema/compiler/compare.h"
 #include "schema/compiler/emit_bundle.h"
+#include "schema/compiler/json.h"
 #include "schema/compiler/names.h"
+#include "schema/compiler/reader.h"
 #include "schema/compiler/report.h"
 #include "schema/compiler/schema.h"
 
+#include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
+#include <stdexcept>
 #include <string_view>
 
 namespace {
@@ -26,13 +29,16 @@ constexpr std::string_view usage = R"(trellisc - compiles trellis schemas
 
   trellisc check FILE...                       tells all mistakes of a schema
   trellisc layout FILE...                      prints sizes, offsets and tracking areas of all types
+  trellisc json FILE...                        prints the model as JSON
   trellisc names FILE...                       prints the exported functions, one a line, in function order
   trellisc generate --out DIR [--units N] FILE...
                                                writes the sources of the bundle
+  trellisc compare OLD NEW                     tells what changed, and what of it breaks peers of the old schema
   trellisc help                                prints this
 
-All files of a bundle are given together, in any order.
-Exit status: 0 done, 1 mistakes in a schema, 2 wrong use or unreadable files.
+All files of a bundle are given together, in any order; files of JSON (*.json) as printed by `trellisc json` do as
+well. OLD and NEW are a file or a directory of *.trellis files each.
+Exit status: 0 done, 1 mistakes in a schema or changes that break peers, 2 wrong use or unreadable files.
 )";
 
 struct wrong_use : std::runtime_error {
@@ -40,7 +46,8 @@ struct wrong_use : std::runtime_error {
 };
 
 int tell(const std::vector<diagnostic>& mistakes) {
-    for (const diagnostic& d : mistakes) std::cerr << text_of(d) << '\n';
+    for (const diagnostic& d : mistakes)
+        std::cerr << text_of(d) << '\n';
     if (mistakes.empty()) return done;
     std::cerr << mistakes.size() << (mistakes.size() == 1 ? " mistake\n" : " mistakes\n");
     return mistaken;
@@ -55,9 +62,23 @@ std::string content_of(const std::filesystem::path& path) {
 
 compiled compile_files(const std::vector<std::string>& names) {
     if (names.empty()) throw wrong_use("no schema file given");
-    std::vector<source_text> texts;
-    for (const std::string& name : names) texts.push_back({name, content_of(name)});
-    return compile(texts);
+    diagnostics mistakes;
+    std::vector<syntax::file> files;
+    for (const std::string& name : names) {
+        const auto read = std::filesystem::path(name).extension() == ".json" ? read_json : read_schema;
+        files.push_back(read(name, content_of(name), mistakes));
+    }
+    return compile(files, std::move(mistakes));
+}
+
+/// A file, or the *.trellis files of a directory in the order of their names.
+std::vector<std::string> schema_files(const std::string& name) {
+    if (!std::filesystem::is_directory(name)) return {name};
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(name))
+        if (entry.path().extension() == ".trellis") found.push_back(entry.path().string());
+    std::sort(found.begin(), found.end());
+    return found;
 }
 
 int check(const std::vector<std::string>& files) {
@@ -77,7 +98,8 @@ int print(const std::vector<std::string>& files, Print what) {
 
 std::string names_text(const bundle& b) {
     std::string text;
-    for (const exported_function& f : exported_functions(b)) text += f.name + "\n";
+    for (const exported_function& f : exported_functions(b))
+        text += f.name + "\n";
     return text;
 }
 
@@ -93,7 +115,8 @@ int generate(const std::vector<std::string>& arguments) {
         }
         if (++i == arguments.size()) throw wrong_use(a + " needs a value");
         const std::string& value = arguments[i];
-        if (a == "--out") out = value;
+        if (a == "--out")
+            out = value;
         else if (const auto r = std::from_chars(value.data(), value.data() + value.size(), units);
                  r.ec != std::errc() || r.ptr != value.data() + value.size() || units == 0 || units > 1000)
             throw wrong_use("--units takes a number from 1 to 1000");
@@ -103,6 +126,20 @@ int generate(const std::vector<std::string>& arguments) {
     if (!result.good()) return tell(result.mistakes);
     emit_bundle(*result.model, out, units);
     return done;
+}
+
+int compare(const std::vector<std::string>& arguments) {
+    if (arguments.size() != 2) throw wrong_use("compare needs OLD and NEW");
+    const compiled before = compile_files(schema_files(arguments[0]));
+    const compiled after = compile_files(schema_files(arguments[1]));
+    const int status = tell(before.mistakes) | tell(after.mistakes);
+    if (status != done) return status;
+    bool breaks = false;
+    for (const change& c : changes_between(*before.model, *after.model)) {
+        std::cout << text_of(c) << '\n';
+        breaks = breaks || c.breaks;
+    }
+    return breaks ? mistaken : done;
 }
 
 int run(const std::vector<std::string>& words) {
@@ -115,8 +152,10 @@ int run(const std::vector<std::string>& words) {
     }
     if (command == "check") return check(rest);
     if (command == "layout") return print(rest, layout_text);
+    if (command == "json") return print(rest, json_text);
     if (command == "names") return print(rest, names_text);
     if (command == "generate") return generate(rest);
+    if (command == "compare") return compare(rest);
     throw wrong_use("unknown command " + command);
 }
 

@@ -23,17 +23,30 @@ const std::array<word, 64>& sines() {
 void add_block(std::array<word, 4>& state, const std::uint8_t* block) {
     static constexpr int turns[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
     std::array<word, 16> in{};
-    for (std::size_t i = 0; i < 64; ++i) in[i / 4] |= word{block[i]} << (8 * (i % 4));
+    for (std::size_t i = 0; i < 64; ++i)
+        in[i / 4] |= word{block[i]} << (8 * (i % 4));
     auto [a, b, c, d] = state;
     for (std::size_t step = 0; step < 64; ++step) {
         const std::size_t round = step / 16;
         word mixed = 0;
         std::size_t from = 0;
         switch (round) {
-        case 0: mixed = (b & c) | (~b & d); from = step; break;
-        case 1: mixed = (d & b) | (~d & c); from = 5 * step + 1; break;
-        case 2: mixed = b ^ c ^ d; from = 3 * step + 5; break;
-        default: mixed = c ^ (b | ~d); from = 7 * step; break;
+        case 0:
+            mixed = (b & c) | (~b & d);
+            from = step;
+            break;
+        case 1:
+            mixed = (d & b) | (~d & c);
+            from = 5 * step + 1;
+            break;
+        case 2:
+            mixed = b ^ c ^ d;
+            from = 3 * step + 5;
+            break;
+        default:
+            mixed = c ^ (b | ~d);
+            from = 7 * step;
+            break;
         }
         const word sum = a + mixed + sines()[step] + in[from % 16];
         a = d;
@@ -52,12 +65,15 @@ void add_block(std::array<word, 4>& state, const std::uint8_t* block) {
 md5_digest md5(std::string_view text) {
     std::vector<std::uint8_t> padded(text.begin(), text.end());
     padded.push_back(0x80);
-    while (padded.size() % 64 != 56) padded.push_back(0);
+    while (padded.size() % 64 != 56)
+        padded.push_back(0);
     const std::uint64_t bits = std::uint64_t{text.size()} * 8;
-    for (unsigned i = 0; i < 8; ++i) padded.push_back(static_cast<std::uint8_t>(bits >> (8 * i)));
+    for (unsigned i = 0; i < 8; ++i)
+        padded.push_back(static_cast<std::uint8_t>(bits >> (8 * i)));
 
     std::array<word, 4> state = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
-    for (std::size_t at = 0; at < padded.size(); at += 64) add_block(state, padded.data() + at);
+    for (std::size_t at = 0; at < padded.size(); at += 64)
+        add_block(state, padded.data() + at);
     md5_digest digest{};
     for (std::size_t i = 0; i < digest.size(); ++i)
         digest[i] = static_cast<std::uint8_t>(state[i / 4] >> (8 * (i % 4)));

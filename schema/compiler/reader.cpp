@@ -14,8 +14,9 @@ namespace {
 
 using syntax::word;
 
-constexpr std::array<std::string_view, 12> statements = {"bundle", "group",    "groups", "order", "import", "registry",
-                                                         "record", "enum",     "shared", "flags", "table",  "message"};
+constexpr std::array<std::string_view, 12> statements = {"bundle", "group",    "groups", "order",
+                                                         "import", "registry", "record", "enum",
+                                                         "shared", "flags",    "table",  "message"};
 constexpr int newest_possible_variant = 126;
 constexpr std::uint32_t longest_run = 4096;
 
@@ -42,12 +43,16 @@ bool read_number(std::string_view digits, std::uint32_t& into) {
 }
 std::optional<name_run> run_between(const std::string& first, const std::string& last) {
     std::size_t before = 0;
-    while (before < first.size() && before < last.size() && first[before] == last[before]) ++before;
-    while (before > 0 && is_digit(first[before - 1])) --before;
+    while (before < first.size() && before < last.size() && first[before] == last[before])
+        ++before;
+    while (before > 0 && is_digit(first[before - 1]))
+        --before;
     std::size_t behind = 0;
     const std::size_t most = std::min(first.size(), last.size()) - before;
-    while (behind < most && first[first.size() - 1 - behind] == last[last.size() - 1 - behind]) ++behind;
-    while (behind > 0 && is_digit(first[first.size() - behind])) --behind;
+    while (behind < most && first[first.size() - 1 - behind] == last[last.size() - 1 - behind])
+        ++behind;
+    while (behind > 0 && is_digit(first[first.size() - behind]))
+        --behind;
     name_run run{first.substr(0, before), first.substr(first.size() - behind), 0, 0};
     const auto number = [&](const std::string& name, std::uint32_t& into) {
         return read_number(std::string_view(name).substr(before, name.size() - before - behind), into);
@@ -57,7 +62,7 @@ std::optional<name_run> run_between(const std::string& first, const std::string&
 }
 
 class reader {
-public:
+  public:
     reader(const std::string& name, std::string_view text, diagnostics& out)
         : name_(name), tokens_(tokens_of(text)), out_(out) {
         file_.name = name;
@@ -75,7 +80,7 @@ public:
         return std::move(file_);
     }
 
-private:
+  private:
     // ---- Tokens --------------------------------------------------------------------------------------------
 
     const token& now() const { return tokens_[at_]; }
@@ -111,7 +116,8 @@ private:
     }
     std::size_t after_line_ends() const {
         std::size_t i = at_;
-        while (tokens_[i].kind == token_kind::line_end || tokens_[i].kind == token_kind::doc) ++i;
+        while (tokens_[i].kind == token_kind::line_end || tokens_[i].kind == token_kind::doc)
+            ++i;
         return i;
     }
     /// A statement of a file begins here: inside a block, its closing brace is missing.
@@ -138,7 +144,8 @@ private:
     bool line_ends(std::string& doc) {
         if (at(token_kind::trailing_doc)) append_doc(doc, take().text);
         if (at(token_kind::line_end) || at(token_kind::end) || at_mark("}")) return true;
-        return fail(now(), "unexpected " + spelled(now()), "end the line before it; each declaration has its own line");
+        return fail(now(), "unexpected " + spelled(now()),
+                    "end the line before it; each declaration has its own line");
     }
     bool line_ends() {
         std::string ignored;
@@ -161,7 +168,8 @@ private:
     }
     template <class Number>
     bool number(Number& into, Number least, Number most, const std::string& what) {
-        const std::string range = "write a whole number from " + std::to_string(least) + " to " + std::to_string(most);
+        const std::string range =
+            "write a whole number from " + std::to_string(least) + " to " + std::to_string(most);
         if (!at(token_kind::number)) return missing(what, range);
         const token& t = take();
         std::int64_t value = 0;
@@ -174,7 +182,8 @@ private:
     /// `A, B, C`; a line may end behind a comma.
     bool names(std::vector<word>& into, const std::string& what) {
         do {
-            while (take_if(token_kind::line_end) || take_if(token_kind::trailing_doc)) {}
+            while (take_if(token_kind::line_end) || take_if(token_kind::trailing_doc)) {
+            }
             word w;
             if (!name(w, what, "list names with commas between them")) return false;
             into.push_back(std::move(w));
@@ -216,7 +225,8 @@ private:
             if (take_if(token_kind::line_end) || take_doc()) continue;
             if (at(token_kind::end) || (!enclosed && statement_starts(at_))) {
                 pending_doc_.clear();
-                fail(open, "the block of " + of + " is not closed", "write } on a line of its own behind its last line");
+                fail(open, "the block of " + of + " is not closed",
+                     "write } on a line of its own behind its last line");
                 return true;
             }
             if (!line()) skip_line();
@@ -226,7 +236,9 @@ private:
     }
 
     /// `since N`: false if the line is none.
-    bool at_since() const { return at_word("since") && (after().kind == token_kind::number || after().kind == token_kind::line_end); }
+    bool at_since() const {
+        return at_word("since") && (after().kind == token_kind::number || after().kind == token_kind::line_end);
+    }
     bool since(int& current) {
         const token& start = take();
         int next = 0;
@@ -235,7 +247,8 @@ private:
             return fail(start, "since " + std::to_string(next) + " stands behind since " + std::to_string(current),
                         "put later variants behind earlier ones; what exists keeps its place");
         if (next > current + 1)
-            return fail(start, "since " + std::to_string(next) + " leaves out variant " + std::to_string(current + 1),
+            return fail(start,
+                        "since " + std::to_string(next) + " leaves out variant " + std::to_string(current + 1),
                         "number variants without gaps");
         current = next;
         return line_ends();
@@ -257,9 +270,10 @@ private:
             if (take_word("table")) return table();
             if (take_word("message")) return message();
         }
-        return missing("a declaration",
-                       "begin with bundle, group, groups, order, import, registry, record, enum, shared enum, flags, "
-                       "table or message");
+        return missing(
+            "a declaration",
+            "begin with bundle, group, groups, order, import, registry, record, enum, shared enum, flags, "
+            "table or message");
     }
 
     bool bundle() {
@@ -276,7 +290,8 @@ private:
         word w, of;
         const token& start = now();
         const std::string cure = "write group NAME of BUNDLE, with in unit N behind it or not";
-        if (!name(w, "the name of the group", cure) || !keyword("of", cure) || !name(of, "the bundle's name", cure))
+        if (!name(w, "the name of the group", cure) || !keyword("of", cure) ||
+            !name(of, "the bundle's name", cure))
             return false;
         if (file_.group) return fail(start, "a second group statement", "keep one of the two");
         file_.group = w;
@@ -314,12 +329,15 @@ private:
 
     bool import() {
         syntax::import result;
-        if (!name(result.bundle, "the name of a bundle", "write import BUNDLE, with { } behind it or not")) return false;
+        if (!name(result.bundle, "the name of a bundle", "write import BUNDLE, with { } behind it or not"))
+            return false;
         taken_doc();
         if (at_mark("{")) {
             std::string ignored;
-            if (!block("import " + result.bundle.text, ignored, true, [&] { return imported(result); })) return false;
-        } else if (!line_ends()) return false;
+            if (!block("import " + result.bundle.text, ignored, true, [&] { return imported(result); }))
+                return false;
+        } else if (!line_ends())
+            return false;
         file_.imports.push_back(std::move(result));
         return true;
     }
@@ -331,16 +349,19 @@ private:
             into.enumerations.push_back(std::move(w));
         } else if (take_word("table")) {
             syntax::foreign_table t;
-            if (!name(t.name, "the name of a table", cure) || !keyword("luid", cure) || !luid(t.luid)) return false;
+            if (!name(t.name, "the name of a table", cure) || !keyword("luid", cure) || !luid(t.luid))
+                return false;
             into.tables.push_back(std::move(t));
-        } else return missing("\"enum\" or \"table\"", cure);
+        } else
+            return missing("\"enum\" or \"table\"", cure);
         return line_ends();
     }
     bool luid(word& into) {
         const bool word_like = at(token_kind::name) || at(token_kind::number) || at(token_kind::digits);
         if (!word_like) return missing("a luid", "write its 32 hexadecimal digits in lower case");
         const token& t = take();
-        const bool good = t.text.size() == 32 && t.text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+        const bool good =
+            t.text.size() == 32 && t.text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
         if (!good)
             return fail(t, "\"" + std::string(t.text.substr(0, 40)) + "\" is no luid",
                         "write its 32 hexadecimal digits in lower case");
@@ -353,7 +374,8 @@ private:
     bool record() {
         syntax::record result;
         result.doc = taken_doc();
-        if (!name(result.name, "the name of the record", "write record NAME {") || !in_unit(result.unit)) return false;
+        if (!name(result.name, "the name of the record", "write record NAME {") || !in_unit(result.unit))
+            return false;
         int current = 0;
         const bool good = block("record " + result.name.text, result.doc, false, [&] {
             if (at_since()) return since(current);
@@ -424,7 +446,8 @@ private:
             return arm(into, discriminator, selected_by, current);
         });
     }
-    bool arm(syntax::record& into, const word& discriminator, const std::optional<word>& selected_by, int current) {
+    bool arm(syntax::record& into, const word& discriminator, const std::optional<word>& selected_by,
+             int current) {
         syntax::attribute model;
         std::vector<word> run;
         const token& start = now();
@@ -442,20 +465,23 @@ private:
     bool type(syntax::type& into) {
         if (take_word("oid")) {
             into.is = syntax::form::oid;
-            return mark("->", "write oid -> TABLE") && name(into.name, "the name of a table", "write oid -> TABLE");
+            return mark("->", "write oid -> TABLE") &&
+                   name(into.name, "the name of a table", "write oid -> TABLE");
         }
         if (at_word("list") && after().kind == token_kind::name) {
             take();
             into.is = syntax::form::list;
             return keyword("of", "write list of RECORD") && name(into.name, "a record", "write list of RECORD");
         }
-        if (!name(into.name, "a type", "write a value type, record, enum or flags, NAME[..], oid -> TABLE or list of RECORD"))
+        if (!name(into.name, "a type",
+                  "write a value type, record, enum or flags, NAME[..], oid -> TABLE or list of RECORD"))
             return false;
         const bool text = into.name.text == "string";
         if (!at_mark("[")) {
             if (!text) return true;
-            return missing("\"[\"", "give a string its size, string[16], or its length attribute, string[name_len]; "
-                                    "strings of any length are of type loom_vstring");
+            return missing("\"[\"",
+                           "give a string its size, string[16], or its length attribute, string[name_len]; "
+                           "strings of any length are of type loom_vstring");
         }
         take();
         into.is = text ? syntax::form::text : syntax::form::array;
@@ -464,7 +490,8 @@ private:
             name(*into.length, "a length", "");
         } else {
             into.extent = 0;
-            if (!number(*into.extent, std::uint32_t{1}, std::uint32_t{65535}, "a number of elements")) return false;
+            if (!number(*into.extent, std::uint32_t{1}, std::uint32_t{65535}, "a number of elements"))
+                return false;
         }
         return mark("]", "close the brackets behind the number or the length attribute");
     }
@@ -515,9 +542,8 @@ private:
         result.doc = taken_doc();
         if (!name(result.name, "the name of the flag set", "write flags NAME {")) return false;
         int current = 0;
-        const bool good = block("flags " + result.name.text, result.doc, false, [&] {
-            return at_since() ? since(current) : flag(result, current);
-        });
+        const bool good = block("flags " + result.name.text, result.doc, false,
+                                [&] { return at_since() ? since(current) : flag(result, current); });
         if (good || !result.bits.empty()) file_.flag_sets.push_back(std::move(result));
         return good;
     }
@@ -542,11 +568,13 @@ private:
     bool table() {
         syntax::table result;
         result.doc = taken_doc();
-        const std::string cure = "write table NAME of RECORD keyed by ATTRIBUTE, keyed by record KEY or keyed by itself";
+        const std::string cure =
+            "write table NAME of RECORD keyed by ATTRIBUTE, keyed by record KEY or keyed by itself";
         if (!name(result.name, "the name of the table", cure) || !keyword("of", cure) ||
             !name(result.payload, "the payload record", cure) || !keyword("keyed", cure) || !keyword("by", cure))
             return false;
-        if (at_word("record") && after().kind == token_kind::name && after().text != "ordered" && after().text != "luid") {
+        if (at_word("record") && after().kind == token_kind::name && after().text != "ordered" &&
+            after().text != "luid") {
             take();
             result.key = key_form::object;
             if (!name(result.key_name, "the key record", cure)) return false;

@@ -34,7 +34,8 @@ std::string variant_lines(const named& type) {
 std::string text_of(const record& r) {
     std::string text = "record " + r.name + ", base size " + std::to_string(r.base_size) + "\n" + variant_lines(r);
     std::size_t widest = 0;
-    for (const attribute& a : r.attributes) widest = std::max(widest, a.name.size());
+    for (const attribute& a : r.attributes)
+        widest = std::max(widest, a.name.size());
     text += "   offset  tracks  since  attribute\n";
     for (const attribute& a : r.attributes) {
         const std::string track = a.form == shape::length ? padded("-", 7, true) : number(a.track);
@@ -50,19 +51,23 @@ std::string text_of(const record& r) {
 
 std::string summary(const bundle& b) {
     std::size_t statements = 0;
-    for (const auto& unit : trace_entries(b)) statements += unit.size();
+    for (const auto& unit : trace_entries(b))
+        statements += unit.size();
     return "bundle " + b.name + ": " + count(b.records.size(), "record", "records") + ", " +
-           count(b.enumerations.size(), "enum", "enums") + ", " + count(b.flag_sets.size(), "flag set", "flag sets") +
-           ", " + count(b.tables.size(), "table", "tables") + ", " + count(b.messages.size(), "message", "messages") +
-           "; " + count(exported_functions(b).size(), "function", "functions") + ", " +
+           count(b.enumerations.size(), "enum", "enums") + ", " +
+           count(b.flag_sets.size(), "flag set", "flag sets") + ", " + count(b.tables.size(), "table", "tables") +
+           ", " + count(b.messages.size(), "message", "messages") + "; " +
+           count(exported_functions(b).size(), "function", "functions") + ", " +
            count(statements, "trace statement", "trace statements") + "\n";
 }
 
 std::string layout_text(const bundle& b) {
     std::string text;
-    for (const auto& r : b.records) text += text_of(*r);
+    for (const auto& r : b.records)
+        text += text_of(*r);
     for (const auto& e : b.enumerations)
-        text += "enum " + e->name + ", base size " + std::to_string(e->base_size) + "\n" + variant_lines(*e) + "\n";
+        text +=
+            "enum " + e->name + ", base size " + std::to_string(e->base_size) + "\n" + variant_lines(*e) + "\n";
     for (const auto& f : b.flag_sets)
         text += "flags " + f->name + ", base size " + std::to_string(f->base_size) + ", " +
                 std::to_string(f->bit_bytes()) + " bytes of bits\n" + variant_lines(*f) + "\n";

@@ -19,7 +19,8 @@ compiled compile(const std::vector<syntax::file>& files, diagnostics mistakes) {
 compiled compile(const std::vector<source_text>& texts) {
     diagnostics mistakes;
     std::vector<syntax::file> files;
-    for (const source_text& t : texts) files.push_back(read_schema(t.name, t.text, mistakes));
+    for (const source_text& t : texts)
+        files.push_back(read_schema(t.name, t.text, mistakes));
     return compile(files, std::move(mistakes));
 }
 

@@ -19,7 +19,7 @@ struct source_text {
 };
 
 struct compiled {
-    std::unique_ptr<bundle> model;   // never null; laid out if there are no mistakes
+    std::unique_ptr<bundle> model;    // never null; laid out if there are no mistakes
     std::vector<diagnostic> mistakes; // in the order of the texts
 
     bool good() const { return mistakes.empty(); }

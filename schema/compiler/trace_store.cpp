@@ -26,29 +26,36 @@ std::string key_text(const table& t) {
 /// Meets every statement in order and counts; Bundle is const when only texts are wanted.
 template <class Bundle, class Visitor>
 class walk {
-public:
+  public:
     walk(Bundle& b, Visitor visit) : b_(b), visit_(visit) {}
 
     void run() {
-        for (auto& r : b_.records) record_statements(*r);
-        for (auto& e : b_.enumerations) type_statements(*e, diag::enumeration_statements);
-        for (auto& f : b_.flag_sets) type_statements(*f, diag::flag_set_statements);
+        for (auto& r : b_.records)
+            record_statements(*r);
+        for (auto& e : b_.enumerations)
+            type_statements(*e, diag::enumeration_statements);
+        for (auto& f : b_.flag_sets)
+            type_statements(*f, diag::flag_set_statements);
         all(2, diag::frame_statements, {});
-        for (auto& m : b_.messages) message_statements(*m);
+        for (auto& m : b_.messages)
+            message_statements(*m);
         all(4, diag::registry_statements, {});
-        for (auto& t : b_.tables) table_statements(*t);
+        for (auto& t : b_.tables)
+            table_statements(*t);
     }
 
-private:
+  private:
     using type = std::conditional_t<std::is_const_v<Bundle>, const named, named>;
 
     void meet(int unit, const diag::statement& s, const substitutions& with) {
-        for (int copy = 0; copy < s.copies; ++copy) visit_(unit, s, with);
+        for (int copy = 0; copy < s.copies; ++copy)
+            visit_(unit, s, with);
         next_[static_cast<std::size_t>(unit)] += s.copies;
     }
     void all(int unit, std::span<const diag::statement> list, substitutions with) {
         with.emplace_back("<bundle>", b_.name);
-        for (const diag::statement& s : list) meet(unit, s, with);
+        for (const diag::statement& s : list)
+            meet(unit, s, with);
     }
     void start(type& t) {
         if constexpr (!std::is_const_v<Bundle>) t.trace_base = next_[static_cast<std::size_t>(t.trace_unit)];
