@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
 #include <cstring>
 
 namespace loom {
@@ -54,6 +55,13 @@ const char* name_of(const named_root* root) { return reinterpret_cast<const char
 std::size_t slot_of(u64 value, std::size_t slots) { return static_cast<std::size_t>((value * 0x9E3779B97F4A7C15u) >> 40) % slots; }
 } // namespace
 
+u64 check_of(const arena_header& header) {
+    const auto* bytes = reinterpret_cast<const u8*>(&header);
+    u64 check = 14695981039346656037u;
+    for (std::size_t i = 0; i < offsetof(arena_header, fixed_check); ++i) check = (check ^ bytes[i]) * 1099511628211u;
+    return check;
+}
+
 void arena::format(arena_header& header, u64 base, u64 reserve, u64 extent, const u8 identity[16],
                    const std::string& name) {
     header = {};
@@ -64,6 +72,7 @@ void arena::format(arena_header& header, u64 base, u64 reserve, u64 extent, cons
     header.reserve = reserve;
     std::memcpy(header.identity, identity, 16);
     name.copy(header.name, sizeof header.name - 1);
+    header.fixed_check = check_of(header);
     header.extent = extent;
     header.top = first_block;
     header.top_previous_in_use = 1;

@@ -71,6 +71,7 @@ struct arena_header {
     u64 reserve;
     u8 identity[16];
     char name[64];
+    u64 fixed_check; ///< over everything before, which never changes
     u64 extent;
     u64 top;
     u64 top_previous_in_use;
@@ -84,6 +85,9 @@ struct arena_header {
     named_root* roots[64];
 };
 static_assert(sizeof(arena_header) <= 4096 - 8 && std::is_trivially_copyable_v<arena_header>);
+
+/// What fixed_check should be.
+u64 check_of(const arena_header& header);
 
 class arena {
 public:

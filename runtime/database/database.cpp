@@ -171,8 +171,10 @@ u32 read_header(int file, const std::string& path, arena_header& header) {
         return fail(EINVAL, "database %s: is cut short: it should have %" PRIu64 " bytes and has %" PRIu64
                             "; restore it from a copy",
                     path.c_str(), read < static_cast<ssize_t>(sizeof header) ? sizeof header : header.extent, size);
-    if (header.extent > header.reserve || header.top > header.extent || header.base % 4096 || header.reserve % 4096 ||
-        header.reserve > largest_reserve || header.base == 0)
+    const u64 root = reinterpret_cast<u64>(header.database_root);
+    if (header.fixed_check != check_of(header) || header.base % 4096 || header.reserve % 4096 ||
+        header.reserve > largest_reserve || header.extent > header.reserve || header.top > header.extent ||
+        (root && (root < header.base || root - header.base >= header.top)))
         return fail(EINVAL, "database %s: its header is damaged; restore it from a copy", path.c_str());
     return 0;
 }

@@ -1,0 +1,442 @@
+// Handles and mapped files: opening, what is said about files that cannot be opened, sections and locks across
+// handles, threads and processes, and recovery after a writer has died.
+#include "tests/runtime/support.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+using namespace runtime_test;
+
+struct database_file : testing::Test {
+    scratch_directory directory;
+    std::string path = directory.file("test.loom");
+
+    /// A database with 100 cells of zero, a spare block, and a table of ten records.
+    handle_ptr make() {
+        load_fake_bundle();
+        handle_ptr handle = open_mapped(path);
+        loom_write_begin(handle.get());
+        auto* cells = static_cast<std::uint64_t*>(handle->alloc(handle->alloc_ctx, 1, 800));
+        std::memset(cells, 0, 800);
+        arbor_set_key(handle->alloc_ctx, "cells", cells);
+        void* spare = handle->alloc(handle->alloc_ctx, 1, 3000);
+        std::memset(spare, 's', 3000);
+        arbor_set_key(handle->alloc_ctx, "spare", spare);
+        std::uint32_t err = 0;
+        loom_table* table = fake_table_open(handle.get(), 1, "old/table", &err);
+        for (std::uint32_t key = 0; key < 10; ++key) fake_table_add(handle.get(), 1, table, key, &err);
+        EXPECT_EQ(err, 0u);
+        EXPECT_EQ(loom_write_commit(handle.get()), 0u);
+        return handle;
+    }
+    static std::uint64_t* cells_of(const handle_ptr& handle) {
+        return static_cast<std::uint64_t*>(arbor_get_key(handle->alloc_ctx, "cells"));
+    }
+    static void set_cell(const handle_ptr& handle, std::size_t cell, std::uint64_t value) {
+        std::uint64_t* place = cells_of(handle) + cell;
+        handle->write_hook(handle.get(), place, sizeof *place, 1, nullptr);
+        *place = value;
+    }
+    std::string reason(std::uint32_t flags = 0) const {
+        handle_ptr handle(loom_open_mapped(path.c_str(), flags));
+        EXPECT_FALSE(handle);
+        return loom_error_text();
+    }
+    std::vector<char> bytes() const {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void write(const std::vector<char>& contents) const {
+        std::ofstream(path, std::ios::binary | std::ios::trunc).write(contents.data(),
+                                                                      static_cast<long>(contents.size()));
+    }
+};
+
+TEST_F(database_file, keeps_its_contents_and_its_address) {
+    std::uint64_t* place = nullptr;
+    std::uint8_t identity[16], again[16];
+    {
+        handle_ptr handle = make();
+        place = cells_of(handle);
+        loom_write_begin(handle.get());
+        set_cell(handle, 5, 55);
+        loom_write_commit(handle.get());
+        loom_database_identity(handle.get(), identity);
+        EXPECT_STREQ(handle->db_name, "test");
+        EXPECT_EQ(loom_database_sync(handle.get()), 0u);
+    }
+    handle_ptr handle = open_mapped(path, 0);
+    EXPECT_EQ(cells_of(handle), place);
+    EXPECT_EQ(cells_of(handle)[5], 55u);
+    loom_database_identity(handle.get(), again);
+    EXPECT_EQ(std::memcmp(identity, again, 16), 0);
+    std::uint32_t err = 0;
+    loom_table* table = fake_table_open(handle.get(), 1, "old/table", &err);
+    ASSERT_TRUE(table);
+    EXPECT_EQ(table->record_count, 10u);
+    EXPECT_EQ(loom_arena_verify(handle.get()), 0u);
+}
+
+TEST_F(database_file, says_what_is_wrong_with_a_file) {
+    EXPECT_NE(reason().find(path + ": there is no such file"), std::string::npos);
+    write({});
+    EXPECT_NE(reason().find("is no database"), std::string::npos);
+    write(std::vector<char>(10000, 'x'));
+    EXPECT_NE(reason().find("is no database"), std::string::npos);
+    std::filesystem::remove(path);
+    make().reset();
+    const std::vector<char> good = bytes();
+    for (const std::size_t kept : {std::size_t{10}, std::size_t{100}, std::size_t{5000}, good.size() - 1}) {
+        write({good.begin(), good.begin() + static_cast<long>(kept)});
+        EXPECT_NE(reason().find("is cut short"), std::string::npos) << kept << ": " << loom_error_text();
+    }
+    std::vector<char> changed = good;
+    changed[8] = 9;
+    write(changed);
+    EXPECT_NE(reason().find("has format version 9"), std::string::npos) << loom_error_text();
+    changed = good;
+    changed[16 + 4] ^= 1; // the address in the header
+    write(changed);
+    EXPECT_NE(reason().find("header is damaged"), std::string::npos) << loom_error_text();
+    path = directory.file("no/such/directory/file");
+    EXPECT_NE(reason(LOOM_OPEN_CREATE).find("cannot be made"), std::string::npos) << loom_error_text();
+    path = directory.file(".");
+    EXPECT_NE(reason().find(path), std::string::npos) << loom_error_text();
+}
+
+TEST_F(database_file, opens_no_damaged_header) {
+    make().reset();
+    const std::vector<char> good = bytes();
+    random_source random(99);
+    for (int round = 0; round < 300; ++round) {
+        std::vector<char> changed = good;
+        // Base, reserve, identity, and the limits of the arena.
+        const std::size_t fields[] = {16, 24, 32, 120, 128};
+        const std::size_t place = fields[random() % 5] + random() % 8;
+        changed[place] = static_cast<char>(changed[place] ^ (1 << random() % 8));
+        write(changed);
+        loom_handle* handle = loom_open_mapped(path.c_str(), 0);
+        if (!handle) {
+            EXPECT_NE(std::string(loom_error_text()), "");
+            continue;
+        }
+        // What the limits allow is found by the comparison of the records.
+        EXPECT_NE(loom_arena_verify(handle), 0u) << "byte " << place;
+        loom_close(handle);
+    }
+}
+
+TEST_F(database_file, names_what_is_in_the_way) {
+    handle_ptr handle = make();
+    loom_arena_usage usage{};
+    loom_arena_usage_get(handle.get(), &usage);
+    handle.reset();
+    void* obstacle = mmap(reinterpret_cast<void*>(usage.base + (1 << 20)), 4096, PROT_READ,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    ASSERT_NE(obstacle, MAP_FAILED);
+    EXPECT_NE(reason().find("is taken by memory without a name"), std::string::npos) << loom_error_text();
+    munmap(obstacle, 4096);
+    EXPECT_TRUE(open_mapped(path, 0));
+}
+
+TEST_F(database_file, two_databases_lie_side_by_side) {
+    std::vector<handle_ptr> handles;
+    for (int i = 0; i < 6; ++i) {
+        loom_open_options options{};
+        options.size = sizeof options;
+        options.kind = LOOM_DB_MAPPED;
+        options.flags = LOOM_OPEN_CREATE;
+        const std::string each = directory.file("db" + std::to_string(i));
+        options.path = each.c_str();
+        handles.emplace_back(loom_open(&options));
+        ASSERT_TRUE(handles.back()) << loom_error_text();
+        EXPECT_FALSE(arbor_in_range(handles[0]->alloc_ctx, &handles.back()->alloc_ctx));
+    }
+}
+
+TEST_F(database_file, exclusive_use_shuts_others_out) {
+    handle_ptr handle = make();
+    EXPECT_NE(reason(LOOM_OPEN_EXCLUSIVE).find("in use"), std::string::npos);
+    EXPECT_NE(loomlib_db_is_shared(), 0u);
+    handle.reset();
+    EXPECT_EQ(loomlib_db_is_shared(), 0u);
+    handle = open_mapped(path, LOOM_OPEN_EXCLUSIVE);
+    EXPECT_EQ(loomlib_db_is_shared(), 0u);
+    EXPECT_NE(loomlib_database_is_write_locked(handle.get()), 0u);
+    EXPECT_NE(reason().find("in use exclusively"), std::string::npos);
+    child_process other({"open", path});
+    EXPECT_NE(other.line().find("in use exclusively"), std::string::npos);
+    EXPECT_EQ(WEXITSTATUS(other.wait()), 2);
+}
+
+TEST_F(database_file, sections_do_not_nest_and_know_their_handle) {
+    handle_ptr handle = make();
+    handle_ptr second = open_mapped(path, 0);
+    EXPECT_EQ(loomlib_database_is_write_locked(handle.get()), 0u);
+    EXPECT_EQ(loom_write_begin(handle.get()), 0u);
+    EXPECT_NE(loomlib_database_is_write_locked(handle.get()), 0u);
+    EXPECT_EQ(loomlib_database_is_write_locked(second.get()), 0u);
+    EXPECT_EQ(loom_write_begin(handle.get()), std::uint32_t{EBUSY});
+    EXPECT_EQ(loom_read_begin(handle.get()), std::uint32_t{EBUSY});
+    EXPECT_EQ(loom_write_begin(second.get()), std::uint32_t{EDEADLK});
+    EXPECT_EQ(loom_read_begin(second.get()), std::uint32_t{EDEADLK});
+    EXPECT_EQ(second->alloc(second->alloc_ctx, 1, 8), nullptr);
+    EXPECT_EQ(loom_read_end(handle.get()), std::uint32_t{EINVAL});
+    EXPECT_EQ(loom_write_commit(handle.get()), 0u);
+    EXPECT_EQ(loom_write_commit(handle.get()), std::uint32_t{EINVAL});
+    EXPECT_EQ(loom_read_begin(handle.get()), 0u);
+    EXPECT_EQ(loom_read_begin(second.get()), 0u); // readers share
+    EXPECT_EQ(loom_read_end(second.get()), 0u);
+    EXPECT_EQ(loom_read_end(handle.get()), 0u);
+}
+
+TEST_F(database_file, objects_made_while_reading_are_the_processes_own) {
+    handle_ptr handle = make();
+    auto* before = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 50));
+    loom_arena_usage start{}, end{};
+    loom_arena_usage_get(handle.get(), &start);
+    loom_read_begin(handle.get());
+    auto* temporary = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 100));
+    ASSERT_TRUE(temporary);
+    std::memset(temporary, 1, 100);
+    EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, temporary));
+    EXPECT_EQ(arbor_set_range(handle->alloc_ctx, temporary, 8, 1), 1u);
+    handle->free(handle->alloc_ctx, 1, before); // is carried out when the database may be changed
+    loom_arena_usage_get(handle.get(), &end);
+    EXPECT_EQ(start.blocks, end.blocks);
+    EXPECT_EQ(arbor_set_key(handle->alloc_ctx, "refused", temporary), 0u);
+    loom_read_end(handle.get());
+    loom_arena_usage_get(handle.get(), &end);
+    EXPECT_EQ(start.blocks, end.blocks + 1);
+    handle->free(handle->alloc_ctx, 1, temporary);
+}
+
+TEST_F(database_file, closing_inside_a_section_aborts_it) {
+    handle_ptr handle = make();
+    loom_write_begin(handle.get());
+    set_cell(handle, 3, 33);
+    handle.reset();
+    handle = open_mapped(path, 0);
+    EXPECT_EQ(cells_of(handle)[3], 0u);
+}
+
+TEST_F(database_file, many_processes_and_threads_count_together) {
+    handle_ptr handle = make();
+    std::vector<std::unique_ptr<child_process>> children;
+    for (int i = 0; i < 3; ++i)
+        children.push_back(std::make_unique<child_process>(std::vector<std::string>{"count", path}));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&] {
+            handle_ptr own = open_mapped(path, 0);
+            for (int round = 0; round < 100; ++round) {
+                ASSERT_EQ(loom_write_begin(own.get()), 0u);
+                set_cell(own, 0, cells_of(own)[0] + 1);
+                ASSERT_EQ(loom_write_commit(own.get()), 0u);
+                ASSERT_EQ(loom_read_begin(own.get()), 0u);
+                ASSERT_EQ(cells_of(own)[1], 0u);
+                ASSERT_EQ(loom_read_end(own.get()), 0u);
+                // Objects outside sections come and go beside other handles' sections.
+                own->free(own->alloc_ctx, 1, own->alloc(own->alloc_ctx, 1, 24));
+            }
+        });
+    for (std::thread& each : threads) each.join();
+    for (auto& each : children) EXPECT_EQ(WEXITSTATUS(each->wait()), 0);
+    loom_read_begin(handle.get());
+    EXPECT_EQ(cells_of(handle)[0], 800u);
+    EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+    loom_read_end(handle.get());
+}
+
+TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
+    handle_ptr handle = make();
+    const std::vector<char> before = bytes();
+    loom_arena_usage start{}, end{};
+    loom_arena_usage_get(handle.get(), &start);
+    for (const bool by_reading : {false, true}) {
+        child_process child({"die_in_section", path});
+        const int status = child.wait();
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        EXPECT_EQ(cells_of(handle)[7], 0xDEADu); // the store itself did happen
+        if (by_reading) loom_read_begin(handle.get());
+        else loom_write_begin(handle.get());
+        EXPECT_EQ(cells_of(handle)[7], 0u);
+        EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        loom_arena_usage_get(handle.get(), &end);
+        EXPECT_EQ(start.blocks, end.blocks);
+        EXPECT_EQ(start.bytes, end.bytes);
+        const auto* spare = static_cast<const char*>(arbor_get_key(handle->alloc_ctx, "spare"));
+        EXPECT_EQ(std::string(spare, 3000), std::string(3000, 's'));
+        std::uint32_t err = 0;
+        const auto* luid = fake_table_type.info.luid;
+        EXPECT_FALSE(loomdb_database_toc_get_table_root(handle.get(), 1, "left/behind", 11, 0, luid, 16, 1, &err));
+        loom_table* old = loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0, luid, 16, 1, &err);
+        ASSERT_TRUE(old);
+        EXPECT_EQ(old->record_count, 10u);
+        if (by_reading) loom_read_end(handle.get());
+        else loom_write_commit(handle.get());
+    }
+}
+
+TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
+    make().reset();
+    child_process child({"die_in_section", path});
+    child.wait();
+    handle_ptr handle = open_mapped(path, 0);
+    EXPECT_EQ(cells_of(handle)[7], 0u);
+    EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+}
+
+TEST_F(database_file, a_foreign_undo_log_is_refused) {
+    make().reset();
+    const std::string other = directory.file("other.loom");
+    open_mapped(other).reset();
+    std::filesystem::copy_file(other + ".undo", path + ".undo", std::filesystem::copy_options::overwrite_existing);
+    EXPECT_NE(reason().find("belongs to another database"), std::string::npos) << loom_error_text();
+    std::filesystem::resize_file(path + ".undo", 4096);
+    EXPECT_NE(reason(), "");
+}
+
+TEST_F(database_file, a_dead_reader_blocks_nobody) {
+    handle_ptr handle = make();
+    child_process child({"die_reading", path});
+    child.wait();
+    EXPECT_EQ(loom_write_begin(handle.get()), 0u);
+    EXPECT_EQ(loom_write_commit(handle.get()), 0u);
+}
+
+TEST_F(database_file, a_writer_waits_for_readers_and_readers_for_the_writer) {
+    handle_ptr handle = make();
+    child_process reader({"hold_read", path});
+    EXPECT_EQ(reader.line(), "0");
+    std::atomic<bool> written{false};
+    std::thread writer([&] {
+        handle_ptr own = open_mapped(path, 0);
+        loom_write_begin(own.get());
+        set_cell(own, 0, 5);
+        loom_write_commit(own.get());
+        written = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(written);
+    reader.go_on();
+    writer.join();
+    child_process holder({"hold_write", path});
+    EXPECT_EQ(holder.line(), "held");
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        holder.go_on();
+    });
+    loom_read_begin(handle.get());
+    EXPECT_EQ(cells_of(handle)[0], 77u);
+    loom_read_end(handle.get());
+    release.join();
+}
+
+TEST_F(database_file, what_another_process_adds_is_there_at_once) {
+    handle_ptr handle = make();
+    child_process other({"grow", path});
+    ASSERT_EQ(other.line(), "grown");
+    loom_read_begin(handle.get());
+    const auto* block = static_cast<const char*>(arbor_get_key(handle->alloc_ctx, "grown"));
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block[0], 'g');
+    EXPECT_EQ(block[(8u << 20) - 1], 'g');
+    loom_read_end(handle.get());
+    other.go_on();
+    EXPECT_EQ(WEXITSTATUS(other.wait()), 0);
+}
+
+TEST_F(database_file, an_object_of_one_handle_outlives_the_abort_of_another) {
+    handle_ptr handle = make();
+    std::uint64_t* own = static_cast<std::uint64_t*>(handle->alloc(handle->alloc_ctx, 1, 64));
+    std::memset(own, 0, 64);
+    std::thread([&] {
+        handle_ptr other = open_mapped(path, 0);
+        loom_write_begin(other.get());
+        set_cell(other, 0, 9);
+        // Not in a section: this handle's notices are not part of the other one's.
+        std::thread([&] {
+            handle->write_hook(handle.get(), own, 8, 1, nullptr);
+            *own = 42;
+        }).join();
+        loom_write_abort(other.get());
+    }).join();
+    EXPECT_EQ(*own, 42u);
+    EXPECT_EQ(cells_of(handle)[0], 0u);
+}
+
+// ---------------------------------------------------------------------------------------------- the handle
+
+TEST(handle, refuses_options_that_are_not_filled_in) {
+    EXPECT_FALSE(loom_open(nullptr));
+    loom_open_options options{};
+    EXPECT_FALSE(loom_open(&options));
+    EXPECT_NE(std::string(loom_error_text()).find("options"), std::string::npos);
+}
+
+TEST(handle, shows_its_settings_to_bundles) {
+    loom_open_options options{};
+    options.size = sizeof options;
+    options.kind = LOOM_DB_PRIVATE_MANIFESTED;
+    options.name = "settings";
+    options.tracking = LOOM_TRACKING_ON;
+    options.cr_domain = 9;
+    options.header_tag = 77;
+    options.workspace_size = 5000;
+    handle_ptr handle(loom_open(&options));
+    ASSERT_TRUE(handle);
+    EXPECT_EQ(handle->db_kind, 2u);
+    EXPECT_STREQ(handle->db_name, "settings");
+    EXPECT_STREQ(handle->domain_text, "local");
+    EXPECT_EQ(handle->cr_domain, 9u);
+    EXPECT_EQ(handle->header_tag, 77u);
+    ASSERT_TRUE(handle->sttr_block);
+    EXPECT_EQ(handle->sttr_block->sttr_mode, LOOM_STTR_ON);
+    loom_set_tracking(handle.get(), LOOM_TRACKING_OFF);
+    EXPECT_EQ(handle->sttr_block->sttr_mode, LOOM_STTR_OFF);
+    loom_set_tracking(handle.get(), LOOM_TRACKING_NONE);
+    EXPECT_FALSE(handle->sttr_block);
+    void* workspace = nullptr;
+    std::uint32_t size = 0;
+    loomlib_get_handle_ws(handle.get(), &workspace, &size);
+    EXPECT_EQ(size, 5000u);
+    std::memset(workspace, 1, size);
+    loom_set_workspace_size(handle.get(), 10000);
+    loomlib_get_handle_ws(handle.get(), &workspace, &size);
+    EXPECT_EQ(size, 10000u);
+    std::memset(workspace, 1, size);
+    loom_set_suppress_messages(handle.get(), 1);
+    EXPECT_EQ(loomlib_suppress_messages_enabled(handle.get()), 1u);
+}
+
+TEST(handle, shows_reports_to_its_observer_and_counts_them) {
+    handle_ptr handle = open_private();
+    std::vector<loom_report> seen;
+    loom_set_containment(handle.get(), 1,
+                         [](loom_handle*, const loom_report* report, void* context) {
+                             static_cast<std::vector<loom_report>*>(context)->push_back(*report);
+                         },
+                         &seen);
+    EXPECT_EQ(handle->containment, 1u);
+    int value = 0, parent = 0;
+    loomdb_record_containment2(handle.get(), 3, &value, &parent, 1);
+    loomdb_record_containment(handle.get(), 3, 4, &value, nullptr, 1);
+    loomdb_plat_set_dirty(handle.get(), 3, &value);
+    loomdb_plat_set_destroy(handle.get(), 3, &value);
+    loomdb_plat_set_detach(handle.get(), 3, &value, 1);
+    ASSERT_EQ(seen.size(), 5u);
+    EXPECT_EQ(seen[0].parent, &parent);
+    EXPECT_EQ(seen[1].subject_kind, 4u);
+    EXPECT_EQ(seen[4].kind, LOOM_REPORT_DETACH);
+    EXPECT_EQ(seen[4].arm, 1u);
+    EXPECT_EQ(loom_report_count(handle.get(), LOOM_REPORT_CONTAINMENT), 2u);
+    EXPECT_EQ(loom_report_count(handle.get(), LOOM_REPORT_DESTROY), 1u);
+}
+} // namespace

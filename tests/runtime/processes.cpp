@@ -1,0 +1,151 @@
+// Tests with more than one process: this program starts itself again as a child. Also the main function.
+#include "tests/runtime/support.h"
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace runtime_test {
+
+child_process::child_process(const std::vector<std::string>& arguments) {
+    int to_child[2], from_child[2];
+    if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0) std::abort();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, to_child[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, from_child[1], 1);
+    std::vector<std::string> all = {"/proc/self/exe", "--child"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    std::vector<char*> pointers;
+    for (std::string& each : all) pointers.push_back(each.data());
+    pointers.push_back(nullptr);
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+    if (posix_spawn(&process_, program.c_str(), &actions, nullptr, pointers.data(), environ) != 0) std::abort();
+    posix_spawn_file_actions_destroy(&actions);
+    close(to_child[0]);
+    close(from_child[1]);
+    input_ = to_child[1];
+    output_ = from_child[0];
+}
+
+child_process::~child_process() {
+    if (process_ > 0) {
+        kill(process_, SIGKILL);
+        wait();
+    }
+    close(input_);
+    close(output_);
+}
+
+std::string child_process::line() {
+    std::string text;
+    for (char character; read(output_, &character, 1) == 1 && character != '\n';) text += character;
+    return text;
+}
+
+void child_process::go_on() { EXPECT_EQ(write(input_, "\n", 1), 1); }
+
+int child_process::wait() {
+    int status = 0;
+    waitpid(process_, &status, 0);
+    process_ = -1;
+    return status;
+}
+
+namespace {
+void say(const std::string& text) {
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout);
+}
+void wait_for_parent() { static_cast<void>(!std::getc(stdin)); }
+
+std::uint64_t* cells_of(loom_handle* handle) {
+    return static_cast<std::uint64_t*>(arbor_get_key(handle->alloc_ctx, "cells"));
+}
+
+void set_cell(loom_handle* handle, std::size_t cell, std::uint64_t value) {
+    std::uint64_t* cells = cells_of(handle);
+    handle->write_hook(handle, &cells[cell], sizeof cells[cell], 1, nullptr);
+    cells[cell] = value;
+}
+
+/// Changes much of everything inside a section that never ends.
+void change_a_lot(loom_handle* handle) {
+    std::uint32_t err = 0;
+    for (std::size_t i = 0; i < 100; ++i) set_cell(handle, i, 0xDEAD);
+    loom_table* table = fake_table_open(handle, 1, "left/behind", &err);
+    for (std::uint32_t key = 0; key < 2000; ++key) fake_table_add(handle, 1, table, key, &err);
+    loom_table* old = fake_table_open(handle, 1, "old/table", &err);
+    for (std::uint32_t key = 0; key < 500; ++key) fake_table_add(handle, 1, old, 1000 + key, &err);
+    std::vector<void*> blocks;
+    for (std::size_t i = 1; i < 300; ++i) blocks.push_back(handle->alloc(handle->alloc_ctx, 1, i * 37));
+    for (std::size_t i = 0; i < blocks.size(); i += 2) handle->free(handle->alloc_ctx, 1, blocks[i]);
+    handle->free(handle->alloc_ctx, 1, arbor_get_key(handle->alloc_ctx, "spare"));
+}
+} // namespace
+
+int run_child(const std::vector<std::string>& arguments) {
+    const std::string& operation = arguments[0];
+    handle_ptr handle(loom_open_mapped(arguments[1].c_str(), 0));
+    if (!handle) {
+        say(loom_error_text());
+        return 2;
+    }
+    if (operation == "count") {
+        for (int i = 0; i < 200; ++i) {
+            if (loom_write_begin(handle.get())) return 3;
+            const std::uint64_t value = cells_of(handle.get())[0];
+            set_cell(handle.get(), 1, 1); // the others must never see the two cells apart
+            set_cell(handle.get(), 0, value + 1);
+            set_cell(handle.get(), 1, 0);
+            if (loom_write_commit(handle.get())) return 3;
+        }
+    } else if (operation == "die_in_section") {
+        loom_write_begin(handle.get());
+        change_a_lot(handle.get());
+        kill(getpid(), SIGKILL);
+    } else if (operation == "die_reading") {
+        loom_read_begin(handle.get());
+        kill(getpid(), SIGKILL);
+    } else if (operation == "hold_write") {
+        loom_write_begin(handle.get());
+        set_cell(handle.get(), 0, 77);
+        say("held");
+        wait_for_parent();
+        loom_write_commit(handle.get());
+    } else if (operation == "hold_read") {
+        loom_read_begin(handle.get());
+        say(std::to_string(cells_of(handle.get())[0]));
+        wait_for_parent();
+        loom_read_end(handle.get());
+    } else if (operation == "open") {
+        say("open");
+        wait_for_parent();
+    } else if (operation == "grow") {
+        loom_write_begin(handle.get());
+        auto* block = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 8u << 20));
+        std::memset(block, 'g', 8u << 20);
+        arbor_set_key(handle->alloc_ctx, "grown", block);
+        loom_write_commit(handle.get());
+        say("grown");
+        wait_for_parent();
+    } else {
+        return 4;
+    }
+    return 0;
+}
+
+} // namespace runtime_test
+
+int main(int count, char** arguments) {
+    if (count > 2 && std::strcmp(arguments[1], "--child") == 0)
+        return runtime_test::run_child(std::vector<std::string>(arguments + 2, arguments + count));
+    testing::InitGoogleTest(&count, arguments);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,103 @@
+// What the tests of the runtime share: places for files, other processes, and types and tables as a bundle would
+// bring them.
+#pragma once
+
+#include <loom_runtime/arena.h>
+#include <loom_runtime/runtime.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace runtime_test {
+
+struct close_handle {
+    void operator()(loom_handle* handle) const { loom_close(handle); }
+};
+using handle_ptr = std::unique_ptr<loom_handle, close_handle>;
+
+/// A directory that goes with its test.
+class scratch_directory {
+public:
+    scratch_directory();
+    ~scratch_directory();
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+private:
+    std::filesystem::path path_;
+};
+
+handle_ptr open_private(std::uint32_t kind = LOOM_DB_PRIVATE, std::uint32_t tracking = LOOM_TRACKING_NONE);
+/// A mapped database; fails the test when it cannot be opened.
+handle_ptr open_mapped(const std::string& path, std::uint32_t flags = LOOM_OPEN_CREATE);
+
+/// Repeatable random numbers.
+class random_source {
+public:
+    explicit random_source(std::uint32_t seed) : engine_(seed) {}
+    std::uint32_t operator()() { return static_cast<std::uint32_t>(engine_()); }
+
+private:
+    std::mt19937 engine_;
+};
+
+/// Which database a parameterised test works on.
+enum class memory_kind { private_memory, manifested_memory, shared_file, exclusive_file };
+std::string name_of(memory_kind kind);
+handle_ptr open_kind(memory_kind kind, const scratch_directory& directory);
+
+/// Another process: this program with "--child <operation> arguments...". See processes.cpp.
+class child_process {
+public:
+    explicit child_process(const std::vector<std::string>& arguments);
+    ~child_process();
+    /// The next line that it prints.
+    std::string line();
+    /// Lets it go on: it waits for a line of input.
+    void go_on();
+    /// The exit status as waitpid tells it.
+    int wait();
+
+private:
+    int process_ = -1;
+    int input_ = -1;
+    int output_ = -1;
+};
+/// What a child does; its exit status.
+int run_child(const std::vector<std::string>& arguments);
+
+/// A type as a bundle has it: static record, variant table, entries.
+struct fake_type {
+    explicit fake_type(const char* name, const char* kind = "type", std::int8_t variants = 1,
+                       const char* module = "fake_bundle");
+    std::array<loom_variant_entry, 5> entries{};
+    loom_variant_table table{};
+    loom_type_info info{};
+};
+
+/// An object with room for attributes, as instances lie in memory.
+struct fake_object {
+    loom_object header;
+    std::uint64_t value;
+};
+fake_object* new_object(loom_handle* handle, loom_type_info* info);
+
+/// The fake bundle's one table: keys are 32-bit numbers.
+struct fake_record {
+    loom_table_record record;
+    std::uint32_t key;
+};
+extern fake_type fake_table_type;
+extern const loom_table_vft fake_table_vft;
+loom_table* fake_table_open(loom_handle* handle, std::uint32_t domain, const char* name, std::uint32_t* err);
+fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_table* table, std::uint32_t key,
+                            std::uint32_t* err);
+/// Puts the fake bundle's node on the module list, once.
+void load_fake_bundle();
+
+} // namespace runtime_test
