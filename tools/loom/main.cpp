@@ -2,10 +2,12 @@
 // help, and how failures are told. What commands do stands in *_commands.cpp.
 #include "commands.h"
 #include "failure.h"
+#include "trace_lines.h"
 
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
+#include <optional>
 #include <span>
 
 namespace tool {
@@ -31,6 +33,7 @@ const option as_xml{"--xml", "", "as XML"};
 const option common_options[] = {
     {"--bundle", "NAME|FILE", "load this bundle; without it, those that the data needs or all in the search path"},
     {"--bundle-path", "DIR", "look for bundles here first (also: LOOM_BUNDLE_PATH, directories joined by ':')"},
+    {"--trace", "FILE", "write what is traced meanwhile into this file; 'loom trace' prints it"},
 };
 
 const std::vector<command>& commands() {
@@ -161,6 +164,8 @@ int run(const command& wanted, std::span<const std::string> words) {
     if (line.positional().size() < wanted.fewest) throw usage_failure("there is something missing", cure);
     if (line.positional().size() > wanted.most)
         throw usage_failure("'" + line[wanted.most] + "' is too much", cure);
+    std::optional<trace_recording> recording;
+    if (const auto path = line.value("--trace")) recording.emplace(*path);
     bundles loaded(line);
     context c{line, loaded};
     return wanted.run(c);

@@ -18,10 +18,10 @@ schema_model::shape shape_of(const std::string& name) {
     using enum schema_model::shape;
     static const std::map<std::string, schema_model::shape> shapes = {
         {"plain", plain},   {"object", object},
-        {"length", length}, {"fixed_array", fixed_array},
-        {"oid", oid},       {"variable_array", variable_array},
-        {"arm", arm},       {"counted_string", counted_string},
-        {"list", list},     {"fixed_string", fixed_string},
+        {"length", length}, {"fixed array", fixed_array},
+        {"oid", oid},       {"variable array", variable_array},
+        {"arm", arm},       {"counted string", counted_string},
+        {"list", list},     {"fixed string", fixed_string},
     };
     return shapes.at(name);
 }
@@ -29,7 +29,7 @@ schema_model::shape shape_of(const std::string& name) {
 schema_model::attribute read_attribute(const json& from) {
     schema_model::attribute result;
     result.name = from.at("name");
-    result.form = shape_of(from.at("shape"));
+    result.form = shape_of(from.at("form"));
     result.type = from.value("type", "");
     result.extent = from.value("extent", 0u);
     result.length_name = from.value("length", "");

@@ -89,6 +89,15 @@ void print_trace_file(std::ostream& out, const std::string& path) {
                                   : std::to_string(records.size()) + " records before this place are whole");
 }
 
+trace_recording::trace_recording(const std::string& path) {
+    constexpr std::uint32_t diagnostics = 7;
+    if (loom_trace_open(path.c_str()) != 0)
+        throw failure(std::string("the trace cannot be written: ") + loom_error_text());
+    loom_trace_set_level(nullptr, diagnostics);
+}
+
+trace_recording::~trace_recording() { loom_trace_close(); }
+
 trace_watch::trace_watch() {
     const auto keep = [](const loom_trace_record* record, void* context) {
         auto& self = *static_cast<trace_watch*>(context);

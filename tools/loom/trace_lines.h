@@ -44,6 +44,15 @@ class trace_texts {
 /// the records before that place are printed first.
 void print_trace_file(std::ostream& out, const std::string& path);
 
+/// Writes everything that is traced while it lives, down to level 7, into a file.
+class trace_recording {
+  public:
+    explicit trace_recording(const std::string& path);
+    ~trace_recording();
+    trace_recording(const trace_recording&) = delete;
+    trace_recording& operator=(const trace_recording&) = delete;
+};
+
 /// Keeps the errors that are traced while it lives. One at a time.
 class trace_watch {
   public:

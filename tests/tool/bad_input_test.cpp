@@ -1,0 +1,241 @@
+// What the tool says to input that is wrong: a message with the place, a cure, a status that is not 0, and a
+// database that is what it was before.
+#include "program.h"
+
+#include <fstream>
+
+namespace fs = std::filesystem;
+
+namespace tool_test {
+namespace {
+
+// ------------------------------------------------------------------------------------------------ files to import
+
+struct wrong_file {
+    const char* name;
+    const char* contents;
+    std::vector<const char*> said; // parts of the message
+};
+
+std::ostream& operator<<(std::ostream& out, const wrong_file& each) { return out << each.name; }
+
+std::string bed(const std::string& inside, const std::string& key = "<house>1</house><row>50</row>") {
+    return "<beds>\n<bed_tbl>\n<bed>" + inside + "</bed>\n<bed_key>" + key + "</bed_key>\n</bed_tbl>\n</beds>\n";
+}
+
+class wrong_files : public tool_fixture, public testing::WithParamInterface<wrong_file> {};
+
+TEST_P(wrong_files, are_refused_and_nothing_changes) {
+    const std::string db = greenhouse_database("a.db");
+    const std::string before = loom_good({"export", db}).out;
+    const std::string wrong = written("wrong.xml", GetParam().contents);
+    const outcome import = loom({"import", db, wrong});
+    EXPECT_EQ(import.status, 1);
+    EXPECT_TRUE(contains(import.err, "loom: cure: "));
+    for (const char* part : GetParam().said)
+        EXPECT_TRUE(contains(import.err, part));
+    EXPECT_EQ(import.out, "");
+    EXPECT_EQ(loom_good({"export", db}).out, before);
+}
+
+// The good record in front of the bad one shows that all of an import is undone.
+#define GOOD_BED "<bed_tbl><bed/><bed_key><house>8</house><row>1</row></bed_key></bed_tbl>"
+
+INSTANTIATE_TEST_SUITE_P(
+    import, wrong_files,
+    testing::Values(
+        wrong_file{"cut_short", "<beds>\n<bed_tbl>\n<bed><plant>Sol", {"wrong.xml:3:", "not well-formed"}},
+        wrong_file{"cut_between_records", "<beds>\n" GOOD_BED "\n", {"wrong.xml:", "not well-formed"}},
+        wrong_file{"no_xml", "house 1 row 2\n", {"wrong.xml:", "not well-formed"}},
+        wrong_file{"empty", "", {"wrong.xml"}},
+        wrong_file{"wrong_closing_tag", "<beds>\n<bed_tbl></bed>\n</beds>", {"wrong.xml:2:", "not well-formed"}},
+        wrong_file{"no_records", "<beds></beds>", {"holds no records"}},
+        wrong_file{"unknown_table",
+                   "<beds>\n" GOOD_BED "\n<bench_tbl/>\n</beds>",
+                   {"wrong.xml:3: bench_tbl", "no loaded bundle has a table of this name"}},
+        wrong_file{"misspelt_attribute",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bed><plannt>x</plannt></bed><bed_key><row>9</row></bed_key></bed_tbl></beds>",
+                   {"no place for the element bed/plannt"}},
+        wrong_file{"misspelt_payload",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bad><plant>x</plant></bad><bed_key><row>9</row></bed_key></bed_tbl></beds>",
+                   {"no place for the element bad"}},
+        wrong_file{
+            "misspelt_member",
+            "<beds>" GOOD_BED
+            "<bed_tbl><bed><state><BED_FALLOWED/></state></bed><bed_key><row>9</row></bed_key></bed_tbl></beds>",
+            {"no place for the element bed/state/BED_FALLOWED"}},
+        wrong_file{"number_too_large",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bed/><bed_key><house>256</house><row>9</row></bed_key></bed_tbl></beds>",
+                   {"bed_key/house", "none that it can have"}},
+        wrong_file{"no_number",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bed/><bed_key><house>one</house><row>9</row></bed_key></bed_tbl></beds>",
+                   {"bed_key/house", "none that it can have"}},
+        wrong_file{
+            "no_address",
+            "<beds>" GOOD_BED
+            "<bed_tbl><bed><sensor>2001::db8::1</sensor></bed><bed_key><row>9</row></bed_key></bed_tbl></beds>",
+            {"bed/sensor", "none that it can have"}},
+        wrong_file{"no_time",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bed><sown>yesterday</sown></bed><bed_key><row>9</row></bed_key></bed_tbl></beds>",
+                   {"bed/sown", "none that it can have"}},
+        wrong_file{
+            "no_tenant", "<beds><bed_tbl tenant=\"70000\"><bed/></bed_tbl></beds>", {"'70000' is no number"}},
+        wrong_file{"no_source", "<beds><bed_tbl src=\"x\"><bed/></bed_tbl></beds>", {"'x' is no number"}},
+        wrong_file{"duplicate_in_the_file",
+                   "<beds>" GOOD_BED GOOD_BED "</beds>",
+                   {"error 17 (File exists)", "house=8 row=1",
+                    "trace: error loom_greenhouse: bed_tbl insert record exists for bed_key"}},
+        wrong_file{"duplicate_in_the_database",
+                   "<beds>" GOOD_BED
+                   "<bed_tbl><bed/><bed_key><house>1</house><row>2</row></bed_key></bed_tbl></beds>",
+                   {"error 17 (File exists)", "house=1 row=2", "bed_tbl insert record exists for bed_key"}}),
+    [](const auto& info) { return info.param.name; });
+
+// --------------------------------------------------------------------------------------------------- databases
+
+class bad_input : public tool_fixture {
+  protected:
+    /// All commands on a database say the same.
+    void expect_everywhere(const std::string& db, const std::string& said) {
+        const std::vector<std::vector<std::string>> commands = {{"tables", db},
+                                                                {"walk", db, "bed_tbl"},
+                                                                {"export", db},
+                                                                {"import", db, BEDS_FILE},
+                                                                {"compare", db, greenhouse_database("good.db")},
+                                                                {"find", db, "bed_tbl", "house=1", "row=1"}};
+        for (const auto& words : commands) {
+            const outcome result = loom(words);
+            EXPECT_EQ(result.status, 1) << words[0];
+            EXPECT_TRUE(contains(result.err, said)) << words[0];
+            EXPECT_TRUE(contains(result.err, db)) << words[0];
+        }
+    }
+};
+
+TEST_F(bad_input, no_database) { expect_everywhere(file("none.db"), "there is no such file"); }
+
+TEST_F(bad_input, another_kind_of_file) {
+    expect_everywhere(written("text.db", std::string(8192, 'x')), "is no database");
+}
+
+TEST_F(bad_input, an_empty_file) { expect_everywhere(written("empty.db", ""), "is no database"); }
+
+TEST_F(bad_input, a_database_that_was_cut) {
+    const std::string db = greenhouse_database("a.db");
+    fs::resize_file(db, fs::file_size(db) / 2);
+    expect_everywhere(db, "cut short");
+}
+
+TEST_F(bad_input, a_database_without_its_bundle) {
+    const std::string db = greenhouse_database("a.db");
+    fs::create_directories(directory() / "bin");
+    fs::copy_file(LOOM_PROGRAM, directory() / "bin" / "loom");
+    const std::string lonely = file("bin/loom");
+    const outcome walk = running_program(directory(), {lonely, "walk", db, "bed_tbl"}).wait();
+    EXPECT_EQ(walk.status, 1);
+    EXPECT_TRUE(contains(walk.err, "needs the bundle greenhouse"));
+    EXPECT_TRUE(contains(walk.err, "--bundle"));
+    // What does not look into records works all the same, and the cure helps.
+    EXPECT_EQ(running_program(directory(), {lonely, "tables", db}).wait().status, 0);
+    const outcome cured =
+        running_program(directory(), {lonely, "walk", db, "bed_tbl", "--bundle", GREENHOUSE_LIBRARY}).wait();
+    EXPECT_EQ(lines_of(cured.out).size(), 3u) << cured.err;
+}
+
+TEST_F(bad_input, a_file_that_is_no_bundle) {
+    const std::string db = greenhouse_database("a.db");
+    const outcome none = loom({"types", "--bundle", file("libnone.so")});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_TRUE(contains(none.err, "there is no such bundle"));
+    const outcome text = loom({"types", "--bundle", written("libtext.so", "text")});
+    EXPECT_EQ(text.status, 1);
+    EXPECT_TRUE(contains(text.err, "cannot be loaded as a bundle"));
+    EXPECT_TRUE(contains(loom({"types", "--bundle", "meadow"}).err, "bundle meadow is not in"));
+}
+
+TEST_F(bad_input, create_never_overwrites) {
+    const std::string db = greenhouse_database("a.db");
+    EXPECT_TRUE(contains(loom({"create", db}).err, "is there already"));
+    EXPECT_EQ(lines_of(loom_good({"walk", db, "bed_tbl"}).out).size(), 3u);
+}
+
+TEST_F(bad_input, an_unknown_table_is_told_with_those_that_exist) {
+    const std::string db = greenhouse_database("a.db");
+    const outcome walk = loom({"walk", db, "bench_tbl"});
+    EXPECT_EQ(walk.status, 1);
+    EXPECT_TRUE(contains(walk.err, "there is no table bench_tbl"));
+    EXPECT_TRUE(contains(walk.err, "it holds bed_tbl"));
+}
+
+TEST_F(bad_input, an_output_that_cannot_be_written) {
+    const std::string db = greenhouse_database("a.db");
+    EXPECT_EQ(loom({"export", db, "--output", file("no/such/directory.xml")}).status, 1);
+    const int full = ::system(("'" LOOM_PROGRAM "' export " + db + " >/dev/full 2>" + file("full.err")).c_str());
+    EXPECT_NE(full, 0);
+    EXPECT_TRUE(contains(contents_of(file("full.err")), "cannot be written"));
+}
+
+// --------------------------------------------------------------------------------------------------------- keys
+
+TEST_F(bad_input, keys_are_told_with_what_they_consist_of) {
+    const std::string db = greenhouse_database("a.db");
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"house=1"}, "wants row"},
+        {{"house=1", "row=1", "shelf=2"}, "has no attribute shelf"},
+        {{"house"}, "'house' is no attribute=value"},
+        {{"house=1", "row=70000"}, "none that it can have"},
+        {{"house=first", "row=1"}, "none that it can have"},
+    };
+    for (const auto& [key, said] : cases) {
+        std::vector<std::string> words = {"find", db, "bed_tbl"};
+        words.insert(words.end(), key.begin(), key.end());
+        const outcome result = loom(words);
+        EXPECT_NE(result.status, 0) << said;
+        EXPECT_TRUE(contains(result.err, said));
+    }
+    EXPECT_TRUE(
+        contains(loom({"find", db, "bed_tbl", "house=1"}).err, "the key of bed_tbl is: house=... row=..."));
+}
+
+// -------------------------------------------------------------------------------------------------------- traces
+
+TEST_F(bad_input, traces_that_are_none_or_cut) {
+    EXPECT_EQ(loom({"trace", file("none.trace")}).status, 1);
+    EXPECT_EQ(loom({"trace", written("text.trace", "no trace at all, but a text of some length")}).status, 1);
+    const std::string db = greenhouse_database("a.db"), trace = file("a.trace");
+    loom({"import", db, BEDS_FILE, "--trace", trace});
+    const std::size_t lines = lines_of(loom_good({"trace", trace}).out).size();
+    fs::resize_file(trace, fs::file_size(trace) - 5);
+    const outcome cut = loom({"trace", trace});
+    EXPECT_EQ(cut.status, 1);
+    EXPECT_TRUE(contains(cut.err, trace));
+    EXPECT_EQ(lines_of(cut.out).size(), lines - 1); // the whole records before the cut
+}
+
+// --------------------------------------------------------------------------------------------------------- usage
+
+TEST_F(bad_input, wrong_usage_has_a_status_of_its_own) {
+    const std::vector<std::vector<std::string>> wrong = {{},
+                                                         {"plant"},
+                                                         {"walk"},
+                                                         {"walk", "a.db"},
+                                                         {"tables", "a.db", "b"},
+                                                         {"tables", "--depth", "a.db"},
+                                                         {"walk", "a.db", "t", "--src"},
+                                                         {"walk", "a.db", "t", "--src", "300"},
+                                                         {"types", "--kind", "shape"},
+                                                         {"send", "a.db", "t"}};
+    for (const auto& words : wrong)
+        EXPECT_EQ(loom(words).status, 2) << testing::PrintToString(words);
+    EXPECT_EQ(loom({"help"}).status, 0);
+    EXPECT_EQ(loom({"help", "walk"}).status, 0);
+    EXPECT_EQ(loom({"walk", "--help"}).status, 0);
+}
+
+} // namespace
+} // namespace tool_test
