@@ -41,7 +41,7 @@ TEST_F(greenhouse, show_prints_text_with_braces_under_their_names) {
               "record@bed_tbl: {\n"
               "  bed@bed: {\n"
               "    plant@loom_vstring:Solanum lycopersicum\n"
-              "    state@bed_state:BED_GROWING\n"
+              "    state@growth:BED_GROWING\n"
               "    sown@calendar_time:2025-02-10T09:00:00Z\n"
               "    sensor@ipv6_addr:2001:db8::1:1\n"
               "    humidity_len@u_int8:2\n"
@@ -86,7 +86,7 @@ TEST_F(greenhouse, bytes_are_annotated_without_gaps) {
     EXPECT_TRUE(contains(all, "header length: " + std::to_string(expected) + " bytes"));
     for (const char* part :
          {"luid: of table bed_tbl", "bed: bed, variant 0", "plant: Solanum lycopersicum  (loom_vstring)",
-          "state: BED_GROWING  (bed_state)", "humidity: 61 58", "row: 1  (u_int16)"})
+          "state: BED_GROWING  (growth)", "humidity: 61 58", "row: 1  (u_int16)"})
         EXPECT_TRUE(contains(all, part));
     EXPECT_FALSE(contains(all, "not explained"));
 }
@@ -179,7 +179,7 @@ TEST_F(greenhouse, bundles_and_types_come_from_the_library) {
     EXPECT_TRUE(contains(bundles, "greenhouse\n"));
     EXPECT_TRUE(contains(bundles, "2 records, 1 enumeration, 1 table"));
     const std::string types = loom_good({"types", "--bundle", GREENHOUSE_LIBRARY}).out;
-    for (const char* name : {"bed", "bed_key", "bed_state", "bed_tbl", "bed_tbl_record"})
+    for (const char* name : {"bed", "bed_key", "growth", "bed_tbl", "bed_tbl_record"})
         EXPECT_TRUE(contains(types, std::string("  ") + name + "\n"));
     EXPECT_EQ(lines_of(types).size(), 6u);
     EXPECT_EQ(lines_of(loom_good({"types", "--bundle", GREENHOUSE_LIBRARY, "--kind", "table"}).out).size(), 2u);
