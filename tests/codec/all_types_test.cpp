@@ -1,6 +1,6 @@
-// Every type of the bundle against the walker, on random instances: what the library writes must be what the walker
-// says, what it reads back must be what was written, with state tracking on or off on either side, over new objects
-// and over objects in use, in every variant, and in buffers of every length.
+// Every type of the bundle against the walker, on random instances: what the library writes must be what the
+// walker says, what it reads back must be what was written, with state tracking on or off on either side, over new
+// objects and over objects in use, in every variant, and in buffers of every length.
 #include "tests/codec/codec_fixture.h"
 
 #include <loom_runtime/xml.h>
@@ -12,7 +12,7 @@ constexpr uint32_t rounds = 6;
 
 /// An object of the type under test with its walker.
 class subject {
-public:
+  public:
     subject(const std::string& type, loom_handle* handle)
         : type_(type), operations_(type), handle_(handle), walker_(schema(), handle, domain),
           object_(operations_.create(handle, domain)) {}
@@ -40,11 +40,9 @@ public:
     uint32_t unmarshal(const uint8_t* bytes, size_t size, uint32_t existing, uint32_t* error) {
         return operations_.unmarshal(handle_, domain, bytes, object_, static_cast<int32_t>(size), existing, error);
     }
-    std::vector<uint8_t> states() const {
-        return walker_.states(type_, object_, walker_.area_of(type_, object_));
-    }
+    std::vector<uint8_t> states() const { return walker_.states(type_, object_, walker_.area_of(type_, object_)); }
 
-private:
+  private:
     void restore_variants() {
         const auto record = schema().records.find(type_);
         if (record != schema().records.end() && variant() < 0)
@@ -73,8 +71,8 @@ TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
     for (const tracking_pair& tracking : tracking_pairs) {
         const database writing(tracking.writer), reading(tracking.reader);
         for (uint32_t seed = 0; seed < rounds; ++seed) {
-            SCOPED_TRACE(::testing::Message() << "tracking " << tracking.writer << " to " << tracking.reader
-                                              << ", seed " << seed);
+            SCOPED_TRACE(::testing::Message()
+                         << "tracking " << tracking.writer << " to " << tracking.reader << ", seed " << seed);
             std::mt19937 random(seed);
             const fill_options options{.lower_variants = seed % 3 == 2, .stale_arms = false, .presentable = false};
             subject source(GetParam(), writing);
@@ -89,7 +87,9 @@ TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
             ASSERT_EQ(hex(bytes), hex(expected));
             const uint32_t length = source.operations().len(writing, domain, source.object());
             ASSERT_GE(length, bytes.size());
-            if (tracking.writer != LOOM_TRACKING_ON) { ASSERT_EQ(length, bytes.size()); }
+            if (tracking.writer != LOOM_TRACKING_ON) {
+                ASSERT_EQ(length, bytes.size());
+            }
 
             subject target(GetParam(), reading);
             const bool in_use = seed % 2 == 1;
@@ -185,7 +185,9 @@ TEST_P(AllTypes, BuffersOfEveryLength) {
                                                                  static_cast<int32_t>(size), &error);
             ASSERT_LE(written, size);
             // Only state bytes go missing without an error.
-            if (tracking != LOOM_TRACKING_ON) { ASSERT_EQ(error, 90u) << "room for " << size; }
+            if (tracking != LOOM_TRACKING_ON) {
+                ASSERT_EQ(error, 90u) << "room for " << size;
+            }
 
             const exact_buffer cut(bytes.data(), size);
             for (const database* by : {&reading, &skipping}) {
@@ -319,7 +321,9 @@ TEST_P(AllRecords, AbsentInstanceHasTheLengthOfAnEmptyOne) {
     const std::vector<uint8_t> bytes = empty.marshal(&error);
     // Where the empty discriminator selects an arm, that arm is missing.
     EXPECT_EQ(type.len(plain, domain, nullptr), type.len(plain, domain, empty.object()));
-    if (error == 0) { EXPECT_EQ(type.len(plain, domain, nullptr), bytes.size()); }
+    if (error == 0) {
+        EXPECT_EQ(type.len(plain, domain, nullptr), bytes.size());
+    }
 }
 
 std::string label(const ::testing::TestParamInfo<std::string>& info) { return info.param; }

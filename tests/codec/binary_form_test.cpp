@@ -84,8 +84,7 @@ TEST(BinaryForm, SelectedArms) {
     simple_union_str_attr_set(plain, domain, object, text, &error);
     ASSERT_EQ(error, 0u);
     // The number's arm is stale now.
-    EXPECT_EQ(marshal("simple_union", plain, object, 40).bytes,
-              "00 00 00 00 00 0e 01 00 00 00 02 00 00 00 01 78");
+    EXPECT_EQ(marshal("simple_union", plain, object, 40).bytes, "00 00 00 00 00 0e 01 00 00 00 02 00 00 00 01 78");
     EXPECT_EQ(simple_union_len(plain, domain, object), 16u);
     simple_union_destroy(plain, domain, object);
 }
@@ -100,9 +99,11 @@ TEST(BinaryForm, EnumerationsTravelByInternalValue) {
     EXPECT_EQ(marshal("ud_enum_custom_neg_val", plain, object, 5).bytes, "00 00 00 00 00");
     EXPECT_EQ(marshal("ud_enum_custom_neg_val", plain, object, 4).error, 90u);
 
-    const std::vector<std::pair<std::vector<uint8_t>, int32_t>> readings = {
-        {{0, 0, 0, 0, 0}, -33}, {{0, 0, 0, 0, 1}, -22}, {{0, 0, 0, 0, 2}, 77}, {{0, 0, 0, 0, 3}, 3},
-        {{9, 0xff, 0xff, 0xff, 0xff}, -1}};
+    const std::vector<std::pair<std::vector<uint8_t>, int32_t>> readings = {{{0, 0, 0, 0, 0}, -33},
+                                                                            {{0, 0, 0, 0, 1}, -22},
+                                                                            {{0, 0, 0, 0, 2}, 77},
+                                                                            {{0, 0, 0, 0, 3}, 3},
+                                                                            {{9, 0xff, 0xff, 0xff, 0xff}, -1}};
     for (const auto& [bytes, value] : readings) {
         error = 0;
         EXPECT_EQ(ud_enum_custom_neg_val_unmarshal(plain, domain, bytes.data(), object, 5, 0, &error), 5u);
@@ -176,7 +177,8 @@ TEST(BinaryForm, RemoteAddressBlockGoesOutEmptyAndIsDropped) {
     exact_buffer buffer(41);
     uint32_t error = 0;
     const uint32_t size = string_key_marshal(plain, domain, buffer.data(), object, 40, &error);
-    EXPECT_EQ(string_key_unmarshal(plain, domain, buffer.data(), copy, static_cast<int32_t>(size), 0, &error), size);
+    EXPECT_EQ(string_key_unmarshal(plain, domain, buffer.data(), copy, static_cast<int32_t>(size), 0, &error),
+              size);
     EXPECT_NE(copy->loom_flags & OBJ_RA_DATA, 0);
     string_key_destroy(plain, domain, copy);
     string_key_destroy(plain, domain, object);
@@ -194,7 +196,7 @@ TEST(BinaryForm, OnlyTravellingFlagsAreTakenFromTheWire) {
 
 /// Sets the variant that a peer of an older schema has of a type.
 class older_peer {
-public:
+  public:
     older_peer(loom_handle* handle, const char* type, int32_t variant)
         : handle_(handle), peer_(loom_peer_create_same_build("older")) {
         loom_peer_limit(peer_, type, variant);
@@ -205,7 +207,7 @@ public:
         loom_peer_release(peer_);
     }
 
-private:
+  private:
     loom_handle* handle_;
     loom_peer* peer_;
 };
@@ -264,7 +266,8 @@ TEST(Skew, ReaderStopsAtWhatItsLayoutHolds) {
     rec_type* object = rec_type_create(plain, domain);
     object->loom_layout_variant = 1;
     object->single_char = 'k';
-    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 0, &error), size);
+    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 0, &error),
+              size);
     EXPECT_EQ(error, 0u);
     EXPECT_EQ(object->loom_variant, 1);
     EXPECT_EQ(object->byte_with_range, 7);
@@ -283,7 +286,8 @@ TEST(Skew, OlderFormLeavesLaterFieldsAlone) {
     const uint32_t size = rec_type_marshal(plain, domain, buffer.data(), source, 1999, &error);
     rec_type* object = rec_type_create(plain, domain);
     object->pi = 3.0;
-    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 1, &error), size);
+    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 1, &error),
+              size);
     EXPECT_EQ(object->loom_variant, 0);
     EXPECT_EQ(object->pi, 3.0);
     object->loom_variant = source->loom_variant = 3;
@@ -335,8 +339,9 @@ TEST(Reader, FailedAllocationLeavesAnEmptyArray) {
     const uint32_t size = ud_type_with_arr_marshal(plain, domain, buffer.data(), source, 499, &error);
     ud_type_with_arr* object = ud_type_with_arr_create(plain, domain);
     loom_arena_fail_after(plain, 0);
-    EXPECT_EQ(ud_type_with_arr_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 0, &error),
-              0u);
+    EXPECT_EQ(
+        ud_type_with_arr_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 0, &error),
+        0u);
     loom_arena_fail_after(plain, UINT64_MAX);
     EXPECT_EQ(error, 12u);
     EXPECT_EQ(object->b_arr_att, nullptr);
@@ -353,8 +358,8 @@ TEST(Reader, ListsOfAnotherLengthAreReplacedAndThoseOfTheSameAreKept) {
     exact_buffer buffer(500);
     const auto transfer = [&](uint32_t existing) {
         const uint32_t size = rec_with_list_marshal(plain, domain, buffer.data(), source, 499, &error);
-        EXPECT_EQ(rec_with_list_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), existing,
-                                          &error),
+        EXPECT_EQ(rec_with_list_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size),
+                                          existing, &error),
                   size);
         EXPECT_EQ(error, 0u);
     };

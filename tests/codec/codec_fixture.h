@@ -21,7 +21,7 @@ constexpr uint32_t domain = 1;
 
 /// A private database, ended with the test.
 class database {
-public:
+  public:
     explicit database(uint32_t tracking = LOOM_TRACKING_NONE, uint32_t kind = LOOM_DB_PRIVATE) {
         loom_open_options options{};
         options.size = sizeof options;
@@ -38,7 +38,7 @@ public:
         return usage.blocks;
     }
 
-private:
+  private:
     struct closer {
         void operator()(loom_handle* handle) const { loom_close(handle); }
     };
@@ -47,7 +47,7 @@ private:
 
 /// A copy of bytes in a block of exactly their size.
 class exact_buffer {
-public:
+  public:
     explicit exact_buffer(size_t size, uint8_t fill = 0) : bytes_(new uint8_t[size == 0 ? 1 : size]), size_(size) {
         std::memset(bytes_.get(), fill, size);
     }
@@ -57,7 +57,7 @@ public:
     uint8_t* data() const { return bytes_.get(); }
     int32_t size() const { return static_cast<int32_t>(size_); }
 
-private:
+  private:
     std::unique_ptr<uint8_t[]> bytes_;
     size_t size_;
 };
@@ -81,14 +81,17 @@ inline const schema_description& schema() {
 
 inline std::vector<std::string> record_names() {
     std::vector<std::string> names;
-    for (const auto& [name, record] : schema().records) names.push_back(name);
+    for (const auto& [name, record] : schema().records)
+        names.push_back(name);
     return names;
 }
 /// Records, enumerations and flag sets.
 inline std::vector<std::string> type_names() {
     std::vector<std::string> names = record_names();
-    for (const auto& [name, type] : schema().enumerations) names.push_back(name);
-    for (const auto& [name, type] : schema().flag_sets) names.push_back(name);
+    for (const auto& [name, type] : schema().enumerations)
+        names.push_back(name);
+    for (const auto& [name, type] : schema().flag_sets)
+        names.push_back(name);
     return names;
 }
 

@@ -84,7 +84,8 @@ void write_at(void* object, uint32_t offset, T value) {
 int variant_of(const void* object) { return read_at<int8_t>(object, variant_at); }
 
 void append_big_endian(std::vector<uint8_t>& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(value >> shift));
 }
 int sign(int value) { return (value > 0) - (value < 0); }
 template <class T>
@@ -96,10 +97,13 @@ uint32_t pick(std::mt19937& random, uint32_t below) { return static_cast<uint32_
 std::string random_text(std::mt19937& random, uint32_t longest) {
     static const char characters[] = "abcXYZ 019_-<>&\"'/[]";
     std::string text;
-    for (uint32_t i = pick(random, longest + 1); i > 0; --i) text += characters[pick(random, sizeof characters - 1)];
+    for (uint32_t i = pick(random, longest + 1); i > 0; --i)
+        text += characters[pick(random, sizeof characters - 1)];
     // No blanks at the ends, which parsers of text may drop.
-    while (!text.empty() && text.back() == ' ') text.pop_back();
-    while (!text.empty() && text.front() == ' ') text.erase(0, 1);
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    while (!text.empty() && text.front() == ' ')
+        text.erase(0, 1);
     return text;
 }
 
@@ -119,7 +123,8 @@ void append_text(std::string& out, Run&& run) {
     std::vector<char> room(1u << 16);
     uint32_t error = 0;
     const auto written = run(room.data(), static_cast<int32_t>(room.size()), &error);
-    if (error != 0) throw std::runtime_error("a value's text operation failed with error " + std::to_string(error));
+    if (error != 0)
+        throw std::runtime_error("a value's text operation failed with error " + std::to_string(error));
     out.append(room.data(), static_cast<size_t>(written));
 }
 
@@ -277,7 +282,8 @@ model_walker::elements model_walker::elements_of(const attribute_description& a,
         add(at(object, a.offset), a.extent, area == nullptr ? nullptr : area + aligned(a.track + 1 + a.extent));
         break;
     case attribute_shape::arm:
-        if (const void* arm = read_at<const void*>(object, a.offset)) found.all.push_back({arm, area_of(a.type, arm)});
+        if (const void* arm = read_at<const void*>(object, a.offset))
+            found.all.push_back({arm, area_of(a.type, arm)});
         break;
     case attribute_shape::list:
         for (const void* element : linked(at(object, a.offset)))
@@ -299,7 +305,8 @@ void model_walker::fill(const std::string& type, void* object, std::mt19937& ran
 
 void model_walker::fill_record(const record_description& record, void* object, std::mt19937& random,
                                const fill_options& options) const {
-    for (const attribute_description& a : record.attributes) fill_attribute(record, a, object, random, options);
+    for (const attribute_description& a : record.attributes)
+        fill_attribute(record, a, object, random, options);
 }
 
 void model_walker::fill_attribute(const record_description& record, const attribute_description& a, void* object,
@@ -353,8 +360,7 @@ void model_walker::fill_attribute(const record_description& record, const attrib
         // Discriminators stand in front of their arms, so the case is chosen by now.
         const uint32_t discriminator = record.attribute(a.discriminator).offset + enumeration_value_at;
         const int32_t chosen = read_at<int32_t>(object, discriminator);
-        const bool wanted =
-            options.stale_arms ? pick(random, 2) == 0 : is_selected(a, record, object);
+        const bool wanted = options.stale_arms ? pick(random, 2) == 0 : is_selected(a, record, object);
         if (!wanted) break;
         using set = void(loom_handle*, uint32_t, void*, void*, uint32_t*);
         reinterpret_cast<set*>(find_function(accessor + "_set"))(handle_, domain_, object, new_value(), &error);
@@ -398,7 +404,8 @@ void model_walker::fill_value(const std::string& type, void* value, std::mt19937
     case value_form::object: break;
     }
     const auto octets = [&](uint8_t* to, uint32_t count) {
-        for (uint32_t i = 0; i < count; ++i) to[i] = static_cast<uint8_t>(random());
+        for (uint32_t i = 0; i < count; ++i)
+            to[i] = static_cast<uint8_t>(random());
     };
     uint32_t error = 0;
     if (type == "nexa_bytestr") {
@@ -445,7 +452,8 @@ void model_walker::fill_states(const std::string& type, const void* object, uint
         if (a.shape == attribute_shape::length) continue;
         area[a.track] = static_cast<uint8_t>(random());
         const elements values = elements_of(a, *record, object, area);
-        const bool is_array = a.shape == attribute_shape::variable_array || a.shape == attribute_shape::fixed_array;
+        const bool is_array =
+            a.shape == attribute_shape::variable_array || a.shape == attribute_shape::fixed_array;
         for (uint32_t i = 0; i < values.all.size(); ++i) {
             if (is_array) const_cast<uint8_t*>(values.flags)[i] = static_cast<uint8_t>(random());
             if (values.all[i].area != nullptr)
@@ -563,15 +571,19 @@ void model_walker::marshal_attribute(const record_description& record, const att
     if (a.shape == attribute_shape::list) append_big_endian(out, static_cast<uint32_t>(values.all.size()));
     if (a.shape == attribute_shape::arm) {
         if (is_selected(a, record, object)) {
-            if (values.all.empty()) *complete = false;
-            else marshal_value(a.type, values.all[0].value, values.all[0].area, out, complete);
+            if (values.all.empty())
+                *complete = false;
+            else
+                marshal_value(a.type, values.all[0].value, values.all[0].area, out, complete);
         }
         return own_state();
     }
-    for (const auto& each : values.all) marshal_value(a.type, each.value, each.area, out, complete);
+    for (const auto& each : values.all)
+        marshal_value(a.type, each.value, each.area, out, complete);
     own_state();
     if (tracking_on() && (a.shape == attribute_shape::fixed_array || a.shape == attribute_shape::variable_array))
-        for (size_t i = 0; i < values.all.size(); ++i) out.push_back(values.flags == nullptr ? 0 : values.flags[i]);
+        for (size_t i = 0; i < values.all.size(); ++i)
+            out.push_back(values.flags == nullptr ? 0 : values.flags[i]);
 }
 
 // ---- States ----------------------------------------------------------------------------------------------------
@@ -589,7 +601,8 @@ void model_walker::collect_states(const std::string& type, const void* object, c
     for (const attribute_description& a : record->attributes) {
         if (a.shape == attribute_shape::length || a.since > variant_of(object)) continue;
         const elements values = elements_of(a, *record, object, area);
-        const bool is_array = a.shape == attribute_shape::variable_array || a.shape == attribute_shape::fixed_array;
+        const bool is_array =
+            a.shape == attribute_shape::variable_array || a.shape == attribute_shape::fixed_array;
         const bool is_counted =
             a.shape == attribute_shape::variable_array || a.shape == attribute_shape::counted_string;
         if (is_counted && count_of(a, *record, object) == 0) continue; // none travel
@@ -679,7 +692,8 @@ void model_walker::print_attribute(const record_description& record, const attri
     case attribute_shape::list: {
         const uint32_t count = static_cast<uint32_t>(values.all.size());
         print_value("u_int32", &count, "list " + a.name + " count", depth, out);
-        for (const auto& each : values.all) print_value(a.type, each.value, "list " + a.name, depth, out);
+        for (const auto& each : values.all)
+            print_value(a.type, each.value, "list " + a.name, depth, out);
         break;
     }
     default: print_value(a.type, at(object, a.offset), a.name, depth, out);
@@ -733,8 +747,9 @@ void model_walker::render_attribute(const record_description& record, const attr
     case attribute_shape::oid: break;
     case attribute_shape::counted_string:
         append_text(out, [&](char* room, int32_t length, uint32_t* err) {
-            return var_string_to_xml(handle_, domain_, a.name.c_str(), room, read_at<const char*>(object, a.offset),
-                                     length, count_of(a, record, object), state, err);
+            return var_string_to_xml(handle_, domain_, a.name.c_str(), room,
+                                     read_at<const char*>(object, a.offset), length, count_of(a, record, object),
+                                     state, err);
         });
         break;
     case attribute_shape::fixed_string:
@@ -756,11 +771,13 @@ void model_walker::render_attribute(const record_description& record, const attr
                          out);
         break;
     default:
-        for (const auto& each : values.all) render_value(a.type, each.value, each.area, a.name, state, out);
+        for (const auto& each : values.all)
+            render_value(a.type, each.value, each.area, a.name, state, out);
     }
 }
 
-// ---- Compare and hash --------------------------------------------------------------------------------------------
+// ---- Compare and hash
+// --------------------------------------------------------------------------------------------
 
 int model_walker::compare(const std::string& type, const void* a, const void* b) const {
     return compare_values(type, a, b);
@@ -816,8 +833,8 @@ int model_walker::compare_attribute(const record_description& record, const attr
         const uint32_t count = count_of(of, record, a);
         if (const int result = order(count, count_of(of, record, b)); result != 0) return result;
         return count == 0 ? 0
-                          : sign(std::memcmp(read_at<const void*>(a, of.offset), read_at<const void*>(b, of.offset),
-                                             count));
+                          : sign(std::memcmp(read_at<const void*>(a, of.offset),
+                                             read_at<const void*>(b, of.offset), count));
     }
     case attribute_shape::arm:
         if (!is_selected(of, record, a)) return 0;
@@ -838,7 +855,8 @@ int model_walker::compare_attribute(const record_description& record, const attr
 uint32_t model_walker::hash(const std::string& type, const void* object, uint32_t seed) const {
     if (object == nullptr) return seed;
     if (const record_description* record = record_of(type)) {
-        for (const attribute_description& a : record->attributes) seed = hash_attribute(*record, a, object, seed);
+        for (const attribute_description& a : record->attributes)
+            seed = hash_attribute(*record, a, object, seed);
         return seed;
     }
     if (schema_.enumerations.contains(type)) return SuperFastHash(at(object, enumeration_value_at), 4, seed);
@@ -849,10 +867,12 @@ uint32_t model_walker::hash(const std::string& type, const void* object, uint32_
 
 uint32_t model_walker::hash_attribute(const record_description& record, const attribute_description& a,
                                       const void* object, uint32_t seed) const {
-    const bool is_counted = a.shape == attribute_shape::variable_array || a.shape == attribute_shape::counted_string;
+    const bool is_counted =
+        a.shape == attribute_shape::variable_array || a.shape == attribute_shape::counted_string;
     if (is_counted) {
         const attribute_description& length = record.attribute(a.length);
-        for (int twice = 0; twice < 2; ++twice) seed = named_type(length.type).hash(at(object, length.offset), seed);
+        for (int twice = 0; twice < 2; ++twice)
+            seed = named_type(length.type).hash(at(object, length.offset), seed);
     }
     const elements values = elements_of(a, record, object, nullptr);
     switch (a.shape) {
@@ -872,14 +892,15 @@ uint32_t model_walker::hash_attribute(const record_description& record, const at
     case attribute_shape::fixed_array:
     case attribute_shape::variable_array:
         if (is_integer(a.type))
-            return values.all.empty() ? seed
-                                      : SuperFastHash(values.all[0].value,
-                                                      static_cast<uint32_t>(values.all.size()) * width_of(a.type),
-                                                      seed);
+            return values.all.empty()
+                       ? seed
+                       : SuperFastHash(values.all[0].value,
+                                       static_cast<uint32_t>(values.all.size()) * width_of(a.type), seed);
         break;
     default: break;
     }
-    for (const auto& each : values.all) seed = hash(a.type, each.value, seed);
+    for (const auto& each : values.all)
+        seed = hash(a.type, each.value, seed);
     return seed;
 }
 

@@ -90,7 +90,7 @@ void* find_function(const std::string& name);
 
 /// The operations of any type with exported functions, called by the type's name.
 class named_type {
-public:
+  public:
     explicit named_type(std::string name) : name_(std::move(name)) {}
 
     void* create(loom_handle* handle, uint32_t domain) const;
@@ -109,7 +109,7 @@ public:
     int32_t compare(const void* a, const void* b) const;
     uint32_t hash(const void* object, uint32_t seed) const;
 
-private:
+  private:
     template <class Signature, class... Argument>
     auto run(const char* operation, Argument... argument) const;
 
@@ -124,14 +124,15 @@ struct fill_options {
 };
 
 class model_walker {
-public:
+  public:
     model_walker(const schema_description& schema, loom_handle* handle, uint32_t domain)
         : schema_(schema), handle_(handle), domain_(domain) {}
 
     /// Gives a new object of the type random contents, and random state bytes when it is tracked.
     void fill(const std::string& type, void* object, std::mt19937& random, const fill_options& options) const;
 
-    /// What the library must write into a buffer without end. A selected arm without value makes `*complete` false.
+    /// What the library must write into a buffer without end. A selected arm without value makes `*complete`
+    /// false.
     std::vector<uint8_t> marshal(const std::string& type, const void* object, bool* complete) const;
     /// What it must print, with zeros where nothing is written.
     std::string print(const std::string& type, const void* object, const std::string& label, int depth) const;
@@ -145,7 +146,7 @@ public:
     /// The state bytes in an area of the type, element bytes of variable arrays included, in a fixed order.
     std::vector<uint8_t> states(const std::string& type, const void* object, const uint8_t* area) const;
 
-private:
+  private:
     struct elements; // the values of an attribute, with their areas
     elements elements_of(const attribute_description& a, const record_description& in, const void* object,
                          const uint8_t* area) const;
