@@ -85,7 +85,7 @@ std::string identity_declarations(const std::string& symbol) {
 
 /// Name text, luid and luid text of a table or message, under the names every bundle uses.
 std::string identity(const std::string& symbol, const std::string& text, const named& of) {
-    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "TRELLIS_EXPORT_DATA const uint8_t " +
+    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "const uint8_t " +
            symbol + "_luid[16] = {" + byte_list(of.luid.data(), of.luid.size()) + "};\n" +
            "const char " + symbol + "_luid_text[33] = \"" + of.luid_text + "\";\n";
 }
