@@ -73,7 +73,7 @@ public:
     u64 found_by_commits = 0; ///< unannounced stores that commits have reported
     int file() const { return file_; }
     /// Counts what makes addresses kept outside the database invalid.
-    u64 rollbacks = 0;
+    std::atomic<u64> rollbacks{0};
     /// The thread whose handle has the write lock, to tell a wait for oneself.
     std::atomic<std::thread::id> writer{};
 

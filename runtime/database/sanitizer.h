@@ -17,7 +17,7 @@
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/asan_interface.h>
-#define LOOM_RAW_ACCESS __attribute__((noinline, no_sanitize("address")))
+#define LOOM_RAW_ACCESS __attribute__((noinline, no_sanitize("address"))) inline
 #else
 #define LOOM_RAW_ACCESS inline
 #endif

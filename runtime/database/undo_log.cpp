@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,6 +27,24 @@ struct entry_end {
     u64 size;
 };
 u64 padded(u64 size) { return (size + 7) & ~u64{7}; }
+
+/// Gives a new file its header. Of several processes that come at the same time one does it: a header that is written
+/// once more would wipe out what is logged already.
+bool write_header(int file, const u8 identity[16]) {
+    flock(file, LOCK_EX);
+    struct stat status {};
+    bool done = fstat(file, &status) == 0 && static_cast<u64>(status.st_size) >= entries_offset;
+    if (!done) {
+        undo_header fresh{};
+        std::memcpy(fresh.magic, undo_magic, sizeof undo_magic);
+        fresh.version = undo_version;
+        std::memcpy(fresh.identity, identity, 16);
+        // The size comes last: a file of full size has a header.
+        done = pwrite(file, &fresh, sizeof fresh, 0) == sizeof fresh && posix_fallocate(file, 0, growth_step) == 0;
+    }
+    flock(file, LOCK_UN);
+    return done;
+}
 } // namespace
 
 undo_log::~undo_log() {
@@ -47,18 +66,9 @@ u32 undo_log::open_file(const std::string& path, const u8 identity[16], u64 rese
     file_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file_ < 0)
         return fail(static_cast<u32>(errno), "undo log %s: cannot be opened: %s", path.c_str(), words_of(errno).c_str());
+    if (!write_header(file_, identity)) return fail(ENOSPC, "undo log %s: no room on the disk", path.c_str());
     struct stat status {};
     fstat(file_, &status);
-    if (static_cast<u64>(status.st_size) < entries_offset) {
-        // A log that has no complete header holds nothing: its first entry comes after the header.
-        undo_header fresh{};
-        std::memcpy(fresh.magic, undo_magic, sizeof undo_magic);
-        fresh.version = undo_version;
-        std::memcpy(fresh.identity, identity, 16);
-        if (posix_fallocate(file_, 0, growth_step) != 0 || pwrite(file_, &fresh, sizeof fresh, 0) != sizeof fresh)
-            return fail(ENOSPC, "undo log %s: no room on the disk", path.c_str());
-        fstat(file_, &status);
-    }
     void* memory = mmap(nullptr, reserve, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
     if (memory == MAP_FAILED)
         return fail(static_cast<u32>(errno), "undo log %s: cannot be mapped: %s", path.c_str(), words_of(errno).c_str());

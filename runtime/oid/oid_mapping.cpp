@@ -184,11 +184,6 @@ LOOM_EXPORT void loom_handle_to_oid(loom_oid* out, loom_handle* handle, uint32_t
         set_error(handle, err, LOOM_EINVAL);
         return;
     }
-    const write_scope scope(*opened(handle));
-    if (!scope) {
-        set_error(handle, err, LOOM_EPERM);
-        return;
-    }
     loom_oid_mapping* mapping = find_by_object(*db.root(), target);
     if (!mapping && loom_oid_mapping_create(handle, domain, target, kind, 0, 0, err))
         mapping = find_by_object(*db.root(), target);
@@ -217,11 +212,11 @@ LOOM_EXPORT uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint3
                                                       uint32_t* err) {
     if (*err) return 0;
     open_handle* own = opened(handle);
-    const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
     database_root& root = *own->db->root();
     loom_oid_mapping* mapping = find_by_object(root, object);
     if (!mapping) return 1;
+    const write_scope scope(*own);
+    if (!scope) return set_error(handle, err, LOOM_EPERM);
     if (mapping->count == 0) {
         remove(*own, mapping);
         return 1;

@@ -65,13 +65,13 @@ e_avl_node* neighbour(e_avl_node* node, link forth, link back) {
     return parent;
 }
 
-/// Whether the node is one of this very tree.
+/// Whether the node is one of this very tree: its parent knows it, and the way up ends at the root.
 bool is_linked(const e_avl_node* root, const e_avl_node* node) {
-    while (const e_avl_node* parent = node->parent) {
-        if (parent->left != node && parent->right != node) return false;
-        node = parent;
-    }
-    return node == root;
+    const e_avl_node* parent = node->parent;
+    if (!parent) return node == root;
+    if (parent->left != node && parent->right != node) return false;
+    while (parent->parent) parent = parent->parent;
+    return parent == root;
 }
 
 /// The cell that points at `node`.

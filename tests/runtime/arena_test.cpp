@@ -203,6 +203,28 @@ TEST_P(arena, memory_can_be_freed_only_once) {
     EXPECT_DEATH(free(static_cast<char*>(alloc(64)) + 16), "is freed, but it is no block in use");
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+/// Private memory is known to the address sanitizer block by block.
+TEST(private_memory, is_watched_by_the_address_sanitizer) {
+    handle_ptr handle = open_private();
+    const auto alloc = [&](std::size_t size) { return static_cast<volatile char*>(handle->alloc(handle->alloc_ctx, 1, size)); };
+    const auto free = [&](volatile char* block) { handle->free(handle->alloc_ctx, 1, const_cast<char*>(block)); };
+    volatile char* block = alloc(100);
+    EXPECT_DEATH(block[100] = 1, "use-after-poison");
+    EXPECT_DEATH(block[-1] = 1, "use-after-poison");
+    free(block);
+    EXPECT_DEATH(block[50] = 1, "use-after-poison");
+    // An abort brings back what its section has freed.
+    block = alloc(100);
+    loom_write_begin(handle.get());
+    free(block);
+    EXPECT_DEATH(block[50] = 1, "use-after-poison");
+    loom_write_abort(handle.get());
+    block[50] = 1;
+    free(block);
+}
+#endif
+
 // ------------------------------------------------------------------------------------------------ debug arena
 
 struct found_stores {

@@ -284,6 +284,42 @@ TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
     }
 }
 
+/// Processes are killed at any moment, in the middle of sections, commits and aborts. Whatever was going on, the sums
+/// that every section keeps must hold afterwards.
+TEST_F(database_file, processes_may_be_killed_at_any_moment) {
+    handle_ptr handle = make();
+    loom_arena_usage start{}, end{};
+    loom_arena_usage_get(handle.get(), &start);
+    random_source random(2);
+    for (int round = 0; round < 40; ++round) {
+        {
+            child_process child({"work_until_killed", path});
+            ASSERT_EQ(child.line(), "working");
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+        } // killed here
+        ASSERT_EQ(loom_read_begin(handle.get()), 0u);
+        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        std::uint64_t sum = 0;
+        for (std::size_t cell = 0; cell < 50; ++cell) sum += cells_of(handle)[cell];
+        ASSERT_EQ(sum, 0u);
+        std::uint32_t err = 0;
+        loom_table* table = loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0,
+                                                               fake_table_type.info.luid, 16, 1, &err);
+        ASSERT_EQ(table->record_count, 10 + cells_of(handle)[51]);
+        std::uint64_t records = 0;
+        for (e_avl_node* node = e_avl_get_first(table->avl_root); node;
+             node = e_avl_get_next(table->avl_root, node, nullptr))
+            ++records;
+        ASSERT_EQ(records, table->record_count);
+        loom_arena_usage_get(handle.get(), &end);
+        ASSERT_EQ(end.blocks, start.blocks + cells_of(handle)[50] + cells_of(handle)[51]);
+        ASSERT_EQ(loom_read_end(handle.get()), 0u);
+    }
+    loom_read_begin(handle.get());
+    EXPECT_GT(cells_of(handle)[51], 0u); // some sections did commit
+    loom_read_end(handle.get());
+}
+
 TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
     make().reset();
     child_process child({"die_in_section", path});

@@ -87,6 +87,40 @@ void change_a_lot(loom_handle* handle) {
     for (std::size_t i = 0; i < blocks.size(); i += 2) handle->free(handle->alloc_ctx, 1, blocks[i]);
     handle->free(handle->alloc_ctx, 1, arbor_get_key(handle->alloc_ctx, "spare"));
 }
+/// Sections that keep four sums: cells 0 to 49 together, the blocks and the records that cells 50 and 51 count.
+[[noreturn]] void work_for_ever(loom_handle* handle) {
+    random_source random(static_cast<std::uint32_t>(getpid()));
+    std::uint32_t err = 0;
+    std::vector<void*> mine;
+    for (;;) {
+        loom_write_begin(handle);
+        const std::vector<void*> before = mine;
+        for (int step = 0; step < 20; ++step) {
+            const std::size_t from = random() % 50, to = random() % 50;
+            set_cell(handle, from, cells_of(handle)[from] - 7);
+            set_cell(handle, to, cells_of(handle)[to] + 7);
+            if (mine.size() > 40 || (!mine.empty() && random() % 3 == 0)) {
+                handle->free(handle->alloc_ctx, 1, mine.back());
+                mine.pop_back();
+                set_cell(handle, 50, cells_of(handle)[50] - 1);
+            } else {
+                const std::size_t size = random() % 3000;
+                mine.push_back(handle->alloc(handle->alloc_ctx, 1, size));
+                std::memset(mine.back(), 0xAA, size);
+                set_cell(handle, 50, cells_of(handle)[50] + 1);
+            }
+        }
+        loom_table* table = fake_table_open(handle, 1, "old/table", &err);
+        if (fake_table_add(handle, 1, table, random(), &err)) set_cell(handle, 51, cells_of(handle)[51] + 1);
+        err = 0;
+        if (random() % 4 == 0) {
+            loom_write_abort(handle);
+            mine = before;
+        } else {
+            loom_write_commit(handle);
+        }
+    }
+}
 } // namespace
 
 int run_child(const std::vector<std::string>& arguments) {
@@ -109,6 +143,9 @@ int run_child(const std::vector<std::string>& arguments) {
         loom_write_begin(handle.get());
         change_a_lot(handle.get());
         kill(getpid(), SIGKILL);
+    } else if (operation == "work_until_killed") {
+        say("working");
+        work_for_ever(handle.get());
     } else if (operation == "die_reading") {
         loom_read_begin(handle.get());
         kill(getpid(), SIGKILL);

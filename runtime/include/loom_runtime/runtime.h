@@ -161,7 +161,8 @@ typedef struct loom_bundle loom_bundle;
 loom_bundle* loom_bundle_load(const char* path);
 /** A bundle that is linked into the program or loaded otherwise, by its module name. */
 loom_bundle* loom_bundle_find(const char* name);
-/** Undoes one loom_bundle_load or _find. The code stays loaded while a database holds its objects. */
+/** Undoes one loom_bundle_load or _find. With the last one the bundle's code goes, and with it the type information
+ *  that objects of private databases point at: end those objects first. */
 void loom_bundle_unload(loom_bundle* bundle);
 const char* loom_bundle_name(const loom_bundle* bundle);
 const char* loom_bundle_path(const loom_bundle* bundle);
