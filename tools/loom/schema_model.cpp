@@ -56,7 +56,8 @@ schema_model schema_model::load(const std::optional<std::string>& file, const st
     if (!stream) throw failure(path.string() + ": cannot be read", "make the file with 'trellisc json'");
     schema_model model;
     try {
-        for (const json& each : json::parse(stream).at("records"))
+        const json root = json::parse(stream);
+        for (const json& each : root.at("records"))
             for (const json& attribute : each.at("attributes"))
                 model.records_[each.at("name")].attributes.push_back(read_attribute(attribute));
     } catch (const std::exception& error) {

@@ -17,7 +17,6 @@ namespace {
 
 // References and line ends stay as written, and so does a value of nothing but blanks.
 constexpr unsigned parse_raw = pugi::parse_cdata | pugi::parse_ws_pcdata_single;
-constexpr unsigned format_raw = pugi::format_no_escapes | pugi::format_no_declaration;
 
 std::string contents_of(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -40,7 +39,7 @@ void check_well_formed(const std::string& path, const std::string& text) {
 
 std::string text_of_node(pugi::xml_node node) {
     std::ostringstream text;
-    node.print(text, "", format_raw | pugi::format_raw);
+    node.print(text, "", pugi::format_raw | pugi::format_no_escapes);
     return std::move(text).str();
 }
 
@@ -60,6 +59,36 @@ bool holds_members(pugi::xml_node node) {
         any = true;
     }
     return any;
+}
+
+void write_tag(std::ostream& out, pugi::xml_node node, const char* end) {
+    out << '<' << node.name();
+    for (const pugi::xml_attribute attribute : node.attributes())
+        out << ' ' << attribute.name() << "=\"" << attribute.value() << '"';
+    out << end;
+}
+
+/// Values and members on the line of their tags, records one child per line.
+void write_node(std::ostream& out, pugi::xml_node node, unsigned depth) {
+    const std::string indent(2 * depth, ' ');
+    out << indent;
+    if (!node.first_child()) {
+        write_tag(out, node, "/>\n");
+        return;
+    }
+    write_tag(out, node, ">");
+    if (holds_members(node)) {
+        for (const pugi::xml_node member : node.children())
+            write_tag(out, member, "/>");
+    } else if (is_element(node.first_child())) {
+        out << '\n';
+        for (const pugi::xml_node child : node.children())
+            write_node(out, child, depth + 1);
+        out << indent;
+    } else {
+        out << node.child_value();
+    }
+    out << "</" << node.name() << ">\n";
 }
 
 bool could_be_member(const std::string& text) {
@@ -131,7 +160,7 @@ std::vector<record_element> read_record_elements(const std::string& path) {
 
 void write_indented(std::ostream& out, const std::string& element, unsigned depth) {
     pugi::xml_document document;
-    parse(document, element).print(out, "  ", format_raw | pugi::format_indent, pugi::encoding_utf8, depth);
+    write_node(out, parse(document, element), depth);
 }
 
 std::vector<std::string> elements_lost(const std::string& given, const std::string& taken) {
