@@ -36,7 +36,7 @@ endfunction()
 function(trellis_bundle_options target)
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON
-    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-plt -fno-exceptions -fno-rtti>)
   target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,now)
 endfunction()
@@ -49,8 +49,10 @@ function(trellis_install_bundle target name version export out)
   endif()
   install(TARGETS ${target} ${export_set} LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
   install(DIRECTORY "${out}/include/${name}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" FILES_MATCHING PATTERN "*.h")
+  file(RELATIVE_PATH UP_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
   set(BUNDLE_NAME "${name}")
   set(BUNDLE_VERSION "${version}")
+  install(FILES "$<TARGET_FILE_DIR:${target}>/${name}.json" DESTINATION "${CMAKE_INSTALL_DATADIR}/trellis")
   configure_file("${TRELLIS_BUNDLE_TEMPLATES}/bundle.pc.in" "${out}/${name}.pc" @ONLY)
   install(FILES "${out}/${name}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 endfunction()
@@ -96,6 +98,10 @@ function(trellis_add_bundle target)
     PUBLIC "$<BUILD_INTERFACE:${out}/include>" $<INSTALL_INTERFACE:include>
     PRIVATE "${out}/src")
   target_link_libraries(${target} PUBLIC loom::platform ${arg_IMPORTS} PRIVATE trellis::families)
+  # The model as JSON, beside the library: what tools explain bytes by.
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND trellis::trellisc json ${arg_SCHEMA} > "$<TARGET_FILE_DIR:${target}>/${name}.json"
+    VERBATIM)
   if(NOT arg_NO_INSTALL)
     trellis_install_bundle(${target} "${name}" "${version}" "${arg_EXPORT}" "${out}")
   endif()

@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/trellis")
 
 set_target_properties(loom_platform PROPERTIES EXPORT_NAME platform)
-set_target_properties(loom_runtime PROPERTIES EXPORT_NAME runtime)
+set_target_properties(loom_runtime PROPERTIES EXPORT_NAME runtime INSTALL_RPATH "$ORIGIN")
 set_target_properties(trellis_families PROPERTIES EXPORT_NAME families)
 install(TARGETS loom_platform loom_runtime EXPORT loom_targets LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS trellisc trellis_families EXPORT trellis_targets)
@@ -34,5 +34,6 @@ install(FILES
   "${PROJECT_SOURCE_DIR}/cmake/trellis_bundle.cmake"
   "${PROJECT_SOURCE_DIR}/cmake/bundle.pc.in"
   DESTINATION "${package_dir}")
+file(RELATIVE_PATH UP_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/loom.pc.in" "${CMAKE_CURRENT_BINARY_DIR}/loom.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/loom.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
