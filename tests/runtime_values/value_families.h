@@ -56,7 +56,7 @@ template <class T>
 requires std::is_arithmetic_v<T>
 void randomise(watched_memory&, random_bits& random, T* value) {
     using limits = std::numeric_limits<T>;
-    switch (below(random, 8)) {
+    switch (below(random, 9)) {
     case 0: *value = 0; break;
     case 1: *value = limits::max(); break;
     case 2: *value = limits::lowest(); break;
@@ -67,6 +67,13 @@ void randomise(watched_memory&, random_bits& random, T* value) {
     case 5:
         if constexpr (std::is_floating_point_v<T>)
             *value = random() & 1 ? limits::infinity() : limits::quiet_NaN();
+        break;
+    case 6:
+        // Infinity with some of its lower bits set: a NaN that carries something.
+        if constexpr (std::is_floating_point_v<T>) {
+            *value = limits::infinity();
+            fill_bytes(random, value, 2);
+        }
         break;
     default: fill_bytes(random, value, sizeof *value); break;
     }

@@ -215,4 +215,21 @@ TEST(XmlDocuments, AreReadInLinearTime) {
         EXPECT_LT(large, uint64_t{100'000} * 60);
     }
 }
+
+/// Long lists beside each other, read in turns, as the parts of one record are.
+TEST(XmlDocuments, KeepEveryListAtHand) {
+    constexpr uint64_t length = 3000;
+    std::string text = "<t>";
+    for (const char* list : {"a", "b", "c"}) {
+        text += std::string("<") + list + ">";
+        for (uint64_t i = 1; i <= length; ++i)
+            text += "<e>" + std::to_string(i) + "</e>";
+        text += std::string("</") + list + ">";
+    }
+    const auto document = parse(text + "</t>");
+    for (uint64_t i = 1; i <= length; ++i)
+        for (const char* list : {"t/a/e[", "t/b/e[", "t/c/e["})
+            EXPECT_EQ(value_at(document, list + std::to_string(i) + "]"), std::to_string(i));
+    EXPECT_LT(loom_xml_visited(document.get()), 3 * length * 30);
+}
 } // namespace
