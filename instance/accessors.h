@@ -210,7 +210,8 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
         } else if constexpr (is_variable_array<A> || is_counted_string<A> || is_arm<A>) {
             if (pointer_of<A>(from) != pointer_of<A>(to)) tear_down<A>(c, to);
         } else if constexpr (is_list<A>) {
-            if (first_of(list_of<A>(from)) != first_of(list_of<A>(to))) tear_down<A>(c, to);
+            void* first = first_of(list_of<A>(to));
+            if (first != nullptr && first != first_of(list_of<A>(from))) tear_down<A>(c, to);
         }
     });
 }

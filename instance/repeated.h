@@ -29,17 +29,23 @@ inline u8* place_element(const call& c, typename Type::c_type* block, u32 count,
     return area;
 }
 
-/// Sets zeroed elements up in place; they are new memory, so nothing is announced.
+/// Sets zeroed elements up in place, whatever error is pending, since they must be fit to be ended; they are new
+/// memory, so nothing is announced. Returns how many elements of the block are set up: all but when memory ends.
 template <class Type>
-inline void initialize_elements(const call& c, typename Type::c_type* block, u32 first, u32 count, bool tracked) {
+inline u32 initialize_elements(const call& c, typename Type::c_type* block, u32 first, u32 count, bool tracked) {
     if constexpr (is_initialised(Type::category)) {
         for (u32 i = first; i < count; ++i) {
+            u32 error = 0;
             u8* area = nullptr;
             if constexpr (Type::category == value_category::record)
-                if (tracked) area = place_element<Type>(c, block, count, i);
-            Type::initialize(c.handle, c.domain, block + i, 0, 0, area, c.error);
+                if (tracked) area = place_element<Type>({c.handle, c.domain, &error}, block, count, i);
+            Type::initialize(c.handle, c.domain, block + i, 0, 0, area, &error);
+            if (error == 0) continue;
+            c.fail(error);
+            return i;
         }
     }
+    return count;
 }
 
 /// A zeroed block of flags for `count` elements; null with error 12 when there is no room.
@@ -165,7 +171,9 @@ inline void move_elements(const call& c, value_of<A>* to, u32 count, value_of<A>
     }
 }
 
-/// Makes the array `count` elements long, exactly. False with error 12 and nothing changed when there is no room.
+/// Makes the array `count` elements long, exactly. False with error 12 and nothing changed when there is no room;
+/// false with that error also when the old elements could not take their strings along in copies of their own: the
+/// array has grown then, and every element is fit for use.
 template <class A>
 inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
     value_of<A>* old = pointer_of<A>(object);
@@ -189,9 +197,10 @@ inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
         c.release(old);
     }
     store_block<A>(c, object, block, count);
-    initialize_elements<typename A::type>(c, block, old_count, count, tracked);
+    const u32 ready = initialize_elements<typename A::type>(c, block, old_count, count, tracked);
+    if (ready != count) store_block<A>(c, object, block, ready);
     if (tracked) install_element_flags<A>(c, object, flags, old_count);
-    return true;
+    return !c.pending();
 }
 
 /// A deep copy into a slot that exists: by way of the workspace.
