@@ -162,6 +162,8 @@ class builder {
             collect(from);
         for (const syntax::record& from : file.records) {
             if (!declare_type(from.name)) continue;
+            if (from.attributes.empty() && from.whole)
+                out_.add(from.name.where, quoted(from.name.text) + " has no attribute", "give it one");
             record& made = start(model_->records, from.name, from.doc);
             made.trace_unit = from.unit.value_or(file.unit);
             records_.enter(made.name, &made);
@@ -169,6 +171,8 @@ class builder {
         }
         for (const syntax::enumeration& from : file.enumerations) {
             if (!declare_type(from.name)) continue;
+            if (from.members.empty() && from.whole)
+                out_.add(from.name.where, quoted(from.name.text) + " has no member", "give it one");
             enumeration& made = start(model_->enumerations, from.name, from.doc);
             made.shared = from.shared;
             made.trace_unit = 1;
@@ -180,6 +184,8 @@ class builder {
         }
         for (const syntax::flag_set& from : file.flag_sets) {
             if (!declare_type(from.name)) continue;
+            if (from.bits.empty() && from.whole)
+                out_.add(from.name.where, quoted(from.name.text) + " names no bit", "give it one");
             flag_set& made = start(model_->flag_sets, from.name, from.doc);
             made.trace_unit = 1;
             for (const syntax::member& m : from.bits) {
@@ -460,8 +466,16 @@ class builder {
             else
                 model_->registry.push_back(w.text);
         }
+        if (registry_.empty()) {
+            for (const auto& t : model_->tables)
+                model_->registry.push_back(t->name);
+            for (const auto& i : model_->imports)
+                for (const foreign_table& t : i->tables)
+                    model_->registry.push_back(t.name);
+            return;
+        }
         for (const auto& [name, where] : tables_)
-            if (!registry_.empty() && !listed.contains(name))
+            if (!listed.contains(name))
                 out_.add(where, "the registry leaves out the table " + quoted(name), "add it to the registry");
     }
 

@@ -14,6 +14,8 @@ namespace {
 /// Room for a name and its zero byte in a type-information record is 64 bytes.
 constexpr std::size_t longest_name = 63;
 constexpr std::size_t most_flags = 4096;
+constexpr std::size_t most_attributes = 1024;
+constexpr std::size_t deepest_nesting = 64;
 
 // Words that a C or C++ compiler keeps for itself, or that the standard headers of either make macros of.
 constexpr std::array<std::string_view, 120> reserved = {"alignas",
@@ -229,7 +231,8 @@ class checker {
         std::set<std::pair<const location*, const location*>> told;
         const auto enter = [&](const exported_function& f) {
             const auto [known, fresh] = seen.emplace(f.name, f.where);
-            if (fresh || !told.emplace(known->second, f.where).second || out_.told_at(*f.where)) return;
+            if (fresh || known->second == f.where || out_.told_at(*f.where)) return;
+            if (!told.emplace(known->second, f.where).second) return;
             out_.add(*f.where, "this gives the name " + quoted(f.name) + ", as does " + place(*known->second),
                      "rename one of the two declarations");
         };
@@ -250,30 +253,6 @@ class checker {
         for (const auto& f : b_.flag_sets)
             for (const flag_member& m : f->bits)
                 constant(m.name, m.where);
-        check_struct_names();
-    }
-
-    /// C structs: types, tables, table records, messages.
-    void check_struct_names() {
-        std::map<std::string, const location*> seen;
-        const auto enter = [&](const std::string& name, const location& where) {
-            const auto [known, fresh] = seen.emplace(name, &where);
-            if (!fresh)
-                out_.add(where, "this gives a struct " + quoted(name) + ", as does " + place(*known->second),
-                         "rename one of the two");
-        };
-        for (const auto& r : b_.records)
-            enter(r->name, r->where);
-        for (const auto& e : b_.enumerations)
-            enter(e->name, e->where);
-        for (const auto& f : b_.flag_sets)
-            enter(f->name, f->where);
-        for (const auto& t : b_.tables) {
-            enter(t->name, t->where);
-            enter(t->name + "_record", t->where);
-        }
-        for (const auto& m : b_.messages)
-            enter(m->name + "_action_message", m->where);
     }
 
     // ---- Types ---------------------------------------------------------------------------------------------
@@ -294,8 +273,11 @@ class checker {
     void check(const record& r) {
         check_type_name(r.name, r.where);
         check_variants(r.attributes);
-        if (r.attributes.empty())
-            out_.add(r.where, "the record " + quoted(r.name) + " has no attribute", "give it one");
+        if (r.attributes.size() > most_attributes)
+            out_.add(r.where,
+                     "the record " + quoted(r.name) + " has more than " + std::to_string(most_attributes) +
+                         " attributes",
+                     "split it up");
         for (const attribute& a : r.attributes) {
             check_name(a.name, a.where, longest_name);
             if (std::find(header_members.begin(), header_members.end(), a.name) != header_members.end())
@@ -318,7 +300,6 @@ class checker {
     void check(const enumeration& e) {
         check_type_name(e.name, e.where);
         check_variants(e.members);
-        if (e.members.empty()) out_.add(e.where, "the enum " + quoted(e.name) + " has no member", "give it one");
         std::map<std::int32_t, const enumeration_member*> values;
         for (const enumeration_member& m : e.members) {
             const auto [known, fresh] = values.emplace(m.value, &m);
@@ -333,31 +314,36 @@ class checker {
     void check(const flag_set& f) {
         check_type_name(f.name, f.where);
         check_variants(f.bits);
-        if (f.bits.empty()) out_.add(f.where, "the flags " + quoted(f.name) + " name no bit", "name one");
         if (f.bits.size() > most_flags)
             out_.add(f.where,
                      "the flags " + quoted(f.name) + " have more than " + std::to_string(most_flags) + " bits",
                      "split them up");
     }
 
-    /// A record may not hold itself in place.
+    /// A record may not hold itself in place, nor nest without end.
     void check_nesting() {
-        std::set<const record*> finished;
-        for (const auto& r : b_.records) {
-            std::vector<const record*> path;
-            visit(*r, path, finished);
-        }
+        std::map<const record*, int> depths;
+        std::vector<const record*> path;
+        for (const auto& r : b_.records)
+            nesting_of(*r, path, depths);
     }
-    void visit(const record& r, std::vector<const record*>& path, std::set<const record*>& finished) {
-        if (finished.contains(&r)) return;
+    int nesting_of(const record& r, std::vector<const record*>& path, std::map<const record*, int>& depths) {
+        if (const auto known = depths.find(&r); known != depths.end()) return known->second;
         path.push_back(&r);
+        int deepest = 0;
         for (const attribute& a : r.attributes) {
             const bool in_place = a.form == shape::object || a.form == shape::fixed_array;
             const record* nested = in_place ? a.type.of_record : nullptr;
             if (nested == nullptr) continue;
             const auto start = std::find(path.begin(), path.end(), nested);
             if (start == path.end()) {
-                visit(*nested, path, finished);
+                const bool too_deep = path.size() >= deepest_nesting;
+                const int below = too_deep ? static_cast<int>(deepest_nesting) : nesting_of(*nested, path, depths);
+                deepest = std::max(deepest, below);
+                if (below == static_cast<int>(deepest_nesting))
+                    out_.add(a.where,
+                             "records are nested more than " + std::to_string(deepest_nesting) + " deep here",
+                             "hold the record in a list or as an arm");
                 continue;
             }
             std::string loop;
@@ -367,7 +353,7 @@ class checker {
                      "hold it in an array with a count, in a list or as an arm");
         }
         path.pop_back();
-        finished.insert(&r);
+        return depths[&r] = deepest + 1;
     }
 
     // ---- Tables --------------------------------------------------------------------------------------------
@@ -405,13 +391,14 @@ class checker {
             out_.add(t.key_where, "the key record of " + quoted(t.name) + " is its payload",
                      "write keyed by itself");
         std::set<const record*> seen;
-        check_key_record(*t.key_record, t.key_where, seen);
+        check_key_record(*t.key_record, t.key_where, seen, 1);
     }
-    void check_key_record(const record& r, const location& where, std::set<const record*>& seen) {
-        if (!seen.insert(&r).second) return;
+    void check_key_record(const record& r, const location& where, std::set<const record*>& seen,
+                          std::size_t depth) {
+        if (depth > deepest_nesting || !seen.insert(&r).second) return;
         for (const attribute& a : r.attributes) {
             if (a.form == shape::object && a.type.of_record != nullptr)
-                check_key_record(*a.type.of_record, where, seen);
+                check_key_record(*a.type.of_record, where, seen, depth + 1);
             else
                 check_key_attribute(a, where, false);
         }

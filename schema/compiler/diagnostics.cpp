@@ -12,10 +12,7 @@ bool diagnostics::told_at(const location& where) const {
     });
 }
 
-std::vector<diagnostic> diagnostics::sorted() const {
-    std::vector<std::string> files;
-    for (const diagnostic& d : list_)
-        if (std::find(files.begin(), files.end(), d.where.file) == files.end()) files.push_back(d.where.file);
+std::vector<diagnostic> diagnostics::sorted(const std::vector<std::string>& files) const {
     auto rank = [&](const diagnostic& d) {
         const auto file = std::find(files.begin(), files.end(), d.where.file) - files.begin();
         return std::tuple(file, d.where.line, d.where.column);

@@ -30,8 +30,8 @@ class diagnostics {
     bool empty() const { return list_.empty(); }
     /// Whether something was told about this very place.
     bool told_at(const location& where) const;
-    /// In the order of the files as they were first met, then by line and column; equal ones once.
-    std::vector<diagnostic> sorted() const;
+    /// In the order of `files`, then by line and column; equal ones once.
+    std::vector<diagnostic> sorted(const std::vector<std::string>& files) const;
 
   private:
     std::vector<diagnostic> list_;

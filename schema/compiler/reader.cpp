@@ -18,7 +18,8 @@ constexpr std::array<std::string_view, 12> statements = {"bundle", "group",    "
                                                          "import", "registry", "record", "enum",
                                                          "shared", "flags",    "table",  "message"};
 constexpr int newest_possible_variant = 126;
-constexpr std::uint32_t longest_run = 4096;
+constexpr std::uint32_t longest_run = 1024;
+constexpr std::size_t most_parts = 4096; // of a record, enumeration or flag set
 
 std::string spelled(const token& t) {
     switch (t.kind) {
@@ -218,6 +219,11 @@ class reader {
     /// skipped. A doc comment behind the opening brace joins `doc`. In an `enclosed` block lines may begin like
     /// statements.
     bool block(const std::string& of, std::string& doc, bool enclosed, const std::function<bool()>& line) {
+        bool whole = true;
+        return block(of, doc, enclosed, whole, line);
+    }
+    bool block(const std::string& of, std::string& doc, bool enclosed, bool& whole,
+               const std::function<bool()>& line) {
         const token& open = now();
         if (!mark("{", "open the block of " + of + " with { at the end of the line")) return false;
         if (at(token_kind::trailing_doc)) append_doc(doc, take().text);
@@ -225,11 +231,15 @@ class reader {
             if (take_if(token_kind::line_end) || take_doc()) continue;
             if (at(token_kind::end) || (!enclosed && statement_starts(at_))) {
                 pending_doc_.clear();
+                whole = false;
                 fail(open, "the block of " + of + " is not closed",
                      "write } on a line of its own behind its last line");
                 return true;
             }
-            if (!line()) skip_line();
+            if (!line()) {
+                whole = false;
+                skip_line();
+            }
             pending_doc_.clear();
         }
         return line_ends(doc);
@@ -377,7 +387,7 @@ class reader {
         if (!name(result.name, "the name of the record", "write record NAME {") || !in_unit(result.unit))
             return false;
         int current = 0;
-        const bool good = block("record " + result.name.text, result.doc, false, [&] {
+        const bool good = block("record " + result.name.text, result.doc, false, result.whole, [&] {
             if (at_since()) return since(current);
             if (at_word("arms") && after().kind == token_kind::name) return more_arms(result, current);
             return attribute(result, current);
@@ -389,7 +399,7 @@ class reader {
     bool attribute(syntax::record& into, int& current) {
         syntax::attribute model;
         std::vector<word> run;
-        if (!attribute_line(model, run)) return false;
+        if (!attribute_line(into, model, run)) return false;
         model.since = current;
         if (at_mark("{")) {
             const word discriminator = run.front();
@@ -409,10 +419,16 @@ class reader {
     static void append_trailing(std::string& doc, const std::string& more) {
         if (!more.empty()) append_doc(doc, more);
     }
-    bool attribute_line(syntax::attribute& model, std::vector<word>& run) {
+    bool attribute_line(const syntax::record& into, syntax::attribute& model, std::vector<word>& run) {
         model.doc = taken_doc();
         const std::string cure = "write NAME: TYPE";
-        return run_of_names(run, "an attribute", cure) && mark(":", cure) && type(model.type);
+        return room_for_more(into.attributes.size()) && run_of_names(run, "an attribute", cure) &&
+               mark(":", cure) && type(model.type);
+    }
+    /// Refuses to go on filling a declaration that is too large anyway.
+    bool room_for_more(std::size_t parts) {
+        return parts < most_parts ||
+               fail(now(), "a declaration with more than " + std::to_string(most_parts) + " parts", "split it up");
     }
     static void add_run(syntax::record& into, const syntax::attribute& model, const std::vector<word>& run) {
         for (const word& w : run) {
@@ -451,7 +467,7 @@ class reader {
         syntax::attribute model;
         std::vector<word> run;
         const token& start = now();
-        if (!attribute_line(model, run) || !line_ends(model.doc)) return false;
+        if (!attribute_line(into, model, run) || !line_ends(model.doc)) return false;
         if (!selected_by)
             return fail(start, "the arm \"" + run.front().text + "\" stands before the first case",
                         "write case MEMBER above it");
@@ -506,7 +522,7 @@ class reader {
         if (!name(result.name, "the name of the enumeration", "write enum NAME {")) return false;
         int current = 0;
         std::int64_t next = 0;
-        const bool good = block("enum " + result.name.text, result.doc, false, [&] {
+        const bool good = block("enum " + result.name.text, result.doc, false, result.whole, [&] {
             return at_since() ? since(current) : enumeration_member(result, current, next);
         });
         if (good || !result.members.empty()) file_.enumerations.push_back(std::move(result));
@@ -518,7 +534,8 @@ class reader {
         model.since = current;
         std::vector<word> run;
         const token& start = now();
-        if (!run_of_names(run, "a member", "write NAME or NAME = VALUE")) return false;
+        if (!room_for_more(into.members.size()) || !run_of_names(run, "a member", "write NAME or NAME = VALUE"))
+            return false;
         constexpr auto least = std::numeric_limits<std::int32_t>::min();
         constexpr auto most = std::numeric_limits<std::int32_t>::max();
         if (take_mark("=")) {
@@ -542,7 +559,7 @@ class reader {
         result.doc = taken_doc();
         if (!name(result.name, "the name of the flag set", "write flags NAME {")) return false;
         int current = 0;
-        const bool good = block("flags " + result.name.text, result.doc, false,
+        const bool good = block("flags " + result.name.text, result.doc, false, result.whole,
                                 [&] { return at_since() ? since(current) : flag(result, current); });
         if (good || !result.bits.empty()) file_.flag_sets.push_back(std::move(result));
         return good;
@@ -552,7 +569,8 @@ class reader {
         model.doc = taken_doc();
         model.since = current;
         std::vector<word> run;
-        if (!run_of_names(run, "a flag", "write NAME or NAME0 .. NAME9")) return false;
+        if (!room_for_more(into.bits.size()) || !run_of_names(run, "a flag", "write NAME or NAME0 .. NAME9"))
+            return false;
         if (at_mark("="))
             return fail(now(), "a flag has no value", "list flags in the order of their bits, from bit 0");
         if (!line_ends(model.doc)) return false;

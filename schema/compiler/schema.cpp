@@ -12,7 +12,10 @@ compiled compile(const std::vector<syntax::file>& files, diagnostics mistakes) {
     result.model = build_model(files, mistakes);
     check_model(*result.model, mistakes);
     if (mistakes.empty()) lay_out(*result.model, mistakes);
-    result.mistakes = mistakes.sorted();
+    std::vector<std::string> names;
+    for (const syntax::file& file : files)
+        names.push_back(file.name);
+    result.mistakes = mistakes.sorted(names);
     return result;
 }
 

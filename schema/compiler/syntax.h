@@ -40,6 +40,7 @@ struct attribute {
 struct record {
     word name;
     std::string doc;
+    bool whole = true; // false: a line of it could not be read
     std::optional<int> unit;
     std::vector<attribute> attributes;
 };
@@ -54,6 +55,7 @@ struct member {
 struct enumeration {
     word name;
     std::string doc;
+    bool whole = true; // false: a line of it could not be read
     bool shared = false;
     std::vector<member> members;
 };
@@ -61,6 +63,7 @@ struct enumeration {
 struct flag_set {
     word name;
     std::string doc;
+    bool whole = true; // false: a line of it could not be read
     std::vector<member> bits;
 };
 
