@@ -223,10 +223,11 @@ void test_handle::on_write(const void* address, size_t length, u32 in_domain, co
     real_write_hook_(handle_, address, length, in_domain, owner);
 }
 
-void test_handle::on_range(const void* address, size_t length) {
+bool test_handle::on_range(const void* address, size_t length) {
     log("range " + name_of(address) + " " + std::to_string(length));
     announce(address, length);
     last_event_ = "range " + name_of(address) + " " + std::to_string(length);
+    return !refusing_;
 }
 
 std::string test_handle::describe_live_blocks() const {
@@ -343,7 +344,8 @@ int variant_of(const loom_type_info* tinfo, const uint64_t* statistics) {
 
 SEEN uint32_t arbor_set_range(void* arena, const void* address, size_t size, uint32_t domain) {
     static auto* const real = next<decltype(arbor_set_range)>("arbor_set_range");
-    if (test_handle* seen = test_handle::of_context(arena)) seen->on_range(address, size);
+    if (test_handle* seen = test_handle::of_context(arena))
+        if (!seen->on_range(address, size)) return 0;
     return real(arena, address, size, domain);
 }
 

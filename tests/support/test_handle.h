@@ -70,8 +70,13 @@ public:
     bool allocation_failed() const { return failed_; }
     u64 live_blocks() const { return blocks_.size(); }
     u64 allocations() const { return allocations_; }
-    /// Allocations that have no block yet given back, in words.
+    /// Blocks in use are no longer counted: what stays with the database.
+    void forget_blocks() { blocks_.clear(); }
+    /// Blocks in use, one per line.
     std::string describe_live_blocks() const;
+
+    /// From now on the arena refuses every notice.
+    void refuse_ranges() { refusing_ = true; }
 
     // ---- Checker
     /// Ends an operation: stores since the last announcement are judged, fresh blocks count as old ones.
@@ -95,7 +100,8 @@ public:
     void* on_alloc(void* (*real)(void*, u32, size_t), void* context, u32 domain, size_t size);
     void on_free(void* context, u32 domain, void* block);
     void on_write(const void* address, size_t length, u32 domain, const void* owner);
-    void on_range(const void* address, size_t length);
+    /// False when the arena is to refuse.
+    bool on_range(const void* address, size_t length);
     void on_report(const loom_report& report);
     void on_trace(const loom_trace_record& record);
     /// While type information is made, an announced store waits for it.
@@ -137,6 +143,7 @@ private:
     std::map<const u8*, named_range> names_;
     u64 named_blocks_ = 0;
 
+    bool refusing_ = false;
     u64 failing_ = 0;
     bool failed_ = false;
     u64 allocations_ = 0;

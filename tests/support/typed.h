@@ -44,7 +44,9 @@ struct object_walk {
     bool setting;
     number_source numbers;
     std::vector<std::string>& faults;
-    std::string path; // for the faults
+    std::string path;           // for the faults
+    bool memory_may_end = false; // an allocation fails on purpose; the walk ends there
+    bool stopped = false;
 
     object_walk(test_handle& on, bool sets, u64 seed, std::vector<std::string>& faults_found)
         : handle(on), setting(sets), numbers(seed), faults(faults_found) {}
@@ -54,10 +56,22 @@ struct object_walk {
     void fault(const std::string& what) { faults.push_back(path + ": " + what); }
     /// Behind every call: the error must be the expected one; the stores are judged.
     void done(u32 error, u32 expected, const char* operation) {
+        if (out_of_memory()) expected = LOOM_ENOMEM;
         if (error != expected)
             fault(std::string(operation) + " gives error " + std::to_string(error) + " instead of " +
                   std::to_string(expected));
         handle.end_operation();
+    }
+    /// True from the failing allocation on.
+    bool out_of_memory() {
+        if (memory_may_end && handle.allocation_failed()) stopped = true;
+        return stopped;
+    }
+    /// Behind every creation.
+    bool got(const void* made) {
+        if (made != nullptr) return true;
+        if (!out_of_memory()) fault("a creation gives null");
+        return false;
     }
     template <class T>
     void same(const T& got, const T& expected, const char* operation) {
@@ -84,6 +98,8 @@ struct record_driver {
     void (*set)(loom_handle*, u32, void*, void*, u32*);
     /// Names of the record types in place, each with the variant that introduced it; arrays count each element.
     std::vector<std::pair<const char*, i8>> nested;
+    /// The exported names of its attributes' accessors, by what each attribute is.
+    std::vector<std::string> accessors;
 };
 
 /// An enumeration or flag set.
@@ -167,6 +183,7 @@ typename Type::c_type* make_flags(object_walk& walk) {
         std::string(Type::name) + "_set_value");
     static auto* const is_valid = exported<u32(loom_handle*, u32)>(std::string(Type::name) + "_is_valid_cr");
     auto* flags = static_cast<typename Type::c_type*>(driver.create(walk.handle, test_handle::domain));
+    if (!walk.got(flags)) return nullptr;
     u32 error = 0;
     for (const auto& [bit, since] : driver.members)
         if (walk.numbers.chance() && is_valid(walk.handle, static_cast<u32>(bit)))
@@ -248,6 +265,7 @@ struct attribute_walker {
                 set_value(w.handle, domain, holder, plain, err());
             } else if constexpr (type::category == value_category::enumeration) {
                 value* source = type::create(w.handle, domain);
+                if (!w.got(source)) return;
                 type::set_value(w.handle, domain, source, plain, err());
                 if (error == 0) set(w.handle, domain, holder, source, err());
                 type::destroy(w.handle, domain, source);
@@ -296,6 +314,7 @@ struct attribute_walker {
     void with_value(Body&& body) {
         if constexpr (type::category == value_category::flag_set) {
             value* source = make_flags<type>(w);
+            if (source == nullptr) return;
             body(source);
             type::destroy(w.handle, domain, source);
         } else {
@@ -318,9 +337,12 @@ struct attribute_walker {
         }
         if (w.setting && !in_place) {
             void* source = driver.create(w.handle, domain);
+            if (!w.got(source)) return;
             driver.walk(w, source);
-            set(w.handle, domain, holder, static_cast<value*>(source), err());
-            done("set");
+            if (!w.stopped) {
+                set(w.handle, domain, holder, static_cast<value*>(source), err());
+                done("set");
+            }
             driver.destroy(w.handle, domain, source);
             return;
         }
@@ -338,7 +360,7 @@ struct attribute_walker {
             const std::vector<value> values = make_values(A::extent);
             walk_values(values, w.numbers.below(3));
         } else {
-            for (u32 i = 0; i < A::extent; ++i) walk_element(i, false);
+            for (u32 i = 0; i < A::extent && !w.stopped; ++i) walk_element(i, false);
             check_whole();
         }
     }
@@ -349,7 +371,7 @@ struct attribute_walker {
             const std::vector<value> values = make_values(count);
             walk_values(values, w.numbers.below(3));
         } else {
-            for (u32 i = 0; i < count; ++i) walk_element(i, w.numbers.chance());
+            for (u32 i = 0; i < count && !w.stopped; ++i) walk_element(i, w.numbers.chance());
             check_whole();
         }
         if (!w.setting && reachable) check_count(count);
@@ -392,7 +414,7 @@ struct attribute_walker {
                 done("set_mem");
                 return;
             }
-            for (u32 i = 0; i < count; ++i) {
+            for (u32 i = 0; i < count && !w.stopped; ++i) {
                 if (way == by_value) set_value(w.handle, domain, holder, i, values[i], err());
                 else set(w.handle, domain, holder, i, &values[i], err());
                 done(way == by_value ? "set_value" : "set");
@@ -428,7 +450,12 @@ struct attribute_walker {
             }
             if (w.setting) {
                 void* source = driver.create(w.handle, domain);
+                if (!w.got(source)) return;
                 driver.walk(w, source);
+                if (w.stopped) {
+                    driver.destroy(w.handle, domain, source);
+                    return;
+                }
                 if constexpr (has_count) {
                     static auto* const set_cr = find<u32(loom_handle*, object*, u32, value*, u32)>("set_cr");
                     if (by_copy) {
@@ -538,7 +565,12 @@ struct attribute_walker {
         }
         if (w.setting) {
             value* made = type::create(w.handle, domain);
+            if (!w.got(made)) return;
             fill_alone(made);
+            if (w.stopped) {
+                type::destroy(w.handle, domain, made);
+                return;
+            }
             set(w.handle, domain, holder, made, err());
             done("set");
             return;
@@ -563,7 +595,7 @@ struct attribute_walker {
         } else {
             with_value([&](const value* source) { type::set(w.handle, domain, made, source, &ignored); });
         }
-        w.done(ignored, 0, "set of an arm's own value");
+        if (!w.stopped) w.done(ignored, 0, "set of an arm's own value");
     }
     void compare_alone(value* cell) {
         if constexpr (type::category == value_category::record) {
@@ -595,7 +627,12 @@ struct attribute_walker {
         for (u32 i = 0; i < count; ++i) {
             if (w.setting) {
                 element = static_cast<value*>(driver.create(w.handle, domain));
+                if (!w.got(element)) return;
                 driver.walk(w, element);
+                if (w.stopped) {
+                    driver.destroy(w.handle, domain, element);
+                    return;
+                }
                 set_last(w.handle, domain, holder, element, err());
                 done("set_last");
                 continue;
@@ -645,6 +682,7 @@ void walk_record(object_walk& w, void* at) {
     std::vector<std::pair<std::string, i32>> chosen;
     const std::string outer = w.path;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        if (w.stopped) return;
         w.path = outer + "/" + M::name + "." + A::name;
         if constexpr (!is_length<A>)
             attribute_walker<A>{.w = w, .holder = object, .reachable = variant >= A::at.since, .chosen = chosen}.walk();
@@ -653,6 +691,33 @@ void walk_record(object_walk& w, void* at) {
 }
 
 // ---- Registration ------------------------------------------------------------------------------------------
+
+/// What an attribute's accessors are called behind `<type>_<attribute>_`.
+template <class A>
+std::vector<const char*> accessor_endings() {
+    std::vector<const char*> endings;
+    const auto add = [&](std::initializer_list<const char*> more) { endings.insert(endings.end(), more); };
+    if constexpr (is_length<A>) return {"get", "get_value"};
+    add({"state_flag_get", "state_flag_set"});
+    if constexpr (is_oid<A>) {
+        add({"get_by_ref", "get_by_ref_cr", "set_by_ref", "set_by_ref_cr"});
+        return endings;
+    } else if constexpr (is_list<A>) {
+        add({"add_cr", "get_count", "get_cr", "get_first", "get_last", "get_next", "get_prev", "remove", "remove_cr",
+             "set_after", "set_before", "set_first", "set_last"});
+        return endings;
+    } else {
+        add({"get", "set"});
+        if constexpr (is_plain<A>) add({"get_value", "set_value"});
+        if constexpr (is_counted_string<A> || is_fixed_string<A>) add({"set_cr"});
+        if constexpr (is_arm<A>) add({"get_detach", "set_cr"});
+        if constexpr (is_array<A>)
+            add({"state_flag_get_arr", "state_flag_set_arr", "state_flag_whole_get", "state_flag_whole_set"});
+        if constexpr (is_array_of_values<A>) add({"get_value", "get_mem", "set_value", "set_mem", "set_mem_cr"});
+        if constexpr (is_variable_array<A>) add({"set_cr", "remove_elements"});
+        return endings;
+    }
+}
 
 template <class M>
 record_driver driver_of() {
@@ -688,6 +753,10 @@ record_driver driver_of() {
         set(h, d, to, from, err);
     };
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        for (const char* ending : accessor_endings<A>())
+            made.accessors.push_back(std::string(M::name) + "_" + A::name + "_" + ending);
+        if constexpr (is_list<A>)
+            made.accessors.push_back(std::string(A::type::name) + "_" + A::name + "_get_parent");
         if constexpr (is_nested_record<A>) made.nested.emplace_back(A::type::name, A::at.since);
         if constexpr (is_fixed_array<A>)
             if constexpr (is_array_of_records<A>)

@@ -1,0 +1,258 @@
+// The n-th allocation fails, for n from 1 until the operation passes: the failure is reported where it must be,
+// nothing is lost, and what is left can be used, copied and ended.
+#include "tests/support/typed.h"
+
+#include <trellis_test_types/rec_child_comp_key_parent_comp_key.h>
+#include <trellis_test_types/string_key.h>
+
+#include <gtest/gtest.h>
+
+namespace trellis::testing {
+namespace {
+
+constexpr u32 domain = test_handle::domain;
+
+std::string joined(const std::vector<std::string>& faults) {
+    std::string text;
+    for (const std::string& each : faults) text += each + "\n";
+    return text;
+}
+
+void fill(test_handle& handle, const record_driver& driver, void* object, u64 seed) {
+    std::vector<std::string> faults;
+    object_walk walk(handle, true, seed, faults);
+    driver.walk(walk, object);
+    ASSERT_TRUE(faults.empty()) << joined(faults);
+}
+
+std::vector<std::byte> workspace_for(test_handle& handle, const record_driver& driver, const void* object) {
+    return std::vector<std::byte>(size_t{driver.len(handle, domain, object)} + 64);
+}
+
+class without_memory : public ::testing::TestWithParam<u32> {
+protected:
+    std::unique_ptr<test_handle> open() const {
+        handle_options options{};
+        options.tracking = GetParam();
+        return std::make_unique<test_handle>(options);
+    }
+};
+
+TEST_P(without_memory, creating_gives_null_and_nothing_is_left) {
+    const auto handle = open();
+    const auto fails_cleanly = [&](const char* name, auto create, auto destroy) {
+        for (u64 nth = 1;; ++nth) {
+            handle->fail_allocation(nth);
+            void* made = create();
+            if (!handle->allocation_failed()) {
+                destroy(made);
+                break;
+            }
+            EXPECT_EQ(made, nullptr) << name;
+            EXPECT_EQ((*handle)->last_error, 0u) << name;
+            EXPECT_EQ(handle->live_blocks(), 0u) << name;
+        }
+        handle->fail_allocation(0);
+        EXPECT_EQ(handle->live_blocks(), 0u) << name;
+    };
+    for (const record_driver& each : all_records())
+        fails_cleanly(
+            each.name, [&] { return each.create(*handle, domain); },
+            [&](void* made) { each.destroy(*handle, domain, made); });
+    for (const compact_driver& each : all_compact_types())
+        fails_cleanly(
+            each.name, [&] { return each.create(*handle, domain); },
+            [&](void* made) { each.destroy(*handle, domain, made); });
+}
+
+TEST_P(without_memory, setting_reports_12_and_leaves_a_whole_object) {
+    for (const record_driver& driver : all_records()) {
+        const auto handle = open();
+        for (u64 nth = 1;; ++nth) {
+            void* object = driver.create(*handle, domain);
+            std::vector<std::string> faults;
+            object_walk walk(*handle, true, 42, faults);
+            walk.memory_may_end = true;
+            handle->fail_allocation(nth);
+            driver.walk(walk, object);
+            const bool failed = handle->allocation_failed();
+            handle->fail_allocation(0);
+            EXPECT_TRUE(faults.empty()) << driver.name << " allocation " << nth << ": " << joined(faults);
+            EXPECT_EQ(failed, walk.stopped) << driver.name;
+            // What was set before can still be used.
+            EXPECT_EQ(driver.compare(object, object), 0);
+            driver.hash(object, 1);
+            EXPECT_GT(driver.len(*handle, domain, object), 0u);
+            driver.destroy(*handle, domain, object);
+            ASSERT_EQ(handle->live_blocks(), 0u) << driver.name << " allocation " << nth << "\n"
+                                                 << handle->describe_live_blocks();
+            ASSERT_EQ(loom_tracking_map_count(*handle), 0u) << driver.name << " allocation " << nth;
+            if (!failed) break;
+        }
+    }
+}
+
+TEST_P(without_memory, copying_gives_null_and_12) {
+    for (const record_driver& driver : all_records()) {
+        const auto handle = open();
+        void* object = driver.create(*handle, domain);
+        fill(*handle, driver, object, 7);
+        std::vector<std::byte> workspace = workspace_for(*handle, driver, object);
+        const u64 blocks = handle->live_blocks();
+        const u64 placed = loom_tracking_map_count(*handle);
+        for (u64 nth = 1;; ++nth) {
+            void* copy = nullptr;
+            u32 error = 0;
+            handle->fail_allocation(nth);
+            driver.clone(*handle, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+            const bool failed = handle->allocation_failed();
+            handle->fail_allocation(0);
+            if (!failed) {
+                EXPECT_EQ(error, 0u);
+                EXPECT_EQ(driver.compare(object, copy), 0);
+                driver.destroy(*handle, domain, copy);
+            } else {
+                EXPECT_EQ(error, u32{LOOM_ENOMEM}) << driver.name << " allocation " << nth;
+                EXPECT_EQ(copy, nullptr) << driver.name << " allocation " << nth;
+            }
+            ASSERT_EQ(handle->live_blocks(), blocks) << driver.name << " allocation " << nth;
+            ASSERT_EQ(loom_tracking_map_count(*handle), placed) << driver.name << " allocation " << nth;
+            if (!failed) break;
+        }
+        driver.destroy(*handle, domain, object);
+        ASSERT_EQ(handle->live_blocks(), 0u);
+    }
+}
+
+TEST_P(without_memory, reading_over_an_object_in_use_reports_12) {
+    for (const record_driver& driver : all_records()) {
+        const auto handle = open();
+        void* source = driver.create(*handle, domain);
+        fill(*handle, driver, source, 8);
+        std::vector<std::byte> wire = workspace_for(*handle, driver, source);
+        u32 error = 0;
+        const u32 size = driver.marshal(*handle, domain, wire.data(), source, static_cast<i32>(wire.size()), &error);
+        ASSERT_EQ(error, 0u) << driver.name;
+        const u64 blocks = handle->live_blocks();
+        for (const u32 existing : {0u, 1u}) {
+            for (u64 nth = 1;; ++nth) {
+                void* object = driver.create(*handle, domain);
+                // Over an object of other contents; without `existing` the object is a new one.
+                if (existing != 0) fill(*handle, driver, object, 9);
+                handle->fail_allocation(nth);
+                error = 0;
+                driver.unmarshal(*handle, domain, wire.data(), object, static_cast<i32>(size), existing, &error);
+                const bool failed = handle->allocation_failed();
+                handle->fail_allocation(0);
+                EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << driver.name << " allocation " << nth;
+                if (failed) driver.len(*handle, domain, object);
+                driver.destroy(*handle, domain, object);
+                ASSERT_EQ(handle->live_blocks(), blocks) << driver.name << " allocation " << nth << " existing " << existing;
+                if (!failed) break;
+            }
+        }
+        driver.destroy(*handle, domain, source);
+        ASSERT_EQ(handle->live_blocks(), 0u);
+    }
+}
+
+TEST_P(without_memory, moving_reports_12_and_both_objects_can_be_ended) {
+    for (const record_driver& driver : all_records()) {
+        const auto handle = open();
+        for (u64 nth = 1;; ++nth) {
+            void* from = driver.create(*handle, domain);
+            void* to = driver.create(*handle, domain);
+            fill(*handle, driver, from, 10);
+            fill(*handle, driver, to, 11);
+            u32 error = 0;
+            handle->fail_allocation(nth);
+            driver.set(*handle, domain, to, from, &error);
+            const bool failed = handle->allocation_failed();
+            handle->fail_allocation(0);
+            EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << driver.name << " allocation " << nth;
+            driver.destroy(*handle, domain, from);
+            driver.destroy(*handle, domain, to);
+            ASSERT_EQ(handle->live_blocks(), 0u) << driver.name << " allocation " << nth;
+            if (!failed) break;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(tracking, without_memory, ::testing::Values(LOOM_TRACKING_NONE, LOOM_TRACKING_ON),
+                         [](const auto& info) { return info.param == LOOM_TRACKING_ON ? "tracked" : "untracked"; });
+
+TEST(memory_that_ends, type_information_that_finds_no_room_stops_the_creation) {
+    handle_options options{};
+    options.db_kind = LOOM_DB_PRIVATE_MANIFESTED;
+    u64 last = 0;
+    for (u64 nth = 1;; nth = nth < 6 ? nth + 1 : nth + 37) {
+        test_handle handle(options);
+        handle.fail_allocation(nth);
+        string_key* made = string_key_create(handle, domain);
+        const bool failed = handle.allocation_failed();
+        handle.fail_allocation(0);
+        // Descriptions are made in one go; what comes behind the object's own may be missing still.
+        EXPECT_TRUE(made != nullptr || failed) << nth;
+        if (nth == 1) EXPECT_EQ(made, nullptr);
+        // The same handle makes it good as soon as there is memory.
+        string_key* second = string_key_create(handle, domain);
+        ASSERT_NE(second, nullptr) << nth;
+        EXPECT_EQ(second->loom_tinfo->manifested_kind, u32{LOOM_DB_PRIVATE_MANIFESTED});
+        string_key_destroy(handle, domain, second);
+        string_key_destroy(handle, domain, made);
+        last = nth;
+        if (!failed) break;
+    }
+    EXPECT_GT(last, 223u) << "one allocation for each of the bundle's descriptions";
+}
+
+TEST(memory_that_ends, growth_changes_nothing_and_a_replaced_array_is_empty) {
+    for (const u32 tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        handle_options options{};
+        options.tracking = tracking;
+        test_handle handle(options);
+        auto* rec = rec_child_comp_key_parent_comp_key_create(handle, domain);
+        u32 error = 0;
+        const u32 values[] = {1, 2, 3};
+        rec_child_comp_key_parent_comp_key_uint32_arr_attr_set_mem(handle, domain, rec, values, 3, &error);
+        ASSERT_EQ(error, 0u);
+        const u64 blocks = handle.live_blocks();
+        for (u64 nth = 1;; ++nth) {
+            handle.fail_allocation(nth);
+            rec_child_comp_key_parent_comp_key_uint32_arr_attr_set_value(handle, domain, rec, 3, 4, &error);
+            if (!handle.allocation_failed()) break;
+            EXPECT_EQ(error, u32{LOOM_ENOMEM});
+            error = 0;
+            EXPECT_EQ(handle.live_blocks(), blocks);
+            ASSERT_EQ(rec->uint32_arr_len, 3u);
+            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get_value(handle, domain, rec, 2, &error), 3u);
+        }
+        EXPECT_EQ(error, 0u);
+        EXPECT_EQ(rec->uint32_arr_len, 4u);
+        // Replacing the whole array gives the old block away first.
+        for (u64 nth = 1;; ++nth) {
+            handle.fail_allocation(nth);
+            rec_child_comp_key_parent_comp_key_uint32_arr_attr_set_mem(handle, domain, rec, values, 2, &error);
+            if (!handle.allocation_failed()) break;
+            EXPECT_EQ(error, u32{LOOM_ENOMEM});
+            error = 0;
+            EXPECT_EQ(rec->uint32_arr_len, 0u);
+            EXPECT_EQ(rec->uint32_arr_attr, nullptr);
+            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get(handle, domain, rec, 0, &error), nullptr);
+            EXPECT_EQ(error, u32{LOOM_ENOENT});
+            error = 0;
+        }
+        EXPECT_EQ(rec->uint32_arr_len, 2u);
+        rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle, domain, rec, "text", 4, &error);
+        handle.fail_allocation(1);
+        rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle, domain, rec, "longer", 6, &error);
+        EXPECT_EQ(error, u32{LOOM_ENOMEM});
+        EXPECT_EQ(rec->dynamic_char_arr_len, 0u);
+        EXPECT_EQ(rec->dynamic_char_arr_attr, nullptr);
+        rec_child_comp_key_parent_comp_key_destroy(handle, domain, rec);
+        EXPECT_EQ(handle.live_blocks(), 0u);
+    }
+}
+
+} // namespace
+} // namespace trellis::testing
