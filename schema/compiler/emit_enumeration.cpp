@@ -74,7 +74,7 @@ void emit_public_header(emission& run, const enumeration& type, const type_text&
             "    uint8_t loom_layout_variant;\n    uint8_t loom_flags;\n    int32_t value;\n};\n\n";
     body += "/** User values of " + type.name + ". */\nenum {\n";
     for (const enumeration_member& each : type.members)
-        body += doc_comment(each.doc, "    ") + "    " + type.name + "_" + each.name + " = " +
+        body += doc_comment(each.doc, "    ") + "    " + run.constant_name(type.name + "_" + each.name) + " = " +
                 std::to_string(each.value) + ",\n";
     body += "};\n\nextern loom_type_info _" + type.name + "_type_info_internal;\n\n" + text.prototypes;
     run.public_header(type.name, "Enumeration " + type.name + ".", {}, body);

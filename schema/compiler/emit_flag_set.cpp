@@ -71,7 +71,8 @@ void emit_public_header(emission& run, const flag_set& type, const type_text& te
             std::to_string(slop_of(type)) + "];\n};\n\n/** Bits of " + type.name + ". */\nenum {\n";
     for (std::size_t i = 0; i < type.bits.size(); ++i)
         if (!type.bits[i].name.empty())
-            body += doc_comment(type.bits[i].doc, "    ") + "    " + type.name + "_" + type.bits[i].name + " = " +
+            body += doc_comment(type.bits[i].doc, "    ") + "    " +
+                    run.constant_name(type.name + "_" + type.bits[i].name) + " = " +
                     std::to_string(i) + ",\n";
     body += "    " + type.name + "_bit_count = " + std::to_string(type.bits.size()) + "\n};\n\n";
     body += "extern loom_type_info _" + type.name + "_type_info_internal;\n\n" + text.prototypes;

@@ -68,6 +68,10 @@ unsigned emission::counter(const std::string& name) {
     return found->second;
 }
 
+std::string emission::constant_name(const std::string& name) const {
+    return functions_.contains(name) ? name + "_" : name;
+}
+
 void emission::require_all_emitted() const {
     for (const auto& [name, place] : functions_)
         if (!emitted_.contains(name)) throw std::logic_error("function " + name + " is not emitted");

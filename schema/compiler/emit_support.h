@@ -68,6 +68,8 @@ public:
     /// Place of a function's call counter.
     unsigned counter(const std::string& name);
     unsigned counters() const { return static_cast<unsigned>(functions_.size()); }
+    /// `name` for a constant, with an underscore behind it when a function is called like that.
+    std::string constant_name(const std::string& name) const;
     /// Throws std::logic_error naming the first function of the list that nobody has emitted.
     void require_all_emitted() const;
 
