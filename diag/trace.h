@@ -125,16 +125,16 @@ consteval u32 first_slot_of(table_trait trait) {
     if (trait == table_trait::any) return 0;
     const u32 any = entries_of(table_statements, kind_set(table_trait::any));
     if (trait == table_trait::key_object) {
-        if (!Model::has_key_object) throw "the table has no key object";
+        if (!Model::has_key_object) the_statement_does_not_apply_here();
         return any;
     }
-    if (!Model::ordered) throw "the table is not ordered";
+    if (!Model::ordered) the_statement_does_not_apply_here();
     return any + (Model::has_key_object ? entries_of(table_statements, kind_set(table_trait::key_object)) : 0);
 }
 template <class Model>
 consteval u32 first_slot_of(message_trait trait) {
     if (trait == message_trait::any) return 0;
-    if (!Model::has_payload) throw "the message has no payload";
+    if (!Model::has_payload) the_statement_does_not_apply_here();
     return entries_of(message_statements, kind_set(message_trait::any));
 }
 
