@@ -39,19 +39,21 @@ schema_model::attribute read_attribute(const json& from) {
     return result;
 }
 
-fs::path beside_library(const std::string& module) {
-    const fs::path library = bundles::library_path(module);
-    const fs::path path = library.parent_path() / (module + ".json");
-    if (!fs::is_regular_file(path))
-        throw failure("there is no schema model of " + module + " at " + path.string(),
-                      "make one with 'trellisc json', and name it with --schema");
-    return path;
+/// The model that was built with the bundle: beside its library, or among the shared data of an installation.
+fs::path model_of(const std::string& module) {
+    const fs::path directory = fs::path(bundles::library_path(module)).parent_path();
+    for (const char* relative : {".", "../share/trellis", "../../share/trellis"}) {
+        const fs::path path = directory / relative / (module + ".json");
+        if (fs::is_regular_file(path)) return path;
+    }
+    throw failure("there is no schema model " + module + ".json beside the bundle in " + directory.string(),
+                  "make one with 'trellisc json', and name it with --schema");
 }
 
 } // namespace
 
 schema_model schema_model::load(const std::optional<std::string>& file, const std::string& module) {
-    const fs::path path = file ? fs::path(*file) : beside_library(module);
+    const fs::path path = file ? fs::path(*file) : model_of(module);
     std::ifstream stream(path);
     if (!stream) throw failure(path.string() + ": cannot be read", "make the file with 'trellisc json'");
     schema_model model;
