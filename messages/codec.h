@@ -1,5 +1,5 @@
-// The forms of a message outside memory: binary in the frame of wire_frame.h, text, and XML. An open message bundle
-// is asked before anything is written, and counts what was. Receiving stands in dispatch.h.
+// The forms of a message outside memory: binary in the frame of wire_frame.h, text, and XML. An open message
+// bundle is asked before anything is written, and counts what was. Receiving stands in dispatch.h.
 #pragma once
 
 #include "messages/lifecycle.h"
@@ -16,7 +16,8 @@ template <class M>
 u32 len(loom_handle* handle, u32 domain, const object_of<M>* message) {
     if constexpr (has_payload<M>)
         return wire::frame_size + M::payload::len(handle, domain, payload_in<M>(message));
-    else return static_cast<void>(handle), static_cast<void>(domain), static_cast<void>(message), wire::frame_size;
+    else
+        return static_cast<void>(handle), static_cast<void>(domain), static_cast<void>(message), wire::frame_size;
 }
 
 template <class M>
@@ -53,7 +54,8 @@ template <class M>
 inline void say_failed(const call& c) {
     if (loomlib_suppress_messages_enabled(c.handle) != 0)
         say<M, says::marshal_internal_failed_suppressed>(text(M::display_name), error_text(*c.error));
-    else say<M, says::marshal_internal_failed>(text(M::display_name), error_text(*c.error));
+    else
+        say<M, says::marshal_internal_failed>(text(M::display_name), error_text(*c.error));
 }
 
 /// Counts the message in an open bundle. False when the bundle does not hold it.
@@ -99,8 +101,8 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, object_of<M>* message
 
 template <class M>
 i32 marshal_cr(loom_handle* handle, object_of<M>* message, void* buffer, i32 length) {
-    return chain_length(handle, marshal_internal<M>(handle, handle->cr_domain, buffer, message, length,
-                                                    &handle->last_error));
+    return chain_length(
+        handle, marshal_internal<M>(handle, handle->cr_domain, buffer, message, length, &handle->last_error));
 }
 
 template <class M>
@@ -145,7 +147,8 @@ i32 print(loom_handle* handle, u32 domain, char* buffer, const object_of<M>* mes
     cursor at(buffer, length);
     at.advance(loom_print_space(handle, domain, at.text(), 0, at.room(), err));
     at.advance(loom_snprintf(handle, domain, at.text(), at.room(), err, "message@%s: {\n", M::display_name));
-    if (c.pending()) c.fail(LOOM_EMSGSIZE);
+    if (c.pending())
+        c.fail(LOOM_EMSGSIZE);
     else if constexpr (has_payload<M>)
         at.advance(M::payload::print(handle, domain, at.text(), 2, M::payload::name, payload_in<M>(message),
                                      at.room(), err));
@@ -190,8 +193,8 @@ i32 toxml_cr(loom_handle* handle, const object_of<M>* message, char* buffer, i32
 }
 
 template <class M>
-object_of<M>* from_xml(loom_handle* handle, u32 domain, const loom_xml_document* document, u32* err, char* complaint,
-                       u32 complaint_length) {
+object_of<M>* from_xml(loom_handle* handle, u32 domain, const loom_xml_document* document, u32* err,
+                       char* complaint, u32 complaint_length) {
     const call c{handle, domain, err};
     if (c.pending()) {
         say<M, says::from_xml_error_pending>(error_text(*err));

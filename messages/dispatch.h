@@ -1,5 +1,5 @@
-// Receiving a message: decode it, record it while the runtime's recorder is on, and hand it to a callback or to the
-// application's handler. A failed recording never stops the dispatch; a missing handler is an error.
+// Receiving a message: decode it, record it while the runtime's recorder is on, and hand it to a callback or to
+// the application's handler. A failed recording never stops the dispatch; a missing handler is an error.
 #pragma once
 
 #include "messages/codec.h"

@@ -1,6 +1,7 @@
-// Action messages: requests that one process sends another. A small object with a header and, as a rule, one payload
-// record; receiving one means decoding it and calling a handler. What is inside the payload stands in codec/; which
-// messages a bundle takes and what starts the recorder belongs to the runtime. Called by the generated exports.
+// Action messages: requests that one process sends another. A small object with a header and, as a rule, one
+// payload record; receiving one means decoding it and calling a handler. What is inside the payload stands in
+// codec/; which messages a bundle takes and what starts the recorder belongs to the runtime. Called by the
+// generated exports.
 //
 // A generated model reads:
 //
@@ -16,7 +17,8 @@
 //         static const u8* luid();
 //         static loom_type_info* type_info();
 //         static constexpr auto unmarshal_only = &::..._action_message_unmarshal_only; // counted
-//         static constexpr auto handler = &::<bundle>_..._action_message_handler;      // weak, tested at each call
+//         static constexpr auto handler = &::<bundle>_..._action_message_handler;      // weak, tested at each
+//         call
 //     };
 //
 // A message belongs to one thread. No lock is taken and no store is announced.

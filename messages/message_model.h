@@ -89,8 +89,10 @@ inline loom_variant_entry* statistics_of(const loom_type_info* tinfo) {
 /// Adds one: plainly on a manifested record, atomically on a static one, which threads share.
 inline void announce_and_count(const call& c, const loom_type_info* tinfo, u64* counter) {
     c.handle->counter_hook(c.handle->alloc_ctx, counter, 1, c.domain);
-    if (tinfo->manifested_kind != 0) ++*counter;
-    else __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
+    if (tinfo->manifested_kind != 0)
+        ++*counter;
+    else
+        __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
 }
 
 } // namespace trellis::message

@@ -1,5 +1,5 @@
-// The frame that table records and action messages travel in, the cursor that writes it, and the path of an element.
-// The header's own bytes belong to the runtime.
+// The frame that table records and action messages travel in, the cursor that writes it, and the path of an
+// element. The header's own bytes belong to the runtime.
 //
 //     | header 27 | luid 16 | content |
 //
@@ -19,7 +19,7 @@ constexpr u32 frame_size = LOOM_MESSAGE_HEADER_WIRE_SIZE + LOOM_LUID_SIZE;
 
 /// A position in a buffer of limited room.
 class cursor {
-public:
+  public:
     cursor(void* buffer, i32 length) : start_(static_cast<unsigned char*>(buffer)), length_(length) {}
 
     void* here() const { return start_ + position_; }
@@ -29,7 +29,7 @@ public:
     void advance(u32 bytes) { position_ += bytes; }
     void advance(i32 characters) { position_ += static_cast<u32>(characters); }
 
-private:
+  private:
     unsigned char* start_;
     i32 length_;
     u32 position_ = 0;
@@ -73,7 +73,8 @@ struct element_path_text {
     char text[sizeof Facade::name + 2]{};
     constexpr element_path_text() {
         text[0] = text[1] = '/';
-        for (std::size_t i = 0; i < sizeof Facade::name; ++i) text[i + 2] = Facade::name[i];
+        for (std::size_t i = 0; i < sizeof Facade::name; ++i)
+            text[i + 2] = Facade::name[i];
     }
 };
 template <class Facade>

@@ -1,5 +1,5 @@
-// From the runtime's events to an application's handlers. Handlers are weak symbols; a missing one is success with a
-// trace. Nothing is cached and no argument is looked at.
+// From the runtime's events to an application's handlers. Handlers are weak symbols; a missing one is success with
+// a trace. Nothing is cached and no argument is looked at.
 #pragma once
 
 #include "tables/table_model.h"
@@ -62,8 +62,8 @@ template <class T>
 void table_record_grouping_cb(loom_handle* handle, u32 domain, u64 a, u32* err, u64 b, u64 c_value, u32 d, u64 e) {
     const call c{handle, domain, err};
     if (!c.pending())
-        notify<T, says::table_record_grouping_cb_called>(c, T::grouping_handler, handle, domain, a, err, b, c_value,
-                                                         d, e);
+        notify<T, says::table_record_grouping_cb_called>(c, T::grouping_handler, handle, domain, a, err, b,
+                                                         c_value, d, e);
 }
 
 template <class T>

@@ -1,5 +1,5 @@
-// The end of a table. Closing one is nothing, since opening takes no reference; a private table is freed at once, a
-// shared one leaves the table of contents and is ended by the garbage collector. Records are not looked at.
+// The end of a table. Closing one is nothing, since opening takes no reference; a private table is freed at once,
+// a shared one leaves the table of contents and is ended by the garbage collector. Records are not looked at.
 #pragma once
 
 #include "tables/open.h"
@@ -15,8 +15,10 @@ template <class T>
 u32 table_close_cr(loom_handle* handle, loom_table* table, u32 how) {
     const call c = chain_call(handle);
     c.enter();
-    if (how == 1) T::table_free(handle, c.domain, table, c.error);
-    else if (how == 2) T::request_table_free(handle, c.domain, table, c.error);
+    if (how == 1)
+        T::table_free(handle, c.domain, table, c.error);
+    else if (how == 2)
+        T::request_table_free(handle, c.domain, table, c.error);
     return handle->last_error;
 }
 
@@ -78,7 +80,8 @@ inline void unlink_from_list(const call& c, loom_table_list* list, loom_table* t
     constexpr says refused = says::table_free_arena_refused;
     if (table->toc_next != nullptr)
         store_link<T, refused, 0, loom_table**>(c, &table->toc_next->toc_prev, table->toc_prev, table->toc_next);
-    else store_link<T, refused, 1, loom_table**>(c, &list->last, table->toc_prev, list);
+    else
+        store_link<T, refused, 1, loom_table**>(c, &list->last, table->toc_prev, list);
     store_link<T, refused, 2, loom_table*>(c, table->toc_prev, table->toc_next, list);
 }
 

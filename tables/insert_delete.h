@@ -9,8 +9,7 @@ namespace trellis::table {
 /// Enters or removes a record in the counters of its tenant; the default tenant has none.
 inline void count_for_tenant(const call& c, loom_table* table, const loom_table_record& head, u32 up) {
     const u16 tenant = current_tenant();
-    if (tenant != 0)
-        loomdb_update_tenant_counter(c.handle, c.domain, table, up, tenant, head.src, c.error);
+    if (tenant != 0) loomdb_update_tenant_counter(c.handle, c.domain, table, up, tenant, head.src, c.error);
 }
 
 inline void count_inserted(const call& c, loom_table* table, const loom_table_record& head) {
@@ -37,7 +36,8 @@ inline void count_deleted(const call& c, loom_table* table, const loom_table_rec
 }
 
 template <class T>
-void insert_internal(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32 pkey, u32* err) {
+void insert_internal(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32 pkey,
+                     u32* err) {
     const call c{handle, domain, err};
     if (record == nullptr) {
         c.fail(LOOM_EEXIST);
@@ -86,7 +86,8 @@ inline void set_pkey_mark(const call& c, loom_table_record& head) {
 }
 
 template <class T>
-void delete_internal(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32 pkey, u32* err) {
+void delete_internal(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32 pkey,
+                     u32* err) {
     const call c{handle, domain, err};
     if (!enter_delete<T, says::delete_internal_replicated>(c, table)) return;
     loom_table_record& head = record->loom_record;

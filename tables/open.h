@@ -27,21 +27,28 @@ inline bool format_path(const call& c, path_text& path, const char* format, Argu
 }
 
 /// The process's shortcut to a table type's block of ids. A process can serve several arenas in turn, so that it
-/// counts only while the pointer lies in the handle's arena. Threads that race here store the same value.
+/// counts only while the pointer lies in the handle's arena. No lock guards it: each thread uses what it has
+/// proved.
 template <class T>
-struct id_root_cache {
-    static inline loom_table_id_root* root = nullptr;
+class id_root_cache {
+  public:
+    static loom_table_id_root* get() { return __atomic_load_n(&root_, __ATOMIC_RELAXED); }
+    static void set(loom_table_id_root* root) { __atomic_store_n(&root_, root, __ATOMIC_RELAXED); }
+
+  private:
+    static inline loom_table_id_root* root_ = nullptr;
 };
 
 /// Finds the block of ids: null when the arena has none, or with an error when its key is too long.
 template <class T>
 inline loom_table_id_root* find_id_root(const call& c, path_text& key) {
-    loom_table_id_root*& cached = id_root_cache<T>::root;
+    loom_table_id_root* root = id_root_cache<T>::get();
     void* arena = c.handle->alloc_ctx;
-    if (cached != nullptr && arbor_in_range(arena, cached) != 0) return cached;
+    if (root != nullptr && arbor_in_range(arena, root) != 0) return root;
     if (!format_path(c, key, "__loom_TBI__%s", T::luid_text())) return nullptr;
-    cached = static_cast<loom_table_id_root*>(arbor_get_key(arena, key.text));
-    return cached;
+    root = static_cast<loom_table_id_root*>(arbor_get_key(arena, key.text));
+    id_root_cache<T>::set(root);
+    return root;
 }
 
 /// Makes the block of ids. It outlives every domain.
@@ -54,14 +61,13 @@ inline loom_table_id_root* make_id_root(const call& c, const path_text& key) {
         return nullptr;
     }
     memset(block, 0, sizeof(loom_table_id_root));
-    loom_table_id_root*& cached = id_root_cache<T>::root;
-    cached = static_cast<loom_table_id_root*>(block);
-    if (arbor_set_key(handle->alloc_ctx, key.text, block) == 0) {
-        say<T, says::table_open_internal_id_root_key_refused>();
-        handle->free(handle->alloc_ctx, LOOM_DOMAIN_NONE, block);
-        cached = nullptr;
-    }
-    return cached;
+    auto* root = static_cast<loom_table_id_root*>(block);
+    id_root_cache<T>::set(root);
+    if (arbor_set_key(handle->alloc_ctx, key.text, block) != 0) return root;
+    say<T, says::table_open_internal_id_root_key_refused>();
+    handle->free(handle->alloc_ctx, LOOM_DOMAIN_NONE, block);
+    id_root_cache<T>::set(nullptr);
+    return nullptr;
 }
 
 /// A name with a slash is a path, cut where it is too long; any other name gets the luid behind it, so that one
@@ -214,8 +220,10 @@ loom_table* table_open_internal(loom_handle* handle, u32 domain, const char* nam
 
     loom_table* table = make_table<T>(c, mode, dynamic);
     if (table == nullptr) return nullptr;
-    if (mode == open_mode::by_name) memcpy(table->table_name, path.text, path_size);
-    else take_id(c, table, root, id);
+    if (mode == open_mode::by_name)
+        memcpy(table->table_name, path.text, path_size);
+    else
+        take_id(c, table, root, id);
     append_to_list<T>(c, list, table);
     return register_table<T>(c, table, ior, dynamic);
 }

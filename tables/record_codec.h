@@ -1,5 +1,5 @@
-// The forms of a table record outside memory: binary with its 43-byte frame, text, and XML, and the forms of its key
-// alone. What lies inside payload and key belongs to codec/.
+// The forms of a table record outside memory: binary with its 43-byte frame, text, and XML, and the forms of its
+// key alone. What lies inside payload and key belongs to codec/.
 //
 //     | header 27 | luid 16 | payload | key object |
 //
@@ -39,9 +39,9 @@ u32 table_record_marshal_internal(loom_handle* handle, u32 domain, void* buffer,
     c.clear_last_error();
     const loom_type_info* tinfo = T::type_info();
     if (loom_domain_lookup_table_ok(handle, &handle->domain_state, tinfo, err) == 0) {
-        say<T, says::table_record_marshal_internal_unknown_to_peer>(
-            static_cast<const char*>(T::name), static_cast<const char*>(tinfo->luid_text),
-            static_cast<const char*>(handle->domain_text));
+        say<T, says::table_record_marshal_internal_unknown_to_peer>(static_cast<const char*>(T::name),
+                                                                    static_cast<const char*>(tinfo->luid_text),
+                                                                    static_cast<const char*>(handle->domain_text));
         c.fail_epoch(LOOM_EBADE);
         return 0;
     }
@@ -81,8 +81,8 @@ u32 table_record_marshal(loom_handle* handle, u32 domain, void* buffer, const re
 
 template <class T>
 i32 record_marshal_cr(loom_handle* handle, const record_of<T>* record, void* buffer, i32 length) {
-    const u32 written = T::table_record_marshal_internal(handle, handle->cr_domain, buffer, record, length,
-                                                         &handle->last_error);
+    const u32 written =
+        T::table_record_marshal_internal(handle, handle->cr_domain, buffer, record, length, &handle->last_error);
     return chain_length(handle, written);
 }
 
@@ -154,8 +154,10 @@ u32 table_pkey_marshal(loom_handle* handle, u32 domain, void* buffer, const reco
 /// The key inside a key object.
 template <class T>
 inline key_cell<T>* key_cell_in(key_object<T>* object) {
-    if constexpr (has_key_attribute<T>) return &(object->*T::key::member);
-    else return object;
+    if constexpr (has_key_attribute<T>)
+        return &(object->*T::key::member);
+    else
+        return object;
 }
 
 template <class T>
@@ -209,8 +211,10 @@ i32 pkey_print(loom_handle* handle, u32 domain, loom_table* table, const record_
 template <class Facade, class Value>
 inline void print_field(const call& c, cursor& at, const Value* value) {
     if (c.pending()) return;
-    if (at.room() < static_cast<i32>(Facade::len(c.handle, c.domain, value))) c.fail(LOOM_EMSGSIZE);
-    else at.advance(Facade::print(c.handle, c.domain, at.text(), 2, Facade::name, value, at.room(), c.error));
+    if (at.room() < static_cast<i32>(Facade::len(c.handle, c.domain, value)))
+        c.fail(LOOM_EMSGSIZE);
+    else
+        at.advance(Facade::print(c.handle, c.domain, at.text(), 2, Facade::name, value, at.room(), c.error));
 }
 
 template <class T>
@@ -236,8 +240,8 @@ i32 table_record_print(loom_handle* handle, u32 domain, char* buffer, const reco
 template <class T>
 i32 record_print_cr(loom_handle* handle, const record_of<T>* record, char* buffer, i32 length) {
     if (handle->last_error != 0) return -1;
-    const i32 written = T::table_record_print_internal(handle, handle->cr_domain, buffer, record, length,
-                                                       &handle->last_error);
+    const i32 written =
+        T::table_record_print_internal(handle, handle->cr_domain, buffer, record, length, &handle->last_error);
     return handle->last_error != 0 ? -1 : written;
 }
 
@@ -250,8 +254,8 @@ u32 table_record_to_xml_internal(loom_handle* handle, u32 domain, char* buffer, 
     cursor at(buffer, length);
     at.advance(start_tag(handle, domain, at.text(), T::name, at.room(), 0, err));
     if (!c.pending())
-        at.advance(T::payload::to_xml(handle, domain, T::payload::name, at.text(), payload_in<T>(record), at.room(),
-                                      0, err));
+        at.advance(T::payload::to_xml(handle, domain, T::payload::name, at.text(), payload_in<T>(record),
+                                      at.room(), 0, err));
     if constexpr (has_key_object<T>) {
         using key = typename T::key::type;
         if (!c.pending())
@@ -266,14 +270,15 @@ u32 table_record_to_xml(loom_handle* handle, u32 domain, char* buffer, const rec
                         u32* err) {
     if constexpr (has_key_object<T>)
         return T::table_record_to_xml_internal(handle, domain, buffer, record, length, err);
-    else return table_record_to_xml_internal<T>(handle, domain, buffer, record, length, err);
+    else
+        return table_record_to_xml_internal<T>(handle, domain, buffer, record, length, err);
 }
 
 template <class T>
 i32 record_toxml_cr(loom_handle* handle, const record_of<T>* record, char* buffer, i32 length) {
     if (handle->last_error != 0) return -1;
-    return chain_length(handle, table_record_to_xml<T>(handle, handle->cr_domain, buffer, record, length,
-                                                       &handle->last_error));
+    return chain_length(
+        handle, table_record_to_xml<T>(handle, handle->cr_domain, buffer, record, length, &handle->last_error));
 }
 
 /// Makes one field and reads it from the first element of its type's name. False with error 12 without memory.

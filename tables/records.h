@@ -175,10 +175,9 @@ void destroy_record_internal(loom_handle* handle, u32 domain, record_of<T>* reco
     if constexpr (has_key_object<T>) T::key::type::destroy(handle, domain, record->*T::key_field);
 
     const loom_type_info* tinfo = head.loom_tinfo;
-    loom_variant_entry* statistics =
-        statistics_of<T, says::destroy_record_internal_corrupted_tinfo,
-                      says::destroy_record_internal_no_variant_table,
-                      says::destroy_record_internal_variant_beyond_table>(tinfo);
+    loom_variant_entry* statistics = statistics_of<T, says::destroy_record_internal_corrupted_tinfo,
+                                                   says::destroy_record_internal_no_variant_table,
+                                                   says::destroy_record_internal_variant_beyond_table>(tinfo);
     announce_and_count(c, tinfo, &statistics->objects_destroyed);
     *err = 0;
     if (!release_bookkeeping<T>(c, record)) return;
@@ -273,8 +272,8 @@ payload_of<T>* payload_get_field_detach(loom_handle* handle, u32 domain, record_
 }
 template <class T>
 void payload_set_field(loom_handle* handle, u32 domain, record_of<T>* record, payload_of<T>* value) {
-    set_field<T, typename T::payload, says::payload_set_field_value_refused>(unchecked_call(handle, domain), record,
-                                                                             T::payload_field, value);
+    set_field<T, typename T::payload, says::payload_set_field_value_refused>(unchecked_call(handle, domain),
+                                                                             record, T::payload_field, value);
 }
 template <class T>
 void payload_free_and_set_field(loom_handle* handle, u32 domain, record_of<T>* record, payload_of<T>* value) {

@@ -1,8 +1,10 @@
-// The order of a table's tree and the search by key. The search record lies on the stack and never enters the tree;
-// nothing is allocated. Walking on from a record stands in walk.h.
+// The order of a table's tree and the search by key. The search record lies on the stack and never enters the
+// tree; nothing is allocated. Walking on from a record stands in walk.h.
 #pragma once
 
 #include "tables/table_model.h"
+
+#include <type_traits>
 
 namespace trellis::table {
 
@@ -61,19 +63,22 @@ inline record_of<T>* hand_out_nothing(const call& c, loom_table* table) {
 /// read, and only the key is set.
 template <class T>
 class search_record {
-public:
+  public:
     search_record(u16 tenant, u8 src, const key_value<T>* key) {
         record_.loom_record.tenant_id = tenant;
         record_.loom_record.src = src;
-        if constexpr (has_key_object<T>) record_.*T::key_field = const_cast<key_value<T>*>(key);
-        else if constexpr (has_key_attribute<T>) place(*key);
-        else record_.*T::payload_field = const_cast<key_value<T>*>(key);
+        if constexpr (has_key_object<T>)
+            record_.*T::key_field = const_cast<key_value<T>*>(key);
+        else if constexpr (has_key_attribute<T>)
+            place(*key);
+        else
+            record_.*T::payload_field = const_cast<key_value<T>*>(key);
     }
 
     record_of<T>* get() { return &record_; }
     e_avl_node* node() { return &record_.loom_record.avl_node; }
 
-private:
+  private:
     struct no_room {};
     union payload_room {
         payload_room() {} // left as it is: see above
@@ -95,7 +100,8 @@ private:
     static i32 user_value(i32 value) {
         if constexpr (T::key::type::category == value_category::enumeration)
             return T::key::type::map_to_user_value(value);
-        else return value;
+        else
+            return value;
     }
 
     record_of<T> record_{};
@@ -124,11 +130,10 @@ record_of<T>* keyed_search_internal(loom_handle* handle, u32 domain, loom_table*
 
     const u32 match_src = walk_src != 0 ? 1 : 0;
     const u32 same_key = strict != 0 && nearest == 0 ? 1 : 0;
-    record_of<T>* next =
-        forward != 0
-            ? T::get_next_internal(handle, domain, table, wanted.get(), walk_src, match_src, skip_pending, same_key, err)
-            : T::get_prev_internal(handle, domain, table, wanted.get(), walk_src, match_src, skip_pending, same_key,
-                                   err);
+    record_of<T>* next = forward != 0 ? T::get_next_internal(handle, domain, table, wanted.get(), walk_src,
+                                                             match_src, skip_pending, same_key, err)
+                                      : T::get_prev_internal(handle, domain, table, wanted.get(), walk_src,
+                                                             match_src, skip_pending, same_key, err);
     // The walker has handed it out already; a second time belongs to the search.
     return next == nullptr ? hand_out_nothing<T>(c, table) : hand_out<T>(c, table, next);
 }
@@ -167,9 +172,9 @@ record_of<T>* keyed_search_cr(loom_handle* handle, loom_table* table, const key_
     const u32 strict = (flags & search_strict) != 0 ? 1 : 0;
     u8 src = static_cast<u8>(src_word);
     if (src == 0 && strict == 0) src = default_source;
-    record_of<T>* found = T::search_internal(handle, handle->cr_domain, table, key, flags & search_nearest, 1, src,
-                                             src, (flags & search_with_pending) != 0 ? 0 : 1, strict,
-                                             &handle->last_error);
+    record_of<T>* found =
+        T::search_internal(handle, handle->cr_domain, table, key, flags & search_nearest, 1, src, src,
+                           (flags & search_with_pending) != 0 ? 0 : 1, strict, &handle->last_error);
     return handle->last_error == 0 ? found : nullptr;
 }
 

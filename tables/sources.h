@@ -18,7 +18,8 @@ record_of<T>* keyed_get_sub_next(loom_handle* handle, u32 domain, loom_table* ta
 }
 
 template <class T>
-record_of<T>* keyed_get_shadow(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32* err) {
+record_of<T>* keyed_get_shadow(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record,
+                               u32* err) {
     while (record != nullptr && record->loom_record.src != shadow_source)
         record = T::get_sub_next(handle, domain, table, record, err);
     return record;

@@ -27,7 +27,8 @@
 //
 //         // Weak: null while no loaded object defines it. Tested at each call.
 //         static constexpr auto create_handler = &::<bundle>_tbl_top_level_sing_table_record_create_handler;
-//         ...                                                  // modify, delete, create_dm, delete_dm, grouping, free
+//         ...                                                  // modify, delete, create_dm, delete_dm, grouping,
+//         free
 //     };
 //
 // A table with a key object has `key = object_key<types::comp_key>` and `key_field = &record::comp_key`; a table

@@ -109,8 +109,10 @@ inline const key_value<T>* key_in_object(const key_object<T>* object) {
         return object;
     } else {
         if (object == nullptr) return nullptr;
-        if constexpr (is_any_enumeration(T::key::type::category)) return &(object->*T::key::member).value;
-        else return &(object->*T::key::member);
+        if constexpr (is_any_enumeration(T::key::type::category))
+            return &(object->*T::key::member).value;
+        else
+            return &(object->*T::key::member);
     }
 }
 
@@ -239,8 +241,10 @@ inline loom_variant_entry* statistics_of(const loom_type_info* tinfo) {
 
 /// Adds one: plainly on a manifested record, atomically on a static one, which threads share.
 inline void count_one(const loom_type_info* tinfo, u64* counter) {
-    if (tinfo->manifested_kind != 0) ++*counter;
-    else __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
+    if (tinfo->manifested_kind != 0)
+        ++*counter;
+    else
+        __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
 }
 inline void announce_and_count(const call& c, const loom_type_info* tinfo, u64* counter) {
     c.handle->counter_hook(c.handle->alloc_ctx, counter, 1, c.domain);

@@ -100,7 +100,8 @@ inline record_of<T>* walk_from_end(const call& c, loom_table* table, const filte
         if (wanted.match_src) return src == wanted.src;
         return wanted.src != 0 || src < shadow_source;
     };
-    e_avl_node* end = Way == direction::forward ? e_avl_get_first(table->avl_root) : e_avl_get_last(table->avl_root);
+    e_avl_node* end =
+        Way == direction::forward ? e_avl_get_first(table->avl_root) : e_avl_get_last(table->avl_root);
     record_of<T>* each = record_of_node<T>(end);
     while (each != nullptr && (on_this_side(each->loom_record) || wanted.pending_refused(each->loom_record) ||
                                !source_accepted(each->loom_record.src)))
@@ -264,8 +265,10 @@ void keyed_walk(loom_table* table, visitor<T> callback, void* user, u32* err) {
 
 template <class T>
 void record_walk_cr(loom_handle* handle, loom_table* table, u32 key_index, visitor<T> callback, void* user) {
-    if (key_index != 0) say<T, says::record_walk_cr_unknown_key>(key_index);
-    else if (handle->last_error == 0) walk_all<T>(table, callback, user);
+    if (key_index != 0)
+        say<T, says::record_walk_cr_unknown_key>(key_index);
+    else if (handle->last_error == 0)
+        walk_all<T>(table, callback, user);
 }
 
 template <class T>

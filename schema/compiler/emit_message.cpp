@@ -26,7 +26,8 @@ void emit_public_header(emission& run, const message& type, const type_text& tex
     const std::string constants = "message_action_" + type.name;
     std::vector<std::string> includes;
     std::string body = doc_comment(type.doc);
-    body += "struct " + object + " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
+    body += "struct " + object +
+            " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
             "    uint8_t loom_layout_variant;\n    uint8_t loom_flags;\n    loom_message_header msg_header;\n";
     if (type.payload != nullptr) {
         body += "    struct " + type.payload->name + "* " + type.payload->name + ";\n";
@@ -58,8 +59,8 @@ void emit_model(emission& run, const message& type) {
     if (type.payload == nullptr) {
         text += "    using payload = void;\n";
     } else {
-        text += "    using payload = types::" + type.payload->name + ";\n" + constant + "auto payload_field = &object::" +
-                type.payload->name + ";\n";
+        text += "    using payload = types::" + type.payload->name + ";\n" + constant +
+                "auto payload_field = &object::" + type.payload->name + ";\n";
     }
     text += constant + "char display_name[] = \"" + type.name + "_action\";\n";
     text += constant + "int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
@@ -90,9 +91,10 @@ type_text emit_message(emission& run, const message& type) {
     const substitutions with = placeholders(type);
     for (const message_operation& each : operations_of_messages()) {
         if (!has_operation(type, each)) continue;
-        run.add(text, {substitute(each.name, with), substitute(each.result, with), substitute(each.parameters, with),
-                       std::string("message::") + each.worker + "<messages::" + type.name + ">",
-                       substitute(each.doc, with)});
+        run.add(text,
+                {substitute(each.name, with), substitute(each.result, with), substitute(each.parameters, with),
+                 std::string("message::") + each.worker + "<messages::" + type.name + ">",
+                 substitute(each.doc, with)});
     }
     emit_public_header(run, type, text);
     emit_model(run, type);

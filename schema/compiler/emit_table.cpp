@@ -1,5 +1,5 @@
-// Tables: the C struct of the table record with its prototypes, the model, and one line per exported function. What
-// the functions do stands in tables/.
+// Tables: the C struct of the table record with its prototypes, the model, and one line per exported function.
+// What the functions do stands in tables/.
 #include "schema/compiler/emit_families.h"
 #include "schema/compiler/emit_table_operations.h"
 
@@ -72,7 +72,8 @@ const attribute* attribute_of(const record& type, const std::string& name) {
 
 const attribute& key_attribute(const table& type) {
     const attribute* found = attribute_of(*type.payload, type.key_attribute);
-    if (found == nullptr) throw std::logic_error("table " + type.name + " has no key attribute " + type.key_attribute);
+    if (found == nullptr)
+        throw std::logic_error("table " + type.name + " has no key attribute " + type.key_attribute);
     return *found;
 }
 
@@ -112,13 +113,14 @@ void emit_public_header(emission& run, const table& type, const type_text& text)
     std::string body = doc_comment(type.doc) + record_struct(type);
     body += "/** Shown every record by the walks; non-zero ends the walk. */\ntypedef int32_t (*" + type.name +
             "_record_visitor)(struct " + type.name + "_table_record* record, void* user);\n\n";
-    body += "extern loom_type_info _" + type.name + "_table_type_info_internal;\nextern loom_type_info _" + type.name +
-            "_table_record_type_info_internal;\n\n";
+    body += "extern loom_type_info _" + type.name + "_table_type_info_internal;\nextern loom_type_info _" +
+            type.name + "_table_record_type_info_internal;\n\n";
     body += text.prototypes + "\n/* Handlers that an application may define. */\n";
     for (const event& each : events)
         body += "void " + handler_name(run, type, each) + "(" + each.parameters + ");\n";
     std::vector<std::string> includes = {"<" + run.source.name + "/" + type.payload->name + ".h>"};
-    if (type.key == key_form::object) includes.push_back("<" + run.source.name + "/" + type.key_record->name + ".h>");
+    if (type.key == key_form::object)
+        includes.push_back("<" + run.source.name + "/" + type.key_record->name + ".h>");
     run.public_header(type.name, "Table " + type.name + ".", includes, body);
 }
 
@@ -126,7 +128,8 @@ void emit_public_header(emission& run, const table& type, const type_text& text)
 
 std::string key_type(const table& type) {
     if (type.key == key_form::object) return "trellis::table::object_key<types::" + type.key_record->name + ">";
-    if (type.key == key_form::whole_payload) return "trellis::table::payload_key<types::" + type.payload->name + ">";
+    if (type.key == key_form::whole_payload)
+        return "trellis::table::payload_key<types::" + type.payload->name + ">";
     return "trellis::table::attribute_key<" + facade(key_attribute(type).type) + ", &::" + type.payload->name +
            "::" + type.key_attribute + ">";
 }
@@ -153,14 +156,17 @@ std::string weak_handlers(const emission& run, const table& type) {
 std::string model_members(const emission& run, const table& type) {
     const std::string constant = "    static constexpr ";
     std::string text = "    using bundle = bundle_" + run.source.name + "::bundle;\n";
-    text += "    using record = ::" + type.name + "_table_record;\n    using payload = types::" + type.payload->name +
-            ";\n";
+    text += "    using record = ::" + type.name +
+            "_table_record;\n    using payload = types::" + type.payload->name + ";\n";
     text += constant + "auto payload_field = &record::" + type.payload->name + ";\n";
     text += "    using key = " + key_type(type) + ";\n";
-    if (type.key == key_form::object) text += constant + "auto key_field = &record::" + type.key_record->name + ";\n";
-    text += constant + "char key_label[] = \"" + (type.key == key_form::attribute ? type.key_attribute : "") + "\";\n";
+    if (type.key == key_form::object)
+        text += constant + "auto key_field = &record::" + type.key_record->name + ";\n";
+    text +=
+        constant + "char key_label[] = \"" + (type.key == key_form::attribute ? type.key_attribute : "") + "\";\n";
     text += constant + "bool ordered = " + (type.ordered ? "true" : "false") + ";\n";
-    if (type.ordered) text += constant + "auto sequence = &::" + type.payload->name + "::reorder_seq_compact_no;\n";
+    if (type.ordered)
+        text += constant + "auto sequence = &::" + type.payload->name + "::reorder_seq_compact_no;\n";
     text += constant + "char name[] = \"" + type.name + "\";\n";
     text += constant + "int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
     text += constant + "u32 trace_base = " + std::to_string(type.trace_base) + ";\n";
@@ -176,21 +182,25 @@ void emit_model(emission& run, const table& type) {
     const substitutions with = placeholders(type);
     std::string text = generated_notice(run.source, "Key, record and workers of " + type.name + ".");
     text += "#pragma once\n\n#include \"bundle.h\"\n#include \"tables/table.h\"\n";
-    for (const std::string& each : facades_of(type)) text += "#include \"types/" + each + ".h\"\n";
+    for (const std::string& each : facades_of(type))
+        text += "#include \"types/" + each + ".h\"\n";
     text += "\n" + weak_handlers(run, type);
     text += "#include <" + run.source.name + "/" + type.name + ".h>\n#include <" + run.source.name +
             "/table_registry.h>\n\n";
     text += "namespace bundle_" + run.source.name + "::tables {\nstruct " + type.name + " {\n";
     text += model_members(run, type);
     const auto add_worker = [&](const worker& each) {
-        text += std::string("    static constexpr auto ") + each.member + " = &::" + substitute(each.name, with) + ";\n";
+        text += std::string("    static constexpr auto ") + each.member + " = &::" + substitute(each.name, with) +
+                ";\n";
     };
-    for (const worker& each : workers) add_worker(each);
+    for (const worker& each : workers)
+        add_worker(each);
     if (type.key == key_form::object)
-        for (const worker& each : workers_of_key_objects) add_worker(each);
+        for (const worker& each : workers_of_key_objects)
+            add_worker(each);
     for (const event& each : events)
-        text += std::string("    static constexpr auto ") + each.name + "_handler = &::" +
-                handler_name(run, type, each) + ";\n";
+        text += std::string("    static constexpr auto ") + each.name +
+                "_handler = &::" + handler_name(run, type, each) + ";\n";
     text += "};\n} // namespace bundle_" + run.source.name + "::tables\n";
     run.out.add("src/models/" + type.name + ".h", std::move(text));
 }
@@ -212,9 +222,10 @@ type_text emit_table(emission& run, const table& type) {
     const substitutions with = placeholders(type);
     for (const table_operation& each : operations_of_tables()) {
         if (!has_operation(type, each)) continue;
-        run.add(text, {substitute(each.name, with), substitute(each.result, with), substitute(each.parameters, with),
-                       std::string("table::") + each.worker + "<tables::" + type.name + ">",
-                       substitute(each.doc, with)});
+        run.add(text,
+                {substitute(each.name, with), substitute(each.result, with), substitute(each.parameters, with),
+                 std::string("table::") + each.worker + "<tables::" + type.name + ">",
+                 substitute(each.doc, with)});
     }
     emit_public_header(run, type, text);
     emit_model(run, type);

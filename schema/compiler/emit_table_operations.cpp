@@ -37,9 +37,9 @@ constexpr table_operation of_tables[] = {
     // Close and free
     {"$table_table_close", "table_close", "void", "$H, loom_table* table, $e",
      "Ends the use of a table; opening takes no reference, so that nothing is released.", all},
-    {"$table_table_close_cr", "table_close_cr", "uint32_t",
-     "loom_handle* handle, loom_table* table, uint32_t how",
-     "In a chain of calls: `how` 1 frees the table, 2 requests its free, any other value does nothing. Returns the "
+    {"$table_table_close_cr", "table_close_cr", "uint32_t", "loom_handle* handle, loom_table* table, uint32_t how",
+     "In a chain of calls: `how` 1 frees the table, 2 requests its free, any other value does nothing. Returns "
+     "the "
      "handle's last error.",
      all},
     {"$table_table_free", "table_free", "void", "$H, loom_table* table, $e",
@@ -86,7 +86,8 @@ constexpr table_operation of_tables[] = {
      "$H, struct $table_table_record* record", "The record's payload, which now belongs to the caller.", all},
     {"$table_$payload_set_field", "payload_set_field", "void",
      "$H, struct $table_table_record* record, struct $payload* value",
-     "Gives the record a payload. An earlier one is overwritten and not ended: detach it first. Nested and embedded "
+     "Gives the record a payload. An earlier one is overwritten and not ended: detach it first. Nested and "
+     "embedded "
      "objects are refused; the number is stored in the handle.",
      all},
     {"$table_$payload_free_and_set_field", "payload_free_and_set_field", "void",
@@ -115,7 +116,8 @@ constexpr table_operation of_tables[] = {
      "loom_handle* handle, loom_table* table, struct $table_table_record* record, uint32_t pkey",
      "In a chain of calls; non-zero `pkey` is pkey_insert. Returns the handle's last error.", all},
     {"$table_insert_internal", "insert_internal", "void",
-     "$H, loom_table* table, struct $table_table_record* record, uint32_t pkey, $e", "Worker of the inserts.", all},
+     "$H, loom_table* table, struct $table_table_record* record, uint32_t pkey, $e", "Worker of the inserts.",
+     all},
     {"$table_delete", "delete_", "void", "$H, loom_table* table, struct $table_table_record* record, $e",
      "Takes the record out of the table; it lives on. 2: it is not there. 22: the table is replicated.", all},
     {"$table_pkey_delete", "pkey_delete", "void", "$H, loom_table* table, struct $table_table_record* record, $e",
@@ -124,13 +126,13 @@ constexpr table_operation of_tables[] = {
      "loom_handle* handle, loom_table* table, struct $table_table_record* record, uint32_t destroy",
      "In a chain of calls; non-zero `destroy` then gives up one reference. Returns the handle's last error.", all},
     {"$table_delete_internal", "delete_internal", "void",
-     "$H, loom_table* table, struct $table_table_record* record, uint32_t pkey, $e", "Worker of the deletes.", all},
+     "$H, loom_table* table, struct $table_table_record* record, uint32_t pkey, $e", "Worker of the deletes.",
+     all},
     {"$table_table_get_count", "table_get_count", "uint32_t", "$H, loom_table* table",
      "Records of the current tenant; of all sources and tenants for the default tenant.", all},
     {"$table_table_get_count_cr", "table_get_count_cr", "uint32_t", "loom_handle* handle, loom_table* table",
      "The same in a chain of calls.", all},
-    {"$table_table_get_count_by_src", "table_get_count_by_src", "uint32_t",
-     "$H, loom_table* table, uint32_t src",
+    {"$table_table_get_count_by_src", "table_get_count_by_src", "uint32_t", "$H, loom_table* table, uint32_t src",
      "Records of one source under the current tenant. The default tenant counts shadow records (255) only.", all},
 
     // Search by key
@@ -141,14 +143,15 @@ constexpr table_operation of_tables[] = {
      "$H, loom_table* table, const $keyvalue* key, uint32_t src, $e",
      "The record with this key and source; source 0 means 1.", all},
     {"$path_search_nearest", "keyed_search_nearest", "struct $table_table_record*",
-     "$H, loom_table* table, const $keyvalue* key, $e",
-     "The record with this key, else the next one of source 1.", all},
+     "$H, loom_table* table, const $keyvalue* key, $e", "The record with this key, else the next one of source 1.",
+     all},
     {"$path_search_not_pending_destroy", "keyed_search_not_pending_destroy", "struct $table_table_record*",
      "$H, loom_table* table, const $keyvalue* key, uint32_t src, uint32_t nearest, $e",
      "A search that passes over records that wait for their destruction.", all},
     {"$crpath_search_cr", "keyed_search_cr", "struct $table_table_record*",
      "loom_handle* handle, loom_table* table, const $keyvalue* key, uint32_t src, uint32_t flags",
-     "Search in a chain of calls; flags 1 nearest, 2 with records that wait for their destruction, 4 strict.", all},
+     "Search in a chain of calls; flags 1 nearest, 2 with records that wait for their destruction, 4 strict.",
+     all},
     {"$path_search_internal", "keyed_search_internal", "struct $table_table_record*",
      "$H, loom_table* table, const $keyvalue* key, uint32_t nearest, uint32_t forward, uint32_t src, "
      "uint32_t walk_src, uint32_t skip_pending, uint32_t strict, $e",
@@ -219,7 +222,8 @@ constexpr table_operation of_tables[] = {
     {"$crpath_get_cr", "keyed_get_cr", "struct $table_table_record*",
      "loom_handle* handle, loom_table* table, uint32_t op, struct $table_table_record* record, uint32_t src, "
      "uint32_t flags",
-     "Walks in a chain of calls: `op` 0 first, 1 last, 2 previous, 3 next; flags 1 any source, 2 with records that "
+     "Walks in a chain of calls: `op` 0 first, 1 last, 2 previous, 3 next; flags 1 any source, 2 with records "
+     "that "
      "wait for their destruction.",
      all},
 
@@ -250,7 +254,8 @@ constexpr table_operation of_tables[] = {
 
     // The names under which a function record reaches the walks
     {"$table_pkey_get_next", "keyed_get_next", "struct $table_table_record*",
-     "$H, loom_table* table, struct $table_table_record* record, $e", "The next record of source 1, or null.", all},
+     "$H, loom_table* table, struct $table_table_record* record, $e", "The next record of source 1, or null.",
+     all},
     {"$table_pkey_get_prev", "keyed_get_prev", "struct $table_table_record*",
      "$H, loom_table* table, struct $table_table_record* record, $e", "The previous record of source 1, or null.",
      all},
@@ -278,8 +283,7 @@ constexpr table_operation of_tables[] = {
     // The tree
     {"$path_avl_compare", "keyed_avl_compare", "int32_t", "const e_avl_node* a, const e_avl_node* b",
      "Orders two records by tenant, key and source: 0 before, 1 equal, 2 after. Null sorts first.", all},
-    {"$path_walk", "keyed_walk", "void",
-     "loom_table* table, $table_record_visitor callback, void* user, $e",
+    {"$path_walk", "keyed_walk", "void", "loom_table* table, $table_record_visitor callback, void* user, $e",
      "Shows every record of all tenants to `callback`, until it returns non-zero.", all},
     {"$path_avl_internal_walk", "keyed_avl_internal_walk", "int32_t", "e_avl_node* node, void* context",
      "What walk gives to the tree; `context` is walk's own.", all},
@@ -414,7 +418,8 @@ constexpr message_operation of_messages[] = {
     {"$message_action_message_unmarshal", "unmarshal", "uint32_t",
      "$H, void* context, struct $message_action_message** message, const void* buffer, int32_t length, "
      "$message_action_message_handler_fn callback, $e",
-     "Reads a message, records it while recording is on, and calls `callback`, else the application's handler with "
+     "Reads a message, records it while recording is on, and calls `callback`, else the application's handler "
+     "with "
      "`context`. 38: there is neither. The message belongs to whoever receives it; it is also stored in "
      "`*message` unless that is null. Returns the bytes read.",
      every},

@@ -34,7 +34,7 @@ extern "C" void table_forms_note_action_message_handler(loom_handle*, u32, void*
 namespace {
 
 class messages : public ::testing::Test {
-protected:
+  protected:
     explicit messages(const trellis::testing::handle_options& options = {}) : handle(options) {
         static const bool added = [] {
             trellis::testing::add_trace_texts_of(reinterpret_cast<const void*>(&note_action_message_create));
@@ -90,7 +90,8 @@ TEST_F(messages, are_made_whole_or_shallow) {
     EXPECT_EQ(whole->loom_variant, 0);
     EXPECT_EQ(whole->loom_flags, 0);
     EXPECT_EQ(whole->msg_header.hdr_magic, 188);
-    for (u8 each : whole->msg_header.hdr_reserved) EXPECT_EQ(each, 0xFF);
+    for (u8 each : whole->msg_header.hdr_reserved)
+        EXPECT_EQ(each, 0xFF);
     EXPECT_EQ(whole->msg_header.hdr_sttr, 0);
     EXPECT_NE(whole->number_row, nullptr);
     note_action_message* shallow = note_action_message_create_shallow(h(), d);
@@ -211,7 +212,8 @@ TEST_F(messages, respect_every_room) {
         err = 0;
         EXPECT_LE(marshal(message, room), static_cast<u32>(room));
         EXPECT_EQ(err, 90u) << room;
-        for (u32 i = static_cast<u32>(room); i < sizeof wire; ++i) ASSERT_EQ(wire[i], 0xEE) << room;
+        for (u32 i = static_cast<u32>(room); i < sizeof wire; ++i)
+            ASSERT_EQ(wire[i], 0xEE) << room;
         EXPECT_EQ(hex(0, 27), room < 27 ? hex(0, 27) : std::string(54, '0')) << "no header";
         EXPECT_EQ(hex(27, 1), room < 43 ? std::string("ee") : hex(27, 1)) << "no luid";
     }
@@ -303,10 +305,12 @@ TEST_F(messages, without_a_handler_are_an_error) {
     const u32 length = lost_action_message_marshal(h(), d, wire, message, sizeof wire, &err);
     lost_action_message* received = nullptr;
     const std::string log = log_of([&] {
-        EXPECT_EQ(lost_action_message_unmarshal(h(), d, nullptr, &received, wire, static_cast<i32>(length), nullptr, &err),
+        EXPECT_EQ(lost_action_message_unmarshal(h(), d, nullptr, &received, wire, static_cast<i32>(length),
+                                                nullptr, &err),
                   length);
     });
-    EXPECT_NE(log.find("error 38\nsays 6 default table_forms_lost_action_message handler called\n"), std::string::npos)
+    EXPECT_NE(log.find("error 38\nsays 6 default table_forms_lost_action_message handler called\n"),
+              std::string::npos)
         << log;
     EXPECT_EQ(err, 38u);
     EXPECT_NE(received, nullptr);
@@ -342,7 +346,7 @@ TEST_F(messages, without_memory_are_not_decoded) {
 // ---- Recording -------------------------------------------------------------------------------------------------
 
 class recorded_messages : public messages {
-protected:
+  protected:
     recorded_messages() : stream(tmpfile()) {}
     ~recorded_messages() override {
         loom_recorder_stop();
@@ -371,7 +375,8 @@ TEST_F(recorded_messages, stand_one_behind_the_other) {
     EXPECT_EQ(err, 77u) << "the handler ran";
     const std::string text = recorded();
     const auto element = [&](const char* id) {
-        return std::string("<note_action><number_row><id>") + id + "</id><text></text></number_row></note_action></table_forms>";
+        return std::string("<note_action><number_row><id>") + id +
+               "</id><text></text></number_row></note_action></table_forms>";
     };
     EXPECT_EQ(text.rfind("<table_forms ", 0), 0u) << text;
     EXPECT_NE(text.find(element("4") + "<table_forms "), std::string::npos) << text;
@@ -403,7 +408,8 @@ TEST_F(recorded_messages, that_are_too_long_are_dispatched_all_the_same) {
     const u32 length = note_action_message_marshal(h(), d, buffer.data(), message, 80000, &err);
     ASSERT_EQ(err, 0u);
     const std::string log = log_of([&] {
-        note_action_message_unmarshal(h(), d, nullptr, nullptr, buffer.data(), static_cast<i32>(length), nullptr, &err);
+        note_action_message_unmarshal(h(), d, nullptr, nullptr, buffer.data(), static_cast<i32>(length), nullptr,
+                                      &err);
     });
     EXPECT_NE(log.find("says 3 Error 90 note_action message not recorded, xml len "), std::string::npos) << log;
     EXPECT_NE(log.find("says 3 Error 90 in recording note_action message\n"), std::string::npos) << log;
@@ -418,7 +424,8 @@ TEST_F(messages, print_and_render) {
     note_action_message* message = note(7);
     char text[256] = {};
     const i32 printed = note_action_message_print(h(), d, text, message, sizeof text, &err);
-    EXPECT_EQ(std::string(text).rfind("message@note_action: {\n  number_row@number_row: {\n    id@u_int32:7\n", 0), 0u)
+    EXPECT_EQ(std::string(text).rfind("message@note_action: {\n  number_row@number_row: {\n    id@u_int32:7\n", 0),
+              0u)
         << text;
     EXPECT_EQ(text[printed - 2], '}');
     EXPECT_EQ(note_action_message_print_cr(h(), message, text, sizeof text), printed);
@@ -429,7 +436,8 @@ TEST_F(messages, print_and_render) {
     EXPECT_EQ(err, 90u);
     err = 0;
     const u32 written = note_action_message_to_xml(h(), d, text, message, sizeof text, &err);
-    EXPECT_EQ(std::string(text, written), "<note_action><number_row><id>7</id><text></text></number_row></note_action>");
+    EXPECT_EQ(std::string(text, written),
+              "<note_action><number_row><id>7</id><text></text></number_row></note_action>");
     EXPECT_EQ(note_action_message_toxml_cr(h(), message, text, sizeof text), static_cast<i32>(written));
     h()->last_error = 5;
     EXPECT_EQ(note_action_message_print_cr(h(), message, text, sizeof text), -1);

@@ -108,8 +108,8 @@ const void* any_table::key(unsigned number) {
         handle.get(), test_handle::domain, probe);
     if (is_.key.empty()) return object;
     const std::string accessor = is_.payload + "_" + is_.key + "_get";
-    char* cell = function<char*(loom_handle*, u32, void*, u32*)>(accessor)(handle.get(), test_handle::domain, object,
-                                                                           &err);
+    char* cell =
+        function<char*(loom_handle*, u32, void*, u32*)>(accessor)(handle.get(), test_handle::domain, object, &err);
     const bool enumeration = is_.key_type == "ud_enum" || is_.key_type == "colour";
     return enumeration ? cell + 12 : cell; // the value behind an enumeration's header
 }
@@ -154,7 +154,8 @@ std::string any_table::walk_back() {
 }
 
 void any_table::clear() {
-    for (auto& [number, probe] : probes_) records_.push_back(probe);
+    for (auto& [number, probe] : probes_)
+        records_.push_back(probe);
     probes_.clear();
     for (loom_table_record* each : records_)
         call<void>("destroy_record", handle.get(), test_handle::domain, each, &err);

@@ -10,10 +10,10 @@
 
 namespace table_tests {
 
+using trellis::i32;
 using trellis::u32;
 using trellis::u64;
 using trellis::u8;
-using trellis::i32;
 using trellis::testing::test_handle;
 
 /// What the schema says of a table, in the words of the test.
@@ -41,7 +41,7 @@ Function* function(const std::string& name) {
 }
 
 class any_table {
-public:
+  public:
     any_table(test_handle& handle, const table_description& is);
 
     loom_table* open(const char* name = "the_table");
@@ -54,8 +54,8 @@ public:
     /// Calls `<table>_<operation>` or, with a name that begins with a dot, `<path>_<operation>`.
     template <class Result, class... Argument>
     Result call(const std::string& operation, Argument... argument) {
-        const std::string name = operation[0] == '.' ? is_.path() + "_" + operation.substr(1)
-                                                     : is_.table + "_" + operation;
+        const std::string name =
+            operation[0] == '.' ? is_.path() + "_" + operation.substr(1) : is_.table + "_" + operation;
         return function<Result(Argument...)>(name)(argument...);
     }
 
@@ -72,7 +72,7 @@ public:
     loom_table* table = nullptr;
     u32 err = 0;
 
-private:
+  private:
     loom_table_record* from_xml(unsigned number);
 
     const table_description& is_;

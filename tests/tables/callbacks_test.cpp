@@ -9,7 +9,8 @@ std::string called;
 
 void note_call(const char* handler, std::initializer_list<u64> values, u32* err) {
     called += handler;
-    for (u64 value : values) called += " " + std::to_string(value);
+    for (u64 value : values)
+        called += " " + std::to_string(value);
     called += "\n";
     *err = 77;
 }
@@ -51,9 +52,10 @@ namespace {
 constexpr u64 big = 0x123456789ABCDEF0;
 
 class callbacks : public forms_test {
-protected:
+  protected:
     callbacks() {
-        quiet_tbl_destroy_record(h(), d, quiet_tbl_create_record(h(), d, &err), &err); // registers the trace module
+        quiet_tbl_destroy_record(h(), d, quiet_tbl_create_record(h(), d, &err),
+                                 &err); // registers the trace module
         called.clear();
         h()->last_error = 4;
     }

@@ -41,7 +41,8 @@ const std::vector<table_description>& catalogue() {
         {"tbl_top_level_comp_key_with_comp_key_child", "", "comp_key", "rec_parent_with_comp_key_child"},
         {"tbl_top_level_comp_key_with_sing_child", "", "comp_key", "rec_parent_with_sing_child"},
         {"tbl_top_level_sing_with_sing_child", "singleton_id", "u_int32", "rec_sing_parent_with_sing_child"},
-        {"tbl_top_level_sing_with_comp_key_child", "singleton_id", "u_int32", "rec_sing_parent_with_comp_key_child"},
+        {"tbl_top_level_sing_with_comp_key_child", "singleton_id", "u_int32",
+         "rec_sing_parent_with_comp_key_child"},
         {"tbl_child_comp_key_parent_comp_key", "", "comp_key", "rec_child_comp_key_parent_comp_key"},
         {"tbl_child_comp_key_parent_sing", "", "comp_key", "rec_child_comp_key_parent_sing"},
         {"tbl_child_sing_parent_comp_key", "singleton_id", "u_int32", "rec_child_sing_parent_comp_key"},
@@ -68,8 +69,10 @@ const std::vector<table_description>& catalogue() {
 }
 
 class every_table : public ::testing::TestWithParam<table_description> {
-protected:
-    every_table() : handle(options()), all(handle, GetParam()) { add_trace_texts_of(exported(GetParam().table + "_insert")); }
+  protected:
+    every_table() : handle(options()), all(handle, GetParam()) {
+        add_trace_texts_of(exported(GetParam().table + "_insert"));
+    }
 
     static trellis::testing::handle_options options() {
         trellis::testing::handle_options chosen;
@@ -152,8 +155,8 @@ TEST_P(every_table, a_key_travels_and_is_found_through_the_function_record) {
     EXPECT_GT(written, 0u);
     EXPECT_LE(written, slot(static_cast<length*>(nullptr), LOOM_VFT_PKEY_LEN)(h(), d, three));
     void* key = nullptr;
-    const u32 read = slot(static_cast<unmarshal*>(nullptr), LOOM_VFT_PKEY_UNMARSHAL)(
-        h(), d, &key, wire.data(), static_cast<i32>(written), &all.err);
+    const u32 read = slot(static_cast<unmarshal*>(nullptr),
+                          LOOM_VFT_PKEY_UNMARSHAL)(h(), d, &key, wire.data(), static_cast<i32>(written), &all.err);
     EXPECT_EQ(read, written);
     ASSERT_NE(key, nullptr);
     EXPECT_EQ(all.label(slot(static_cast<find*>(nullptr), LOOM_VFT_SEARCH)(h(), d, all.table, key, 0, &all.err)),
@@ -171,9 +174,9 @@ TEST_P(every_table, a_record_travels) {
     ASSERT_NE(all.open(), nullptr);
     loom_table_record* sent = all.make(3);
     std::vector<u8> wire(65536);
-    const u32 written = all.call<u32>("table_record_marshal", h(), d, static_cast<void*>(wire.data()),
-                                      static_cast<const loom_table_record*>(sent), static_cast<i32>(wire.size()),
-                                      &all.err);
+    const u32 written =
+        all.call<u32>("table_record_marshal", h(), d, static_cast<void*>(wire.data()),
+                      static_cast<const loom_table_record*>(sent), static_cast<i32>(wire.size()), &all.err);
     EXPECT_LE(written, all.call<u32>("table_record_len", h(), d, static_cast<const loom_table_record*>(sent)));
     EXPECT_EQ(memcmp(wire.data() + 27, exported("table_" + GetParam().table + "_luid"), 16), 0);
     EXPECT_EQ(wire[0], 188);
@@ -206,7 +209,8 @@ TEST_P(every_table, names_its_key_in_the_trace_of_a_duplicate) {
     EXPECT_EQ(log, "says 3 " + is.table + " insert record exists for " + key_text + "\nerror 17\n");
     EXPECT_EQ(all.err, 17u);
     all.err = 0;
-    const std::string deleted = handle.log_of([&] { all.call<void>("delete", h(), d, all.table, all.make(5), &all.err); });
+    const std::string deleted =
+        handle.log_of([&] { all.call<void>("delete", h(), d, all.table, all.make(5), &all.err); });
     EXPECT_NE(deleted.find("says 3 " + is.table + " delete, record not found for " + key_text + "\nerror 2\n"),
               std::string::npos)
         << deleted;
@@ -218,7 +222,8 @@ TEST_P(every_table, leaves_nothing_behind) {
     const u64 before = handle.live_blocks();
     ASSERT_NE(all.open(), nullptr);
     const u64 with_table = handle.live_blocks();
-    for (unsigned number = 1; number < 6; ++number) all.insert(number == 2 || number == 4 ? 5 : number, number);
+    for (unsigned number = 1; number < 6; ++number)
+        all.insert(number == 2 || number == 4 ? 5 : number, number);
     all.clear();
     EXPECT_EQ(handle.live_blocks(), with_table);
     all.call<void>("table_free", h(), d, all.table, &all.err);
@@ -233,7 +238,8 @@ INSTANTIATE_TEST_SUITE_P(catalogue, every_table, ::testing::ValuesIn(catalogue()
 TEST(catalogue, is_whole) {
     EXPECT_EQ(catalogue().size(), 47u);
     std::size_t key_objects = 0;
-    for (const table_description& each : catalogue()) key_objects += each.has_key_object() ? 1 : 0;
+    for (const table_description& each : catalogue())
+        key_objects += each.has_key_object() ? 1 : 0;
     EXPECT_EQ(key_objects, 15u);
 }
 

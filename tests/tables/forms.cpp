@@ -14,15 +14,18 @@ trellis::testing::handle_options shared_kind() {
 
 namespace {
 /// One field: its address, length and name.
-#define FIELD(object, field) {&(object)->field, sizeof (object)->field, #field}
+#define FIELD(object, field)                                                                                      \
+    { &(object)->field, sizeof(object)->field, #field }
 struct field {
     const void* address;
     size_t length;
     const char* name;
 };
-void name_all(test_handle& handle, const void* object, const std::string& label, std::initializer_list<field> fields) {
+void name_all(test_handle& handle, const void* object, const std::string& label,
+              std::initializer_list<field> fields) {
     handle.name(object, sizeof(void*), label);
-    for (const field& each : fields) handle.name(each.address, each.length, label + "." + each.name);
+    for (const field& each : fields)
+        handle.name(each.address, each.length, label + "." + each.name);
 }
 } // namespace
 
@@ -30,12 +33,14 @@ void name_fields(test_handle& handle, loom_table* table, const std::string& labe
     name_all(handle, table, label,
              {FIELD(table, record_count), FIELD(table, pending_destroy_count), FIELD(table, toc_next),
               FIELD(table, toc_prev), FIELD(table, db_word), FIELD(table, shadow_count), FIELD(table, avl_root),
-              FIELD(table, avl_aux), FIELD(table, seq_batch_mode), FIELD(table, seq_count), FIELD(table, seq_head)});
+              FIELD(table, avl_aux), FIELD(table, seq_batch_mode), FIELD(table, seq_count),
+              FIELD(table, seq_head)});
 }
 
 void name_fields(test_handle& handle, loom_table_record* record, const std::string& label) {
-    name_all(handle, record, label,
-             {FIELD(record, table), FIELD(record, ref_count), FIELD(record, record_flags), FIELD(record, avl_node)});
+    name_all(
+        handle, record, label,
+        {FIELD(record, table), FIELD(record, ref_count), FIELD(record, record_flags), FIELD(record, avl_node)});
 }
 #undef FIELD
 

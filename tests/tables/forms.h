@@ -15,7 +15,7 @@ namespace table_tests {
 
 /// A test on one database of the small bundle.
 class forms_test : public ::testing::Test {
-protected:
+  protected:
     explicit forms_test(const trellis::testing::handle_options& options = {});
 
     loom_handle* h() { return handle.get(); }

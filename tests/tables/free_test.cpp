@@ -6,7 +6,7 @@ using namespace table_tests;
 namespace {
 
 class free_table : public forms_test {
-protected:
+  protected:
     free_table() : forms_test(shared_kind()) {}
     loom_table* reopened(const char* name = "numbers") { return number_tbl_table_open(h(), d, name, 1, &err); }
 };
@@ -94,7 +94,8 @@ TEST_F(free_table, reports_what_is_refused) {
               "says 3 number_tbl table free: Failed to delete table entry from TOC. Error: Input/output error\n");
     EXPECT_EQ(free_with("loom_request_oid_mapping_destroy", 5),
               "toc delete table\nunmap table\n"
-              "says 3 number_tbl table free: Failed to request oid mapping destroy for table. Error Input/output error\n");
+              "says 3 number_tbl table free: Failed to request oid mapping destroy for table. Error Input/output "
+              "error\n");
     err = 0;
     table->table_flags |= LOOM_TABLE_ON_GC_LIST;
     const std::string log = free_with("loomgc_database_gc_list_remove", 5);
@@ -109,9 +110,10 @@ TEST_F(free_table, reports_what_is_refused) {
 TEST_F(free_table, a_shared_table_is_left_to_the_collector) {
     loom_table* table = open_numbers();
     loom_database_mark_shared(h(), 1);
-    EXPECT_EQ(log_of([&] { number_tbl_table_free(h(), d, table, &err); }),
-              "says 7 APPLICATION ERROR! Table number_tbl in SHARED DB should be freed by requesting table free by "
-              "the GC. Please free the table via toc delete or mark the DB as non-shared\ntoc delete table\n");
+    EXPECT_EQ(
+        log_of([&] { number_tbl_table_free(h(), d, table, &err); }),
+        "says 7 APPLICATION ERROR! Table number_tbl in SHARED DB should be freed by requesting table free by "
+        "the GC. Please free the table via toc delete or mark the DB as non-shared\ntoc delete table\n");
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(reopened(), nullptr);
     h()->gc_context = 1;
@@ -138,8 +140,10 @@ TEST_F(free_table, a_request_leaves_a_replicated_table_to_the_collector) {
     loom_table* table = open_numbers();
     shared_database writer(true);
     loom_table_set_replication(h(), d, table, 1, 0);
-    EXPECT_EQ(log_of([&] { number_tbl_request_table_free(h(), d, table, &err); }), "toc delete table\ndestroyed table\n");
-    EXPECT_EQ(log_of([&] { number_tbl_request_table_free(h(), d, table, &err); }), "toc delete table\ndestroyed table\n");
+    EXPECT_EQ(log_of([&] { number_tbl_request_table_free(h(), d, table, &err); }),
+              "toc delete table\ndestroyed table\n");
+    EXPECT_EQ(log_of([&] { number_tbl_request_table_free(h(), d, table, &err); }),
+              "toc delete table\ndestroyed table\n");
     EXPECT_EQ(err, 0u) << "a table that is out of the TOC already is no error";
     failing refused("loomdb_database_toc_delete", 5);
     EXPECT_EQ(log_of([&] { number_tbl_request_table_free(h(), d, table, &err); }),

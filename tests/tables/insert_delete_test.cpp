@@ -1,4 +1,5 @@
-// Insert and delete: what they store in which order, counters of table, tenant and database, marks, and replication.
+// Insert and delete: what they store in which order, counters of table, tenant and database, marks, and
+// replication.
 #include "forms.h"
 
 using namespace table_tests;
@@ -6,7 +7,7 @@ using namespace table_tests;
 namespace {
 
 class insert_delete : public forms_test {
-protected:
+  protected:
     insert_delete() : forms_test(shared_kind()), table(open_numbers()) {}
     u32 erase(number_tbl_table_record* record) {
         err = 0;
@@ -29,7 +30,9 @@ TEST_F(insert_delete, store_in_order) {
     EXPECT_EQ(one->loom_record.table, table);
     EXPECT_EQ(one->loom_record.record_flags, REC_IN_TABLE);
     const std::string deleted = log_of([&] { number_tbl_delete(h(), d, table, one, &err); });
-    EXPECT_NE(deleted.find("hook 1:1.table 8 1:1\nhook table.record_count 4 0\ndestroyed 1:1\n"), std::string::npos) << deleted;
+    EXPECT_NE(deleted.find("hook 1:1.table 8 1:1\nhook table.record_count 4 0\ndestroyed 1:1\n"),
+              std::string::npos)
+        << deleted;
     EXPECT_EQ(one->loom_record.table, nullptr);
     EXPECT_EQ(one->loom_record.record_flags, REC_IN_TABLE) << "the mark of a former table stays";
     EXPECT_EQ(one->loom_record.ref_count, 1u);
@@ -39,13 +42,15 @@ TEST_F(insert_delete, store_in_order) {
 TEST_F(insert_delete, shadows_and_marks_have_their_own_hooks) {
     number_tbl_table_record* shadow = number(1, 255);
     std::string log = log_of([&] { number_tbl_pkey_insert(h(), d, table, shadow, &err); });
-    EXPECT_NE(log.find("hook 1:255.table 8 1:255\nhook table.record_count 4 0\nhook table.shadow_count 4 table\nhook 1:255.record_flags 4 1:255\n"),
+    EXPECT_NE(log.find("hook 1:255.table 8 1:255\nhook table.record_count 4 0\nhook table.shadow_count 4 "
+                       "table\nhook 1:255.record_flags 4 1:255\n"),
               std::string::npos)
         << log;
     EXPECT_EQ(shadow->loom_record.record_flags, REC_IN_TABLE | REC_PKEY_MARK);
     EXPECT_EQ(table->shadow_count, 1u);
     log = log_of([&] { number_tbl_delete(h(), d, table, shadow, &err); });
-    EXPECT_NE(log.find("hook 1:255.table 8 1:255\nhook 1:255.record_flags 4 0\nhook table.record_count 4 0\nhook table.shadow_count 4 table\n"),
+    EXPECT_NE(log.find("hook 1:255.table 8 1:255\nhook 1:255.record_flags 4 0\nhook table.record_count 4 0\nhook "
+                       "table.shadow_count 4 table\n"),
               std::string::npos)
         << log;
     EXPECT_EQ(shadow->loom_record.record_flags, REC_IN_TABLE);
@@ -95,14 +100,16 @@ TEST_F(insert_delete, null_comes_before_a_pending_error) {
 TEST_F(insert_delete, what_is_not_there_cannot_go) {
     number_tbl_table_record* one = number(1);
     const std::string log = log_of([&] { number_tbl_delete(h(), d, table, one, &err); });
-    EXPECT_NE(log.find("says 3 number_tbl delete, record not found for number_row id\nerror 2\n"), std::string::npos)
+    EXPECT_NE(log.find("says 3 number_tbl delete, record not found for number_row id\nerror 2\n"),
+              std::string::npos)
         << log;
     EXPECT_EQ(err, 2u);
     err = 0;
     number_tbl_insert(h(), d, table, one, &err);
     table->record_count = 0;
     const std::string zero = log_of([&] { number_tbl_delete(h(), d, table, one, &err); });
-    EXPECT_NE(zero.find("says 3 number_tbl delete: record count already 0!\ndestroyed 1:1\n"), std::string::npos) << zero;
+    EXPECT_NE(zero.find("says 3 number_tbl delete: record count already 0!\ndestroyed 1:1\n"), std::string::npos)
+        << zero;
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(dump(table), "");
 }
@@ -158,8 +165,9 @@ TEST_F(insert_delete, replication_guards_the_way_out) {
     number_tbl_table_record* one = number(1);
     std::string log = log_of([&] { number_tbl_insert(h(), d, table, one, &err); });
     EXPECT_NE(log.find("enqueue 1:1\n"), std::string::npos) << log;
-    const char* refusal = "says 3 number_tbl_delete() cannot be direclty used when the table is marked for replication\n"
-                          "error 22\n";
+    const char* refusal =
+        "says 3 number_tbl_delete() cannot be direclty used when the table is marked for replication\n"
+        "error 22\n";
     EXPECT_EQ(log_of([&] { number_tbl_delete(h(), d, table, one, &err); }), refusal);
     EXPECT_EQ(err, 22u);
     err = 0;

@@ -8,13 +8,15 @@ using namespace table_tests;
 namespace {
 
 class open_table : public forms_test {
-protected:
+  protected:
     open_table() : forms_test(shared_kind()) {}
 
     loom_table* by_name(const char* name, u32 open_type = 0) {
         return number_tbl_table_open(h(), d, name, open_type, &err);
     }
-    loom_table* by_id(u64 id, u32 open_type = 0) { return number_tbl_table_open_by_id(h(), d, id, open_type, &err); }
+    loom_table* by_id(u64 id, u32 open_type = 0) {
+        return number_tbl_table_open_by_id(h(), d, id, open_type, &err);
+    }
     loom_table* automatic(u32 open_type = 0) { return number_tbl_table_open_auto_id(h(), d, open_type, &err); }
     loom_table_id_root* root() {
         const std::string key = std::string("__loom_TBI__") + table_number_tbl_luid_text;
@@ -147,8 +149,9 @@ TEST_F(open_table, ids_belong_to_the_arena_at_hand) {
 
 TEST_F(open_table, the_other_entries_are_parameter_sets) {
     loom_table* named = nullptr;
-    EXPECT_NE(log_of([&] { named = number_tbl_table_open_by_ior_with_name(h(), d, "n", 77, 0, 1, &err); })
-                  .find("dynamic 1 ior 77\n"),
+    EXPECT_NE(log_of([&] {
+                  named = number_tbl_table_open_by_ior_with_name(h(), d, "n", 77, 0, 1, &err);
+              }).find("dynamic 1 ior 77\n"),
               std::string::npos);
     EXPECT_EQ(named->table_flags, LOOM_TABLE_DYNAMIC);
     EXPECT_EQ(by_name("n"), named);
@@ -226,7 +229,8 @@ TEST_F(open_table, reports_what_the_database_layer_refuses) {
     {
         failing refused("loomdb_database_toc_insert", 5);
         const std::string log = log_of([&] { EXPECT_EQ(by_name("n"), nullptr); });
-        EXPECT_NE(log.find("says 3 Failed to insert static table number_tbl into the TOC\n"), std::string::npos) << log;
+        EXPECT_NE(log.find("says 3 Failed to insert static table number_tbl into the TOC\n"), std::string::npos)
+            << log;
         EXPECT_EQ(err, 5u);
     }
 }

@@ -10,7 +10,7 @@ namespace {
 constexpr u32 at_end = 0xFFFFFFFF;
 
 class ordered_table : public forms_test {
-protected:
+  protected:
     ordered_table() : table(open_places()) {}
 
     /// Inserts a record of that name and number; returns the error.
@@ -76,8 +76,9 @@ TEST_F(ordered_table, refuses_in_words) {
     err = 0;
     start();
     x->place_row->reorder_seq_compact_no = at_end;
-    EXPECT_EQ(log_of([&] { place_tbl_insert(h(), d, table, x, &err); }),
-              "says 3 place_tbl insert record rejected: UINT32_MAX can not be used in sequence batch mode\nerror 22\n");
+    EXPECT_EQ(
+        log_of([&] { place_tbl_insert(h(), d, table, x, &err); }),
+        "says 3 place_tbl insert record rejected: UINT32_MAX can not be used in sequence batch mode\nerror 22\n");
     EXPECT_EQ(log_of([&] { place_tbl_seq_compact_batch_start(h(), d, table, &err); }),
               "says 3 It's already in Sequence Batch Mode\nerror 22\n");
     EXPECT_EQ(end(), 0u);
@@ -125,9 +126,11 @@ TEST_F(ordered_table, batch_mode_puts_renumbering_off) {
 }
 
 TEST_F(ordered_table, the_closing_pass_keeps_gaps) {
-    for (const char* name : {"a", "b", "c", "d", "e"}) insert(name, at_end);
+    for (const char* name : {"a", "b", "c", "d", "e"})
+        insert(name, at_end);
     start();
-    for (const char* name : {"b", "c", "d"}) erase(name);
+    for (const char* name : {"b", "c", "d"})
+        erase(name);
     EXPECT_EQ(ring(table), "a=1 e=5 | 2");
     EXPECT_EQ(insert("f", 1), 0u);
     EXPECT_EQ(insert("g", 1), 0u);

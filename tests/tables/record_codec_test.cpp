@@ -1,5 +1,5 @@
-// Table records as bytes, text and XML, and their keys alone: frames, short buffers, missing fields, and peers that
-// do not know the table.
+// Table records as bytes, text and XML, and their keys alone: frames, short buffers, missing fields, and peers
+// that do not know the table.
 #include "forms.h"
 
 #include <loom_runtime/xml.h>
@@ -18,7 +18,7 @@ std::string without_zeros(std::string text) {
 }
 
 class record_codec : public forms_test {
-protected:
+  protected:
     record_codec() {
         loom_vstring name{};
         name.text = const_cast<char*>("north");
@@ -84,9 +84,12 @@ TEST_F(record_codec, every_room_is_respected) {
         const u32 written = marshal(room);
         EXPECT_EQ(err, 90u) << room;
         EXPECT_LE(written, static_cast<u32>(room));
-        for (u32 i = static_cast<u32>(room); i < sizeof wire; ++i) ASSERT_EQ(wire[i], 0xEE) << room;
-        if (room < 27) EXPECT_EQ(written, 0u) << room;
-        else EXPECT_EQ(hex(0, 27), std::string(54, '0')) << "the header is not written";
+        for (u32 i = static_cast<u32>(room); i < sizeof wire; ++i)
+            ASSERT_EQ(wire[i], 0xEE) << room;
+        if (room < 27)
+            EXPECT_EQ(written, 0u) << room;
+        else
+            EXPECT_EQ(hex(0, 27), std::string(54, '0')) << "the header is not written";
     }
     err = 0;
     EXPECT_EQ(marshal(static_cast<i32>(whole)), whole);
@@ -217,14 +220,14 @@ TEST_F(record_codec, prints) {
     memset(text, ' ', sizeof text); // a record's closing line steps over its indent
     const i32 written = pair_tbl_table_record_print(h(), d, text, record, sizeof text, &err);
     EXPECT_EQ(without_zeros(std::string(text, static_cast<std::size_t>(written))), "record@pair_tbl: {\n"
-                       "  value_row@value_row: {\n"
-                       "    text@loom_vstring:north\n"
-                       "  }\n"
-                       "  pair_key@pair_key: {\n"
-                       "    name@loom_vstring:north\n"
-                       "    part@u_int32:6\n"
-                       "  }\n"
-                       "}\n");
+                                                                                   "  value_row@value_row: {\n"
+                                                                                   "    text@loom_vstring:north\n"
+                                                                                   "  }\n"
+                                                                                   "  pair_key@pair_key: {\n"
+                                                                                   "    name@loom_vstring:north\n"
+                                                                                   "    part@u_int32:6\n"
+                                                                                   "  }\n"
+                                                                                   "}\n");
     char again[512];
     memset(again, ' ', sizeof again);
     EXPECT_EQ(pair_tbl_record_print_cr(h(), record, again, sizeof again), written);
@@ -281,7 +284,8 @@ TEST_F(record_codec, writes_and_reads_xml) {
     EXPECT_EQ(read->pair_key->part, 0u) << "a missing payload leaves the key unread";
     EXPECT_EQ(err, 0u);
     char message[128] = {};
-    EXPECT_EQ(from_xml("<t><value_row/><pair_key><part>six</part></pair_key></t>", message, sizeof message), nullptr);
+    EXPECT_EQ(from_xml("<t><value_row/><pair_key><part>six</part></pair_key></t>", message, sizeof message),
+              nullptr);
     EXPECT_EQ(err, 22u);
     EXPECT_STREQ(message, "Failed xpath: //pair_key/part");
     err = 0;

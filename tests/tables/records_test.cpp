@@ -8,7 +8,7 @@ using namespace table_tests;
 namespace {
 
 class table_record : public forms_test {
-protected:
+  protected:
     table_record() : forms_test(shared_kind()) {
         open_numbers(); // so that all type information is in the database
         number_tbl_destroy_record(h(), d, number(99), &err);
@@ -112,9 +112,10 @@ TEST_F(table_record, a_replicated_table_refuses_and_the_record_ends_all_the_same
     loom_table_set_replication(h(), d, table, 1, 0);
     const u64 alive = made_and_alive();
     const std::string log = log_of([&] { number_tbl_destroy_record(h(), d, one, &err); });
-    EXPECT_NE(log.find("says 3 number_tbl_delete() cannot be direclty used when the table is marked for replication\n"
-                       "error 22\nsays 3 Error 22 deleting number_tbl record when destroying\n"),
-              std::string::npos)
+    EXPECT_NE(
+        log.find("says 3 number_tbl_delete() cannot be direclty used when the table is marked for replication\n"
+                 "error 22\nsays 3 Error 22 deleting number_tbl record when destroying\n"),
+        std::string::npos)
         << log;
     EXPECT_NE(log.find("free 1:1\n"), std::string::npos) << log;
     EXPECT_EQ(err, 0u);
@@ -130,9 +131,10 @@ TEST_F(table_record, what_the_runtime_holds_can_keep_it) {
         int map = 0;
         if (h()->hd_map == nullptr) h()->hd_map = &map;
         const std::string log = log_of([&] { number_tbl_destroy_record(h(), d, record, &err); });
-        EXPECT_NE(log.find("says 3 number_tbl destroy: Failed to remove oid mapping for object. Error Input/output "
-                           "error\nerror 5\n"),
-                  std::string::npos)
+        EXPECT_NE(
+            log.find("says 3 number_tbl destroy: Failed to remove oid mapping for object. Error Input/output "
+                     "error\nerror 5\n"),
+            std::string::npos)
             << log;
         if (h()->hd_map == &map) h()->hd_map = nullptr;
     }
@@ -144,8 +146,10 @@ TEST_F(table_record, what_the_runtime_holds_can_keep_it) {
     err = 0;
     failing refused("loomlib_record_dereference_loc", 5);
     const std::string log = log_of([&] { number_tbl_destroy_record(h(), d, record, &err); });
-    EXPECT_NE(log.find("location of 1:1\nsays 3 number_tbl destroy: Failed to dereference location: Input/output error\n"),
-              std::string::npos)
+    EXPECT_NE(
+        log.find(
+            "location of 1:1\nsays 3 number_tbl destroy: Failed to dereference location: Input/output error\n"),
+        std::string::npos)
         << log;
     EXPECT_EQ(log.find("free 1:1"), std::string::npos) << log;
 }
@@ -229,13 +233,15 @@ TEST_F(table_record, set_reports_before_and_replace_behind_the_store) {
     number_row* newer = number_row_create(h(), d);
     handle.name(newer, sizeof *newer, "newer");
     log = log_of([&] { number_tbl_number_row_free_and_set_field(h(), d, record, newer); });
-    EXPECT_NE(log.find("free fresh\nhook 1:1.payload 8 1:1\nkind 4\ncontains newer in 1:1\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("free fresh\nhook 1:1.payload 8 1:1\nkind 4\ncontains newer in 1:1\n"), std::string::npos)
+        << log;
     EXPECT_EQ(record->number_row, newer);
     log = log_of([&] { number_tbl_number_row_free_and_set_field(h(), d, record, newer); });
-    EXPECT_EQ(log.rfind("says 3 Object is either nested or already embedded in a record. Cannot set such objects into "
-                        "the record\nerror ",
-                        0),
-              0u)
+    EXPECT_EQ(
+        log.rfind("says 3 Object is either nested or already embedded in a record. Cannot set such objects into "
+                  "the record\nerror ",
+                  0),
+        0u)
         << log;
 }
 

@@ -1,5 +1,5 @@
-// Searching and walking: every form of key, sources, tenants, records that wait for their end, and what is handed to
-// the replication cache.
+// Searching and walking: every form of key, sources, tenants, records that wait for their end, and what is handed
+// to the replication cache.
 #include "forms.h"
 
 #include <memory>
@@ -11,7 +11,7 @@ namespace {
 // ---- Every form of key -----------------------------------------------------------------------------------------
 
 class every_form_of_key : public ::testing::TestWithParam<table_description> {
-protected:
+  protected:
     every_form_of_key() : all(handle, GetParam()) {
         all.open();
         for (const auto& [number, src] : {std::pair{4u, 1u}, {2u, 1u}, {2u, 9u}, {0u, 1u}, {4u, 255u}})
@@ -62,8 +62,9 @@ TEST_P(every_form_of_key, meets_null) {
         EXPECT_EQ(handle->last_error, 2u);
     }
     all.err = 0;
-    EXPECT_EQ(all.call<record*>("search", handle.get(), d, all.table, static_cast<const void*>(nullptr), 0u, &all.err),
-              nullptr);
+    EXPECT_EQ(
+        all.call<record*>("search", handle.get(), d, all.table, static_cast<const void*>(nullptr), 0u, &all.err),
+        nullptr);
     EXPECT_EQ(all.err, 2u);
     const e_avl_node* node = &all.insert(3)->avl_node;
     const e_avl_node* none = nullptr;
@@ -89,9 +90,10 @@ INSTANTIATE_TEST_SUITE_P(forms, every_form_of_key,
 // ---- One table in all detail -----------------------------------------------------------------------------------
 
 class search : public forms_test {
-protected:
+  protected:
     search() : search(trellis::testing::handle_options{}) {}
-    explicit search(const trellis::testing::handle_options& options) : forms_test(options), table(open_numbers()) {}
+    explicit search(const trellis::testing::handle_options& options)
+        : forms_test(options), table(open_numbers()) {}
 
     std::string name(const number_tbl_table_record* record) const {
         return record == nullptr ? "none" : handle.name_of(record);
@@ -175,7 +177,8 @@ TEST_F(search, walks_by_source) {
     EXPECT_EQ(chain(1, nullptr, 9, 0), "2:9");
     EXPECT_EQ(chain(3, first, 9, 0), "1:9");
     EXPECT_EQ(chain(2, number(3), 0, 0), "1:1");
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(chain(4, first, 0, 0), "none"); }), "says 3 invalid record get flag 4\nerror 22\n");
+    EXPECT_EQ(log_of([&] { EXPECT_EQ(chain(4, first, 0, 0), "none"); }),
+              "says 3 invalid record get flag 4\nerror 22\n");
     EXPECT_EQ(h()->last_error, 22u);
 }
 
@@ -214,12 +217,16 @@ TEST_F(search, passes_over_what_waits_for_its_end) {
     EXPECT_EQ(name(number_tbl_number_row_id_get_last_not_pending_destroy(h(), d, table, 0, &err)), "none");
     EXPECT_EQ(name(number_tbl_number_row_id_get_prev_not_pending_destroy(h(), d, table, three, 1, &err)), "none");
     EXPECT_EQ(name(number_tbl_number_row_id_get_prev_not_pending_destroy(h(), d, table, three, 9, &err)), "1:9");
-    EXPECT_EQ(name(number_tbl_number_row_id_get_next_not_pending_destroy(h(), d, table, number(1), 1, &err)), "3:1");
+    EXPECT_EQ(name(number_tbl_number_row_id_get_next_not_pending_destroy(h(), d, table, number(1), 1, &err)),
+              "3:1");
     u32 one = 1, three_key = 3;
-    EXPECT_EQ(name(number_tbl_number_row_id_get_next_by_key_not_pending_destroy(h(), d, table, &one, 1, 1, &err)), "3:1");
-    EXPECT_EQ(name(number_tbl_number_row_id_get_next_by_key_not_pending_destroy(h(), d, table, &one, 9, 0, &err)), "3:1");
-    EXPECT_EQ(name(number_tbl_number_row_id_get_prev_by_key_not_pending_destroy(h(), d, table, &three_key, 1, 0, &err)),
-              "1:9");
+    EXPECT_EQ(name(number_tbl_number_row_id_get_next_by_key_not_pending_destroy(h(), d, table, &one, 1, 1, &err)),
+              "3:1");
+    EXPECT_EQ(name(number_tbl_number_row_id_get_next_by_key_not_pending_destroy(h(), d, table, &one, 9, 0, &err)),
+              "3:1");
+    EXPECT_EQ(
+        name(number_tbl_number_row_id_get_prev_by_key_not_pending_destroy(h(), d, table, &three_key, 1, 0, &err)),
+        "1:9");
     EXPECT_EQ(err, 0u);
 }
 
@@ -268,7 +275,8 @@ TEST_F(search, tenants_see_their_own_records) {
 }
 
 TEST_F(search, visits_every_record) {
-    for (u32 id : {3u, 1u, 2u}) insert_number(table, id);
+    for (u32 id : {3u, 1u, 2u})
+        insert_number(table, id);
     struct seen {
         int left;
         int visited;
@@ -310,12 +318,13 @@ TEST_F(search, a_pending_error_stops_every_entry) {
 TEST_F(search, allocates_nothing) {
     insert_number(table, 1);
     const u64 before = handle.allocations();
-    for (u32 id = 0; id < 3; ++id) nearest(id);
+    for (u32 id = 0; id < 3; ++id)
+        nearest(id);
     EXPECT_EQ(handle.allocations(), before);
 }
 
 class reported_search : public search {
-protected:
+  protected:
     reported_search() : search(shared_kind()) {}
 };
 

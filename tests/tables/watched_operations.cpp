@@ -69,7 +69,8 @@ WATCHED void loomrepl_add_to_cache(loom_handle* handle, u32 domain, loom_table* 
     if (!fails("loomrepl_add_to_cache", err)) real(handle, domain, table, record, err);
 }
 
-WATCHED void loomdb_database_toc_insert(loom_handle* handle, u32 domain, loom_table* table, u32 dynamic, u32* err) {
+WATCHED void loomdb_database_toc_insert(loom_handle* handle, u32 domain, loom_table* table, u32 dynamic,
+                                        u32* err) {
     REAL(loomdb_database_toc_insert);
     log(handle, "toc insert " + named(handle, table));
     if (!fails("loomdb_database_toc_insert", err)) real(handle, domain, table, dynamic, err);
@@ -84,7 +85,8 @@ WATCHED void loomdb_database_toc_delete(loom_handle* handle, u32 domain, loom_ta
 WATCHED u64 loom_oid_mapping_create(loom_handle* handle, u32 domain, void* object, u32 kind, u32 dynamic, u64 ior,
                                     u32* err) {
     REAL(loom_oid_mapping_create);
-    log(handle, "map " + named(handle, object) + " dynamic " + std::to_string(dynamic) + " ior " + std::to_string(ior));
+    log(handle,
+        "map " + named(handle, object) + " dynamic " + std::to_string(dynamic) + " ior " + std::to_string(ior));
     return fails("loom_oid_mapping_create", nullptr) ? 0 : real(handle, domain, object, kind, dynamic, ior, err);
 }
 
@@ -132,7 +134,8 @@ WATCHED void loomdb_enq_rec_move_write_cursor_internal(loom_handle* handle, u32 
 WATCHED void loomdb_update_tenant_counter(loom_handle* handle, u32 domain, loom_table* table, u32 up, u16 tenant,
                                           u8 src, u32* err) {
     REAL(loomdb_update_tenant_counter);
-    log(handle, "tenant " + std::to_string(tenant) + (up != 0 ? " up" : " down") + " source " + std::to_string(src));
+    log(handle,
+        "tenant " + std::to_string(tenant) + (up != 0 ? " up" : " down") + " source " + std::to_string(src));
     real(handle, domain, table, up, tenant, src, err);
 }
 

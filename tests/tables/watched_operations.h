@@ -12,19 +12,19 @@ namespace table_tests {
 /// `loom_request_oid_mapping_destroy` the number 0 answers "not yet", for `arbor_set_key` and
 /// `loom_oid_mapping_create` any number is a refusal.
 class failing {
-public:
+  public:
     failing(std::string operation, trellis::u32 number);
     ~failing();
     failing(const failing&) = delete;
     failing& operator=(const failing&) = delete;
 
-private:
+  private:
     std::string operation_;
 };
 
 /// In its scope the process takes the database for a shared one whose write lock is held or not.
 class shared_database {
-public:
+  public:
     explicit shared_database(bool write_locked);
     ~shared_database();
     shared_database(const shared_database&) = delete;
@@ -33,7 +33,7 @@ public:
 
 /// In its scope the thread works under that tenant.
 class as_tenant {
-public:
+  public:
     explicit as_tenant(trellis::u16 tenant) { loom_set_tenant(tenant); }
     ~as_tenant() { loom_set_tenant(0); }
     as_tenant(const as_tenant&) = delete;
