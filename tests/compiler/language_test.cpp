@@ -200,5 +200,14 @@ TEST(Language, CarriageReturnsAndMissingLastLineEnd) {
     EXPECT_EQ(b->records[0]->attributes[0].doc, "doc");
 }
 
+TEST(Language, TheExampleOfTheManualCompiles) {
+    const std::string manual = content_of(TRELLIS_MANUAL);
+    const std::size_t start = manual.find("```\n") + 4;
+    const auto b = model_of(manual.substr(start, manual.find("```", start) - start));
+    EXPECT_EQ(b->name, "weather");
+    EXPECT_EQ(b->tables.size(), 3u);
+    EXPECT_EQ(named_one(b->records, "weather_event").list_element, true);
+}
+
 } // namespace
 } // namespace trellis::schema::testing
