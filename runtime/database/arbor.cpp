@@ -1,5 +1,6 @@
 // The arena operations that bundles import, and what loom_runtime/arena.h offers for looking at arenas. The arena
 // argument is a handle's alloc_ctx.
+#include "runtime/database/revoked_roots.h"
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
 
@@ -16,7 +17,9 @@ open_handle* of(void* arena) { return static_cast<open_handle*>(arena); }
 LOOM_EXPORT void* arbor_get_key(void* arena, const char* key) {
     if (!arena || !key) return nullptr;
     const named_root* root = of(arena)->db->memory.find_root(key);
-    return root ? root->block : nullptr;
+    if (!root) return nullptr;
+    reinstate_root(root->block);
+    return root->block;
 }
 
 LOOM_EXPORT uint32_t arbor_set_key(void* arena, const char* key, void* block) {
@@ -39,7 +42,7 @@ LOOM_EXPORT uint32_t arbor_in_range(void* arena, const void* pointer) {
     if (!arena) return 0;
     const database& db = *of(arena)->db;
     return db.memory.contains(pointer) && db.memory.offset_of(pointer) < db.memory.header().top &&
-           !db.revoked(pointer);
+           !is_revoked_root(pointer);
 }
 
 LOOM_EXPORT uint32_t arbor_set_range(void* arena, const void* address, size_t size, uint32_t) {

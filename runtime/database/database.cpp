@@ -2,6 +2,7 @@
 #include "runtime/database/database.h"
 
 #include "runtime/database/error_text.h"
+#include "runtime/database/revoked_roots.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,17 +98,34 @@ bool address_is_free(u64 address, u64 size) {
     return reinterpret_cast<u64>(memory) == address;
 }
 
+// Bundles keep addresses of named roots in process-wide variables and trust them while they lie in the arena at hand.
+// So a new arena must not lie exactly where a closed one has been: it begins at a random page.
+constexpr u64 random_span = u64{1} << 30;
+u64 random_shift(u64 number) { return number % (random_span / 4096) * 4096; }
+
 /// An address for a new file. The identity chooses where the search begins, so that two files rarely ask for the
 /// same one.
 u64 choose_address(const u8 identity[16], u64 reserve) {
-    if (reserve > last_address - first_address) return 0;
-    const u64 places = (last_address - first_address) / reserve;
+    const u64 slot = reserve + random_span;
+    if (slot > last_address - first_address) return 0;
+    const u64 places = (last_address - first_address) / slot;
     const u64 start = hash_of_bytes(identity + 8) % places;
     for (u64 i = 0; i < places; ++i) {
-        const u64 address = first_address + (start + i) % places * reserve;
+        const u64 address = first_address + (start + i) % places * slot + random_shift(hash_of_bytes(identity));
         if (address_is_free(address, reserve)) return address;
     }
     return 0;
+}
+
+/// Addresses for private memory, of which none is usable yet; null when there are none left.
+std::byte* reserve_addresses(u64 reserve, u64 random) {
+    const u64 size = reserve + random_span;
+    void* memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED) return nullptr;
+    auto* base = static_cast<std::byte*>(memory) + random_shift(random);
+    if (base != memory) munmap(memory, random_shift(random));
+    munmap(base + reserve, random_span - random_shift(random));
+    return base;
 }
 
 std::string name_from_path(const std::string& path) {
@@ -214,17 +232,18 @@ void section_lock::give_up() { set_lock(file_, F_UNLCK, section_byte, false); }
 std::shared_ptr<database> database::make_private(u64 wanted, const std::string& name) {
     auto made = std::make_shared<database>();
     const u64 reserve = rounded_reserve(wanted, default_private_reserve);
-    void* memory = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) {
+    u8 identity[16];
+    fill_identity(identity);
+    std::byte* base = reserve_addresses(reserve, hash_of_bytes(identity));
+    if (!base) {
         fail(ENOMEM, "private database: no %" PRIu64 " bytes of addresses left", reserve);
         return nullptr;
     }
     made->reserve_ = reserve;
-    auto* base = static_cast<std::byte*>(memory);
     const bool usable = mprotect(base, first_extent_of_memory, PROT_READ | PROT_WRITE) == 0;
-    if (usable) {
-        u8 identity[16];
-        fill_identity(identity);
+    if (!usable) {
+        munmap(base, reserve);
+    } else {
         arena::format(*reinterpret_cast<arena_header*>(base), reinterpret_cast<u64>(base), reserve,
                       first_extent_of_memory, identity, name);
         made->memory.attach(base, made.get(), true);
@@ -358,14 +377,14 @@ void database::abort_section() {
     log_->roll_back(memory.base(), reserve_);
     memory.close_section();
     memory.refresh_poison();
-    revoked_.insert(roots_of_section_.begin(), roots_of_section_.end());
+    for (const void* root : roots_of_section_) revoke_root(root);
     roots_of_section_.clear();
     ++rollbacks;
     if (debug) debug->restart();
 }
 
 void database::root_was_set(const void* address) {
-    revoked_.erase(address);
+    reinstate_root(address);
     if (memory.in_section()) roots_of_section_.push_back(address);
 }
 

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <unordered_set>
 
 namespace loom {
 
@@ -61,8 +60,7 @@ public:
     void abort_section();
     u32 sync();
 
-    /// Named roots that were set in an aborted section: bundles may still have their addresses.
-    bool revoked(const void* address) const { return !revoked_.empty() && revoked_.count(address) != 0; }
+    /// A named root was set: an abort of the open section takes it back.
     void root_was_set(const void* address);
 
     arena memory;
@@ -81,7 +79,6 @@ private:
     bool make_log();
 
     std::unique_ptr<undo_log> log_;
-    std::unordered_set<const void*> revoked_;
     std::vector<const void*> roots_of_section_;
     u64 reserve_ = 0;
     int file_ = -1;

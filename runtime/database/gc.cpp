@@ -62,15 +62,9 @@ void collect_tables(open_handle& own, loom_gc_result& result) {
     for (loom_table* table = own.db->root()->gc_first; table; table = words_of(table).gc_next) waiting.push_back(table);
     for (loom_table* table : waiting) {
         const loom_table_vft* vft = vft_of(handle, table);
-        u32 err = vft && !table->avl_root ? 0u : u32{LOOM_EAGAIN};
-        if (!err) {
-            const u32 domain = static_cast<u32>(words_of(table).domain);
-            loomgc_database_gc_list_remove(handle, domain, table, &err);
-            slot<free_table_op>(*vft, LOOM_VFT_TABLE_FREE)(handle, domain, table, &err);
-            // Refused: the table still exists and goes on waiting.
-            if (err) put_on_gc_list(own, table);
-        }
-        ++(err ? result.tables_waiting : result.tables_freed);
+        const bool refused = !vft || table->avl_root ||
+                             free_waiting_table(own, *vft, table, static_cast<u32>(words_of(table).domain)) != 0;
+        ++(refused ? result.tables_waiting : result.tables_freed);
     }
 }
 
@@ -84,6 +78,19 @@ void collect_objects(open_handle& own, loom_gc_result& result) {
     }
 }
 } // namespace
+
+u32 free_waiting_table(open_handle& own, const loom_table_vft& vft, loom_table* table, u32 domain) {
+    loom_handle* handle = &own.view;
+    const bool listed = table->table_flags & LOOM_TABLE_ON_GC_LIST;
+    const u32 gc_context = std::exchange(handle->gc_context, 1);
+    u32 err = 0;
+    if (listed) loomgc_database_gc_list_remove(handle, domain, table, &err);
+    slot<free_table_op>(vft, LOOM_VFT_TABLE_FREE)(handle, domain, table, &err);
+    handle->gc_context = gc_context;
+    // Refused: the table still exists and goes on waiting.
+    if (err && listed) put_on_gc_list(own, table);
+    return err;
+}
 
 void put_on_gc_list(open_handle& handle, loom_table* table) {
     if (table->table_flags & LOOM_TABLE_ON_GC_LIST) return;

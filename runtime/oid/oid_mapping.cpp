@@ -112,12 +112,7 @@ bool destroy_put_off(loom_handle* handle, loom_oid_mapping* mapping) {
     if (mapping->kind == kind_table) {
         const loom_table_vft* vft = loom_find_table_vft(handle, info->luid);
         if (!vft) return false;
-        using free_fn = void (*)(loom_handle*, uint32_t, loom_table*, uint32_t*);
-        const u32 gc_context = std::exchange(handle->gc_context, 1);
-        u32 err = 0;
-        reinterpret_cast<free_fn>(const_cast<void*>(vft->slots[LOOM_VFT_TABLE_FREE]))(
-            handle, domain, static_cast<loom_table*>(object), &err);
-        handle->gc_context = gc_context;
+        free_waiting_table(*opened(handle), *vft, static_cast<loom_table*>(object), domain);
     } else {
         const loom_destroy_fn destroy = destroyer_of(*info);
         if (!destroy) return false;

@@ -192,6 +192,22 @@ TEST_P(arena, knows_its_range_and_the_roots_that_were_taken_back) {
     EXPECT_EQ(arbor_set_range(handle->alloc_ctx, &outside, sizeof outside, 1), 1u);
 }
 
+/// A bundle keeps roots in variables of its own. A later database may lie at the same addresses.
+TEST_P(arena, knows_the_roots_of_closed_databases_for_what_they_are) {
+    void* root = alloc(32);
+    arbor_set_key(handle->alloc_ctx, "kept by a bundle", root);
+    handle.reset();
+    scratch_directory elsewhere;
+    handle = open_kind(GetParam(), elsewhere);
+    EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, root));
+    handle.reset();
+    handle = open_kind(GetParam(), directory);
+    if (arbor_get_key(handle->alloc_ctx, "kept by a bundle")) { // the same file once more
+        EXPECT_EQ(arbor_get_key(handle->alloc_ctx, "kept by a bundle"), root);
+        EXPECT_TRUE(arbor_in_range(handle->alloc_ctx, root));
+    }
+}
+
 TEST_P(arena, memory_can_be_freed_only_once) {
     void* block = alloc(40);
     free(block);

@@ -111,7 +111,9 @@ TEST_P(references, a_copy_over_the_wire_holds_nothing) {
     loom_oid copy{};
     EXPECT_EQ(loomlib_oid_len(handle.get(), 1, &counted), 40u);
     EXPECT_EQ(loomlib_oid_marshal(handle.get(), 1, wire, &counted, 40, &err), 40u);
+    EXPECT_LT(wire[0], 128); // nobody else can know of the count
     EXPECT_EQ(loomlib_oid_unmarshal(handle.get(), 1, wire, &copy, 40, 0, &err), 40u);
+    EXPECT_LT(copy.object >> 63, 1u);
     EXPECT_EQ(loomlib_oid_compare(&copy, &counted), 0);
     EXPECT_EQ(loom_oid_to_handle(handle.get(), 1, &copy, &err), each);
     loomlib_oid_release_internal(handle.get(), 1, &copy, &err);
