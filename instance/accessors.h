@@ -252,6 +252,15 @@ inline void move_list(const call& c, holder_of<A>* destination, holder_of<A>* so
     c.store<u32>(&from->count, 0, source);
 }
 
+/// The destination's value takes a private copy. Every value does, also behind one that found no memory: two objects
+/// must never be left with one block. The first error counts.
+template <class A>
+inline void take_private_copy(const call& c, value_of<A>* to, value_of<A>* from) {
+    u32 error = 0;
+    A::type::set(c.handle, c.domain, to, from, &error);
+    if (error != 0 && !c.pending()) *c.error = error;
+}
+
 /// After a block copy both objects point at the same outside storage: values take private copies, what is owned
 /// by pointer moves to the destination.
 template <class M>
@@ -261,10 +270,10 @@ void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* d
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if (!has_room_for<A>(destination) || !has_room_for<A>(source)) return;
         if constexpr (is_object<A> && owns_storage(A::type::category)) {
-            A::type::set(handle, domain, cell_of<A>(destination), cell_of<A>(source), err);
+            take_private_copy<A>(c, cell_of<A>(destination), cell_of<A>(source));
         } else if constexpr (is_fixed_array<A> && owns_storage(A::type::category)) {
             for (u32 i = 0; i < A::extent; ++i)
-                A::type::set(handle, domain, cell_of<A>(destination) + i, cell_of<A>(source) + i, err);
+                take_private_copy<A>(c, cell_of<A>(destination) + i, cell_of<A>(source) + i);
         } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
             c.store<value_of<A>*>(&pointer_of<A>(source), nullptr, source);
             using count = typename A::length::type::c_type;

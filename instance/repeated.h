@@ -33,19 +33,22 @@ inline u8* place_element(const call& c, typename Type::c_type* block, u32 count,
 /// memory, so nothing is announced. Returns how many elements of the block are set up: all but when memory ends.
 template <class Type>
 inline u32 initialize_elements(const call& c, typename Type::c_type* block, u32 first, u32 count, bool tracked) {
+    const u32 earlier = *c.error;
+    u32 ready = count;
     if constexpr (is_initialised(Type::category)) {
-        for (u32 i = first; i < count; ++i) {
-            u32 error = 0;
+        u32 error = 0;
+        for (u32 i = first; i < count && error == 0; ++i) {
             u8* area = nullptr;
             if constexpr (Type::category == value_category::record)
                 if (tracked) area = place_element<Type>({c.handle, c.domain, &error}, block, count, i);
             Type::initialize(c.handle, c.domain, block + i, 0, 0, area, &error);
-            if (error == 0) continue;
-            c.fail(error);
-            return i;
+            if (error != 0) ready = i;
         }
+        if (error != 0) c.fail(error);
     }
-    return count;
+    // Initialising clears the handle's slot, which is the error word of a chain.
+    if (earlier != 0) c.fail(earlier);
+    return ready;
 }
 
 /// A zeroed block of flags for `count` elements; null with error 12 when there is no room.
