@@ -91,8 +91,8 @@ inline bool provide_block(const reader& r, holder_of<A>* object, u32 old_count, 
     const size_t size = is_counted_string<A> ? size_t{count} + 1 : block_size<typename A::type>(count, r.tracked);
     value_of<A>*& block = pointer_of<A>(object);
     if (r.existing != 0 && block != nullptr && count == old_count) {
+        c.announce(block, size, object); // the end of elements clears some of their bytes in silence
         record::tear_down_elements<A>(c, block, count);
-        c.announce(block, size, object);
     } else {
         drop_block<A>(c, object, old_count);
         auto* made = static_cast<value_of<A>*>(c.allocate(size));
@@ -148,7 +148,7 @@ inline next_step read_counted(reader& r, holder_of<A>* object) {
         r.position += size;
     } else {
         // All elements are set up first: those behind an error must be fit to be ended.
-        if constexpr (has_variant(A::type::category))
+        if constexpr (has_header(A::type::category))
             initialize_elements<typename A::type>(c, block, 0, count, r.tracked);
         for (u32 i = 0; i < count; ++i)
             r.template value<typename A::type>(block + i);
@@ -326,6 +326,18 @@ inline u8 read_flags(reader& r) {
     return flags;
 }
 
+/// Stores the type information of an instance just read. A database without room for it leaves the old one, with
+/// error 12.
+template <class Model>
+inline void store_type_info(const call& c, loom_type_info** word, const void* owner) {
+    c.announce(word, sizeof *word, owner);
+    loom_type_info* resident = resident_type_info<typename Model::bundle>(c, Model::type::type_info());
+    if (resident != nullptr)
+        *word = resident;
+    else if (!c.pending())
+        c.fail(LOOM_ENOMEM);
+}
+
 /// Takes the position to the end that the jump names, if that lies ahead. True when something was skipped.
 inline bool jump_ahead(u32* position, u32 base, u32 jump) {
     const u32 end = base + jump;
@@ -383,9 +395,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::o
 
     c.store<i8>(&header->loom_variant, variant, nullptr);
     c.store<u8>(&header->loom_flags, static_cast<u8>(header->loom_flags | flags), nullptr);
-    loom_type_info** word = loom_get_manifested_type_info_ptr_mem(object);
-    c.announce(word, sizeof *word, nullptr);
-    *word = resident_type_info<typename M::bundle>(c, M::type::type_info());
+    codec::store_type_info<M>(c, loom_get_manifested_type_info_ptr_mem(object), nullptr);
     return r.position;
 }
 

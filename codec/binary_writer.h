@@ -31,7 +31,7 @@ struct writer {
     u8* buffer;
     u32 position;
     i32 length;
-    bool cut_down; // the record is written in an older form than it has; the error is kept aside
+    bool cut_down; // the instance or a part of it is written in an older form than it has; error 43 is kept aside
 
     u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
@@ -39,9 +39,11 @@ struct writer {
     template <class Type>
     [[gnu::always_inline]] void value(const typename Type::c_type* v) {
         position += Type::marshal(c.handle, c.domain, at(), v, room(), c.error);
-        if constexpr (has_variant(Type::category))
-            // A part that is cut down with its holder must not stop the holder's other fields.
-            if (cut_down && *c.error == LOOM_EIDRM) *c.error = 0;
+        if constexpr (has_header(Type::category))
+            if (*c.error == LOOM_EIDRM) { // a part that is cut down does not stop what follows
+                *c.error = 0;
+                cut_down = true;
+            }
     }
 
     [[gnu::always_inline]] void scalar_step(u8 state) {

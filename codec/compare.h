@@ -91,6 +91,7 @@ i32 compare(const typename M::object* a, const typename M::object* b) {
     i32 order = 0;
     all_attributes(
         typename M::attributes{}, [&]<class A>() __attribute__((always_inline)) {
+            if (!has_room_for<A>(a) || !has_room_for<A>(b)) return false; // nor for those behind it
             order = codec::compare_attribute<A>(a, b);
             return order == 0;
         });

@@ -109,8 +109,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename E::o
     u32 position = 0;
     const i8 variant = codec::read_variant(c, bytes, &position, length, header);
     c.store<i8>(&header->loom_variant, variant, object);
-    c.announce(&header->loom_tinfo, sizeof header->loom_tinfo, object);
-    header->loom_tinfo = resident_type_info<typename E::bundle>(c, E::type::type_info());
+    codec::store_type_info<E>(c, &header->loom_tinfo, object);
     u32 internal = 0;
     position += types::u_int32::unmarshal(handle, domain, bytes + position, &internal,
                                           length - static_cast<i32>(position), existing, err);

@@ -61,9 +61,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::o
     position += _loom_variant_jump_unmarshal(handle, domain, bytes + position, &jump,
                                              length - static_cast<i32>(position), err);
     c.store<i8>(&header->loom_variant, variant, object);
-    loom_type_info** word = loom_get_manifested_type_info_ptr_mem(object);
-    c.announce(word, sizeof *word, object);
-    *word = resident_type_info<typename F::bundle>(c, F::type::type_info());
+    codec::store_type_info<F>(c, loom_get_manifested_type_info_ptr_mem(object), object);
 
     const i32 left = length - static_cast<i32>(position);
     const u32 present = left <= 0                                  ? 0

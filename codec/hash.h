@@ -72,7 +72,7 @@ u32 hash(const typename M::object* object, u32 seed) {
     if (object == nullptr) return seed;
     for_each_attribute(
         typename M::attributes{}, [&]<class A>() __attribute__((always_inline)) {
-            seed = codec::hash_attribute<A>(object, seed);
+            if (has_room_for<A>(object)) seed = codec::hash_attribute<A>(object, seed);
         });
     return seed;
 }

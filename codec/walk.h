@@ -62,12 +62,6 @@ template <class A>
 concept is_integer_array =
     is_array<A> && A::type::category == value_category::scalar&& std::is_integral_v<value_of<A>>;
 
-/// What may itself be newer than the peer.
-constexpr bool has_variant(value_category category) {
-    return category == value_category::record || category == value_category::flag_set ||
-           is_any_enumeration(category);
-}
-
 /// Calls `body(element)` for the elements of a list in order, as long as it returns true.
 template <class A, class Body>
 inline bool each_element(const holder_of<A>* object, Body&& body) {

@@ -194,7 +194,8 @@ void from_xml(loom_handle* handle, u32 domain, const char* path, const loom_xml_
         c.fail(LOOM_ENOENT);
         return;
     }
-    all_attributes(typename M::attributes{}, [&]<class A>() { return codec::parse_attribute<A>(r, object); });
+    all_attributes(typename M::attributes{},
+                   [&]<class A>() { return has_room_for<A>(object) && codec::parse_attribute<A>(r, object); });
 }
 
 } // namespace trellis::record

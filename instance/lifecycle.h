@@ -217,7 +217,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category)) {
             A::type::initialize(handle, domain, cell_of<A>(object), write_through, no_accounting, base, err);
-        } else if constexpr (is_fixed_array<A> && is_array_of_records<A>) {
+        } else if constexpr (is_fixed_array<A> && has_header(A::type::category)) {
             for (u32 i = 0; i < A::extent; ++i)
                 A::type::initialize(handle, domain, cell_of<A>(object) + i, write_through, no_accounting, base,
                                     err);

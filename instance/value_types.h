@@ -36,6 +36,10 @@ constexpr u32 variant_indicator(value_category c) {
 }
 /// Has type information and an initialize of its own.
 constexpr bool is_initialised(value_category c) { return c != value_category::scalar && c != value_category::oid; }
+/// Begins with an object header of its own.
+constexpr bool has_header(value_category c) {
+    return c == value_category::record || c == value_category::flag_set || is_any_enumeration(c);
+}
 /// Owns outside storage or may: copies of raw bytes need a repair.
 constexpr bool owns_storage(value_category c) {
     return c == value_category::object_value || c == value_category::opaque_value || c == value_category::record;

@@ -214,85 +214,119 @@ class older_peer {
 
 TEST(Skew, MarshalForAnOlderPeerIsWholeInTheOlderForm) {
     const database plain;
-    rec_type* object = rec_type_create(plain, domain);
-    const std::vector<uint32_t> lengths = [&] {
-        std::vector<uint32_t> all;
-        for (int8_t variant = 0; variant <= 3; ++variant) {
-            object->loom_variant = variant;
-            all.push_back(rec_type_len(plain, domain, object));
-        }
-        return all;
-    }();
-    for (int32_t known = -1; known <= 3; ++known) {
-        const older_peer peer(plain, "rec_type", known);
+    trellis_telemetry_data* object = trellis_telemetry_data_create(plain, domain);
+    std::vector<uint32_t> lengths;
+    for (int8_t variant = 0; variant <= 2; ++variant) {
+        object->loom_variant = variant;
+        lengths.push_back(trellis_telemetry_data_len(plain, domain, object));
+    }
+    for (int32_t known = -1; known <= 2; ++known) {
+        const older_peer peer(plain, "trellis_telemetry_data", known);
         exact_buffer buffer(2000);
         uint32_t error = 0;
-        const uint32_t size = rec_type_marshal(plain, domain, buffer.data(), object, 1999, &error);
-        EXPECT_EQ(error, known == 3 ? 0u : 43u);
+        const uint32_t size = trellis_telemetry_data_marshal(plain, domain, buffer.data(), object, 1999, &error);
+        EXPECT_EQ(error, known == 2 ? 0u : 43u);
+        EXPECT_EQ(plain.handle()->last_error, error);
         EXPECT_EQ(size, known < 0 ? 6u : lengths[static_cast<size_t>(known)]);
         EXPECT_EQ(static_cast<int8_t>(buffer.data()[0]), known);
         error = 0;
-        EXPECT_EQ(rec_type_marshal_for_clone(plain, domain, buffer.data(), object, 1999, &error), lengths[3]);
+        EXPECT_EQ(trellis_telemetry_data_marshal_for_clone(plain, domain, buffer.data(), object, 1999, &error),
+                  lengths[2]);
         EXPECT_EQ(error, 0u);
     }
-    rec_type_destroy(plain, domain, object);
+    // A short buffer is no older form.
+    const older_peer peer(plain, "trellis_telemetry_data", 0);
+    EXPECT_EQ(marshal("trellis_telemetry_data", plain, object, static_cast<int32_t>(lengths[0]) - 1).error, 90u);
+    trellis_telemetry_data_destroy(plain, domain, object);
 }
 
-TEST(Skew, PartsThatAreCutDownWithTheirHolderStayWhole) {
+TEST(Skew, PartsThatAreCutDownDoNotStopTheOthers) {
     const database plain;
-    const_default_type* object = const_default_type_create(plain, domain);
-    object->enum_attr.value = 5;
+    rec_child_comp_key_parent_sing* object = rec_child_comp_key_parent_sing_create(plain, domain);
+    object->comp_attr.loom_variant = 0; // without its unions, which need an arm
+    object->parent_singleton_id_key = 0x01020304;
+    object->loom_variant = 0;
+    uint32_t error = 0;
+    exact_buffer whole(2000), cut(2000);
+    const uint32_t size =
+        rec_child_comp_key_parent_sing_marshal(plain, domain, whole.data(), object, 1999, &error);
+    ASSERT_EQ(error, 0u);
+    object->loom_variant = 1;
+
+    // The peer knows all these types in their first variant only.
     loom_peer* peer = loom_peer_create_same_build("older");
-    loom_peer_limit(peer, "ud_enum", 0);
-    loom_peer_limit(peer, "ud_flag", 0);
-    loom_peer_limit(peer, "const_default_type", 0);
+    for (const char* type : {"rec_child_comp_key_parent_sing", "ud_enum", "ud_flag"})
+        loom_peer_limit(peer, type, 0);
     loom_set_peer(plain, peer);
-    // The holder itself is not newer than the peer: the part's error stops what follows.
-    const written stopped = marshal("const_default_type", plain, object, 200);
-    EXPECT_EQ(stopped.error, 43u);
+    EXPECT_EQ(rec_child_comp_key_parent_sing_marshal(plain, domain, cut.data(), object, 1999, &error), size);
+    EXPECT_EQ(error, 43u);
+    EXPECT_EQ(hex(cut.data() + size - 4, 4), "01 02 03 04") << "the last field of the first variant";
+
+    // The same for a holder that is not newer itself.
+    object->loom_variant = 0;
+    error = 0;
+    EXPECT_EQ(rec_child_comp_key_parent_sing_marshal(plain, domain, cut.data(), object, 1999, &error), size);
+    EXPECT_EQ(error, 43u);
+    EXPECT_EQ(plain.handle()->last_error, 43u);
     loom_set_peer(plain, nullptr);
     loom_peer_release(peer);
-    const_default_type_destroy(plain, domain, object);
+    object->loom_variant = 1;
+    object->comp_attr.loom_variant = 4;
+    rec_child_comp_key_parent_sing_destroy(plain, domain, object);
 }
 
-TEST(Skew, ReaderStopsAtWhatItsLayoutHolds) {
+/// A record of two variants written in the newest.
+class skewed_records {
+  public:
+    skewed_records() {
+        source->duration = 7;
+        source->custom_timeout = 8;
+    }
+    ~skewed_records() {
+        custom_rpc_type_timeout_destroy(plain, domain, object);
+        custom_rpc_type_timeout_destroy(plain, domain, source);
+    }
+    void transfer() {
+        exact_buffer buffer(200);
+        uint32_t error = 0;
+        const uint32_t size = custom_rpc_type_timeout_marshal(plain, domain, buffer.data(), source, 199, &error);
+        EXPECT_EQ(custom_rpc_type_timeout_unmarshal(plain, domain, buffer.data(), object,
+                                                    static_cast<int32_t>(size), 1, &error),
+                  size);
+        EXPECT_EQ(error, 0u);
+    }
+
     const database plain;
-    rec_type* source = rec_type_create(plain, domain);
-    source->byte_with_range = 7;
-    source->single_char = 'q';
-    exact_buffer buffer(2000);
-    uint32_t error = 0;
-    const uint32_t size = rec_type_marshal(plain, domain, buffer.data(), source, 1999, &error);
-    rec_type* object = rec_type_create(plain, domain);
-    object->loom_layout_variant = 1;
-    object->single_char = 'k';
-    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 0, &error),
-              size);
-    EXPECT_EQ(error, 0u);
-    EXPECT_EQ(object->loom_variant, 1);
-    EXPECT_EQ(object->byte_with_range, 7);
-    EXPECT_EQ(object->single_char, 'k') << "left alone";
-    object->loom_layout_variant = 3;
-    rec_type_destroy(plain, domain, object);
-    rec_type_destroy(plain, domain, source);
+    custom_rpc_type_timeout* source = custom_rpc_type_timeout_create(plain, domain);
+    custom_rpc_type_timeout* object = custom_rpc_type_timeout_create(plain, domain);
+};
+
+TEST(Skew, ReaderStopsAtWhatItsLayoutHolds) {
+    skewed_records records;
+    records.object->loom_layout_variant = 0;
+    records.object->custom_timeout = 5;
+    records.transfer();
+    EXPECT_EQ(records.object->loom_variant, 0);
+    EXPECT_EQ(records.object->duration, 7u);
+    EXPECT_EQ(records.object->custom_timeout, 5u) << "left alone";
 }
 
 TEST(Skew, OlderFormLeavesLaterFieldsAlone) {
-    const database plain;
-    rec_type* source = rec_type_create(plain, domain);
-    source->loom_variant = 0;
-    exact_buffer buffer(2000);
-    uint32_t error = 0;
-    const uint32_t size = rec_type_marshal(plain, domain, buffer.data(), source, 1999, &error);
-    rec_type* object = rec_type_create(plain, domain);
-    object->pi = 3.0;
-    EXPECT_EQ(rec_type_unmarshal(plain, domain, buffer.data(), object, static_cast<int32_t>(size), 1, &error),
-              size);
-    EXPECT_EQ(object->loom_variant, 0);
-    EXPECT_EQ(object->pi, 3.0);
-    object->loom_variant = source->loom_variant = 3;
-    rec_type_destroy(plain, domain, object);
-    rec_type_destroy(plain, domain, source);
+    skewed_records records;
+    records.source->loom_variant = 0;
+    records.object->custom_timeout = 5;
+    records.transfer();
+    EXPECT_EQ(records.object->loom_variant, 0);
+    EXPECT_EQ(records.object->duration, 7u);
+    EXPECT_EQ(records.object->custom_timeout, 5u);
+}
+
+TEST(Skew, VanishedRecordIsAFrame) {
+    skewed_records records;
+    records.source->loom_variant = -1;
+    records.transfer();
+    EXPECT_EQ(records.object->loom_variant, -1);
+    EXPECT_EQ(records.object->duration, 0u);
 }
 
 TEST(Reader, JumpOnlyMovesForwardAndIsNotHeldToTheBuffer) {

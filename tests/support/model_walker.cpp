@@ -300,7 +300,15 @@ void model_walker::fill(const std::string& type, void* object, std::mt19937& ran
                         const fill_options& options) const {
     fill_value(type, object, random, options);
     if (uint8_t* area = area_of(type, object)) fill_states(type, object, area, random);
-    if (options.lower_variants) lower_variants(type, object, random);
+    if (options.lower_variants)
+        choose_variants(type, object, [&](int newest) {
+            const int variant = static_cast<int>(pick(random, static_cast<uint32_t>(newest) + 2)) - 1;
+            return variant < 0 && pick(random, 4) != 0 ? newest : variant;
+        });
+}
+
+void model_walker::set_variants(const std::string& type, void* object, int variant) const {
+    choose_variants(type, object, [&](int) { return variant; });
 }
 
 void model_walker::fill_record(const record_description& record, void* object, std::mt19937& random,
@@ -343,9 +351,15 @@ void model_walker::fill_attribute(const record_description& record, const attrib
     case attribute_shape::variable_array: {
         using set = void(loom_handle*, uint32_t, void*, uint32_t, void*, uint32_t*);
         for (uint32_t i = 0, count = pick(random, 4); i < count; ++i) {
-            void* value = new_value();
+            void* value = named_type(a.type).create(handle_, domain_);
+            const bool is_enumeration = schema_.enumerations.contains(a.type);
+            fill_options members_only = options;
+            members_only.presentable |= is_enumeration; // the setter takes no others
+            fill_value(a.type, value, random, members_only);
             reinterpret_cast<set*>(find_function(accessor + "_set"))(handle_, domain_, object, i, value, &error);
             named_type(a.type).destroy(handle_, domain_, value);
+            if (is_enumeration)
+                fill_value(a.type, at(read_at<void*>(object, a.offset), i * width_of(a.type)), random, options);
         }
         break;
     }
@@ -462,24 +476,22 @@ void model_walker::fill_states(const std::string& type, const void* object, uint
     }
 }
 
-void model_walker::lower_variants(const std::string& type, void* value, std::mt19937& random) const {
-    const auto lowered = [&](int newest) {
-        const int variant = static_cast<int>(pick(random, static_cast<uint32_t>(newest) + 2)) - 1;
-        write_at(value, variant_at, static_cast<int8_t>(variant < 0 && pick(random, 4) != 0 ? newest : variant));
-    };
+template <class Choose>
+void model_walker::choose_variants(const std::string& type, void* value, Choose&& choose) const {
+    const auto set = [&](int newest) { write_at(value, variant_at, static_cast<int8_t>(choose(newest))); };
     if (const auto found = schema_.enumerations.find(type); found != schema_.enumerations.end())
-        return lowered(found->second.newest);
+        return set(found->second.newest);
     if (const auto found = schema_.flag_sets.find(type); found != schema_.flag_sets.end())
-        return lowered(found->second.newest);
+        return set(found->second.newest);
     const record_description* record = record_of(type);
     if (record == nullptr) return;
-    lowered(record->newest);
+    set(record->newest);
     for (const attribute_description& a : record->attributes) {
         if (a.shape == attribute_shape::length || a.shape == attribute_shape::oid ||
             a.shape == attribute_shape::counted_string || a.shape == attribute_shape::fixed_string)
             continue;
         for (const auto& each : elements_of(a, *record, value, nullptr).all)
-            lower_variants(a.type, const_cast<void*>(each.value), random);
+            choose_variants(a.type, const_cast<void*>(each.value), choose);
     }
 }
 

@@ -131,6 +131,9 @@ class model_walker {
     /// Gives a new object of the type random contents, and random state bytes when it is tracked.
     void fill(const std::string& type, void* object, std::mt19937& random, const fill_options& options) const;
 
+    /// Gives the object and all its parts that have one this variant.
+    void set_variants(const std::string& type, void* object, int variant) const;
+
     /// What the library must write into a buffer without end. A selected arm without value makes `*complete`
     /// false.
     std::vector<uint8_t> marshal(const std::string& type, const void* object, bool* complete) const;
@@ -164,7 +167,8 @@ class model_walker {
     void fill_attribute(const record_description& record, const attribute_description& a, void* object,
                         std::mt19937& random, const fill_options& options) const;
     void fill_states(const std::string& type, const void* object, uint8_t* area, std::mt19937& random) const;
-    void lower_variants(const std::string& type, void* value, std::mt19937& random) const;
+    template <class Choose>
+    void choose_variants(const std::string& type, void* value, Choose&& choose) const;
 
     void marshal_value(const std::string& type, const void* value, const uint8_t* area, std::vector<uint8_t>& out,
                        bool* complete) const;
