@@ -37,7 +37,7 @@ function(trellis_bundle_options target)
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
-  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-plt -fno-exceptions -fno-rtti>)
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-plt -fno-exceptions -fno-rtti -fno-strict-aliasing>)
   target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,now)
 endfunction()
 
