@@ -298,17 +298,16 @@ def write_radio(w, radio):
                          vht_enable=int(band.radio_type == 2), vht_dyn_bw_res=int(band.radio_type == 2),
                          leg_tx_bf_enabled=1, leg_tx_bf_global=1, freq_string=f"({channel})",
                          snmp_freq_string=channel)
-            if band.radio_type == 1:
-                with w.open("phy_dsss_cfg", "cfg_data"):
-                    w.value("slot_id", slot)
-                    w.member("phy_dsss_config_type", "TRL_CONFIG_AUTO")
+            with w.open("phy_dsss_cfg", "cfg_data"):
+                w.value("slot_id", slot)
+                w.member("phy_dsss_config_type", "TRL_CONFIG_AUTO")
+                if band.radio_type == 1:
                     w.values(curr_chan=channel, curr_cca_mode=0, ed_threshold=4294967246, enable_11g=1)
-            else:
-                with w.open("phy_ofdm_cfg", "cfg_data"):
-                    w.value("slot_id", slot)
-                    w.member("phy_ofdm_config_type", "TRL_CONFIG_AUTO")
-                    w.values(curr_freq=channel, freq_bands_supp=1 << (band.radio_type - 1),
-                             ti_threshold=4294967246)
+            with w.open("phy_ofdm_cfg", "cfg_data"):
+                w.value("slot_id", slot)
+                w.member("phy_ofdm_config_type", "TRL_CONFIG_AUTO")
+                if band.radio_type != 1:
+                    w.values(curr_freq=channel, freq_bands_supp=1 << (band.radio_type - 1), ti_threshold=4294967246)
                     w.member("radar_scan_mode", "TRL_RRM_RADAR_DO_SCAN" if is_dfs else "TRL_RRM_RADAR_NO_SCAN")
                     w.values(flash_commit=1, curr_freq_is_dfs_chan=is_dfs)
             with w.open("rad_ext_cfg", "cfg_data"):

@@ -16,7 +16,7 @@ int humidity_of(loom_handle* handle, bed* of, uint32_t* err) {
     return readings == 0 ? -1 : bed_humidity_get_value(handle, domain, of, readings - 1u, err);
 }
 
-uint32_t print_dry_beds(loom_handle* handle, loom_table* table, int limit) {
+uint32_t print_dry_beds(loom_handle* handle, loom_table* table, long limit) {
     uint32_t err = 0;
     bed_tbl_table_record* record = bed_tbl_pkey_get_first(handle, domain, table, &err);
     for (; record && !err; record = bed_tbl_pkey_get_next(handle, domain, table, record, &err)) {
@@ -35,6 +35,7 @@ int main(int count, char** words) {
         std::fprintf(stderr, "usage: watering DB [PERCENT]\n");
         return 2;
     }
+    const long limit = count > 2 ? std::strtol(words[2], nullptr, 10) : 45;
     loom_handle* handle = loom_open_mapped(words[1], 0);
     if (!handle) {
         std::fprintf(stderr, "watering: %s\n", loom_error_text());
@@ -44,7 +45,7 @@ int main(int count, char** words) {
     if (!err) {
         constexpr uint32_t find_only = 1;
         loom_table* table = bed_tbl_table_open(handle, domain, "bed_tbl", find_only, &err);
-        if (table) err = print_dry_beds(handle, table, count > 2 ? std::atoi(words[2]) : 45);
+        if (table) err = print_dry_beds(handle, table, limit);
         loom_read_end(handle);
     }
     loom_close(handle);

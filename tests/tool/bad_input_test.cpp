@@ -19,10 +19,6 @@ struct wrong_file {
 
 std::ostream& operator<<(std::ostream& out, const wrong_file& each) { return out << each.name; }
 
-std::string bed(const std::string& inside, const std::string& key = "<house>1</house><row>50</row>") {
-    return "<beds>\n<bed_tbl>\n<bed>" + inside + "</bed>\n<bed_key>" + key + "</bed_key>\n</bed_tbl>\n</beds>\n";
-}
-
 class wrong_files : public tool_fixture, public testing::WithParamInterface<wrong_file> {};
 
 TEST_P(wrong_files, are_refused_and_nothing_changes) {
@@ -211,10 +207,8 @@ TEST_F(bad_input, traces_that_are_none_or_cut) {
     loom({"import", db, BEDS_FILE, "--trace", trace});
     const std::size_t lines = lines_of(loom_good({"trace", trace}).out).size();
     fs::resize_file(trace, fs::file_size(trace) - 5);
-    const outcome cut = loom({"trace", trace});
-    EXPECT_EQ(cut.status, 1);
-    EXPECT_TRUE(contains(cut.err, trace));
-    EXPECT_EQ(lines_of(cut.out).size(), lines - 1); // the whole records before the cut
+    // A process that was killed leaves its last record unfinished; those before it are whole.
+    EXPECT_EQ(lines_of(loom({"trace", trace}).out).size(), lines - 1);
 }
 
 // --------------------------------------------------------------------------------------------------------- usage
@@ -227,7 +221,6 @@ TEST_F(bad_input, wrong_usage_has_a_status_of_its_own) {
                                                          {"tables", "a.db", "b"},
                                                          {"tables", "--depth", "a.db"},
                                                          {"walk", "a.db", "t", "--src"},
-                                                         {"walk", "a.db", "t", "--src", "300"},
                                                          {"types", "--kind", "shape"},
                                                          {"send", "a.db", "t"}};
     for (const auto& words : wrong)

@@ -2,8 +2,8 @@
 #include "program.h"
 
 #include <algorithm>
-#include <fstream>
-#include <regex>
+#include <map>
+#include <sstream>
 
 namespace tool_test {
 namespace {
@@ -17,21 +17,40 @@ class catalogue : public tool_fixture {
             if (line.starts_with("  ")) names.push_back(line.substr(line.rfind(' ') + 1));
         return names;
     }
+
+    /// A database made from the export holds the same, and says so. A union whose selected arm was never made gets
+    /// one from its element, so it is the export of that database which must come back whole.
+    void expect_to_come_back(const std::string& db, const std::string& verdict) {
+        const std::string first = file("first.db"), second = file("second.db"), xml = file("second.xml");
+        loom_good({"create", first});
+        loom_good({"import", first, written("first.xml", loom_good({"export", db}).out)});
+        EXPECT_EQ(loom_good({"export", first, "--output", xml}).err, "");
+        loom_good({"create", second});
+        loom_good({"import", second, xml});
+        EXPECT_EQ(loom_good({"compare", first, second}).out, verdict);
+    }
 };
 
 TEST_F(catalogue, every_table_takes_a_record_and_gives_it_back) {
     const std::vector<std::string> names = table_names();
     ASSERT_EQ(names.size(), 47u);
+    // Ordered tables want a place in the order.
+    const std::map<std::string, std::string> ordered = {
+        {"tbl_child_ordered_parent_ordered", "rec_child_ordered_parent_ordered"},
+        {"tbl_top_level_ordered_with_ordered_child", "rec_parent_with_ordered_child"}};
     std::string xml = "<all>";
-    for (const std::string& name : names)
-        xml += "<" + name + "/>";
-    const std::string db = file("a.db"), other = file("b.db"), out = file("out.xml");
+    for (const std::string& name : names) {
+        const auto payload = ordered.find(name);
+        xml += "<" + name + ">";
+        if (payload != ordered.end())
+            xml += "<" + payload->second + "><reorder_seq_compact_no>1</reorder_seq_compact_no></" +
+                   payload->second + ">";
+        xml += "</" + name + ">";
+    }
+    const std::string db = file("a.db");
     loom_good({"create", db});
     loom_good({"import", db, written("all.xml", xml + "</all>")});
-    EXPECT_EQ(loom_good({"export", db, "--output", out}).err, "");
-    loom_good({"create", other});
-    loom_good({"import", other, out});
-    EXPECT_EQ(loom_good({"compare", db, other}).out, "equal: 47 records of 47 tables\n");
+    expect_to_come_back(db, "equal: 47 records of 47 tables\n");
     for (const std::string& name : names) {
         EXPECT_EQ(lines_of(loom_good({"walk", db, name}).out).size(), 1u) << name;
         EXPECT_TRUE(contains(loom_good({"walk", db, name, "--text"}).out, "record@" + name + ": {\n"));
@@ -128,15 +147,13 @@ TEST_F(catalogue, unions_arrays_lists_and_flags_come_back) {
         "<b_arr_attr>1</b_arr_attr><b_arr_attr>2</b_arr_attr><ud_arr_attr/><ud_arr_attr/>"
         "<fixed_len_char_arr_attr>sixteen or less</fixed_len_char_arr_attr></rec_type>"
         "<comp_key><s_key>k</s_key><ip_key>2001:db8::5</ip_key></comp_key></tbl_top_level_comp_key></all>";
-    const std::string db = file("a.db"), other = file("b.db"), out = file("out.xml");
+    const std::string db = file("a.db");
     loom_good({"create", db});
     loom_good({"import", db, written("records.xml", records)});
-    loom_good({"export", db, "--output", out});
-    EXPECT_TRUE(contains(contents_of(out), "<UD_FLG8/>"));
-    EXPECT_TRUE(contains(contents_of(out), "<ip_key>2001:db8::5</ip_key>"));
-    loom_good({"create", other});
-    loom_good({"import", other, out});
-    EXPECT_EQ(loom_good({"compare", db, other}).out, "equal: 2 records of 2 tables\n");
+    const std::string out = loom_good({"export", db}).out;
+    EXPECT_TRUE(contains(out, "<UD_FLG8/>"));
+    EXPECT_TRUE(contains(out, "<ip_key>2001:db8::5</ip_key>"));
+    expect_to_come_back(db, "equal: 2 records of 2 tables\n");
 }
 
 TEST_F(catalogue, too_many_elements_for_an_array_are_told) {

@@ -59,8 +59,10 @@ void select_tenant(const arguments& line) {
 } // namespace
 
 int create_database(context& c) {
+    // Each database keeps its addresses to itself; small ones leave room for others in the same process.
     constexpr std::uint64_t mebibyte = 1024 * 1024;
-    const database db = database::create(c.line[0], c.line.number("--room", 1u << 31, 0) * mebibyte);
+    constexpr unsigned usual_room = 4096;
+    const database db = database::create(c.line[0], c.line.number("--room", 1u << 31, usual_room) * mebibyte);
     std::cout << db.path() << ": an empty database\n";
     return exit_good;
 }

@@ -43,7 +43,7 @@ const std::vector<command>& commands() {
          "make an empty database file",
          1,
          1,
-         {{"--room", "MIB", "the most it can ever hold, in MiB (default 32768)"}},
+         {{"--room", "MIB", "the most it can ever hold, in MiB (default 4096)"}},
          create_database},
         {"import",
          "DB FILE...",

@@ -43,7 +43,7 @@ schema_model::attribute read_attribute(const json& from) {
 fs::path model_of(const std::string& module) {
     const fs::path directory = fs::path(bundles::library_path(module)).parent_path();
     for (const char* relative : {".", "../share/trellis", "../../share/trellis"}) {
-        const fs::path path = directory / relative / (module + ".json");
+        fs::path path = directory / relative / (module + ".json");
         if (fs::is_regular_file(path)) return path;
     }
     throw failure("there is no schema model " + module + ".json beside the bundle in " + directory.string(),

@@ -8,10 +8,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace tool {
 namespace {
@@ -205,7 +211,8 @@ class difference_report {
 };
 
 unsigned compare_tables(const table_type& type, const database& left, const stored_table& left_table,
-                        const database& right, const stored_table& right_table, difference_report& report) {
+                        const database& right, const std::string& right_path, const stored_table& right_table,
+                        difference_report& report) {
     const records_by_identity left_records = identified(type, left, left_table);
     const records_by_identity right_records = identified(type, right, right_table);
     unsigned equal = 0;
@@ -221,9 +228,80 @@ unsigned compare_tables(const table_type& type, const database& left, const stor
     }
     for (const auto& [id, record] : right_records)
         if (!left_records.contains(id))
-            report.add(right_table.label() + " " + std::get<std::string>(id) + ": only in " + right.path());
+            report.add(right_table.label() + " " + std::get<std::string>(id) + ": only in " + right_path);
     return equal;
 }
+
+/// An empty file that is gone with the object.
+class scratch_file {
+  public:
+    scratch_file() {
+        const int descriptor = ::mkstemp(path_.data());
+        if (descriptor < 0) throw failure(path_ + ": cannot be made: " + std::strerror(errno));
+        ::close(descriptor);
+    }
+    ~scratch_file() { std::remove(path_.c_str()); }
+    scratch_file(const scratch_file&) = delete;
+    scratch_file& operator=(const scratch_file&) = delete;
+    const std::string& path() const { return path_; }
+
+  private:
+    std::string path_ = (std::filesystem::temp_directory_path() / "loom-XXXXXX").string();
+};
+
+/// Runs a program without its output; its wait status.
+int quiet_status(const std::vector<std::string>& command) {
+    std::vector<char*> words;
+    for (const std::string& word : command)
+        words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
+        ::posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
+    pid_t process = 0;
+    const int error = ::posix_spawn(&process, words[0], &actions, nullptr, words.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    int status = -1;
+    while (error == 0 && ::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+/// The other database of a comparison. Two files may want the same addresses; then the second one is opened by a
+/// process of its own, whose export is read into memory.
+class other_database {
+  public:
+    other_database(context& c, const std::string& path) {
+        try {
+            database_.emplace(database::open(path));
+        } catch (const failure& reason) {
+            read_by_another_process(c, path, reason);
+        }
+    }
+
+    const database& get() const { return *database_; }
+
+  private:
+    void read_by_another_process(context& c, const std::string& path, const failure& reason) {
+        const scratch_file xml;
+        std::vector<std::string> command = {"/proc/self/exe", "export", path, "--output", xml.path()};
+        for (const char* option : {"--bundle", "--bundle-path"})
+            for (const std::string& value : c.line.values(option))
+                command.insert(command.end(), {option, value});
+        if (quiet_status(command) != 0) throw failure(reason);
+        c.loaded.load_all();
+        database_.emplace(database::in_memory());
+        write_section writing(*database_);
+        importer target(*database_);
+        for (const record_element& element : read_record_elements(xml.path()))
+            target.take(path, element);
+        writing.commit();
+        loom_set_tenant(0);
+    }
+
+    std::optional<database> database_;
+};
 
 bool same_database(const database& left, const database& right) {
     std::uint8_t a[16], b[16];
@@ -282,7 +360,9 @@ int export_tables(context& c) {
 }
 
 int compare_databases(context& c) {
-    const database left = database::open(c.line[0]), right = database::open(c.line[1]);
+    const database left = database::open(c.line[0]);
+    const other_database other_side(c, c.line[1]);
+    const database& right = other_side.get();
     if (same_database(left, right)) {
         std::cout << "one and the same database\n";
         return exit_good;
@@ -303,10 +383,10 @@ int compare_databases(context& c) {
         }
         const table_type type = table_type::of(table, left, c.loaded);
         table_type::of(*other, right, c.loaded);
-        equal += compare_tables(type, left, table, right, *other, report);
+        equal += compare_tables(type, left, table, right, c.line[1], *other, report);
     }
     for (const stored_table& table : right_tables)
-        if (find(left_tables, table) == left_tables.end()) report.add(table.label() + ": only in " + right.path());
+        if (find(left_tables, table) == left_tables.end()) report.add(table.label() + ": only in " + c.line[1]);
 
     if (report.count() == 0)
         std::cout << "equal: " << equal << " records of " << left_tables.size() << " tables\n";
