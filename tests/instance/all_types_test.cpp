@@ -86,12 +86,21 @@ struct peer_limit {
 
 class every_record : public ::testing::TestWithParam<setting> {};
 
+/// The first objects of all bring the type information of their bundles into the database, where it stays.
+void bring_type_information(const record_driver& driver, test_handle& handle) {
+    std::vector<std::string> faults;
+    void* object = driver.create(handle, test_handle::domain);
+    object_walk fill(handle, true, 1, faults);
+    driver.walk(fill, object);
+    driver.destroy(handle, test_handle::domain, object);
+    record_named("ud_type").destroy(handle, test_handle::domain, record_named("ud_type").create(handle, test_handle::domain));
+    handle.end_operation();
+}
+
 /// What every record must do, whatever its variant.
 void live_through(const record_driver& driver, test_handle& handle, int variant, u64 seed) {
     SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
-    // The first object of all brings the type information into the database, where it stays.
-    driver.destroy(handle, test_handle::domain, driver.create(handle, test_handle::domain));
-    handle.end_operation();
+    bring_type_information(driver, handle);
     const u64 blocks = handle.live_blocks();
     const auto living = living_objects(handle);
     std::vector<std::string> faults;
@@ -170,7 +179,7 @@ TEST_P(every_record, lives_its_whole_life_under_older_peers) {
                 live_through(driver, handle, variant, ++seed);
             } else {
                 // Nothing of it can be reached; what it was made with stays with it.
-                driver.destroy(handle, test_handle::domain, driver.create(handle, test_handle::domain));
+                bring_type_information(driver, handle);
                 const u64 blocks = handle.live_blocks();
                 std::vector<std::string> faults;
                 void* object = driver.create(handle, test_handle::domain);

@@ -193,7 +193,9 @@ TEST(memory_that_ends, type_information_that_finds_no_room_stops_the_creation) {
         handle.fail_allocation(0);
         // Descriptions are made in one go; what comes behind the object's own may be missing still.
         EXPECT_TRUE(made != nullptr || failed) << nth;
-        if (nth == 1) EXPECT_EQ(made, nullptr);
+        if (nth == 1) {
+            EXPECT_EQ(made, nullptr);
+        }
         // The same handle makes it good as soon as there is memory.
         string_key* second = string_key_create(handle, domain);
         ASSERT_NE(second, nullptr) << nth;
