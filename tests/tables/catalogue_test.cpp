@@ -1,5 +1,5 @@
-// The same questions put to all tables of the catalogue: what they are called, how they order, find, count, mark,
-// travel and end their records.
+// The same questions put to all tables of the catalogue: what they are called, how they order, find and count, how
+// their keys travel, and what they say of duplicates.
 #include "any_table.h"
 
 #include <loom/loom.h>
@@ -71,7 +71,7 @@ const std::vector<table_description>& catalogue() {
 class every_table : public ::testing::TestWithParam<table_description> {
   protected:
     every_table() : handle(options()), all(handle, GetParam()) {
-        add_trace_texts_of(exported(GetParam().table + "_insert"));
+        trellis::testing::add_trace_texts_of(exported(GetParam().table + "_insert"));
     }
 
     static trellis::testing::handle_options options() {
@@ -170,35 +170,6 @@ TEST_P(every_table, a_key_travels_and_is_found_through_the_function_record) {
     all.clear();
 }
 
-TEST_P(every_table, a_record_travels) {
-    ASSERT_NE(all.open(), nullptr);
-    loom_table_record* sent = all.make(3);
-    std::vector<u8> wire(65536);
-    const u32 written =
-        all.call<u32>("table_record_marshal", h(), d, static_cast<void*>(wire.data()),
-                      static_cast<const loom_table_record*>(sent), static_cast<i32>(wire.size()), &all.err);
-    EXPECT_LE(written, all.call<u32>("table_record_len", h(), d, static_cast<const loom_table_record*>(sent)));
-    EXPECT_EQ(memcmp(wire.data() + 27, exported("table_" + GetParam().table + "_luid"), 16), 0);
-    EXPECT_EQ(wire[0], 188);
-    loom_table_record* received = nullptr;
-    EXPECT_EQ(all.call<u32>("table_record_unmarshal", h(), d, &received, static_cast<const void*>(wire.data()),
-                            static_cast<i32>(written), 0u, &all.err),
-              written);
-    ASSERT_NE(received, nullptr);
-    EXPECT_EQ(all.err, 0u);
-    EXPECT_EQ(all.call<i32>(".avl_compare", static_cast<const e_avl_node*>(&sent->avl_node),
-                            static_cast<const e_avl_node*>(&received->avl_node)),
-              1);
-    std::vector<u8> again(65536);
-    EXPECT_EQ(all.call<u32>("table_record_marshal", h(), d, static_cast<void*>(again.data()),
-                            static_cast<const loom_table_record*>(received), static_cast<i32>(again.size()),
-                            &all.err),
-              written);
-    EXPECT_EQ(wire, again);
-    all.call<void>("destroy_record", h(), d, received, &all.err);
-    all.clear();
-}
-
 TEST_P(every_table, names_its_key_in_the_trace_of_a_duplicate) {
     ASSERT_NE(all.open(), nullptr);
     all.insert(3);
@@ -216,20 +187,6 @@ TEST_P(every_table, names_its_key_in_the_trace_of_a_duplicate) {
         << deleted;
     all.err = 0;
     all.clear();
-}
-
-TEST_P(every_table, leaves_nothing_behind) {
-    const u64 before = handle.live_blocks();
-    ASSERT_NE(all.open(), nullptr);
-    const u64 with_table = handle.live_blocks();
-    for (unsigned number = 1; number < 6; ++number)
-        all.insert(number == 2 || number == 4 ? 5 : number, number);
-    all.clear();
-    EXPECT_EQ(handle.live_blocks(), with_table);
-    all.call<void>("table_free", h(), d, all.table, &all.err);
-    EXPECT_EQ(all.err, 0u);
-    EXPECT_LE(handle.live_blocks(), with_table);
-    EXPECT_GE(handle.live_blocks(), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(catalogue, every_table, ::testing::ValuesIn(catalogue()),
