@@ -435,6 +435,12 @@ std::pair<const void*, u64> arena::block_around(u64 wanted) const {
     return found;
 }
 
+bool arena::may_be_block(const block* piece) const {
+    const u64 offset = offset_of(piece);
+    return contains(piece) && offset >= first_block && offset < header().top && (offset + head_size) % 16 == 0;
+}
+
+/// Follows nothing that was not looked at before: the memory may be a damaged file.
 std::string arena::verify() const {
     const arena_header& h = header();
     const auto fault = [](const char* what, u64 offset) {
@@ -448,6 +454,7 @@ std::string arena::verify() const {
         if (size < smallest_block || size > h.top - offset) return fault("a block has an impossible size", offset);
         if (((head & block_previous_in_use) != 0) != previous_in_use) return fault("a block mistakes its neighbour", offset);
         previous_in_use = head & block_in_use;
+        if (size % 16) return fault("a block has an impossible size", offset);
         if (head & block_cached) cached += size;
         else if (previous_in_use) ++blocks, bytes += size;
         else if (++free_blocks; raw_load(footer_of(at(offset), size)) != size)
@@ -458,7 +465,8 @@ std::string arena::verify() const {
     if (blocks != h.blocks || bytes != h.bytes) return fault("the blocks in use do not match their count", 0);
     for (const block* list : h.cached)
         for (const block* piece = list; piece; piece = next_of(piece)) {
-            if (!contains(piece) || !(head_of(piece) & block_cached) || size_in(head_of(piece)) > cached)
+            if (!may_be_block(piece) || !(head_of(piece) & block_cached) || size_in(head_of(piece)) == 0 ||
+                size_in(head_of(piece)) > cached)
                 return fault("a list of cached blocks leads astray", contains(piece) ? offset_of(piece) : 0);
             cached -= size_in(head_of(piece));
         }
@@ -467,14 +475,17 @@ std::string arena::verify() const {
         if ((h.bins[bin] != nullptr) != ((h.bin_map[bin / 64] >> bin % 64 & 1) != 0))
             return fault("the map of bins is wrong", bin);
         for (const block* piece = h.bins[bin]; piece; piece = next_of(piece), --free_blocks)
-            if (!contains(piece) || free_blocks == 0 || (head_of(piece) & block_in_use) ||
+            if (!may_be_block(piece) || free_blocks == 0 || (head_of(piece) & block_in_use) ||
                 bin_of(size_in(head_of(piece))) != bin)
                 return fault("a bin leads astray", contains(piece) ? offset_of(piece) : 0);
     }
     if (free_blocks) return fault("free blocks are in no bin", 0);
     for (const named_root* list : h.roots)
-        for (const named_root* root = list; root; root = root->next)
-            if (!contains(root) || (root->block && !contains(root->block))) return fault("a named root leads astray", 0);
+        for (const named_root* root = list; root; root = root->next) {
+            const bool known = may_be_block(block_of(root)) && blocks-- != 0;
+            if (!known || root->length + sizeof *root >= size_of(root) || (root->block && !contains(root->block)))
+                return fault("a named root leads astray", known ? offset_of(root) : 0);
+        }
     return {};
 }
 

@@ -172,6 +172,7 @@ private:
         return reinterpret_cast<block*>(reinterpret_cast<std::byte*>(piece) + size);
     }
     bool made_in_section(const block* piece) const;
+    bool may_be_block(const block* piece) const;
 
     struct known_range {
         u64 offset = 0;

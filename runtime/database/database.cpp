@@ -353,9 +353,13 @@ database_root* database::make_root() {
 
 // ------------------------------------------------------------------------------------------------- sections
 
-void database::recover() {
-    log_->roll_back(memory.base(), reserve_);
+bool database::recover() {
+    // The extent of the arena as the file has it: what the header says may be part of what is to be put back.
+    struct stat status {};
+    if (mapped) fstat(file_, &status);
+    if (!log_->roll_back(memory.base(), mapped ? static_cast<u64>(status.st_size) : reserve_)) return false;
     ++rollbacks;
+    return true;
 }
 
 void database::open_section() {
@@ -374,7 +378,7 @@ void database::commit_section() {
 }
 
 void database::abort_section() {
-    log_->roll_back(memory.base(), reserve_);
+    if (!log_->roll_back(memory.base(), memory.header().extent)) fatal("%s", error_text().c_str());
     memory.close_section();
     memory.refresh_poison();
     for (const void* root : roots_of_section_) revoke_root(root);

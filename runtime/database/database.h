@@ -51,9 +51,10 @@ public:
     database_root* make_root();
     database_root* root() const { return static_cast<database_root*>(memory.header().database_root); }
 
-    /// The lock has been taken: puts back what a dead owner left. With a read lock only told whether that is needed.
+    /// Whether a dead owner of the write lock has left something behind.
     bool needs_recovery() const { return log_ && !log_->empty(); }
-    void recover();
+    /// Puts it back, under the write lock; false with a text when that cannot be done.
+    bool recover();
 
     void open_section();
     void commit_section();

@@ -117,20 +117,34 @@ bool undo_log::append(const void* address, u64 offset, u64 size) {
     return true;
 }
 
-void undo_log::roll_back(std::byte* base, u64 extent) {
+template <class Visit>
+bool undo_log::each_entry(u64 extent, Visit visit) const {
     u64 tail = header_->tail.load(std::memory_order_acquire);
-    while (tail >= sizeof(entry_end)) {
+    if (tail > extent_ - entries_offset) return false;
+    while (tail) {
         entry_end last{};
+        if (tail < sizeof last) return false;
         std::memcpy(&last, entries_ + tail - sizeof last, sizeof last);
         tail -= sizeof last;
-        if (last.size > tail || last.offset > extent || last.size > extent - last.offset)
-            fatal("undo log: an entry lies outside the database; it was changed by another program");
+        if (last.size > tail || padded(last.size) > tail || last.offset > extent || last.size > extent - last.offset)
+            return false;
         tail -= padded(last.size);
-        raw_copy(base + last.offset, entries_ + tail, last.size);
+        visit(last.offset, last.size, entries_ + tail);
     }
-    // A rollback that is cut off here is done again: the tail is moved only when all bytes are back.
+    return true;
+}
+
+bool undo_log::roll_back(std::byte* base, u64 extent) {
+    refresh();
+    if (!each_entry(extent, [](u64, u64, const std::byte*) {})) {
+        fail(EIO, "the undo log is damaged; restore the database from a copy");
+        return false;
+    }
+    each_entry(extent, [&](u64 offset, u64 size, const std::byte* old) { raw_copy(base + offset, old, size); });
+    // A rollback that is cut off before this is done again.
     std::atomic_signal_fence(std::memory_order_seq_cst);
     clear();
+    return true;
 }
 
 void undo_log::clear() {

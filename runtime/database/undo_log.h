@@ -41,8 +41,9 @@ public:
     /// Keeps the bytes at `address`, which lie `offset` bytes behind the arena's start. False when there is no room.
     bool append(const void* address, u64 offset, u64 size);
     bool empty() const { return header_->tail.load(std::memory_order_acquire) == 0; }
-    /// Puts all kept bytes back and empties the log. `extent` bounds the offsets that are believed.
-    void roll_back(std::byte* base, u64 extent);
+    /// Puts all kept bytes back and empties the log. False, with nothing changed, when an entry reaches beyond `extent`
+    /// bytes: the log is damaged.
+    bool roll_back(std::byte* base, u64 extent);
     /// The section is committed: the kept bytes are not needed any more.
     void clear();
     u64 size() const { return header_->tail.load(std::memory_order_relaxed); }
@@ -50,6 +51,9 @@ public:
 
 private:
     bool reserve_room(u64 end);
+    /// Calls `visit` with offset, size and old bytes of each entry, latest first; false when the log is damaged.
+    template <class Visit>
+    bool each_entry(u64 extent, Visit visit) const;
 
     undo_header* header_ = nullptr;
     std::byte* entries_ = nullptr;

@@ -87,7 +87,10 @@ u32 open_handle::begin_write() {
         lock_taken(db.get());
         db->writer = std::this_thread::get_id();
     }
-    if (db->needs_recovery()) db->recover();
+    if (db->needs_recovery() && !db->recover()) {
+        give_up_write();
+        return EIO;
+    }
     db->open_section();
     section = section_kind::write;
     return 0;
@@ -98,12 +101,15 @@ u32 open_handle::end_write(bool commit) {
     if (commit) db->commit_section();
     else db->abort_section();
     section = section_kind::none;
-    if (shared()) {
-        db->writer = std::thread::id{};
-        lock_given_up(db.get());
-        lock.give_up();
-    }
+    give_up_write();
     return 0;
+}
+
+void open_handle::give_up_write() {
+    if (!shared()) return;
+    db->writer = std::thread::id{};
+    lock_given_up(db.get());
+    lock.give_up();
 }
 
 u32 open_handle::begin_read() {
@@ -120,7 +126,7 @@ u32 open_handle::begin_read() {
         if (const u32 error = begin_write()) return error;
         end_write(true);
     }
-    if (!shared() && db->needs_recovery()) db->recover();
+    if (!shared() && db->needs_recovery() && !db->recover()) return EIO;
     section = section_kind::read;
     return 0;
 }

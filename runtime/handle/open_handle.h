@@ -88,6 +88,7 @@ struct open_handle {
     u32 end_write(bool commit);
     u32 begin_read();
     u32 end_read();
+    void give_up_write();
 
     /// Bytes are about to change. Only the owner of a section may add to its log: objects that another handle
     /// builds meanwhile are not part of it. False when there is no room.

@@ -148,6 +148,35 @@ TEST_P(arena, a_request_beyond_the_reservation_is_refused) {
     verify();
 }
 
+TEST(small_arena, is_used_up_and_given_back_entirely) {
+    loom_open_options options{};
+    options.size = sizeof options;
+    options.reserve = 2u << 20;
+    handle_ptr handle(loom_open(&options));
+    random_source random(8);
+    std::uint64_t largest = 0;
+    for (int round = 0; round < 5; ++round) {
+        std::vector<void*> blocks;
+        std::uint64_t total = 0;
+        for (;;) {
+            const std::size_t size = round < 4 ? random_size(random) : 1000000;
+            void* block = handle->alloc(handle->alloc_ctx, 1, size);
+            if (!block) break;
+            blocks.push_back(block);
+            total += size;
+        }
+        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        largest = std::max(largest, total);
+        for (void* each : blocks) handle->free(handle->alloc_ctx, 1, each);
+        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        // However it was cut up before, all of it comes together again.
+        void* whole = handle->alloc(handle->alloc_ctx, 1, 1u << 20);
+        ASSERT_TRUE(whole) << round;
+        handle->free(handle->alloc_ctx, 1, whole);
+    }
+    EXPECT_GT(largest, 1u << 20);
+}
+
 TEST_P(arena, allocation_fails_on_demand) {
     loom_arena_fail_after(handle.get(), 2);
     void* first = alloc(8);

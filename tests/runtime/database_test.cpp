@@ -339,6 +339,51 @@ TEST_F(database_file, a_foreign_undo_log_is_refused) {
     EXPECT_NE(reason(), "");
 }
 
+TEST_F(database_file, a_damaged_undo_log_is_told_of_and_nothing_is_changed) {
+    make().reset();
+    child_process({"die_in_section", path}).wait();
+    const std::vector<char> before = bytes();
+    const std::string log = path + ".undo";
+    const auto size = std::filesystem::file_size(log);
+    std::uint64_t tail = 0;
+    std::fstream file(log, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekg(32);
+    file.read(reinterpret_cast<char*>(&tail), sizeof tail);
+    ASSERT_GT(tail, 1000u);
+    // The tail stands behind everything that was logged: no entry can end there.
+    tail += 1 << 30;
+    file.seekp(32);
+    file.write(reinterpret_cast<char*>(&tail), sizeof tail);
+    file.flush();
+    EXPECT_NE(reason().find("undo log"), std::string::npos) << loom_error_text();
+    EXPECT_EQ(bytes(), before);
+    // The last entry says that it belongs far outside of the database.
+    tail -= 1 << 30;
+    file.seekp(static_cast<long>(4096 + tail - 16));
+    file.write("\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F", 8);
+    file.seekp(32);
+    file.write(reinterpret_cast<char*>(&tail), sizeof tail);
+    file.flush();
+    EXPECT_NE(reason().find("undo log is damaged"), std::string::npos) << loom_error_text();
+    EXPECT_EQ(bytes(), before);
+    EXPECT_EQ(std::filesystem::file_size(log), size);
+}
+
+TEST_F(database_file, verification_survives_any_damage) {
+    make().reset();
+    std::vector<char> good = bytes();
+    random_source random(6);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<char> bad = good;
+        for (int i = 0; i < 20; ++i) bad[136 + random() % 40000] = static_cast<char>(random());
+        write(bad);
+        if (loom_handle* handle = loom_open_mapped(path.c_str(), 0)) {
+            EXPECT_NE(loom_arena_verify(handle), 77u);
+            loom_close(handle);
+        }
+    }
+}
+
 TEST_F(database_file, a_dead_reader_blocks_nobody) {
     handle_ptr handle = make();
     child_process child({"die_reading", path});
