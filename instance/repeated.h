@@ -69,15 +69,6 @@ inline void install_element_flags(const call& c, holder_of<A>* object, u8* made,
     c.store<u8*>(&flags, made, nullptr);
     if (old != nullptr) c.release(old);
 }
-/// Replaces the element flags by a zeroed block for `count` elements that keeps the first `kept` bytes. False
-/// with error 12 when there is no room.
-template <class A>
-inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
-    u8* made = allocate_element_flags(c, count);
-    if (made == nullptr) return false;
-    install_element_flags<A>(c, object, made, kept);
-    return true;
-}
 
 /// Stores the block pointer and then the count.
 template <class A>
@@ -85,6 +76,21 @@ inline void store_block(const call& c, holder_of<A>* object, value_of<A>* block,
     using count_type = typename A::length::type::c_type;
     c.store<value_of<A>*>(&pointer_of<A>(object), block, object);
     c.store<count_type>(&count_of<A>(object), static_cast<count_type>(count), object);
+}
+
+/// Gives an array whose elements are not set up yet, or have no end of their own, a zeroed block of flags that keeps
+/// the first `kept` bytes of the old one. Without room for it, error 12 and an empty array: elements that nobody has
+/// set up could not be ended.
+template <class A>
+inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
+    if (u8* made = allocate_element_flags(c, count)) {
+        install_element_flags<A>(c, object, made, kept);
+        return true;
+    }
+    value_of<A>* block = pointer_of<A>(object);
+    store_block<A>(c, object, nullptr, 0);
+    c.release(block);
+    return false;
 }
 
 namespace accessor {
@@ -314,9 +320,7 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle*
     store_block<A>(c, object, block, length);
     if (!tracking_on<A, says::attribute_set_mem_corrupted_handle_variable_values>(c)) return;
     store_flag(c, tracking_area<typename A::model>(c, object) + A::at.track, state_set);
-    if (replace_element_flags<A>(c, object, length, 0)) return;
-    store_block<A>(c, object, nullptr, 0);
-    c.release(block);
+    replace_element_flags<A>(c, object, length, 0);
 }
 
 /// Ends all elements and the block. The element flags stay; the next growth replaces them.
