@@ -54,7 +54,10 @@ u32 unmarshal(loom_handle* handle, u32 domain, void* context, object_of<M>** mes
     if (message != nullptr) *message = nullptr;
     object_of<M>* received = nullptr;
     const u32 read = M::unmarshal_only(handle, domain, &received, buffer, length, err);
-    if (c.pending()) return read;
+    if (c.pending()) {
+        destroy_internal<M>(handle, domain, received); // nobody else would ever see what was read so far
+        return read;
+    }
     if (message != nullptr) *message = received;
     if (loomlib_msg_recorder_get_state() != 0) record<M>(handle, domain, received);
     if (callback != nullptr) {
