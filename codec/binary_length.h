@@ -2,7 +2,7 @@
 // arrays. The form itself is told in binary_writer.h.
 #pragma once
 
-#include "codec/walk.h"
+#include "codec/fixed_form.h"
 
 namespace trellis::codec {
 
@@ -14,9 +14,11 @@ inline u32 length_of_value(const call& c, const value_of<A>* value) {
     return A::type::len(c.handle, c.domain, value);
 }
 
-/// Bytes of one attribute without state bytes.
+/// Bytes of one attribute without state bytes. `direct`: fixed forms need not be asked for.
 template <class A>
-[[gnu::always_inline]] inline u32 length_of(const call& c, const holder_of<A>* object) {
+[[gnu::always_inline]] inline u32 length_of(const call& c, const holder_of<A>* object, bool direct) {
+    if constexpr (has_fixed_form<A>)
+        if (direct) return fixed_form_size<A>;
     if constexpr (is_length<A>) {
         return 0; // counted with its array
     } else if constexpr (is_plain<A> || is_object<A>) {
@@ -29,8 +31,11 @@ template <class A>
             sum += length_of_value<A>(c, field_of<A>(object) + i);
         return sum;
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
-        u32 sum = A::length::type::len(c.handle, c.domain, field_of<typename A::length>(object));
         const u32 count = count_of<A>(object);
+        if constexpr (has_fixed_form_type<typename A::type>)
+            if (direct)
+                return static_cast<u32>(sizeof(value_of<typename A::length>) + count * sizeof(value_of<A>));
+        u32 sum = A::length::type::len(c.handle, c.domain, field_of<typename A::length>(object));
         const value_of<A>* block = pointer_of<A>(object);
         if constexpr (is_counted_string<A> || is_byte_array<A>) {
             if (count != 0) sum += count * length_of_value<A>(c, block);
@@ -49,7 +54,8 @@ template <class A>
         return arm == nullptr ? 0 : length;
     } else {
         static_assert(is_list<A>);
-        u32 sum = types::u_int32::len(c.handle, c.domain, &list_of<A>(object)->count);
+        const u32* count = &list_of<A>(object)->count;
+        u32 sum = direct ? static_cast<u32>(sizeof *count) : types::u_int32::len(c.handle, c.domain, count);
         each_element<A>(object, [&](const value_of<A>* element) {
             sum += length_of_value<A>(c, element);
             return true;
@@ -96,7 +102,8 @@ namespace trellis::record {
 template <class M>
 u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
     const call c{handle, domain, nullptr};
-    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    const bool direct = direct::offered;
+    const i8 variant = direct::instance_variant(object, 1, 0);
     u32 sum = codec::frame_size;
     if (object == nullptr) {
         codec::each_reached<M>(0, [&]<class A>() {
@@ -108,7 +115,7 @@ u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
     if (variant >= 0)
         codec::each_reached<M>(
             variant, [&]<class A>() __attribute__((always_inline)) {
-                sum += codec::length_of<A>(c, object);
+                sum += codec::length_of<A>(c, object, direct);
                 return true;
             });
     const tracking_mode mode = c.mode();

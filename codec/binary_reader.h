@@ -36,14 +36,43 @@ struct reader {
     bool tracked; // tracking is on, so that elements have tracking areas
     state_bytes states;
     u8* area; // the instance's tracking area, null with tracking off
+    const bool direct = direct::offered;
+    bool run_fits = false; // the run of fixed forms at the cursor is read without calls
 
     const u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
+    bool holds(u64 size) const { return static_cast<i64>(size) <= room(); }
     u32 fitting(u32 count) const {
         const i32 left = room();
         return left <= 0 ? 0 : static_cast<u32>(left) < count ? static_cast<u32>(left) : count;
     }
 
+    /// Values of fixed form that are known to be there.
+    template <class T>
+    [[gnu::always_inline]] void take(T* values, u32 count) {
+        load_form(at(), values, count);
+        position += count * static_cast<u32>(sizeof(T));
+    }
+    template <class T, class Operation>
+    [[gnu::always_inline]] void frame_field(T* v, Operation* operation) {
+        if (direct && holds(sizeof *v) && !c.pending())
+            take(v, 1);
+        else
+            position += operation(c.handle, c.domain, at(), v, room(), c.error);
+    }
+    /// Stores of a run are not announced one by one, so somebody who follows them gets the calls.
+    [[gnu::always_inline]] void begin_run(u32 size) {
+        run_fits = states == state_bytes::absent && direct::is_unwatched(c.handle) && holds(size) && !c.pending();
+    }
+    /// Neighbours of one scalar type.
+    template <class Type>
+    [[gnu::always_inline]] void scalars(typename Type::c_type* v, u32 count) {
+        if (direct::is_unwatched(c.handle) && holds(u64{count} * sizeof *v) && !c.pending())
+            take(v, count);
+        else
+            for (u32 i = 0; i < count; ++i)
+                value<Type>(v + i);
+    }
     template <class Type>
     [[gnu::always_inline]] void value(typename Type::c_type* v) {
         position += Type::unmarshal(c.handle, c.domain, at(), v, room(), existing, c.error);
@@ -70,6 +99,11 @@ struct reader {
         position += size;
     }
 };
+
+/// The cursor of a value without fields of its own: an enumeration, a flag set.
+inline reader compact_reader(const call& c, const void* buffer, i32 length, u32 existing) {
+    return {c, static_cast<const u8*>(buffer), 0, length, existing, false, state_bytes::absent, nullptr};
+}
 
 // ---- Arrays ------------------------------------------------------------------------------------------------
 
@@ -130,7 +164,7 @@ template <class A>
 inline next_step read_counted(reader& r, holder_of<A>* object) {
     const call& c = r.c;
     const u32 old_count = static_cast<u32>(count_of<A>(object));
-    r.template value<typename A::length::type>(field_of<typename A::length>(object));
+    r.template scalars<typename A::length::type>(field_of<typename A::length>(object), 1);
     if (c.pending()) return next_step::next_attribute; // no count, no elements
     const u32 count = static_cast<u32>(count_of<A>(object));
     if (count == 0) {
@@ -146,6 +180,8 @@ inline next_step read_counted(reader& r, holder_of<A>* object) {
         const u32 size = r.fitting(count);
         if (size != 0) memcpy(block, r.at(), size);
         r.position += size;
+    } else if constexpr (has_fixed_form_type<typename A::type>) {
+        r.template scalars<typename A::type>(block, count);
     } else {
         // All elements are set up first: those behind an error must be fit to be ended.
         if constexpr (has_header(A::type::category))
@@ -217,7 +253,7 @@ template <class A>
 inline next_step read_list(reader& r, holder_of<A>* object) {
     const call& c = r.c;
     u32 count = 0;
-    r.position += _loom_list_len_unmarshal(c.handle, c.domain, r.at(), &count, r.room(), c.error);
+    r.frame_field(&count, _loom_list_len_unmarshal);
     if (c.pending()) return next_step::end_of_fields;
     if (r.existing != 0 && list_of<A>(object)->count == count) {
         const bool whole =
@@ -271,6 +307,12 @@ template <class Object>
 template <class A>
 [[gnu::always_inline]] inline next_step read(reader& r, holder_of<A>* object) {
     using type = typename A::type;
+    if constexpr (run_begun_by<A> != 0) r.begin_run(run_begun_by<A>);
+    if constexpr (has_fixed_form<A>)
+        if (r.run_fits) {
+            r.take(field_of<A>(object), values_in_form<A>);
+            return next_step::next_attribute;
+        }
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
@@ -305,9 +347,9 @@ template <class A>
 // ---- Frame -------------------------------------------------------------------------------------------------
 
 /// Reads the variant, lowered to what the instance's layout can hold.
-inline i8 read_variant(const call& c, const u8* buffer, u32* position, i32 length, const loom_object* header) {
+inline i8 read_variant(reader& r, const loom_object* header) {
     i8 variant = 0;
-    *position += _loom_instance_variant_unmarshal(c.handle, c.domain, buffer, &variant, length, c.error);
+    r.frame_field(&variant, _loom_instance_variant_unmarshal);
     return variant > header->loom_layout_variant ? static_cast<i8>(header->loom_layout_variant) : variant;
 }
 
@@ -315,7 +357,7 @@ inline i8 read_variant(const call& c, const u8* buffer, u32* position, i32 lengt
 inline u8 read_flags(reader& r) {
     const call& c = r.c;
     u8 flags = 0;
-    r.position += _loom_instance_obj_flag_unmarshal(c.handle, c.domain, r.at(), &flags, r.room(), c.error);
+    r.frame_field(&flags, _loom_instance_obj_flag_unmarshal);
     flags &= LOOM_WIRE_FLAGS;
     if ((flags & OBJ_RA_DATA) != 0) {
         u64 address = 0;
@@ -357,14 +399,14 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::o
     const call c{handle, domain, err};
     if (!codec::enter_with_room(c, length)) return 0;
     loom_object* header = header_of(object);
-    codec::reader r{c,     static_cast<const u8*>(buffer), 0,      length, existing,
-                    false, codec::state_bytes::absent,     nullptr};
-    const i8 variant = codec::read_variant(c, r.buffer, &r.position, length, header);
+    codec::reader r{c, static_cast<const u8*>(buffer), 0, length, existing, false, codec::state_bytes::absent,
+                    nullptr};
+    const i8 variant = codec::read_variant(r, header);
     u8 flags = codec::read_flags(r);
 
     const u32 base = r.position;
     u32 jump = 0;
-    r.position += _loom_variant_jump_unmarshal(handle, domain, r.at(), &jump, r.room(), err);
+    r.frame_field(&jump, _loom_variant_jump_unmarshal);
 
     const bool on_wire = (flags & OBJ_STATE_TRACKED) != 0;
     switch (c.mode()) {

@@ -13,7 +13,7 @@
 // The reader stands in binary_reader.h, the size in binary_length.h.
 #pragma once
 
-#include "codec/walk.h"
+#include "codec/fixed_form.h"
 
 #include <loom/wire.h>
 
@@ -32,10 +32,40 @@ struct writer {
     u32 position;
     i32 length;
     bool cut_down; // the instance or a part of it is written in an older form than it has; error 43 is kept aside
+    const bool direct = direct::offered;
+    bool run_fits = false; // the run of fixed forms at the cursor is written without calls
 
     u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
+    bool fits(u64 size) const { return static_cast<i64>(size) <= room(); }
 
+    /// Values of fixed form that are known to fit.
+    template <class T>
+    [[gnu::always_inline]] void put(const T* values, u32 count) {
+        store_form(at(), values, count);
+        position += count * static_cast<u32>(sizeof(T));
+    }
+    /// A frame field is written whatever the error word says, as long as there is room.
+    template <class T, class Operation>
+    [[gnu::always_inline]] void frame_field(T v, Operation* operation) {
+        if (direct && fits(sizeof v))
+            put(&v, 1);
+        else
+            position += operation(c.handle, c.domain, at(), &v, room(), c.error);
+    }
+    [[gnu::always_inline]] void begin_run(u32 size, const u8* area) {
+        run_fits = direct && area == nullptr && fits(size) && !c.pending();
+    }
+
+    /// Neighbours of one scalar type.
+    template <class Type>
+    [[gnu::always_inline]] void scalars(const typename Type::c_type* v, u32 count) {
+        if (direct && v != nullptr && fits(u64{count} * sizeof *v) && !c.pending())
+            put(v, count);
+        else
+            for (u32 i = 0; i < count; ++i)
+                value<Type>(v + i);
+    }
     template <class Type>
     [[gnu::always_inline]] void value(const typename Type::c_type* v) {
         position += Type::marshal(c.handle, c.domain, at(), v, room(), c.error);
@@ -81,6 +111,9 @@ struct writer {
 template <class A>
 [[gnu::always_inline]] inline void write(writer& w, const holder_of<A>* object, const u8* area) {
     using type = typename A::type;
+    if constexpr (run_begun_by<A> != 0) w.begin_run(run_begun_by<A>, area);
+    if constexpr (has_fixed_form<A>)
+        if (w.run_fits) return w.put(field_of<A>(object), values_in_form<A>);
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
@@ -97,12 +130,14 @@ template <class A>
             w.template value<type>(field_of<A>(object) + i);
         if (area != nullptr) w.scalar_step(area[A::at.track]);
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
-        w.template value<typename A::length::type>(field_of<typename A::length>(object));
+        w.template scalars<typename A::length::type>(field_of<typename A::length>(object), 1);
         const u32 count = count_of<A>(object);
         if (count == 0) return; // no state bytes either
         const value_of<A>* block = pointer_of<A>(object);
         if constexpr (is_counted_string<A> || is_byte_array<A>) {
             w.raw(block, count);
+        } else if constexpr (has_fixed_form_type<type>) {
+            w.template scalars<type>(block, count);
         } else {
             for (u32 i = 0; i < count; ++i)
                 w.template value<type>(block + i);
@@ -124,8 +159,7 @@ template <class A>
         if (area != nullptr) w.guarded_step(area[A::at.track]);
     } else {
         static_assert(is_list<A>);
-        w.position += _loom_list_len_marshal(w.c.handle, w.c.domain, w.at(), &list_of<A>(object)->count, w.room(),
-                                             w.c.error);
+        w.frame_field(list_of<A>(object)->count, _loom_list_len_marshal);
         each_element<A>(object, [&](const value_of<A>* element) {
             w.template value<type>(element);
             return true;
@@ -137,7 +171,7 @@ template <class A>
 /// The flags byte, and the ra data block when it says so: the block's contents belong to others and go out empty.
 inline void write_flags(writer& w, u8 flags) {
     flags &= LOOM_WIRE_FLAGS;
-    w.position += _loom_instance_obj_flag_marshal(w.c.handle, w.c.domain, w.at(), &flags, w.room(), w.c.error);
+    w.frame_field(flags, _loom_instance_obj_flag_marshal);
     if ((flags & OBJ_RA_DATA) == 0) return;
     const u64 address = 0;
     const u8 kind = 0;
@@ -149,16 +183,16 @@ inline void write_flags(writer& w, u8 flags) {
 class jump_writer {
   public:
     explicit jump_writer(writer& w) : start_(w.position) {
-        const u32 unknown = 0;
-        const u32 written =
-            _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.at(), &unknown, w.room(), w.c.error);
-        has_room_ = written != 0;
-        w.position += written;
+        w.frame_field(u32{0}, _loom_variant_jump_marshal);
+        has_room_ = w.position != start_;
     }
     void close(const writer& w) const {
         if (!has_room_) return;
         const u32 jump = w.position - start_;
-        _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, 4, w.c.error);
+        if (w.direct)
+            store_form(w.buffer + start_, &jump, 1);
+        else
+            _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, 4, w.c.error);
     }
 
   private:
@@ -180,7 +214,7 @@ inline bool enter_with_room(const call& c, i32 length) {
 template <class Model>
 inline i8 variant_to_write(const call& c, i8 own, bool checked, bool* cut_down) {
     const i8 peer = static_cast<i8>(
-        loom_domain_lookup_variant(c.handle, &c.handle->domain_state, Model::type::type_info(), c.error));
+        direct::domain_variant(c.handle, Model::type::type_info(), c.error));
     *cut_down = checked && own > peer;
     if (*cut_down) {
         c.fail_epoch();
@@ -194,7 +228,7 @@ inline void bring_back_epoch_error(const writer& w) {
 }
 
 inline void write_variant(writer& w, i8 variant) {
-    w.position += _loom_instance_variant_marshal(w.c.handle, w.c.domain, w.at(), &variant, w.room(), w.c.error);
+    w.frame_field(variant, _loom_instance_variant_marshal);
 }
 
 } // namespace trellis::codec
@@ -210,11 +244,11 @@ template <class M>
     const call c = given; // a copy that nobody else sees stays in registers
     if (!codec::enter_with_room(c, length)) return 0;
     bool cut_down;
-    const i8 variant = codec::variant_to_write<M>(c, loom_get_instance_variant(object, 1, 0), checked, &cut_down);
+    const i8 variant = codec::variant_to_write<M>(c, direct::instance_variant(object, 1, 0), checked, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};
     codec::write_variant(w, variant);
 
-    u8 flags = loom_get_instance_obj_flag(object, 1, 0);
+    u8 flags = direct::instance_flags(object, 1, 0);
     const u8* area = nullptr;
     switch (c.mode()) {
     case tracking_mode::corrupted: diag::die<M, says::marshal_internal_corrupted_handle>();

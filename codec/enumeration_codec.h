@@ -90,11 +90,11 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename E::obj
     const call c{handle, domain, err};
     if (!codec::enter_with_room(c, length)) return 0;
     bool cut_down;
-    const i8 variant = codec::variant_to_write<E>(c, loom_get_instance_variant(object, 0, 1), true, &cut_down);
+    const i8 variant = codec::variant_to_write<E>(c, direct::instance_variant(object, 0, 1), true, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};
     codec::write_variant(w, variant);
     const u32 internal = static_cast<u32>(map_to_internal_value<E>(object->value));
-    w.template value<types::u_int32>(&internal);
+    w.template scalars<types::u_int32>(&internal, 1);
     codec::bring_back_epoch_error(w);
     return w.position;
 }
@@ -104,17 +104,15 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename E::o
               u32 existing, u32* err) {
     const call c{handle, domain, err};
     if (!codec::enter_with_room(c, length)) return 0;
-    const u8* bytes = static_cast<const u8*>(buffer);
     loom_object* header = header_of(object);
-    u32 position = 0;
-    const i8 variant = codec::read_variant(c, bytes, &position, length, header);
+    codec::reader r = codec::compact_reader(c, buffer, length, existing);
+    const i8 variant = codec::read_variant(r, header);
     c.store<i8>(&header->loom_variant, variant, object);
     codec::store_type_info<E>(c, &header->loom_tinfo, object);
     u32 internal = 0;
-    position += types::u_int32::unmarshal(handle, domain, bytes + position, &internal,
-                                          length - static_cast<i32>(position), existing, err);
+    r.template scalars<types::u_int32>(&internal, 1);
     if (!c.pending()) c.store<i32>(&object->value, user_value_of_internal<E>(internal), object);
-    return position;
+    return r.position;
 }
 
 /// The member's name; null for a value that is no member.

@@ -28,7 +28,7 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::obj
     const call c{handle, domain, err};
     if (!codec::enter_with_room(c, length)) return 0;
     bool cut_down;
-    const i8 variant = codec::variant_to_write<F>(c, loom_get_instance_variant(object, 0, 1), true, &cut_down);
+    const i8 variant = codec::variant_to_write<F>(c, direct::instance_variant(object, 0, 1), true, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};
     codec::write_variant(w, variant);
     const codec::jump_writer jump(w);
@@ -48,32 +48,26 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::obj
 /// The bits are counted as read whatever remains: only the writer tests the room. Bits behind the buffer's end are
 /// left as they are.
 template <class F>
-u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::object* object, i32 length, u32,
-              u32* err) {
+u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::object* object, i32 length,
+              u32 existing, u32* err) {
     const call c{handle, domain, err};
     if (!codec::enter_with_room(c, length)) return 0;
-    const u8* bytes = static_cast<const u8*>(buffer);
     loom_object* header = header_of(object);
-    u32 position = 0;
-    const i8 variant = codec::read_variant(c, bytes, &position, length, header);
-    const u32 base = position;
+    codec::reader r = codec::compact_reader(c, buffer, length, existing);
+    const i8 variant = codec::read_variant(r, header);
+    const u32 base = r.position;
     u32 jump = 0;
-    position += _loom_variant_jump_unmarshal(handle, domain, bytes + position, &jump,
-                                             length - static_cast<i32>(position), err);
+    r.frame_field(&jump, _loom_variant_jump_unmarshal);
     c.store<i8>(&header->loom_variant, variant, object);
     codec::store_type_info<F>(c, loom_get_manifested_type_info_ptr_mem(object), object);
 
-    const i32 left = length - static_cast<i32>(position);
-    const u32 present = left <= 0                                  ? 0
-                        : static_cast<u32>(left) < bit_bytes_of<F> ? static_cast<u32>(left)
-                                                                   : bit_bytes_of<F>;
     c.announce(object->bits, bit_bytes_of<F>, object);
-    memcpy(object->bits, bytes + position, present);
-    position += bit_bytes_of<F>;
+    memcpy(object->bits, r.at(), r.fitting(bit_bytes_of<F>));
+    r.position += bit_bytes_of<F>;
 
-    const u32 reached = position;
-    if (codec::jump_ahead(&position, base, jump)) diag::say<F, says::unmarshal_jump_skips>(reached, base, jump);
-    return position;
+    const u32 reached = r.position;
+    if (codec::jump_ahead(&r.position, base, jump)) diag::say<F, says::unmarshal_jump_skips>(reached, base, jump);
+    return r.position;
 }
 
 /// Calls body(index, name) for each bit that is to be shown; the name is null for a bit without one. A missing

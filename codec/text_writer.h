@@ -83,7 +83,7 @@ i32 print(loom_handle* handle, u32 domain, char* buffer, i32 depth, const char* 
           const typename M::object* object, i32 length, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter()) return 0;
-    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    const i8 variant = direct::instance_variant(object, 1, 0);
     codec::text_writer w{c, buffer, 0, length, depth + 2};
     w.position += loom_print_space(handle, domain, buffer, depth, length, err);
     w.position += loom_snprintf(handle, domain, w.at(), w.room(), err, "%s@%s: {\n", name, M::name);

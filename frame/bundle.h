@@ -6,6 +6,7 @@
 //   module_list.h       the node on the runtime's list of loaded modules
 //   handler_chain.h     the bundle handler, passed on to sibling bundles
 //   type_information.h  bringing type information into a database, the dump of variant sizes
+//   direct_forms.h      the runtime's simplest operations done in place, where it offers them
 //   registry.h          from a table's luid to its function record
 //   export.h            the mark of exported functions
 //
@@ -24,6 +25,7 @@
 
 #include "frame/basic_types.h"
 #include "frame/counters.h"
+#include "frame/direct_forms.h"
 #include "frame/export.h"
 #include "frame/handler_chain.h"
 #include "frame/module_list.h"

@@ -89,7 +89,7 @@ concept is_fetched_by_get_all = is_plain<A> || is_length<A>;
 template <class M, class Body>
 inline void each_reached_attribute(const typename M::object* object, Body&& body) {
     for (i8 variant = 0; variant <= M::newest; ++variant) {
-        if (loom_get_instance_variant(object, 1, 0) >= variant) body(variant);
+        if (direct::instance_variant(object, 1, 0) >= variant) body(variant);
     }
 }
 

@@ -2,7 +2,7 @@
 // of the whole library written once. What a call works on stands elsewhere.
 #pragma once
 
-#include "frame/basic_types.h"
+#include "instance/direct.h"
 
 #include <loom/handle.h>
 #include <loom/instance.h>
@@ -29,7 +29,7 @@ struct call {
 
     /// An error of an earlier operation stops this one before it does anything.
     bool pending() const { return *error != 0; }
-    void clear_last_error() const { loom_clear_last_error(handle); }
+    void clear_last_error() const { direct::clear_last_error(handle); }
     void fail(u32 number) const {
         *error = number;
         loom_store_err(handle, number);
@@ -49,7 +49,7 @@ struct call {
 
     /// Announces that `length` bytes at `address` are about to change.
     void announce(const void* address, size_t length, const void* owner) const {
-        handle->write_hook(handle, address, length, domain, owner);
+        if (!direct::is_unwatched(handle)) handle->write_hook(handle, address, length, domain, owner);
     }
     /// Announces and stores one value.
     template <class T>

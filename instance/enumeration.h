@@ -330,7 +330,7 @@ void set(loom_handle* handle, u32 domain, typename E::object* object, const type
         return;
     }
     adjust<E>(c, object);
-    if (!may_hold<E>(loom_get_instance_variant(object, 0, 1), source->value)) {
+    if (!may_hold<E>(direct::instance_variant(object, 0, 1), source->value)) {
         c.fail_epoch();
         return;
     }
@@ -347,7 +347,7 @@ void set_value(loom_handle* handle, u32 domain, typename E::object* object, i32 
         return;
     }
     adjust<E>(c, object);
-    if (!may_hold<E>(loom_get_instance_variant(object, 0, 1), user_value)) {
+    if (!may_hold<E>(direct::instance_variant(object, 0, 1), user_value)) {
         c.fail_epoch();
         return;
     }

@@ -156,7 +156,7 @@ void set_value(loom_handle* handle, u32 domain, typename F::object* object, u32 
     const call c{handle, domain, err};
     if (!c.enter()) return;
     adjust<F>(c, object);
-    if (!may_set<F>(loom_get_instance_variant(object, 0, 1), bit)) {
+    if (!may_set<F>(direct::instance_variant(object, 0, 1), bit)) {
         c.fail_epoch();
         return;
     }

@@ -67,7 +67,7 @@ u32 is_valid_cr(loom_handle* handle, const typename M::object* object, u32 index
     const call c = chain_call(handle);
     i8 variant = peer_variant<M>(c, M::type::type_info());
     if ((flags & 1) == 0) {
-        const i8 own = loom_get_instance_variant(object, 1, 0);
+        const i8 own = direct::instance_variant(object, 1, 0);
         if (own < variant) variant = own;
     }
     for (i8 later = 1; later <= M::newest; ++later)
@@ -449,7 +449,7 @@ void destroy_internal(loom_handle* handle, u32 domain, typename M::object* objec
     loom_object* header = header_of(object);
     if ((header->loom_flags & OBJ_OID_MAPPED) != 0 && !remove_own_mapping<M>(c, object)) return;
 
-    const i8 variant = loom_get_instance_variant(object, 1, 0);
+    const i8 variant = direct::instance_variant(object, 1, 0);
     if (variant >= 0) {
         const bool done = all_attributes(
             typename M::attributes{}, [&]<class A>() { return variant < A::at.since || tear_down<A>(c, object); });

@@ -125,7 +125,7 @@ constexpr i8 clamp_variant(i32 variant) {
 /// What a peer speaks of this type, clamped.
 template <class Model>
 inline i8 peer_variant(const call& c, const loom_type_info* tinfo) {
-    return clamp_variant<Model>(loom_domain_lookup_variant(c.handle, &c.handle->domain_state, tinfo, c.error));
+    return clamp_variant<Model>(direct::domain_variant(c.handle, tinfo, c.error));
 }
 
 /// The static record's address, or the database's copy of it when objects live in a database.
@@ -222,7 +222,7 @@ inline u8* element_area(void* block, u32 count, u32 index) {
 /// Variant gate of an attribute: an attribute of a later variant than the instance's is out of reach.
 template <class A>
 inline bool reach(const call& c, const holder_of<A>* object) {
-    const i8 variant = loom_get_instance_variant(object, 1, variant_indicator(A::type::category));
+    const i8 variant = direct::instance_variant(object, 1, variant_indicator(A::type::category));
     if (variant >= A::at.since) return true;
     c.fail_epoch();
     return false;
@@ -231,8 +231,7 @@ inline bool reach(const call& c, const holder_of<A>* object) {
 /// Raises the instance to what may now be written; every writing operation begins with it.
 template <class Model>
 inline void adjust(const call& c, typename Model::object* object) {
-    const loom_type_info* tinfo = object == nullptr ? nullptr : loom_get_manifested_type_info(object);
-    loomlib_adjust_variant(c.handle, c.domain, object, tinfo, Model::newest, c.error);
+    direct::adjust_variant(c.handle, c.domain, object, Model::newest, c.error);
 }
 
 /// Entry of a writing accessor.

@@ -45,7 +45,7 @@ inline bool enter_flag_set(const call& c, const holder_of<A>* object) {
 template <class A>
 inline bool may_write_flags(const call& c, holder_of<A>* object) {
     adjust<typename A::model>(c, object);
-    if (loom_get_instance_variant(object, 1, 0) >= A::at.since) return true;
+    if (direct::instance_variant(object, 1, 0) >= A::at.since) return true;
     c.fail_epoch();
     return false;
 }

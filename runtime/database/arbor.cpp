@@ -75,6 +75,7 @@ LOOM_EXPORT uint32_t loom_debug_arena_start(loom_handle* handle, loom_unannounce
     database& db = *opened(handle)->db;
     db.debug = debug_arena::start(db.memory, db.memory.header().reserve, report, context);
     db.memory.set_debug(db.debug.get());
+    opened(handle)->choose_write_hook();
     if (!db.debug) return ENOMEM;
     if (db.root())
         db.root()->types.each([&](const type_node& node) {
@@ -103,4 +104,5 @@ LOOM_EXPORT void loom_debug_arena_stop(loom_handle* handle) {
     database& db = *opened(handle)->db;
     db.memory.set_debug(nullptr);
     db.debug.reset();
+    opened(handle)->choose_write_hook();
 }

@@ -24,7 +24,12 @@ open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 void* alloc(void* context, u32, size_t size) { return of(context).allocate(size); }
 void release(void* context, u32, void* block) { of(context).release(block); }
 
-void announce(loom_handle* handle, const void* address, size_t length, u32, const void*) {
+void announce_followed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
+    of(handle->alloc_ctx).announce_or_end(address, length);
+}
+/// The same under the name that bundles know: stores need not be announced while a handle has it. Who has taken it for
+/// a hook of his own to call in turn may go on calling it.
+void announce_unfollowed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
 }
 void announce_counter(void* context, const void* address, u32, u32) {
@@ -36,7 +41,7 @@ void fill_view(open_handle& handle, const loom_open_options& options) {
     view.shared_alloc = alloc;
     view.alloc = alloc;
     view.free = release;
-    view.write_hook = announce;
+    view.write_hook = announce_followed;
     view.counter_hook = announce_counter;
     view.tinfo_insert = insert_type_info;
     view.tinfo_lookup = lookup_type_info;
@@ -52,6 +57,7 @@ void fill_view(open_handle& handle, const loom_open_options& options) {
     handle.workspace_size = options.workspace_size ? options.workspace_size : default_workspace_size;
     loom_set_peer(&view, nullptr);
     loom_set_tracking(&view, options.tracking);
+    handle.choose_write_hook();
 }
 
 /// Locks for a mapped database, and its root.
@@ -77,6 +83,13 @@ u32 prepare_mapped(open_handle& handle, bool exclusive) {
 }
 } // namespace
 
+const loom_write_hook unfollowed_write_hook = announce_unfollowed;
+
+void open_handle::choose_write_hook() {
+    const bool ours = view.write_hook == announce_followed || view.write_hook == announce_unfollowed;
+    if (ours) view.write_hook = is_followed() ? announce_followed : announce_unfollowed;
+}
+
 u32 open_handle::begin_write() {
     if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
     if (shared()) {
@@ -93,6 +106,7 @@ u32 open_handle::begin_write() {
     }
     db->open_section();
     section = section_kind::write;
+    choose_write_hook();
     return 0;
 }
 
@@ -101,6 +115,7 @@ u32 open_handle::end_write(bool commit) {
     if (commit) db->commit_section();
     else db->abort_section();
     section = section_kind::none;
+    choose_write_hook();
     give_up_write();
     return 0;
 }

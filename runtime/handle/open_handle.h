@@ -53,6 +53,11 @@ struct manifest_cache_entry {
     loom_type_info* manifested = nullptr;
 };
 
+using loom_write_hook = decltype(loom_handle::write_hook);
+
+/// The write hook of handles whose stores nobody follows.
+extern const loom_write_hook unfollowed_write_hook;
+
 struct open_handle {
     loom_handle view{};
     std::shared_ptr<database> db;
@@ -92,9 +97,13 @@ struct open_handle {
 
     /// Bytes are about to change. Only the owner of a section may add to its log: objects that another handle
     /// builds meanwhile are not part of it. False when there is no room.
-    bool announce(const void* address, u64 size) {
-        return (db->mapped && section != section_kind::write) || db->memory.announce(address, size);
+    bool announce(const void* address, u64 size) { return !is_followed() || db->memory.announce(address, size); }
+    /// Somebody wants to know of stores: an undo log, the debug arena.
+    bool is_followed() const {
+        return (!db->mapped || section == section_kind::write) && db->memory.listened();
     }
+    /// Lets the view say whether stores must be announced; a hook that is not ours stays.
+    void choose_write_hook();
     void announce_or_end(const void* address, u64 size) {
         if (!announce(address, size)) fatal("%s", error_text().c_str());
     }

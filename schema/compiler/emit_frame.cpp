@@ -83,8 +83,9 @@ std::string frame_source(emission& run) {
             "    static constexpr int trace_unit = 2;\n    static constexpr u32 trace_base = 0;\n};\n\n";
     text += "loom_module_node node = {bundle::name, ::" + name + "_type_infos, nullptr, nullptr};\n";
     text += "u8 node_linked = 0;\nu32 trace_state = 0;\n\n";
-    text += "__attribute__((constructor)) void link_node() { frame::link_module(node, node_linked); }\n";
-    text += "__attribute__((destructor)) void unlink_node() { frame::unlink_module(node); }\n\n} // namespace\n\n";
+    text += "__attribute__((constructor)) void load() {\n    direct::settle();\n"
+            "    frame::link_module(node, node_linked);\n}\n";
+    text += "__attribute__((destructor)) void unload() { frame::unlink_module(node); }\n\n} // namespace\n\n";
     const std::string handler = "::" + name + "_bundle_registered_handler";
     const auto add = [&](const operation& op, const std::string& body) {
         text += frame_function(run, name + "_" + op.suffix, op.result, op.parameters, body);

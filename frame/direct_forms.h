@@ -1,0 +1,49 @@
+// Whether this bundle may do the runtime's simplest operations by itself: decided once, while the library is loaded.
+// What the operations do in their common case is told in <loom/direct.h>; the code that does it stands beside its
+// callers, in instance/direct.h and codec/fixed_form.h.
+#pragma once
+
+#include "frame/basic_types.h"
+
+#include <loom/direct.h>
+#include <loom/instance.h>
+#include <loom/values.h>
+#include <loom/wire.h>
+
+extern "C" const loom_direct_forms* loom_get_direct_forms(void) __attribute__((weak));
+
+namespace trellis::direct {
+
+using write_hook = decltype(loom_direct_forms::unfollowed_write_hook);
+
+/// False until the library's constructors have run, and then with any runtime that does not offer the forms: every
+/// operation is called. One for each bundle.
+inline bool offered = false;
+inline write_hook unfollowed_write_hook = nullptr;
+
+/// True when every operation of the list, as this bundle would call it, is the runtime's own.
+inline bool operations_lie_in(const loom_direct_forms& forms) {
+    using operation = void (*)();
+#define TRELLIS_ADDRESS(NAME) reinterpret_cast<operation>(&::NAME),
+#define TRELLIS_SCALAR_ADDRESSES(T) LOOM_DIRECT_SCALAR_OPERATIONS(TRELLIS_ADDRESS, T)
+    const operation called[] = {
+        LOOM_DIRECT_FRAME_OPERATIONS(TRELLIS_ADDRESS) LOOM_DIRECT_SCALARS(TRELLIS_SCALAR_ADDRESSES)};
+#undef TRELLIS_SCALAR_ADDRESSES
+#undef TRELLIS_ADDRESS
+    for (const operation each : called) {
+        const void* address = reinterpret_cast<const void*>(each);
+        if (address < forms.image_begin || address >= forms.image_end) return false;
+    }
+    return true;
+}
+
+/// The load-time constructor's part.
+inline void settle() {
+    if (loom_get_direct_forms == nullptr) return;
+    const loom_direct_forms* forms = loom_get_direct_forms();
+    if (forms->revision != LOOM_DIRECT_FORMS_REVISION || !operations_lie_in(*forms)) return;
+    unfollowed_write_hook = forms->unfollowed_write_hook;
+    offered = true;
+}
+
+} // namespace trellis::direct

@@ -1,0 +1,75 @@
+/* Direct forms: what a bundle may do by itself instead of calling the runtime. A call for every field and every
+ * frame byte costs more than the field, so a runtime whose operations listed here do no more than this header tells
+ * may say so, by exporting loom_get_direct_forms. A bundle then does their common case in place and calls them in
+ * every other case, so that errors are made and stored in one place.
+ *
+ * The common case, and what is done in it:
+ *
+ *   loom_clear_last_error              last_error of the handle becomes 0
+ *   loom_get_instance_variant          of an object that is there: its variant byte
+ *   loom_get_instance_obj_flag         of an object that is there: its flags byte
+ *   loom_get_manifested_type_info      the object's type-information word
+ *   loom_domain_lookup_variant         without a peer (domain_state.peer null): the newest variant of the record's
+ *                                      table, 0 without one
+ *   loomlib_adjust_variant             variant not below the newest of the caller's and not below the object's
+ *                                      layout: nothing
+ *   _loom_instance_variant_marshal, _loom_instance_obj_flag_marshal, _loom_variant_jump_marshal,
+ *   _loom_list_len_marshal             with room: the bytes, most significant first, whatever the error word says
+ *   their _unmarshal forms             error word clear and enough bytes: the value, most significant byte first
+ *   <scalar>_len                       the size of the C type
+ *   <scalar>_marshal                   error word clear, room, value there: the value's bytes, most significant first
+ *   <scalar>_unmarshal                 error word clear and enough bytes: the write hook is told, the value stored
+ *   <scalar>_get                       the value's address
+ *   <scalar>_get_value                 error word clear, value there: the value
+ *   <scalar>_set, <scalar>_set_value   error word clear, values there: the write hook is told (the value is its own
+ *                                      owner), the value stored
+ *
+ * Without that function a bundle calls every operation; so it does when a name of the list resolves, in its process,
+ * to something outside the runtime's image, as a library that traces calls would arrange it. */
+#ifndef LOOM_DIRECT_H
+#define LOOM_DIRECT_H
+
+#include <loom/handle.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** The list above, as it stands in this header. */
+#define LOOM_DIRECT_FORMS_REVISION 1u
+
+/** What a runtime says of its direct forms. */
+typedef struct loom_direct_forms {
+    uint32_t revision;       /**< LOOM_DIRECT_FORMS_REVISION; a bundle takes no other */
+    uint32_t reserved;       /**< 0 */
+    const void* image_begin; /**< the runtime's image in memory: its operations lie at or behind this address */
+    const void* image_end;   /**< and in front of this one */
+    /** The write hook that a handle has as long as nobody follows its stores: they need not be announced then. A
+     *  handle's hook may change with every operation of the runtime. Null: there is none. */
+    void (*unfollowed_write_hook)(loom_handle* handle, const void* address, size_t length, uint32_t domain,
+                            const void* owner);
+} loom_direct_forms;
+
+/** The runtime's offer, valid as long as the runtime is loaded; any thread may ask. A runtime need not have this
+ *  function. */
+const loom_direct_forms* loom_get_direct_forms(void);
+
+/** The scalars of the list: each has the operations of LOOM_DIRECT_SCALAR_OPERATIONS. */
+#define LOOM_DIRECT_SCALARS(X)                                                                                    \
+    X(u_int8) X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64)                                 \
+    X(char) X(double) X(float) X(loom_boolean)
+#define LOOM_DIRECT_SCALAR_OPERATIONS(X, T)                                                                       \
+    X(T##_len) X(T##_marshal) X(T##_unmarshal) X(T##_get) X(T##_get_value) X(T##_set) X(T##_set_value)
+/** The other operations of the list. */
+#define LOOM_DIRECT_FRAME_OPERATIONS(X)                                                                           \
+    X(loom_clear_last_error) X(loom_get_instance_variant) X(loom_get_instance_obj_flag)                           \
+    X(loom_get_manifested_type_info) X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                      \
+    X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                         \
+    X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                                       \
+    X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal)                                                 \
+    X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)
+
+#ifdef __cplusplus
+}
+#endif
+#endif
