@@ -2,16 +2,26 @@
 // arrays. The form itself is told in binary_writer.h.
 #pragma once
 
-#include "codec/fixed_form.h"
+#include "codec/binary_writer.h"
 
 namespace trellis::codec {
 
-/// Variant, object flags and jump.
-constexpr u32 frame_size = 6;
+/// An enumeration is its variant and its value, a flag set its variant, its jump and its bits.
+constexpr u32 enumeration_size = 5;
+constexpr u32 flag_set_frame_size = 5;
 
+/// One value. Those of the bundle's enumerations and flag sets all have one size, which stands as the call that
+/// their own len is.
 template <class A>
-inline u32 length_of_value(const call& c, const value_of<A>* value) {
-    return A::type::len(c.handle, c.domain, value);
+[[gnu::always_inline]] inline u32 length_of_value(const call& c, const value_of<A>* value) {
+    using type = typename A::type;
+    if constexpr (type::category == value_category::enumeration) return enumeration_size;
+    if constexpr (type::category == value_category::flag_set) return flag_set_frame_size + sizeof value->bits;
+    if constexpr (is_counted_value<value_of<A>>) {
+        const u64 size = sizeof(u32) + u64{value == nullptr ? 0 : direct::byte_count_of(*value)};
+        if (direct::offered && size <= 0xFFFFFFFFu) return static_cast<u32>(size);
+    }
+    return type::len(c.handle, c.domain, value);
 }
 
 /// Bytes of one attribute without state bytes. `direct`: fixed forms need not be asked for.

@@ -35,9 +35,8 @@ struct reader {
     u32 existing; // not 0: the instance is in use and its arrays and lists are replaced
     bool tracked; // tracking is on, so that elements have tracking areas
     state_bytes states;
-    u8* area; // the instance's tracking area, null with tracking off
-    const bool direct = direct::offered;
-    bool run_fits = false; // the run of fixed forms at the cursor is read without calls
+    u8* area;              // the instance's tracking area, null with tracking off
+    bool run_fits = false; // on the straight path: the run of fixed forms at the cursor is read without calls
 
     const u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
@@ -55,15 +54,12 @@ struct reader {
     }
     template <class T, class Operation>
     [[gnu::always_inline]] void frame_field(T* v, Operation* operation) {
-        if (direct && holds(sizeof *v) && !c.pending())
+        if (direct::offered && holds(sizeof *v) && !c.pending())
             take(v, 1);
         else
             position += operation(c.handle, c.domain, at(), v, room(), c.error);
     }
-    /// Stores of a run are not announced one by one, so somebody who follows them gets the calls.
-    [[gnu::always_inline]] void begin_run(u32 size) {
-        run_fits = states == state_bytes::absent && direct::is_unwatched(c.handle) && holds(size) && !c.pending();
-    }
+    [[gnu::always_inline]] void begin_run(u32 size) { run_fits = holds(size) && !c.pending(); }
     /// Neighbours of one scalar type.
     template <class Type>
     [[gnu::always_inline]] void scalars(typename Type::c_type* v, u32 count) {
@@ -307,12 +303,6 @@ template <class Object>
 template <class A>
 [[gnu::always_inline]] inline next_step read(reader& r, holder_of<A>* object) {
     using type = typename A::type;
-    if constexpr (run_begun_by<A> != 0) r.begin_run(run_begun_by<A>);
-    if constexpr (has_fixed_form<A>)
-        if (r.run_fits) {
-            r.take(field_of<A>(object), values_in_form<A>);
-            return next_step::next_attribute;
-        }
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
@@ -342,6 +332,18 @@ template <class A>
         return apart(r, object, &read_list<A>);
     }
     return next_step::next_attribute;
+}
+
+/// The same on the straight path.
+template <class A>
+[[gnu::always_inline]] inline next_step read_straight(reader& r, holder_of<A>* object) {
+    if constexpr (run_begun_by<A> != 0) r.begin_run(run_begun_by<A>);
+    if constexpr (has_fixed_form<A>)
+        if (r.run_fits) {
+            r.take(field_of<A>(object), values_in_form<A>);
+            return next_step::next_attribute;
+        }
+    return read<A>(r, object);
 }
 
 // ---- Frame -------------------------------------------------------------------------------------------------
@@ -388,19 +390,61 @@ inline bool jump_ahead(u32* position, u32 base, u32 jump) {
     return true;
 }
 
+/// The plain case, as for the writer: no error, nothing tracked, neither here nor on the wire, a whole frame
+/// there, nobody who follows stores, and type information that lies in the bundle.
+inline bool reads_straight(const call& c, const u8* buffer, i32 length) {
+    if (!direct::is_unwatched(c.handle) || c.pending() || length < static_cast<i32>(frame_size)) return false;
+    if ((buffer[1] & LOOM_WIRE_FLAGS) != 0 || c.handle->db_kind != 0) return false;
+    const tracking_mode mode = c.mode();
+    return mode == tracking_mode::absent || mode == tracking_mode::off;
+}
+
 } // namespace trellis::codec
 
 namespace trellis::record {
+
+/// Worker of unmarshal on the straight path.
+template <class M>
+u32 unmarshal_straight(const call& given, const u8* buffer, typename M::object* object, i32 length, u32 existing) {
+    using says = diag::record_says;
+    const call c = given;
+    c.clear_last_error();
+    loom_object* header = header_of(object);
+    i8 variant = static_cast<i8>(buffer[0]);
+    if (variant > header->loom_layout_variant) variant = static_cast<i8>(header->loom_layout_variant);
+    u32 jump = 0;
+    codec::load_form(buffer + codec::jump_place, &jump, 1);
+    codec::reader r{c, buffer, codec::frame_size, length, existing, false, codec::state_bytes::absent, nullptr};
+
+    auto then = codec::next_step::next_attribute;
+    if (variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                then = codec::read_straight<A>(r, object);
+                return then == codec::next_step::next_attribute;
+            });
+    if (then == codec::next_step::give_up) return 0;
+
+    const u32 reached = r.position;
+    if (codec::jump_ahead(&r.position, codec::jump_place, jump))
+        diag::say<M, says::unmarshal_jump_skips>(reached, codec::jump_place, jump);
+
+    header->loom_variant = variant;
+    header->loom_tinfo = M::type::type_info();
+    return r.position;
+}
 
 template <class M>
 u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::object* object, i32 length,
               u32 existing, u32* err) {
     using says = diag::record_says;
     const call c{handle, domain, err};
+    if (codec::reads_straight(c, static_cast<const u8*>(buffer), length))
+        return unmarshal_straight<M>(c, static_cast<const u8*>(buffer), object, length, existing);
     if (!codec::enter_with_room(c, length)) return 0;
     loom_object* header = header_of(object);
-    codec::reader r{c, static_cast<const u8*>(buffer), 0, length, existing, false, codec::state_bytes::absent,
-                    nullptr};
+    codec::reader r{c,     static_cast<const u8*>(buffer), 0,      length, existing,
+                    false, codec::state_bytes::absent,     nullptr};
     const i8 variant = codec::read_variant(r, header);
     u8 flags = codec::read_flags(r);
 
@@ -437,7 +481,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::o
 
     c.store<i8>(&header->loom_variant, variant, nullptr);
     c.store<u8>(&header->loom_flags, static_cast<u8>(header->loom_flags | flags), nullptr);
-    codec::store_type_info<M>(c, loom_get_manifested_type_info_ptr_mem(object), nullptr);
+    codec::store_type_info<M>(c, direct::type_info_word(object), nullptr);
     return r.position;
 }
 

@@ -10,6 +10,10 @@
 // frame, the state bytes and raw blocks are written all the same, as far as there is room. A state byte takes one
 // of two steps: the scalar step stores at the cursor even at the exact end of the buffer (hence the spare byte
 // that callers provide) and stays there; the guarded step, of references, lists and arms, wants two bytes of room.
+// Most records are written in the plain case: nothing is tracked, the peer is of this build, no error is pending.
+// Where the runtime offers direct forms (<loom/direct.h>) that case has a straight path, which writes the frame
+// and runs of plain values without a call; the bytes are the same.
+//
 // The reader stands in binary_reader.h, the size in binary_length.h.
 #pragma once
 
@@ -18,6 +22,10 @@
 #include <loom/wire.h>
 
 namespace trellis::codec {
+
+/// Variant, flags and jump.
+constexpr u32 frame_size = 6;
+constexpr u32 jump_place = 2;
 
 /// An empty tracking area: what is written for an object without tracking under a handle with it.
 template <class Model>
@@ -32,8 +40,7 @@ struct writer {
     u32 position;
     i32 length;
     bool cut_down; // the instance or a part of it is written in an older form than it has; error 43 is kept aside
-    const bool direct = direct::offered;
-    bool run_fits = false; // the run of fixed forms at the cursor is written without calls
+    bool run_fits = false; // on the straight path: the run of fixed forms at the cursor is written without calls
 
     u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
@@ -45,29 +52,40 @@ struct writer {
         store_form(at(), values, count);
         position += count * static_cast<u32>(sizeof(T));
     }
-    /// A frame field is written whatever the error word says, as long as there is room.
-    template <class T, class Operation>
-    [[gnu::always_inline]] void frame_field(T v, Operation* operation) {
-        if (direct && fits(sizeof v))
-            put(&v, 1);
-        else
-            position += operation(c.handle, c.domain, at(), &v, room(), c.error);
+    /// A counted text in the common case; false, and nothing is written, in any other.
+    template <class T>
+    bool put_counted(const T* v) {
+        if (v == nullptr || c.pending()) return false;
+        const u32 count = direct::byte_count_of(*v);
+        if (!fits(sizeof count + u64{count})) return false;
+        put(&count, 1);
+        if (count != 0) memcpy(at(), direct::bytes_of(*v), count);
+        position += count;
+        return true;
     }
-    [[gnu::always_inline]] void begin_run(u32 size, const u8* area) {
-        run_fits = direct && area == nullptr && fits(size) && !c.pending();
-    }
+    [[gnu::always_inline]] void begin_run(u32 size) { run_fits = fits(size) && !c.pending(); }
 
     /// Neighbours of one scalar type.
     template <class Type>
     [[gnu::always_inline]] void scalars(const typename Type::c_type* v, u32 count) {
-        if (direct && v != nullptr && fits(u64{count} * sizeof *v) && !c.pending())
+        if (direct::offered && v != nullptr && fits(u64{count} * sizeof *v) && !c.pending())
             put(v, count);
         else
             for (u32 i = 0; i < count; ++i)
                 value<Type>(v + i);
     }
+    /// A frame field is written whatever the error word says, as long as there is room.
+    template <class T, class Operation>
+    [[gnu::always_inline]] void frame_field(T v, Operation* operation) {
+        if (direct::offered && fits(sizeof v))
+            put(&v, 1);
+        else
+            position += operation(c.handle, c.domain, at(), &v, room(), c.error);
+    }
     template <class Type>
     [[gnu::always_inline]] void value(const typename Type::c_type* v) {
+        if constexpr (is_counted_value<typename Type::c_type>)
+            if (direct::offered && put_counted(v)) return;
         position += Type::marshal(c.handle, c.domain, at(), v, room(), c.error);
         if constexpr (has_header(Type::category))
             if (*c.error == LOOM_EIDRM) { // a part that is cut down does not stop what follows
@@ -111,9 +129,6 @@ struct writer {
 template <class A>
 [[gnu::always_inline]] inline void write(writer& w, const holder_of<A>* object, const u8* area) {
     using type = typename A::type;
-    if constexpr (run_begun_by<A> != 0) w.begin_run(run_begun_by<A>, area);
-    if constexpr (has_fixed_form<A>)
-        if (w.run_fits) return w.put(field_of<A>(object), values_in_form<A>);
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
@@ -168,6 +183,15 @@ template <class A>
     }
 }
 
+/// The same on the straight path.
+template <class A>
+[[gnu::always_inline]] inline void write_straight(writer& w, const holder_of<A>* object) {
+    if constexpr (run_begun_by<A> != 0) w.begin_run(run_begun_by<A>);
+    if constexpr (has_fixed_form<A>)
+        if (w.run_fits) return w.put(field_of<A>(object), values_in_form<A>);
+    write<A>(w, object, nullptr);
+}
+
 /// The flags byte, and the ra data block when it says so: the block's contents belong to others and go out empty.
 inline void write_flags(writer& w, u8 flags) {
     flags &= LOOM_WIRE_FLAGS;
@@ -189,7 +213,7 @@ class jump_writer {
     void close(const writer& w) const {
         if (!has_room_) return;
         const u32 jump = w.position - start_;
-        if (w.direct)
+        if (direct::offered)
             store_form(w.buffer + start_, &jump, 1);
         else
             _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, 4, w.c.error);
@@ -213,8 +237,7 @@ inline bool enter_with_room(const call& c, i32 length) {
 /// (`*cut_down`) so that the fields are written, and stands in the error word at the end.
 template <class Model>
 inline i8 variant_to_write(const call& c, i8 own, bool checked, bool* cut_down) {
-    const i8 peer = static_cast<i8>(
-        direct::domain_variant(c.handle, Model::type::type_info(), c.error));
+    const i8 peer = static_cast<i8>(direct::domain_variant(c.handle, Model::type::type_info(), c.error));
     *cut_down = checked && own > peer;
     if (*cut_down) {
         c.fail_epoch();
@@ -227,15 +250,47 @@ inline void bring_back_epoch_error(const writer& w) {
     if (w.cut_down && *w.c.error == 0) w.c.fail(LOOM_EIDRM);
 }
 
-inline void write_variant(writer& w, i8 variant) {
-    w.frame_field(variant, _loom_instance_variant_marshal);
+inline void write_variant(writer& w, i8 variant) { w.frame_field(variant, _loom_instance_variant_marshal); }
+
+/// The plain case: no error, no peer of another build, nothing tracked, and a frame that fits. `variant` gets the
+/// instance's, which this build knows.
+template <class Model>
+[[gnu::always_inline]] inline bool goes_straight(const call& c, const typename Model::object* object, i32 length) {
+    if (!direct::offered || c.pending() || object == nullptr || length < static_cast<i32>(frame_size))
+        return false;
+    const loom_object* header = header_of(object);
+    if (header->loom_variant > Model::newest || (header->loom_flags & OBJ_RA_DATA) != 0) return false;
+    const tracking_mode mode = c.mode();
+    return c.handle->domain_state.peer == nullptr && (mode == tracking_mode::absent || mode == tracking_mode::off);
 }
 
 } // namespace trellis::codec
 
 namespace trellis::record {
 
-/// Worker of marshal and marshal_for_clone. `checked` compares the instance's variant with the peer's; the parts
+/// Worker of both on the straight path.
+template <class M>
+[[gnu::noinline]] u32 marshal_straight(loom_handle* handle, u32 domain, u8* buffer,
+                                       const typename M::object* object, i32 length, u32* err) {
+    const call c{handle, domain, err};
+    c.clear_last_error();
+    const i8 variant = header_of(object)->loom_variant;
+    codec::writer w{c, buffer, codec::frame_size, length, false};
+    if (variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                codec::write_straight<A>(w, object);
+                return true;
+            });
+    buffer[0] = static_cast<u8>(variant);
+    buffer[1] = 0;
+    const u32 jump = w.position - codec::jump_place;
+    codec::store_form(buffer + codec::jump_place, &jump, 1);
+    codec::bring_back_epoch_error(w);
+    return w.position;
+}
+
+/// Worker of both in every other case. `checked` compares the instance's variant with the peer's; the parts
 /// of the record are compared in any case.
 template <class M>
 [[gnu::noinline]] u32 marshal_internal(const call& given, void* buffer, const typename M::object* object,
@@ -275,13 +330,19 @@ template <class M>
 template <class M>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
             u32* err) {
-    return marshal_internal<M>({handle, domain, err}, buffer, object, length, true);
+    const call c{handle, domain, err};
+    if (codec::goes_straight<M>(c, object, length))
+        return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
+    return marshal_internal<M>(c, buffer, object, length, true);
 }
 
 template <class M>
 u32 marshal_for_clone(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
                       u32* err) {
-    return marshal_internal<M>({handle, domain, err}, buffer, object, length, false);
+    const call c{handle, domain, err};
+    if (codec::goes_straight<M>(c, object, length))
+        return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
+    return marshal_internal<M>(c, buffer, object, length, false);
 }
 
 } // namespace trellis::record

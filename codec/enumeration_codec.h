@@ -3,6 +3,7 @@
 // stands in instance/enumeration.h.
 #pragma once
 
+#include "codec/binary_length.h"
 #include "codec/binary_reader.h"
 #include "codec/compare.h"
 #include "codec/text_writer.h"
@@ -73,15 +74,13 @@ inline constexpr char out_of_range[] = " value out of range";
 
 namespace trellis::enumeration {
 
-constexpr u32 wire_size = 5;
-
 template <class E>
 u32 len(loom_handle*, u32, const typename E::object*) {
-    return wire_size;
+    return codec::enumeration_size;
 }
 template <class E>
 u32 len_cr(loom_handle* handle) {
-    return handle->last_error != 0 ? 0 : wire_size;
+    return handle->last_error != 0 ? 0 : codec::enumeration_size;
 }
 
 template <class E>

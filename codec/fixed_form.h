@@ -1,18 +1,23 @@
-// Values whose binary form is their own bytes, most significant first: scalars, booleans, fixed arrays and fixed
-// strings of them. Attributes of this kind that stand next to each other form a run, which is written and read with
-// one test of the room where the runtime offers that (frame/direct_forms.h). The cursors that do it stand in
-// binary_writer.h and binary_reader.h.
+// Values whose binary form is their own bytes: scalars and booleans, most significant byte first, addresses that
+// are nothing but octets, fixed arrays and fixed strings of them. Attributes of this kind that stand next to each
+// other form a run, which is written and read with one test of the room where the runtime offers that
+// (frame/direct_forms.h). The cursors that do it stand in binary_writer.h and binary_reader.h.
 #pragma once
 
 #include "codec/walk.h"
+#include "instance/direct_values.h"
 
 #include <bit>
 
 namespace trellis::codec {
 
+using direct::is_counted_value;
+using direct::is_octets;
+
 template <class T>
-using form_word = std::conditional_t<
-    sizeof(T) == 1, u8, std::conditional_t<sizeof(T) == 2, u16, std::conditional_t<sizeof(T) == 4, u32, u64>>>;
+using form_word =
+    std::conditional_t<sizeof(T) == 1, u8,
+                       std::conditional_t<sizeof(T) == 2, u16, std::conditional_t<sizeof(T) == 4, u32, u64>>>;
 
 template <class Word>
 constexpr Word most_significant_first(Word word) {
@@ -29,8 +34,8 @@ constexpr Word most_significant_first(Word word) {
 /// Puts `count` values to `out`.
 template <class T>
 [[gnu::always_inline]] inline void store_form(u8* out, const T* values, u32 count) {
-    if constexpr (sizeof(T) == 1) {
-        memcpy(out, values, count);
+    if constexpr (sizeof(T) == 1 || is_octets<T>) {
+        memcpy(out, values, count * sizeof(T));
     } else {
         for (u32 i = 0; i < count; ++i) {
             const auto word = most_significant_first(std::bit_cast<form_word<T>>(values[i]));
@@ -40,8 +45,8 @@ template <class T>
 }
 template <class T>
 [[gnu::always_inline]] inline void load_form(const u8* in, T* values, u32 count) {
-    if constexpr (sizeof(T) == 1) {
-        memcpy(values, in, count);
+    if constexpr (sizeof(T) == 1 || is_octets<T>) {
+        memcpy(values, in, count * sizeof(T));
     } else {
         for (u32 i = 0; i < count; ++i) {
             form_word<T> word;
@@ -52,9 +57,10 @@ template <class T>
 }
 
 template <class Type>
-concept has_fixed_form_type = is_plain_value(Type::category);
+concept has_fixed_form_type = is_plain_value(Type::category) || is_octets<typename Type::c_type>;
 template <class A>
-concept has_fixed_form = (is_plain<A> || is_fixed_array<A> || is_fixed_string<A>) && has_fixed_form_type<typename A::type>;
+concept has_fixed_form = (is_plain<A> || is_object<A> || is_fixed_array<A> ||
+                          is_fixed_string<A>)&&has_fixed_form_type<typename A::type>;
 
 template <class A>
 constexpr u32 values_in_form = [] {

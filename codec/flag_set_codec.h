@@ -11,7 +11,7 @@ template <class F>
 constexpr u32 bit_bytes_of = sizeof(F::object::bits);
 /// Variant, jump and bits.
 template <class F>
-constexpr u32 wire_size = 5 + bit_bytes_of<F>;
+constexpr u32 wire_size = codec::flag_set_frame_size + bit_bytes_of<F>;
 
 template <class F>
 u32 len(loom_handle*, u32, const typename F::object*) {
@@ -59,7 +59,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::o
     u32 jump = 0;
     r.frame_field(&jump, _loom_variant_jump_unmarshal);
     c.store<i8>(&header->loom_variant, variant, object);
-    codec::store_type_info<F>(c, loom_get_manifested_type_info_ptr_mem(object), object);
+    codec::store_type_info<F>(c, direct::type_info_word(object), object);
 
     c.announce(object->bits, bit_bytes_of<F>, object);
     memcpy(object->bits, r.at(), r.fitting(bit_bytes_of<F>));

@@ -1,6 +1,6 @@
-// Whether this bundle may do the runtime's simplest operations by itself: decided once, while the library is loaded.
-// What the operations do in their common case is told in <loom/direct.h>; the code that does it stands beside its
-// callers, in instance/direct.h and codec/fixed_form.h.
+// Whether this bundle may do the runtime's simplest operations by itself: decided once, while the library is
+// loaded. What the operations do in their common case is told in <loom/direct.h>; the code that does it stands
+// beside its callers, in instance/direct.h and instance/direct_values.h and codec/fixed_form.h.
 #pragma once
 
 #include "frame/basic_types.h"
@@ -26,8 +26,16 @@ inline bool operations_lie_in(const loom_direct_forms& forms) {
     using operation = void (*)();
 #define TRELLIS_ADDRESS(NAME) reinterpret_cast<operation>(&::NAME),
 #define TRELLIS_SCALAR_ADDRESSES(T) LOOM_DIRECT_SCALAR_OPERATIONS(TRELLIS_ADDRESS, T)
+#define TRELLIS_VALUE_ADDRESSES(T) LOOM_DIRECT_VALUE_OPERATIONS(TRELLIS_ADDRESS, T)
+#define TRELLIS_OCTETS_ADDRESSES(T) LOOM_DIRECT_OCTETS_OPERATIONS(TRELLIS_ADDRESS, T)
+#define TRELLIS_TEXT_ADDRESSES(T) LOOM_DIRECT_TEXT_OPERATIONS(TRELLIS_ADDRESS, T)
     const operation called[] = {
-        LOOM_DIRECT_FRAME_OPERATIONS(TRELLIS_ADDRESS) LOOM_DIRECT_SCALARS(TRELLIS_SCALAR_ADDRESSES)};
+        LOOM_DIRECT_FRAME_OPERATIONS(TRELLIS_ADDRESS) LOOM_DIRECT_SCALARS(TRELLIS_SCALAR_ADDRESSES)
+            LOOM_DIRECT_VALUES(TRELLIS_VALUE_ADDRESSES) LOOM_DIRECT_OCTETS(TRELLIS_OCTETS_ADDRESSES)
+                LOOM_DIRECT_TEXTS(TRELLIS_TEXT_ADDRESSES)};
+#undef TRELLIS_TEXT_ADDRESSES
+#undef TRELLIS_OCTETS_ADDRESSES
+#undef TRELLIS_VALUE_ADDRESSES
 #undef TRELLIS_SCALAR_ADDRESSES
 #undef TRELLIS_ADDRESS
     for (const operation each : called) {

@@ -15,7 +15,7 @@ using plain_of = typename A::type::plain_type;
 /// Step shared by the value getters: the value's cell through its type's own `get`, reported as handed out.
 template <class A>
 inline value_of<A>* fetch_cell(const call& c, holder_of<A>* object, value_of<A>* address) {
-    value_of<A>* cell = A::type::get(c.handle, c.domain, address, c.error);
+    value_of<A>* cell = direct::get<typename A::type>(c, address);
     c.report_containment(cell, object);
     return cell;
 }
@@ -39,10 +39,10 @@ requires is_plain<A> || is_length<A> plain_of<A> get_value(loom_handle* handle, 
                                                            u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return plain_of<A>{};
-    value_of<A>* cell = A::type::get(handle, domain, cell_of<A>(object), err);
+    value_of<A>* cell = direct::get<typename A::type>(c, cell_of<A>(object));
     if (cell == nullptr) return plain_of<A>{};
     c.report_containment(cell, object);
-    return A::type::get_value(handle, domain, cell, err);
+    return direct::get_value<typename A::type>(c, cell);
 }
 
 /// The store comes first, the tracking check behind it: a set on an object that should be tracked and is not has
@@ -53,7 +53,7 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object,
          std::conditional_t<is_nested_record<A>, value_of<A>, const value_of<A>>* value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
-    A::type::set(handle, domain, cell_of<A>(object), value, err);
+    direct::set<typename A::type>(c, cell_of<A>(object), value);
     if (!mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object)) return;
     c.report_containment(value, object);
 }
@@ -71,7 +71,7 @@ void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, plain_of<A
         c.fail(LOOM_ENOENT);
         return;
     }
-    A::type::set_value(handle, domain, cell, value, err);
+    direct::set_value<typename A::type>(c, cell, value);
     mark<A, says::attribute_set_value_corrupted_handle, says::attribute_set_value_not_tracked>(c, object);
 }
 
@@ -95,7 +95,7 @@ inline void each_reached_attribute(const typename M::object* object, Body&& body
 
 template <class A>
 inline void fetch_into(const call& c, holder_of<A>* object, plain_of<A>* out) {
-    value_of<A>* cell = A::type::get(c.handle, c.domain, cell_of<A>(object), c.error);
+    value_of<A>* cell = direct::get<typename A::type>(c, cell_of<A>(object));
     if (cell == nullptr) {
         *out = plain_of<A>{};
         return;
@@ -105,7 +105,7 @@ inline void fetch_into(const call& c, holder_of<A>* object, plain_of<A>* out) {
         // Read straight from the storage, behind a test of its own.
         *out = c.pending() ? plain_of<A>{} : cell->value;
     } else {
-        *out = A::type::get_value(c.handle, c.domain, cell, c.error);
+        *out = direct::get_value<typename A::type>(c, cell);
     }
 }
 
@@ -156,8 +156,8 @@ void set_all(loom_handle* handle, u32 domain, typename M::object* object, Argume
         for_each_attribute(typename M::attributes{}, [&]<class A>() {
             if constexpr (is_plain<A>) {
                 if (A::at.since == variant)
-                    A::type::set_value(handle, domain, cell_of<A>(object),
-                                       slots[position].template as<plain_of<A>>(), c.error);
+                    direct::set_value<typename A::type>(c, cell_of<A>(object),
+                                                         slots[position].template as<plain_of<A>>());
                 ++position;
             }
         });

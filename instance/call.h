@@ -48,7 +48,7 @@ struct call {
     void release(void* block) const { handle->free(handle->alloc_ctx, domain, block); }
 
     /// Announces that `length` bytes at `address` are about to change.
-    void announce(const void* address, size_t length, const void* owner) const {
+    [[gnu::always_inline]] void announce(const void* address, size_t length, const void* owner) const {
         if (!direct::is_unwatched(handle)) handle->write_hook(handle, address, length, domain, owner);
     }
     /// Announces and stores one value.

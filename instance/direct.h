@@ -42,7 +42,14 @@ inline void adjust_variant(loom_handle* handle, u32 domain, void* object, i8 new
     loomlib_adjust_variant(handle, domain, object, tinfo, newest, err);
 }
 
+inline loom_type_info** type_info_word(void* object) {
+    if (offered && object != nullptr) return &static_cast<loom_object*>(object)->loom_tinfo;
+    return loom_get_manifested_type_info_ptr_mem(object);
+}
+
 /// Stores under this handle need no announcement.
-inline bool is_unwatched(const loom_handle* handle) { return offered && handle->write_hook == unfollowed_write_hook; }
+inline bool is_unwatched(const loom_handle* handle) {
+    return offered && handle->write_hook == unfollowed_write_hook;
+}
 
 } // namespace trellis::direct

@@ -2,6 +2,7 @@
 // holds is torn down here; how it is filled stands in accessors.h, repeated.h and unions.h.
 #pragma once
 
+#include "instance/direct_values.h"
 #include "instance/object_access.h"
 
 namespace trellis::record {
@@ -216,7 +217,8 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     // Attributes of later variants are set up too, whatever the instance's variant is.
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category)) {
-            A::type::initialize(handle, domain, cell_of<A>(object), write_through, no_accounting, base, err);
+            if (!direct::is_ready_when_zero<typename A::type>())
+                A::type::initialize(handle, domain, cell_of<A>(object), write_through, no_accounting, base, err);
         } else if constexpr (is_fixed_array<A> && has_header(A::type::category)) {
             for (u32 i = 0; i < A::extent; ++i)
                 A::type::initialize(handle, domain, cell_of<A>(object) + i, write_through, no_accounting, base,
@@ -324,6 +326,7 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
         // The type is known to hold no references; only the test of the error word remains.
         if (c.pending()) diag::say<typename A::model, says::get_oid_count_error_pending>();
     } else {
+        if (direct::ends_without_trace<typename A::type>(value)) return true;
         const u32 count = A::type::get_oid_count(c.handle, c.domain, value, c.error);
         if (count != 0 && !drop_references<A>(c, value, count)) return false;
     }
@@ -497,7 +500,8 @@ void set_instance_embedded(loom_handle* handle, u32 domain, typename M::object* 
     }
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category))
-            A::type::set_instance_embedded(handle, domain, cell_of<A>(object));
+            if (!direct::is_ready_when_zero<typename A::type>())
+                A::type::set_instance_embedded(handle, domain, cell_of<A>(object));
     });
     u32 unused = 0;
     u8* flags = &header_of(object)->loom_flags;

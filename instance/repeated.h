@@ -130,7 +130,7 @@ template <class A>
 requires is_array_of_values<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
                                                      u32 index, u32* err) {
     value_of<A>* element = get<A>(handle, domain, object, index, err);
-    return element == nullptr ? plain_of<A>{} : A::type::get_value(handle, domain, element, err);
+    return element == nullptr ? plain_of<A>{} : direct::get_value<typename A::type>({handle, domain, err}, element);
 }
 
 template <class A>
@@ -249,7 +249,7 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
             else
                 clone_into<A>(c, slot, value);
         } else {
-            A::type::set(c.handle, c.domain, slot, value, c.error);
+            direct::set<typename A::type>(c, slot, value);
         }
     }
     if (tracking_on<A, says::attribute_set_worker_corrupted_handle, 1>(c)) mark_element<A>(c, object, index);
@@ -289,7 +289,7 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_value(loom_handl
         slot = pointer_of<A>(object) + index;
     }
     if (c.pending()) return;
-    A::type::set_value(handle, domain, slot, value, err);
+    direct::set_value<typename A::type>(c, slot, value);
     if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c)) return;
     if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object)) mark_element<A>(c, object, index);
 }
@@ -344,7 +344,7 @@ requires is_fixed_array<A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object) || value == nullptr) return;
-    A::type::set(handle, domain, cell_of<A>(object) + index, value, err);
+    direct::set<typename A::type>(c, cell_of<A>(object) + index, value);
     if (tracking_on<A, says::attribute_set_corrupted_handle>(c)) {
         if (!require_tracked<A, says::attribute_set_not_tracked>(c, object)) return;
         mark_element<A>(c, object, index);
@@ -360,7 +360,7 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_value(loom_handle* 
     if (!enter_write<A>(c, object)) return;
     value_of<A>* slot = get<A>(handle, domain, object, index, err);
     if (slot == nullptr) return;
-    A::type::set_value(handle, domain, slot, value, err);
+    direct::set_value<typename A::type>(c, slot, value);
     if (!tracking_on<A, says::attribute_set_value_corrupted_handle>(c)) return;
     if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object)) mark_element<A>(c, object, index);
 }

@@ -9,6 +9,7 @@
  *   loom_get_instance_variant          of an object that is there: its variant byte
  *   loom_get_instance_obj_flag         of an object that is there: its flags byte
  *   loom_get_manifested_type_info      the object's type-information word
+ *   loom_get_manifested_type_info_ptr_mem   its address
  *   loom_domain_lookup_variant         without a peer (domain_state.peer null): the newest variant of the record's
  *                                      table, 0 without one
  *   loomlib_adjust_variant             variant not below the newest of the caller's and not below the object's
@@ -19,7 +20,14 @@
  *   <scalar>_len                       the size of the C type
  *   <scalar>_marshal                   error word clear, room, value there: the value's bytes, most significant first
  *   <scalar>_unmarshal                 error word clear and enough bytes: the write hook is told, the value stored
- *   <scalar>_get                       the value's address
+ *   <octets>_len, _marshal, _unmarshal the same for addresses that are their octets: their bytes as in memory
+ *   <text>_len, <text>_marshal         error word clear, room, value there: its length in four bytes, most significant
+ *                                      first, and its bytes
+ *   <scalar>_get, <value>_get          the value's address
+ *   <value>_initialize, <value>_set_instance_embedded   nothing; initialize returns 0
+ *   <value>_get_oid_count              0
+ *   <value>_destroy_internal           release 0, of a text without a block or of an address or time that lies whole
+ *                                      in its place: nothing
  *   <scalar>_get_value                 error word clear, value there: the value
  *   <scalar>_set, <scalar>_set_value   error word clear, values there: the write hook is told (the value is its own
  *                                      owner), the value stored
@@ -58,16 +66,31 @@ const loom_direct_forms* loom_get_direct_forms(void);
 #define LOOM_DIRECT_SCALARS(X)                                                                                    \
     X(u_int8) X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64)                                 \
     X(char) X(double) X(float) X(loom_boolean)
+/** The object and opaque values: each has the operations of LOOM_DIRECT_VALUE_OPERATIONS. */
+#define LOOM_DIRECT_VALUES(X)                                                                                     \
+    X(ip_address) X(ip_prefix) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr) X(calendar_time) X(timestamp)           \
+    X(loom_vstring) X(nexa_bytestr) X(loom_phys_addr) X(loom_aes_vstring) X(loom_aes_password_vstring)            \
+    X(loom_username_vstring)
+/** Those of them that are nothing but their octets, and those that are a counted text. */
+#define LOOM_DIRECT_OCTETS(X) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr)
+#define LOOM_DIRECT_TEXTS(X)                                                                                      \
+    X(loom_vstring) X(nexa_bytestr) X(loom_aes_vstring) X(loom_aes_password_vstring) X(loom_username_vstring)
 #define LOOM_DIRECT_SCALAR_OPERATIONS(X, T)                                                                       \
     X(T##_len) X(T##_marshal) X(T##_unmarshal) X(T##_get) X(T##_get_value) X(T##_set) X(T##_set_value)
+#define LOOM_DIRECT_VALUE_OPERATIONS(X, T)                                                                        \
+    X(T##_get) X(T##_initialize) X(T##_set_instance_embedded) X(T##_get_oid_count)       \
+    X(T##_destroy_internal)
+#define LOOM_DIRECT_OCTETS_OPERATIONS(X, T) X(T##_len) X(T##_marshal) X(T##_unmarshal)
+#define LOOM_DIRECT_TEXT_OPERATIONS(X, T) X(T##_len) X(T##_marshal)
 /** The other operations of the list. */
 #define LOOM_DIRECT_FRAME_OPERATIONS(X)                                                                           \
     X(loom_clear_last_error) X(loom_get_instance_variant) X(loom_get_instance_obj_flag)                           \
-    X(loom_get_manifested_type_info) X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                      \
+    X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem) X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                      \
     X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                         \
     X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                                       \
     X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal)                                                 \
-    X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)
+    X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)                                                         \
+    X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded)
 
 #ifdef __cplusplus
 }
