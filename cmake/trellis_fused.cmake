@@ -9,7 +9,7 @@ include(GNUInstallDirs)
 # Objects of `from`, once more, with link-time optimisation. Exported functions may be inlined into others here.
 function(trellis_fused_objects target from)
   get_target_property(sources ${from} SOURCES)
-  get_target_property(binary_dir ${from} BINARY_DIR)
+  
   add_library(${target} OBJECT ${sources})
   add_dependencies(${target} ${from})
   foreach(property INCLUDE_DIRECTORIES COMPILE_DEFINITIONS COMPILE_OPTIONS LINK_LIBRARIES CXX_STANDARD CXX_EXTENSIONS
@@ -19,6 +19,7 @@ function(trellis_fused_objects target from)
       set_target_properties(${target} PROPERTIES ${property} "${value}")
     endif()
   endforeach()
+  target_compile_definitions(${target} PRIVATE TRELLIS_FUSED)
   target_compile_options(${target} PRIVATE
     $<$<COMPILE_LANGUAGE:C,CXX>:-flto=auto -fno-semantic-interposition>)
 endfunction()

@@ -390,13 +390,22 @@ inline bool jump_ahead(u32* position, u32 base, u32 jump) {
     return true;
 }
 
-/// The plain case, as for the writer: no error, nothing tracked, neither here nor on the wire, a whole frame
-/// there, nobody who follows stores, and type information that lies in the bundle.
+/// The plain case of anything with a header: no error, `size` bytes there, nobody who follows stores, and type
+/// information that lies in the bundle.
+inline bool is_plain_case(const call& c, i32 length, u32 size) {
+    return direct::is_unwatched(c.handle) && !c.pending() && length >= static_cast<i32>(size) &&
+           c.handle->db_kind == 0;
+}
+/// That of a record: besides, nothing is tracked, neither here nor on the wire.
 inline bool reads_straight(const call& c, const u8* buffer, i32 length) {
-    if (!direct::is_unwatched(c.handle) || c.pending() || length < static_cast<i32>(frame_size)) return false;
-    if ((buffer[1] & LOOM_WIRE_FLAGS) != 0 || c.handle->db_kind != 0) return false;
+    if (!is_plain_case(c, length, frame_size) || (buffer[1] & LOOM_WIRE_FLAGS) != 0) return false;
     const tracking_mode mode = c.mode();
     return mode == tracking_mode::absent || mode == tracking_mode::off;
+}
+/// Lowers a variant on the wire to what the instance's layout can hold.
+inline i8 lowered_variant(u8 wire, const loom_object* header) {
+    const i8 variant = static_cast<i8>(wire);
+    return variant > header->loom_layout_variant ? static_cast<i8>(header->loom_layout_variant) : variant;
 }
 
 } // namespace trellis::codec
@@ -410,8 +419,7 @@ u32 unmarshal_straight(const call& given, const u8* buffer, typename M::object* 
     const call c = given;
     c.clear_last_error();
     loom_object* header = header_of(object);
-    i8 variant = static_cast<i8>(buffer[0]);
-    if (variant > header->loom_layout_variant) variant = static_cast<i8>(header->loom_layout_variant);
+    const i8 variant = codec::lowered_variant(buffer[0], header);
     u32 jump = 0;
     codec::load_form(buffer + codec::jump_place, &jump, 1);
     codec::reader r{c, buffer, codec::frame_size, length, existing, false, codec::state_bytes::absent, nullptr};

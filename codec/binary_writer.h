@@ -252,16 +252,22 @@ inline void bring_back_epoch_error(const writer& w) {
 
 inline void write_variant(writer& w, i8 variant) { w.frame_field(variant, _loom_instance_variant_marshal); }
 
-/// The plain case: no error, no peer of another build, nothing tracked, and a frame that fits. `variant` gets the
-/// instance's, which this build knows.
+/// The plain case of anything with a header: no error, no peer of another build, a variant that this build knows,
+/// and room for `size` bytes.
 template <class Model>
-[[gnu::always_inline]] inline bool goes_straight(const call& c, const typename Model::object* object, i32 length) {
-    if (!direct::offered || c.pending() || object == nullptr || length < static_cast<i32>(frame_size))
-        return false;
-    const loom_object* header = header_of(object);
-    if (header->loom_variant > Model::newest || (header->loom_flags & OBJ_RA_DATA) != 0) return false;
+[[gnu::always_inline]] inline bool is_plain_case(const call& c, const typename Model::object* object, i32 length,
+                                                 u32 size) {
+    return direct::offered && !c.pending() && object != nullptr && length >= static_cast<i32>(size) &&
+           c.handle->domain_state.peer == nullptr && header_of(object)->loom_variant <= Model::newest;
+}
+/// That of a record: besides, nothing is tracked.
+template <class Model>
+[[gnu::always_inline]] inline bool writes_straight(const call& c, const typename Model::object* object,
+                                                   i32 length) {
+    if (!is_plain_case<Model>(c, object, length, frame_size)) return false;
     const tracking_mode mode = c.mode();
-    return c.handle->domain_state.peer == nullptr && (mode == tracking_mode::absent || mode == tracking_mode::off);
+    return (header_of(object)->loom_flags & OBJ_RA_DATA) == 0 &&
+           (mode == tracking_mode::absent || mode == tracking_mode::off);
 }
 
 } // namespace trellis::codec
@@ -331,7 +337,7 @@ template <class M>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
             u32* err) {
     const call c{handle, domain, err};
-    if (codec::goes_straight<M>(c, object, length))
+    if (codec::writes_straight<M>(c, object, length))
         return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
     return marshal_internal<M>(c, buffer, object, length, true);
 }
@@ -340,7 +346,7 @@ template <class M>
 u32 marshal_for_clone(loom_handle* handle, u32 domain, void* buffer, const typename M::object* object, i32 length,
                       u32* err) {
     const call c{handle, domain, err};
-    if (codec::goes_straight<M>(c, object, length))
+    if (codec::writes_straight<M>(c, object, length))
         return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
     return marshal_internal<M>(c, buffer, object, length, false);
 }

@@ -26,6 +26,15 @@ template <class F>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::object* object, i32 length,
             u32* err) {
     const call c{handle, domain, err};
+    if (codec::is_plain_case<F>(c, object, length, wire_size<F>)) {
+        c.clear_last_error();
+        u8* out = static_cast<u8*>(buffer);
+        out[0] = static_cast<u8>(header_of(object)->loom_variant);
+        constexpr u32 jump = wire_size<F> - 1;
+        codec::store_form(out + 1, &jump, 1);
+        memcpy(out + codec::flag_set_frame_size, object->bits, bit_bytes_of<F>);
+        return wire_size<F>;
+    }
     if (!codec::enter_with_room(c, length)) return 0;
     bool cut_down;
     const i8 variant = codec::variant_to_write<F>(c, direct::instance_variant(object, 0, 1), true, &cut_down);
@@ -51,8 +60,20 @@ template <class F>
 u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::object* object, i32 length,
               u32 existing, u32* err) {
     const call c{handle, domain, err};
-    if (!codec::enter_with_room(c, length)) return 0;
     loom_object* header = header_of(object);
+    if (codec::is_plain_case(c, length, wire_size<F>)) {
+        const u8* in = static_cast<const u8*>(buffer);
+        u32 jump;
+        codec::load_form(in + 1, &jump, 1);
+        if (jump == wire_size<F> - 1) {
+            c.clear_last_error();
+            header->loom_variant = codec::lowered_variant(in[0], header);
+            header->loom_tinfo = F::type::type_info();
+            memcpy(object->bits, in + codec::flag_set_frame_size, bit_bytes_of<F>);
+            return wire_size<F>;
+        }
+    }
+    if (!codec::enter_with_room(c, length)) return 0;
     codec::reader r = codec::compact_reader(c, buffer, length, existing);
     const i8 variant = codec::read_variant(r, header);
     const u32 base = r.position;

@@ -10,9 +10,14 @@
 #include "frame/basic_types.h"
 
 #include <cstddef>
-#include <iterator>
 
 namespace trellis::diag {
+
+/// Statements of a table; <iterator> would cost every unit more than the rest of this header.
+template <class T, std::size_t N>
+consteval std::size_t length_of(const T (&)[N]) {
+    return N;
+}
 
 /// What an attribute is, as far as its trace statements go. Lengths have none.
 enum class attribute_kind : u8 {
@@ -312,7 +317,7 @@ inline constexpr statement record_statements[] = {
     {"_<attribute>_get_cr", error, arguments::number, 1, only(kinds::list), "invalid list get flag %d"},
     {"_<attribute>_add_cr", error, arguments::number, 1, only(kinds::list), "invalid list add flag %d"},
 };
-static_assert(std::size(record_statements) == static_cast<std::size_t>(record_says::count));
+static_assert(length_of(record_statements) == static_cast<std::size_t>(record_says::count));
 
 /// Statements of the enumeration family.
 enum class enumeration_says : u16 {
@@ -352,7 +357,7 @@ inline constexpr statement enumeration_statements[] = {
     {"_destroy_internal", information, arguments::number_number, 1, kinds::of_type,
      "variant %u requested only %u variants present"},
 };
-static_assert(std::size(enumeration_statements) == static_cast<std::size_t>(enumeration_says::count));
+static_assert(length_of(enumeration_statements) == static_cast<std::size_t>(enumeration_says::count));
 
 /// Statements of the flag set family.
 enum class flag_set_says : u16 {
@@ -395,7 +400,7 @@ inline constexpr statement flag_set_statements[] = {
     {"_unmarshal", diagnostic, arguments::number_number_number, 1, kinds::of_type,
      "offset_jump read_len %d offset_jump_base %d _loom_variant_jump %d"},
 };
-static_assert(std::size(flag_set_statements) == static_cast<std::size_t>(flag_set_says::count));
+static_assert(length_of(flag_set_statements) == static_cast<std::size_t>(flag_set_says::count));
 
 /// Statements of the frame family.
 enum class frame_says : u16 {
@@ -406,7 +411,7 @@ inline constexpr statement frame_statements[] = {
     {"<bundle>_type_variant_dump", error, arguments::none, 1, kinds::of_type,
      "type variant cached info is NULL during usage dump"},
 };
-static_assert(std::size(frame_statements) == static_cast<std::size_t>(frame_says::count));
+static_assert(length_of(frame_statements) == static_cast<std::size_t>(frame_says::count));
 
 /// Statements of the message family.
 enum class message_says : u16 {
@@ -498,7 +503,7 @@ inline constexpr statement message_statements[] = {
     {"_<p>_free_and_set", diagnostic, arguments::text, 1, kind_set(message_trait::with_payload),
      "Error present when freeing and setting value for <p>: %s"},
 };
-static_assert(std::size(message_statements) == static_cast<std::size_t>(message_says::count));
+static_assert(length_of(message_statements) == static_cast<std::size_t>(message_says::count));
 
 /// Statements of the registry family.
 enum class registry_says : u16 {
@@ -512,7 +517,7 @@ inline constexpr statement registry_statements[] = {
     {"<bundle>_table_get_vft", diagnostic, arguments::none, 1, kinds::of_type,
      "Error already set when requesting <bundle> table vft"},
 };
-static_assert(std::size(registry_statements) == static_cast<std::size_t>(registry_says::count));
+static_assert(length_of(registry_statements) == static_cast<std::size_t>(registry_says::count));
 
 /// Statements of the table family.
 enum class table_says : u16 {
@@ -718,6 +723,6 @@ inline constexpr statement table_statements[] = {
     {"_seq_compact_batch_end", error, arguments::none, 1, kind_set(table_trait::ordered),
      "We are not in Sequence Batch Mode"},
 };
-static_assert(std::size(table_statements) == static_cast<std::size_t>(table_says::count));
+static_assert(length_of(table_statements) == static_cast<std::size_t>(table_says::count));
 
 } // namespace trellis::diag

@@ -17,8 +17,12 @@ namespace trellis::direct {
 using write_hook = decltype(loom_direct_forms::unfollowed_write_hook);
 
 /// False until the library's constructors have run, and then with any runtime that does not offer the forms: every
-/// operation is called. One for each bundle.
+/// operation is called. One for each bundle. A bundle that is fused with our runtime need not ask.
+#ifdef TRELLIS_FUSED
+inline constexpr bool offered = true;
+#else
 inline bool offered = false;
+#endif
 inline write_hook unfollowed_write_hook = nullptr;
 
 /// True when every operation of the list, as this bundle would call it, is the runtime's own.
@@ -51,7 +55,9 @@ inline void settle() {
     const loom_direct_forms* forms = loom_get_direct_forms();
     if (forms->revision != LOOM_DIRECT_FORMS_REVISION || !operations_lie_in(*forms)) return;
     unfollowed_write_hook = forms->unfollowed_write_hook;
+#ifndef TRELLIS_FUSED
     offered = true;
+#endif
 }
 
 } // namespace trellis::direct

@@ -32,19 +32,24 @@ inline i32 domain_variant(loom_handle* handle, const loom_type_info* tinfo, u32*
     return loom_domain_lookup_variant(handle, &handle->domain_state, tinfo, err);
 }
 
+inline loom_type_info* type_info(const void* object) {
+    if (offered && object != nullptr) return static_cast<const loom_object*>(object)->loom_tinfo;
+    return loom_get_manifested_type_info(object);
+}
+/// Address of the word that holds it.
+inline loom_type_info** type_info_word(void* object) {
+    if (offered && object != nullptr) return &static_cast<loom_object*>(object)->loom_tinfo;
+    return loom_get_manifested_type_info_ptr_mem(object);
+}
+
 /// Raises an instance to what may now be written.
 inline void adjust_variant(loom_handle* handle, u32 domain, void* object, i8 newest, u32* err) {
     if (offered && object != nullptr) {
         const auto* header = static_cast<const loom_object*>(object);
         if (header->loom_variant >= newest || header->loom_variant >= header->loom_layout_variant) return;
     }
-    const loom_type_info* tinfo = object == nullptr ? nullptr : loom_get_manifested_type_info(object);
+    const loom_type_info* tinfo = object == nullptr ? nullptr : type_info(object);
     loomlib_adjust_variant(handle, domain, object, tinfo, newest, err);
-}
-
-inline loom_type_info** type_info_word(void* object) {
-    if (offered && object != nullptr) return &static_cast<loom_object*>(object)->loom_tinfo;
-    return loom_get_manifested_type_info_ptr_mem(object);
 }
 
 /// Stores under this handle need no announcement.

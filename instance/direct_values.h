@@ -78,6 +78,13 @@ template <class T>
 constexpr bool lies_in_place = std::is_same_v<T, ip_address> || std::is_same_v<T, ip_prefix> || is_octets<T> ||
                                std::is_same_v<T, calendar_time> || std::is_same_v<T, timestamp>;
 
+template <class Type>
+inline u32 get_oid_count(const call& c, const typename Type::c_type* value) {
+    if constexpr (is_built_in(Type::category))
+        if (offered) return 0;
+    return Type::get_oid_count(c.handle, c.domain, value, c.error);
+}
+
 /// True for a value in place, not null, that holds no references and no block: nothing is to be done at its end.
 template <class Type>
 inline bool ends_without_trace(const typename Type::c_type* value) {

@@ -184,7 +184,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     header->loom_layout_variant = static_cast<u8>(M::newest);
     announce(&header->loom_variant, 1, nullptr);
     header->loom_variant = variant;
-    loom_type_info** word = loom_get_manifested_type_info_ptr_mem(object);
+    loom_type_info** word = direct::type_info_word(object);
     announce(word, sizeof *word, nullptr);
     *word = resident_type_info<typename M::bundle>(c, tinfo);
     if (*word == nullptr) {
@@ -327,7 +327,7 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
         if (c.pending()) diag::say<typename A::model, says::get_oid_count_error_pending>();
     } else {
         if (direct::ends_without_trace<typename A::type>(value)) return true;
-        const u32 count = A::type::get_oid_count(c.handle, c.domain, value, c.error);
+        const u32 count = direct::get_oid_count<typename A::type>(c, value);
         if (count != 0 && !drop_references<A>(c, value, count)) return false;
     }
     A::type::destroy_internal(c.handle, c.domain, value, 0);
@@ -414,7 +414,7 @@ inline void release_element_flags(const call& c, typename M::object* object) {
 /// Counts the ended object in its variant's statistics; a corrupt type word ends the process.
 template <class M>
 inline void count_destroyed(const call& c, const typename M::object* object) {
-    loom_type_info* tinfo = loom_get_manifested_type_info(object);
+    loom_type_info* tinfo = direct::type_info(object);
     if (tinfo == nullptr || tinfo->magic != LOOM_TYPE_INFO_MAGIC)
         diag::die<M, says::destroy_internal_corrupted_tinfo>();
     loom_variant_table* table = tinfo->variant_table;

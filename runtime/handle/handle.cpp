@@ -17,7 +17,8 @@ constexpr u32 default_workspace_size = u32{1} << 20;
 constexpr u64 scratch_reserve = u64{1} << 30;
 
 std::atomic<u32> shared_handles{0};
-thread_local u32 call_site_tag = 0;
+/// Read at every allocation, so its address is found without a call.
+[[gnu::tls_model("initial-exec")]] thread_local u32 call_site_tag = 0;
 
 open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 
@@ -83,7 +84,7 @@ u32 prepare_mapped(open_handle& handle, bool exclusive) {
 }
 } // namespace
 
-const loom_write_hook unfollowed_write_hook = announce_unfollowed;
+const decltype(loom_handle::write_hook) unfollowed_write_hook = announce_unfollowed;
 
 void open_handle::choose_write_hook() {
     const bool ours = view.write_hook == announce_followed || view.write_hook == announce_unfollowed;

@@ -53,10 +53,8 @@ struct manifest_cache_entry {
     loom_type_info* manifested = nullptr;
 };
 
-using loom_write_hook = decltype(loom_handle::write_hook);
-
 /// The write hook of handles whose stores nobody follows.
-extern const loom_write_hook unfollowed_write_hook;
+extern const decltype(loom_handle::write_hook) unfollowed_write_hook;
 
 struct open_handle {
     loom_handle view{};

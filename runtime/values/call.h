@@ -11,6 +11,9 @@
 namespace loom {
 using namespace trellis;
 
+/// The write hook of handles whose stores nobody follows.
+extern const decltype(loom_handle::write_hook) unfollowed_write_hook;
+
 /// What every operation of the value, text and wire families is called with.
 struct call {
     loom_handle* handle;
@@ -29,7 +32,8 @@ struct call {
 
     /// Tells the write hook that `length` bytes of instance memory are about to change.
     void announce(const void* address, size_t length, const void* owner) const {
-        if (handle->write_hook) handle->write_hook(handle, address, length, domain, owner);
+        const auto hook = handle->write_hook;
+        if (hook && hook != unfollowed_write_hook) hook(handle, address, length, domain, owner);
     }
 
     /// Announces and stores one value in instance memory.
