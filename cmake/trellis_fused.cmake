@@ -11,7 +11,6 @@ function(trellis_fused_objects target from)
   get_target_property(sources ${from} SOURCES)
   
   add_library(${target} OBJECT ${sources})
-  add_dependencies(${target} ${from})
   foreach(property INCLUDE_DIRECTORIES COMPILE_DEFINITIONS COMPILE_OPTIONS LINK_LIBRARIES CXX_STANDARD CXX_EXTENSIONS
       CXX_VISIBILITY_PRESET VISIBILITY_INLINES_HIDDEN)
     get_target_property(value ${from} ${property})

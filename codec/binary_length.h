@@ -10,48 +10,51 @@ namespace trellis::codec {
 constexpr u32 enumeration_size = 5;
 constexpr u32 flag_set_frame_size = 5;
 
+/// A text too long for any form has the greatest length there is.
+constexpr u32 counted_size(u32 count) {
+    constexpr u32 most = 0xFFFFFFFFu;
+    return count > most - sizeof(u32) ? most : static_cast<u32>(sizeof(u32)) + count;
+}
+
 /// One value. Those of the bundle's enumerations and flag sets all have one size, which stands as the call that
 /// their own len is.
-template <class A>
+template <class A, bool Straight>
 [[gnu::always_inline]] inline u32 length_of_value(const call& c, const value_of<A>* value) {
     using type = typename A::type;
     if constexpr (type::category == value_category::enumeration) return enumeration_size;
     if constexpr (type::category == value_category::flag_set) return flag_set_frame_size + sizeof value->bits;
-    if constexpr (is_counted_value<value_of<A>>) {
-        const u64 size = sizeof(u32) + u64{value == nullptr ? 0 : direct::byte_count_of(*value)};
-        if (direct::offered && size <= 0xFFFFFFFFu) return static_cast<u32>(size);
-    }
+    if constexpr (is_counted_value<value_of<A>> && Straight)
+        if (value != nullptr) return counted_size(direct::byte_count_of(*value));
     return type::len(c.handle, c.domain, value);
 }
 
-/// Bytes of one attribute without state bytes. `direct`: fixed forms need not be asked for.
-template <class A>
-[[gnu::always_inline]] inline u32 length_of(const call& c, const holder_of<A>* object, bool direct) {
-    if constexpr (has_fixed_form<A>)
-        if (direct) return fixed_form_size<A>;
-    if constexpr (is_length<A>) {
+/// Bytes of one attribute without state bytes. Straight: sizes that the form fixes are not asked for.
+template <class A, bool Straight>
+[[gnu::always_inline]] inline u32 length_of(const call& c, const holder_of<A>* object) {
+    if constexpr (has_fixed_form<A> && Straight) {
+        return fixed_form_size<A>;
+    } else if constexpr (is_length<A>) {
         return 0; // counted with its array
     } else if constexpr (is_plain<A> || is_object<A>) {
-        return length_of_value<A>(c, field_of<A>(object));
+        return length_of_value<A, Straight>(c, field_of<A>(object));
     } else if constexpr (is_fixed_string<A> || (is_fixed_array<A> && is_byte_array<A>)) {
-        return A::extent * length_of_value<A>(c, field_of<A>(object));
+        return A::extent * length_of_value<A, Straight>(c, field_of<A>(object));
     } else if constexpr (is_fixed_array<A>) {
         u32 sum = 0;
         for (u32 i = 0; i < A::extent; ++i)
-            sum += length_of_value<A>(c, field_of<A>(object) + i);
+            sum += length_of_value<A, Straight>(c, field_of<A>(object) + i);
         return sum;
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
         const u32 count = count_of<A>(object);
-        if constexpr (has_fixed_form_type<typename A::type>)
-            if (direct)
-                return static_cast<u32>(sizeof(value_of<typename A::length>) + count * sizeof(value_of<A>));
+        if constexpr (has_fixed_form_type<typename A::type> && Straight)
+            return static_cast<u32>(sizeof(value_of<typename A::length>) + count * sizeof(value_of<A>));
         u32 sum = A::length::type::len(c.handle, c.domain, field_of<typename A::length>(object));
         const value_of<A>* block = pointer_of<A>(object);
         if constexpr (is_counted_string<A> || is_byte_array<A>) {
-            if (count != 0) sum += count * length_of_value<A>(c, block);
+            if (count != 0) sum += count * length_of_value<A, Straight>(c, block);
         } else {
             for (u32 i = 0; i < count; ++i)
-                sum += length_of_value<A>(c, block + i);
+                sum += length_of_value<A, Straight>(c, block + i);
         }
         return sum;
     } else if constexpr (is_oid<A>) {
@@ -60,14 +63,14 @@ template <class A>
         // A selected arm without value is asked for its size all the same; none of it is written.
         if (!is_selected<A>(object)) return 0;
         const value_of<A>* arm = pointer_of<A>(object);
-        const u32 length = length_of_value<A>(c, arm);
+        const u32 length = length_of_value<A, Straight>(c, arm);
         return arm == nullptr ? 0 : length;
     } else {
         static_assert(is_list<A>);
         const u32* count = &list_of<A>(object)->count;
-        u32 sum = direct ? static_cast<u32>(sizeof *count) : types::u_int32::len(c.handle, c.domain, count);
+        u32 sum = Straight ? static_cast<u32>(sizeof *count) : types::u_int32::len(c.handle, c.domain, count);
         each_element<A>(object, [&](const value_of<A>* element) {
-            sum += length_of_value<A>(c, element);
+            sum += length_of_value<A, Straight>(c, element);
             return true;
         });
         return sum;
@@ -109,10 +112,10 @@ template <class A>
 
 namespace trellis::record {
 
+/// Worker of len in every case but the plain one.
 template <class M>
-u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
+[[gnu::noinline]] u32 len_internal(loom_handle* handle, u32 domain, const typename M::object* object) {
     const call c{handle, domain, nullptr};
-    const bool direct = direct::offered;
     const i8 variant = direct::instance_variant(object, 1, 0);
     u32 sum = codec::frame_size;
     if (object == nullptr) {
@@ -125,7 +128,7 @@ u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
     if (variant >= 0)
         codec::each_reached<M>(
             variant, [&]<class A>() __attribute__((always_inline)) {
-                sum += codec::length_of<A>(c, object, direct);
+                sum += codec::length_of<A, false>(c, object);
                 return true;
             });
     const tracking_mode mode = c.mode();
@@ -134,6 +137,23 @@ u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
         codec::each_reached<M>(
             variant, [&]<class A>() __attribute__((always_inline)) {
                 sum += codec::state_bytes_of<A>(object);
+                return true;
+            });
+    return sum;
+}
+
+template <class M>
+[[gnu::always_inline]] inline u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
+    const call c{handle, domain, nullptr};
+    const tracking_mode mode = c.mode();
+    const bool untracked = mode == tracking_mode::absent || mode == tracking_mode::off;
+    if (!direct::offered || object == nullptr || !untracked) return len_internal<M>(handle, domain, object);
+    u32 sum = codec::frame_size;
+    const i8 variant = header_of(object)->loom_variant;
+    if (variant >= 0)
+        codec::each_reached<M>(
+            variant, [&]<class A>() __attribute__((always_inline)) {
+                sum += codec::length_of<A, true>(c, object);
                 return true;
             });
     return sum;

@@ -180,8 +180,13 @@ inline next_step read_counted(reader& r, holder_of<A>* object) {
         r.template scalars<typename A::type>(block, count);
     } else {
         // All elements are set up first: those behind an error must be fit to be ended.
-        if constexpr (has_header(A::type::category))
-            initialize_elements<typename A::type>(c, block, 0, count, r.tracked);
+        if constexpr (has_header(A::type::category)) {
+            const u32 ready = initialize_elements<typename A::type>(c, block, 0, count, r.tracked);
+            if (ready != count) { // those without a place for their states could not be ended
+                store_block<A>(c, object, block, ready);
+                return next_step::give_up;
+            }
+        }
         for (u32 i = 0; i < count; ++i)
             r.template value<typename A::type>(block + i);
     }
@@ -265,11 +270,10 @@ inline next_step read_list(reader& r, holder_of<A>* object) {
 
 // ---- Arms --------------------------------------------------------------------------------------------------
 
-/// Makes an arm that has no value yet. False with error 12 when there is no room.
+/// Makes a value for an arm that has none. False with error 12 when there is no room.
 template <class A>
-inline bool provide_arm(const call& c, holder_of<A>* object) {
+[[gnu::noinline]] bool make_arm(call c, holder_of<A>* object) {
     value_of<A>*& arm = pointer_of<A>(object);
-    if (arm != nullptr) return true;
     if constexpr (A::type::category != value_category::record) umber_set_callsite_tag(A::at.trace);
     c.announce(&arm, sizeof arm, object);
     arm = A::type::create(c.handle, c.domain);
@@ -281,8 +285,8 @@ inline bool provide_arm(const call& c, holder_of<A>* object) {
 
 /// Arms that are not selected keep what they hold.
 template <class A>
-inline next_step read_arm(reader& r, holder_of<A>* object) {
-    if (is_selected<A>(object) && provide_arm<A>(r.c, object))
+[[gnu::always_inline]] inline next_step read_arm(reader& r, holder_of<A>* object) {
+    if (is_selected<A>(object) && (pointer_of<A>(object) != nullptr || make_arm<A>(r.c, object)))
         r.template value<typename A::type>(pointer_of<A>(object));
     r.guarded_step(A::at.track, 1);
     return r.c.pending() ? next_step::end_of_fields : next_step::next_attribute;
@@ -294,7 +298,15 @@ inline next_step read_arm(reader& r, holder_of<A>* object) {
 /// registers.
 template <class Object>
 [[gnu::always_inline]] inline next_step apart(reader& r, Object* object, next_step (*step)(reader&, Object*)) {
-    reader copy = r;
+    // Member by member: a copy in one piece would wait for the members' stores.
+    reader copy{{r.c.handle, r.c.domain, r.c.error},
+                r.buffer,
+                r.position,
+                r.length,
+                r.existing,
+                r.tracked,
+                r.states,
+                r.area};
     const next_step then = step(copy, object);
     r.position = copy.position;
     return then;
@@ -326,7 +338,7 @@ template <class A>
                                             r.existing, r.c.error);
         r.guarded_step(A::at.track, 2);
     } else if constexpr (is_arm<A>) {
-        return apart(r, object, &read_arm<A>);
+        return read_arm<A>(r, object);
     } else {
         static_assert(is_list<A>);
         return apart(r, object, &read_list<A>);

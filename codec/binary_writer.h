@@ -231,6 +231,13 @@ inline bool enter_with_room(const call& c, i32 length) {
     c.fail(LOOM_EMSGSIZE);
     return false;
 }
+/// That of a writer: there must be an instance, too.
+inline bool enter_with_room(const call& c, const void* object, i32 length) {
+    if (!enter_with_room(c, length)) return false;
+    if (object != nullptr) return true;
+    c.fail(LOOM_ENOENT);
+    return false;
+}
 
 /// The variant to write an instance in: its own, within what this build knows and, when `checked`, within what the
 /// peer knows. A peer that knows less gets the older form, and the caller gets error 43: it is kept aside here
@@ -247,7 +254,10 @@ inline i8 variant_to_write(const call& c, i8 own, bool checked, bool* cut_down) 
     return clamp_variant<Model>(own);
 }
 inline void bring_back_epoch_error(const writer& w) {
-    if (w.cut_down && *w.c.error == 0) w.c.fail(LOOM_EIDRM);
+    if (!w.cut_down || *w.c.error != 0) return;
+    // It was reported when it was found.
+    *w.c.error = LOOM_EIDRM;
+    w.c.handle->last_error = LOOM_EIDRM;
 }
 
 inline void write_variant(writer& w, i8 variant) { w.frame_field(variant, _loom_instance_variant_marshal); }
@@ -303,7 +313,7 @@ template <class M>
                                        i32 length, bool checked) {
     using says = diag::record_says;
     const call c = given; // a copy that nobody else sees stays in registers
-    if (!codec::enter_with_room(c, length)) return 0;
+    if (!codec::enter_with_room(c, object, length)) return 0;
     bool cut_down;
     const i8 variant = codec::variant_to_write<M>(c, direct::instance_variant(object, 1, 0), checked, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};

@@ -95,7 +95,7 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename E::obj
         codec::store_form(out + 1, &internal, 1);
         return codec::enumeration_size;
     }
-    if (!codec::enter_with_room(c, length)) return 0;
+    if (!codec::enter_with_room(c, object, length)) return 0;
     bool cut_down;
     const i8 variant = codec::variant_to_write<E>(c, direct::instance_variant(object, 0, 1), true, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};
@@ -144,7 +144,7 @@ template <class E>
 i32 print(loom_handle* handle, u32 domain, char* buffer, i32 depth, const char* name,
           const typename E::object* object, i32 length, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return 0;
+    if (!codec::enter_with_object(c, object)) return 0;
     i32 position = codec::print_label(c, buffer, depth, name, E::name, length);
     const char* member = name_of_value<E>(object->value);
     position +=
@@ -164,7 +164,7 @@ template <class E>
 u32 to_xml(loom_handle* handle, u32 domain, const char* name, char* buffer, const typename E::object* object,
            i32 length, u8, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return 0;
+    if (!codec::enter_with_object(c, object)) return 0;
     u32 position = start_tag(handle, domain, buffer, name, length, 0, err);
     constexpr u32 longest = codec::longest_name(E::members);
     constexpr u32 unknown = codec::joined<E::name, codec::text::out_of_range>::length;

@@ -35,7 +35,7 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::obj
         memcpy(out + codec::flag_set_frame_size, object->bits, bit_bytes_of<F>);
         return wire_size<F>;
     }
-    if (!codec::enter_with_room(c, length)) return 0;
+    if (!codec::enter_with_room(c, object, length)) return 0;
     bool cut_down;
     const i8 variant = codec::variant_to_write<F>(c, direct::instance_variant(object, 0, 1), true, &cut_down);
     codec::writer w{c, static_cast<u8*>(buffer), 0, length, cut_down};

@@ -82,7 +82,7 @@ template <class M>
 i32 print(loom_handle* handle, u32 domain, char* buffer, i32 depth, const char* name,
           const typename M::object* object, i32 length, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return 0;
+    if (!codec::enter_with_object(c, object)) return 0;
     const i8 variant = direct::instance_variant(object, 1, 0);
     codec::text_writer w{c, buffer, 0, length, depth + 2};
     w.position += loom_print_space(handle, domain, buffer, depth, length, err);

@@ -17,6 +17,15 @@ template <class Body, class... A, std::size_t... I>
     return (((before[I] == A::at.since || variant >= A::at.since) && body.template operator()<A>()) && ...);
 }
 
+/// Entry of an operation that shows or writes an instance: false when an earlier error stops it, or, with error 2,
+/// when there is none.
+inline bool enter_with_object(const call& c, const void* object) {
+    if (!c.enter()) return false;
+    if (object != nullptr) return true;
+    c.fail(LOOM_ENOENT);
+    return false;
+}
+
 /// The attribute's value in place, in an object that is known to be there.
 template <class A>
 inline value_of<A>* field_of(holder_of<A>* object) {

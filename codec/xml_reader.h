@@ -13,14 +13,16 @@
 
 namespace trellis::codec {
 
-/// The path of an element below another; a longer path is cut.
+/// The path of an element below another; a longer path is cut, and its element counts as absent.
 struct xml_path {
     char text[256];
-    void below(const char* parent, const char* name) { snprintf(text, sizeof text, "%s/%s", parent, name); }
+    bool cut = false; // names nothing, or something else
+    void below(const char* parent, const char* name) { note(snprintf(text, sizeof text, "%s/%s", parent, name)); }
     /// Positions count from 1.
     void below(const char* parent, const char* name, u32 position) {
-        snprintf(text, sizeof text, "%s/%s[%u]", parent, name, position);
+        note(snprintf(text, sizeof text, "%s/%s[%u]", parent, name, position));
     }
+    void note(int length) { cut = length >= static_cast<int>(sizeof text); }
 };
 
 /// What all reading steps of one record share.
@@ -33,11 +35,18 @@ struct xml_reader {
 
     template <class Type>
     void value(const xml_path& path, typename Type::c_type* v) const {
-        Type::from_xml(c.handle, c.domain, path.text, document, v, c.error, message, message_length);
+        if (path.cut)
+            c.fail(LOOM_ENOENT);
+        else
+            Type::from_xml(c.handle, c.domain, path.text, document, v, c.error, message, message_length);
     }
-    bool present(const char* path) const {
+    /// Fails with error 2 when the element is absent, or with the error of the search.
+    bool find(const char* path) const {
         u32 count = 0;
-        return xml_get_element_nodecount(document, path, &count) == 0 && count != 0;
+        u32 error = xml_get_element_nodecount(document, path, &count);
+        if (error == 0 && count == 0) error = LOOM_ENOENT;
+        if (error != 0) c.fail(error);
+        return error == 0;
     }
     /// An absent element is no error: cleared. False when another error is pending.
     bool absence_forgiven() const {
@@ -51,12 +60,9 @@ struct xml_reader {
 template <class A>
 inline void read_repeated(const xml_reader& r, const xml_path& path, value_of<A>* value) {
     constexpr value_category category = A::type::category;
-    if constexpr (is_any_enumeration(category) || category == value_category::flag_set) {
-        if (!r.present(path.text)) {
-            r.c.fail(LOOM_ENOENT);
-            return;
-        }
-    }
+    if (r.c.pending()) return;
+    if constexpr (is_any_enumeration(category) || category == value_category::flag_set)
+        if (!path.cut && !r.find(path.text)) return;
     r.template value<typename A::type>(path, value);
 }
 
@@ -97,7 +103,7 @@ inline void parse_counted_string(const xml_reader& r, holder_of<A>* object) {
     xml_path path;
     path.below(r.parent, A::name);
     u32 needed = 0;
-    *c.error = xml_get_element_value(r.document, path.text, nullptr, 0, &needed);
+    *c.error = path.cut ? u32{LOOM_ENOENT} : xml_get_element_value(r.document, path.text, nullptr, 0, &needed);
     if (c.pending()) loom_store_err(c.handle, *c.error);
     if (*c.error != LOOM_ENOSPC) return;
     *c.error = 0;
@@ -163,6 +169,7 @@ inline bool parse_attribute(const xml_reader& r, holder_of<A>* object) {
     } else if constexpr (is_fixed_string<A>) {
         xml_path path;
         path.below(r.parent, A::name);
+        if (path.cut) return true;
         null_string_from_xml(r.c.handle, r.c.domain, path.text, r.document, field_of<A>(object), A::extent,
                              r.c.error, r.message, r.message_length);
     } else if constexpr (is_fixed_array<A>) {
@@ -190,10 +197,7 @@ void from_xml(loom_handle* handle, u32 domain, const char* path, const loom_xml_
     const call c{handle, domain, err};
     if (!c.enter()) return;
     const codec::xml_reader r{c, path, document, message, message_length};
-    if (!r.present(path)) {
-        c.fail(LOOM_ENOENT);
-        return;
-    }
+    if (!r.find(path)) return;
     all_attributes(typename M::attributes{},
                    [&]<class A>() { return has_room_for<A>(object) && codec::parse_attribute<A>(r, object); });
 }

@@ -78,7 +78,7 @@ template <class M>
 u32 to_xml(loom_handle* handle, u32 domain, const char* name, char* buffer, const typename M::object* object,
            i32 length, u8 state, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return 0;
+    if (!codec::enter_with_object(c, object)) return 0;
     const i8 variant = direct::instance_variant(object, 1, 0);
     const tracking_mode mode = c.mode();
     if (mode == tracking_mode::corrupted) diag::die<M, diag::record_says::to_xml_corrupted_handle>();

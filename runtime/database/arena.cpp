@@ -167,6 +167,39 @@ bool arena::made_in_section(const block* piece) const {
 
 // ----------------------------------------------------------------------------------------------- allocating
 
+inline void arena::count(i64 blocks, i64 bytes) {
+    arena_header& h = header();
+    announce_or_end(&h.blocks, 2 * sizeof(u64));
+    h.blocks += static_cast<u64>(blocks);
+    h.bytes += static_cast<u64>(bytes);
+}
+
+inline void arena::push_cached(block* piece, u64 total) {
+    arena_header& h = header();
+    block*& list = h.cached[total / 16];
+    if (debug_) debug_->released(offset_of(piece) + head_size, total - head_size);
+    announce_or_end(piece, 2 * sizeof(u64));
+    raw_store(&piece->head, head_of(piece) | block_cached);
+    raw_store(&piece->next, list);
+    assign(list, piece);
+    assign(h.cached_bytes, h.cached_bytes + total);
+    count(-1, -static_cast<i64>(total));
+}
+
+inline block* arena::pop_cached(u64 total) {
+    arena_header& h = header();
+    block* piece = h.cached[total / 16];
+    if (!piece) return nullptr;
+    if (size_in(head_of(piece)) != total || !(head_of(piece) & block_cached))
+        fatal("arena: the block at %p was changed after it was freed", static_cast<void*>(payload_of(piece)));
+    // The link is given to the caller as fresh memory, which needs no notices: its old value is kept here.
+    announce_or_end(piece, 2 * sizeof(u64));
+    assign(h.cached[total / 16], next_of(piece));
+    assign(h.cached_bytes, h.cached_bytes - total);
+    raw_store(&piece->head, head_of(piece) & ~block_cached);
+    return piece;
+}
+
 void* arena::allocate(u64 size) {
     if (size > reserve_) return nullptr;
     const u64 total = std::max(smallest_block, round_up(size + head_size, 16));
@@ -212,39 +245,6 @@ void arena::release(void* payload) {
 }
 
 u64 arena::size_of(const void* payload) { return size_in(head_of(block_of(payload))) - head_size; }
-
-void arena::count(i64 blocks, i64 bytes) {
-    arena_header& h = header();
-    announce_or_end(&h.blocks, 2 * sizeof(u64));
-    h.blocks += static_cast<u64>(blocks);
-    h.bytes += static_cast<u64>(bytes);
-}
-
-void arena::push_cached(block* piece, u64 total) {
-    arena_header& h = header();
-    block*& list = h.cached[total / 16];
-    if (debug_) debug_->released(offset_of(piece) + head_size, total - head_size);
-    announce_or_end(piece, 2 * sizeof(u64));
-    raw_store(&piece->head, head_of(piece) | block_cached);
-    raw_store(&piece->next, list);
-    assign(list, piece);
-    assign(h.cached_bytes, h.cached_bytes + total);
-    count(-1, -static_cast<i64>(total));
-}
-
-block* arena::pop_cached(u64 total) {
-    arena_header& h = header();
-    block* piece = h.cached[total / 16];
-    if (!piece) return nullptr;
-    if (size_in(head_of(piece)) != total || !(head_of(piece) & block_cached))
-        fatal("arena: the block at %p was changed after it was freed", static_cast<void*>(payload_of(piece)));
-    // The link is given to the caller as fresh memory, which needs no notices: its old value is kept here.
-    announce_or_end(piece, 2 * sizeof(u64));
-    assign(h.cached[total / 16], next_of(piece));
-    assign(h.cached_bytes, h.cached_bytes - total);
-    raw_store(&piece->head, head_of(piece) & ~block_cached);
-    return piece;
-}
 
 void arena::flush_cached() {
     arena_header& h = header();

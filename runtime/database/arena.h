@@ -156,17 +156,17 @@ public:
 private:
     bool note(const void* address, u64 size);
     void note_or_end(const void* address, u64 size);
-    block* pop_cached(u64 total);
+    [[gnu::always_inline]] block* pop_cached(u64 total);
     block* take_free(u64 total);
     block* take_top(u64 total);
     void unlink(block* piece, u64 size);
     void link(block* piece, u64 size);
-    void push_cached(block* piece, u64 total);
+    [[gnu::always_inline]] void push_cached(block* piece, u64 total);
     void merge(block* piece, u64 size);
     void flush_cached();
     bool grow(u64 total);
     void set_previous_in_use(block* piece, bool in_use);
-    void count(i64 blocks, i64 bytes);
+    [[gnu::always_inline]] void count(i64 blocks, i64 bytes);
     block* at(u64 offset) const { return reinterpret_cast<block*>(base_ + offset); }
     block* piece_behind(block* piece, u64 size) const {
         return reinterpret_cast<block*>(reinterpret_cast<std::byte*>(piece) + size);

@@ -22,8 +22,8 @@ std::atomic<u32> shared_handles{0};
 
 open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 
-void* alloc(void* context, u32, size_t size) { return of(context).allocate(size); }
-void release(void* context, u32, void* block) { of(context).release(block); }
+[[gnu::flatten]] void* alloc(void* context, u32, size_t size) { return of(context).allocate(size); }
+[[gnu::flatten]] void release(void* context, u32, void* block) { of(context).release(block); }
 
 void announce_followed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
