@@ -188,9 +188,19 @@ inline void release_replaced_flags(const call& c, typename M::object* to, const 
     });
 }
 
+/// Lets go of the reference that `to` holds. Equal oids are two references, unless `to` was made of `from` by the
+/// block copy that moves their holder.
+template <class A>
+inline void release_replaced_reference(const call& c, holder_of<A>* to, const holder_of<A>* from) {
+    if (!refers(*oid_of<A>(to))) return;
+    const bool block_copy = (header_of(from)->loom_flags & OBJ_NESTED) != 0;
+    if (block_copy && memcmp(oid_of<A>(to), oid_of<A>(from), sizeof(loom_oid)) == 0) return;
+    tear_down<A>(c, to);
+}
+
 /// What `to` holds outside and does not share with `from` goes back: before a block copy overwrites `to`, and for
 /// elements that a block copy has moved away. Values go by their own operations, without statistics; elements,
-/// arms and list elements are objects and count as ended.
+/// arms and list elements are objects and count as ended. References are let go of.
 template <class M>
 void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, const typename M::object* from) {
     u32 error = 0;
@@ -212,6 +222,8 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
         } else if constexpr (is_list<A>) {
             void* first = first_of(list_of<A>(to));
             if (first != nullptr && first != first_of(list_of<A>(from))) tear_down<A>(c, to);
+        } else if constexpr (is_oid<A>) {
+            release_replaced_reference<A>(c, to, from);
         }
     });
 }
@@ -261,8 +273,8 @@ inline void take_private_copy(const call& c, value_of<A>* to, value_of<A>* from)
     if (error != 0 && !c.pending()) *c.error = error;
 }
 
-/// After a block copy both objects point at the same outside storage: values take private copies, what is owned
-/// by pointer moves to the destination.
+/// After a block copy both objects point at the same outside storage: values take private copies; what is owned
+/// by pointer, and the one reference that was counted, move to the destination.
 template <class M>
 void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* destination,
                           typename M::object* source, u32* err) {
@@ -282,6 +294,8 @@ void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* d
             c.store<value_of<A>*>(&pointer_of<A>(source), nullptr, source);
         } else if constexpr (is_list<A>) {
             move_list<A>(c, destination, source);
+        } else if constexpr (is_oid<A>) {
+            if (refers(*oid_of<A>(source))) c.store<loom_oid>(oid_of<A>(source), loom_oid{}, source);
         }
     });
 }

@@ -110,6 +110,8 @@ template <class A>
 inline const loom_oid* oid_of(const holder_of<A>* object) {
     return at_offset<loom_oid>(object, A::at.offset + 8);
 }
+/// Whether there is an object behind an oid: object words below 256 stand for none.
+inline bool refers(const loom_oid& oid) { return oid.object >= 256; }
 template <class A>
 inline loom_type_info*& target_word_of(holder_of<A>* object) {
     return *at_offset<loom_type_info*>(object, A::at.offset);
@@ -191,11 +193,14 @@ inline u32 offset_to(const void* object, const void* area) {
 }
 
 /// Records that the object's tracking area lies at `area`. Without room for the record, error 12: the object must
-/// then not be used, since its flags would be looked for inside its neighbour.
+/// then not be used, since its flags would be looked for inside its neighbour. A copy has the flag of the object that
+/// it was made from; for copies the handle's slot tells.
 template <class Object>
 inline void point_at_area(const call& c, Object* object, const u8* area) {
+    const u32 earlier = c.handle->last_error;
     loomlib_update_sttr_offset(c.handle, c.domain, object, offset_to(object, area));
-    if ((header_of(object)->loom_flags & OBJ_STTR_OFFSET) == 0) c.fail(LOOM_ENOMEM);
+    if ((header_of(object)->loom_flags & OBJ_STTR_OFFSET) == 0 || c.handle->last_error != earlier)
+        c.fail(LOOM_ENOMEM);
 }
 
 /// Where a nested record's own area starts inside its holder's.

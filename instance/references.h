@@ -187,7 +187,7 @@ void get_object_references(loom_handle* handle, u32 domain, const typename M::ob
         if constexpr (is_oid<A>) {
             const loom_oid* oid = oid_of<A>(object);
             void* reference = nullptr;
-            if (oid->object >= 256) {
+            if (refers(*oid)) {
                 reference = loom_oid_to_handle(handle, domain, oid, err);
                 if (c.pending()) {
                     say_of<A, says::get_object_references_reference_unresolved>();

@@ -29,6 +29,14 @@ inline u8* place_element(const call& c, typename Type::c_type* block, u32 count,
     return area;
 }
 
+/// Takes an element and the records in it out of the side table.
+template <class Type>
+inline void forget_places(const call& c, typename Type::c_type* element) {
+    u32 unused = 0;
+    loom_hd_mapping_destroy(c.handle, c.domain, element, &unused);
+    Type::offset_remove(c.handle, c.domain, element, &unused);
+}
+
 /// Sets zeroed elements up in place, whatever error is pending, since they must be fit to be ended; they are new
 /// memory, so nothing is announced. Returns how many elements of the block are set up: all but when memory ends.
 template <class Type>
@@ -42,7 +50,10 @@ inline u32 initialize_elements(const call& c, typename Type::c_type* block, u32 
             if constexpr (Type::category == value_category::record)
                 if (tracked) area = place_element<Type>({c.handle, c.domain, &error}, block, count, i);
             Type::initialize(c.handle, c.domain, block + i, 0, 0, area, &error);
-            if (error != 0) ready = i;
+            if (error == 0) continue;
+            ready = i;
+            if constexpr (Type::category == value_category::record)
+                if (tracked) forget_places<Type>(c, block + i);
         }
         if (error != 0) c.fail(error);
     }
@@ -156,28 +167,44 @@ inline void note_reallocation() {
     say_of<A, says::attribute_set_worker_reallocating>();
 }
 
-/// Moves the old elements into the larger block and repairs what a block copy breaks.
+/// Copies the tracking areas of the old elements and points the new ones at them. False with error 12 and nothing
+/// left in the side table when that has no room. Where an old area lies is asked for: a block that once was to hold
+/// more elements than could be set up has its areas further back.
+template <class Type>
+inline bool place_copies(const call& c, typename Type::c_type* to, u32 count, typename Type::c_type* from,
+                         u32 old_count) {
+    u32 error = 0;
+    const call placing{c.handle, c.domain, &error};
+    u32 placed = 0;
+    for (; placed < old_count && error == 0; ++placed) {
+        const u32 offset = loomlib_get_sttr_offset(c.handle, c.domain, from + placed);
+        memcpy(element_area<Type>(to, count, placed), reinterpret_cast<u8*>(from + placed) + static_cast<i32>(offset),
+               Type::tracking_size);
+        u8* area = place_element<Type>(placing, to, count, placed);
+        Type::offset_update(c.handle, c.domain, to + placed, area, &error);
+    }
+    if (error == 0) return true;
+    for (u32 i = 0; i < placed; ++i) forget_places<Type>(c, to + i);
+    c.fail(error);
+    return false;
+}
+
+/// Moves the old elements into the larger block and repairs what a block copy breaks. False when nothing was moved,
+/// for want of memory.
 template <class A>
-inline void move_elements(const call& c, value_of<A>* to, u32 count, value_of<A>* from, u32 old_count,
+inline bool move_elements(const call& c, value_of<A>* to, u32 count, value_of<A>* from, u32 old_count,
                           bool tracked) {
     memcpy(static_cast<void*>(to), from, static_cast<size_t>(old_count) * sizeof *to);
     if constexpr (is_array_of_records<A>) {
         using type = typename A::type;
+        if (tracked && !place_copies<type>(c, to, count, from, old_count)) return false;
         for (u32 i = 0; i < old_count; ++i) {
-            if (tracked) {
-                memcpy(element_area<type>(to, count, i), element_area<type>(from, old_count, i),
-                       type::tracking_size);
-                u8* area = place_element<type>(c, to, count, i);
-                type::offset_update(c.handle, c.domain, to + i, area, c.error);
-            }
             type::post_copyout_cleanup(c.handle, c.domain, to + i, from + i, c.error);
             type::release_replaced(c.handle, c.domain, from + i, to + i);
-            if (tracked) {
-                loom_hd_mapping_destroy(c.handle, c.domain, from + i, c.error);
-                type::offset_remove(c.handle, c.domain, from + i, c.error);
-            }
+            if (tracked) forget_places<type>(c, from + i);
         }
     }
+    return true;
 }
 
 /// Makes the array `count` elements long, exactly. False with error 12 and nothing changed when there is no room;
@@ -201,7 +228,11 @@ inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
         return false;
     }
     if (old != nullptr) {
-        move_elements<A>(c, block, count, old, old_count, tracked);
+        if (!move_elements<A>(c, block, count, old, old_count, tracked)) {
+            if (flags != nullptr) c.release(flags);
+            c.release(block);
+            return false;
+        }
         if (c.reports_to_shared_database()) loomdb_plat_set_detach(c.handle, c.domain, old, 0);
         c.release(old);
     }
@@ -215,6 +246,9 @@ inline bool grow(const call& c, holder_of<A>* object, u32 count, bool tracked) {
 /// A deep copy into a slot that exists: by way of the workspace.
 template <class A>
 inline void clone_into(const call& c, value_of<A>* slot, const value_of<A>* value) {
+    // A value that was moved in has brought its own flags; a copy that fails must not end the slot.
+    u8& flags = header_of(slot)->loom_flags;
+    if ((flags & OBJ_NESTED) == 0) c.store<u8>(&flags, flags | OBJ_NESTED, slot);
     void* workspace = nullptr;
     u32 size = 0;
     loomlib_get_handle_ws(c.handle, &workspace, &size);

@@ -56,16 +56,20 @@ std::map<std::string, i64> sum_of(std::map<std::string, i64> a, const std::map<s
 struct setting {
     u32 db_kind;
     u32 tracking;
+    bool unfollowed = false; // nobody looks at stores, which lets bundles take straight paths
 };
 std::string name_of(const setting& in) {
     static const char* const kinds[] = {"private", "mapped", "manifested"};
     static const char* const modes[] = {"untracked", "off", "tracked"};
-    return std::string(kinds[in.db_kind]) + "_" + modes[in.tracking];
+    return std::string(kinds[in.db_kind]) + "_" + modes[in.tracking] + (in.unfollowed ? "_unfollowed" : "");
 }
+void PrintTo(const setting& in, std::ostream* out) { *out << name_of(in); }
 std::vector<setting> all_settings() {
     std::vector<setting> all;
     for (const u32 kind : {LOOM_DB_PRIVATE, LOOM_DB_MAPPED, LOOM_DB_PRIVATE_MANIFESTED})
         for (const u32 mode : {LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON}) all.push_back({kind, mode});
+    for (const u32 mode : {LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON})
+        all.push_back({LOOM_DB_PRIVATE, mode, true});
     return all;
 }
 
@@ -84,85 +88,236 @@ struct peer_limit {
     ~peer_limit() { loom_peer_release(peer); }
 };
 
-class every_record : public ::testing::TestWithParam<setting> {};
+class every_record : public ::testing::TestWithParam<setting> {
+protected:
+    static handle_options options() {
+        handle_options made{};
+        made.db_kind = GetParam().db_kind;
+        made.tracking = GetParam().tracking;
+        made.unfollowed = GetParam().unfollowed;
+        made.check_stores = !made.unfollowed;
+        return made;
+    }
+};
 
-/// The first objects of all bring the type information of their bundles into the database, where it stays.
-void bring_type_information(const record_driver& driver, test_handle& handle) {
-    std::vector<std::string> faults;
-    void* object = driver.create(handle, test_handle::domain);
-    object_walk fill(handle, true, 1, faults);
-    driver.walk(fill, object);
-    driver.destroy(handle, test_handle::domain, object);
-    record_named("ud_type").destroy(handle, test_handle::domain, record_named("ud_type").create(handle, test_handle::domain));
-    handle.end_operation();
-}
+/// Objects of one record, filled with what their seeds give, under one handle.
+class life {
+public:
+    life(const record_driver& driver, test_handle& handle) : driver_(driver), handle_(handle), tables_(handle) {
+        // The first objects of all bring the type information of their bundles into the database, where it stays.
+        void* first = made();
+        fill(first, 1);
+        end(first);
+        record_named("ud_type").destroy(handle, domain, record_named("ud_type").create(handle, domain));
+        handle.end_operation();
+        blocks_ = handle.live_blocks();
+        living_ = living_objects(handle);
+        EXPECT_EQ(tables_.references(), 0u);
+    }
+
+    void* made() {
+        void* object = driver_.create(handle_, domain);
+        EXPECT_NE(object, nullptr);
+        handle_.end_operation();
+        return object;
+    }
+    void fill(void* object, u64 seed) { walk(object, true, seed, "while it is filled"); }
+    /// From now on objects are filled a second time: they keep arms that are no longer selected.
+    void expect_stale_arms() { refilled_ = true; }
+    void expect_filled(const void* object, u64 seed, const char* when) {
+        walk(const_cast<void*>(object), false, seed, when);
+    }
+    void* clone_of(const void* object) {
+        std::vector<std::byte> workspace(size_t{driver_.len(handle_, domain, object)} + 64);
+        void* copy = nullptr;
+        u32 error = 0;
+        driver_.clone(handle_, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+        EXPECT_EQ(error, 0u);
+        handle_.end_operation();
+        through_wire_ = true;
+        return copy;
+    }
+    std::vector<std::byte> wire_form_of(const void* object, u32 expected_error = 0) {
+        std::vector<std::byte> wire(size_t{driver_.len(handle_, domain, object)} + 64);
+        u32 error = 0;
+        wire.resize(driver_.marshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), &error));
+        EXPECT_EQ(error, expected_error);
+        handle_.end_operation();
+        return wire;
+    }
+    void read(void* object, const std::vector<std::byte>& wire, u32 existing) {
+        u32 error = 0;
+        EXPECT_EQ(driver_.unmarshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), existing, &error),
+                  wire.size());
+        EXPECT_EQ(error, 0u);
+        handle_.end_operation();
+        through_wire_ = true;
+    }
+    void raise(void* object) {
+        u32 error = 0;
+        exported<void(loom_handle*, u32, void*, u32*)>(std::string(driver_.name) + "_adjust_variant")(handle_, domain, object, &error);
+        EXPECT_EQ(error, 0u);
+        handle_.end_operation();
+    }
+    void move(void* to, void* from, u32 expected_error = 0) {
+        u32 error = 0;
+        driver_.set(handle_, domain, to, from, &error);
+        EXPECT_EQ(error, expected_error);
+        handle_.end_operation();
+    }
+    void end(void* object) {
+        driver_.destroy(handle_, domain, object);
+        handle_.end_operation();
+    }
+
+    /// All is as it was before the first object, but for `left` of each object ended.
+    void expect_nothing_left(const std::map<std::string, i64>& left = {}, i64 objects = 0) {
+        EXPECT_EQ(handle_.take_violations(), "");
+        EXPECT_EQ(handle_.live_blocks(), blocks_);
+        EXPECT_EQ(living_objects(handle_), sum_of(living_, left, objects));
+        EXPECT_EQ(tables_.references(), 0u);
+    }
+
+    void expect_no_blocks_left() { EXPECT_EQ(handle_.live_blocks(), blocks_) << handle_.describe_live_blocks(); }
+
+    reference_tables& tables() { return tables_; }
+
+private:
+    static constexpr u32 domain = test_handle::domain;
+
+    void walk(void* object, bool sets, u64 seed, const char* when) {
+        std::vector<std::string> faults;
+        object_walk all(handle_, sets, seed, faults);
+        all.tables = &tables_;
+        all.refilled = refilled_;
+        all.through_wire = through_wire_;
+        driver_.walk(all, object);
+        EXPECT_TRUE(faults.empty()) << when << ": " << joined(faults);
+    }
+
+    const record_driver& driver_;
+    test_handle& handle_;
+    reference_tables tables_;
+    bool refilled_ = false;
+    bool through_wire_ = false;
+    u64 blocks_ = 0;
+    std::map<std::string, i64> living_;
+};
+
+/// A new object, moved to a block that is as long as older code would have made it.
+class older_layout {
+public:
+    older_layout(const record_driver& driver, test_handle& handle, void* newest, i8 layout) {
+        const std::string name = driver.name;
+        const auto size_of = exported<u32(loom_handle*, const void*, u32, u32)>(name + "_sizeof_internal");
+        const auto remove_places = exported<void(loom_handle*, u32, void*, u32*)>(name + "_offset_remove");
+        const auto place = exported<void(loom_handle*, u32, void*, void*, u32*)>(name + "_offset_update");
+        const test_handle::unannounced by_hand(handle, "the test lays the object out itself");
+        const u32 domain = test_handle::domain;
+        const bool tracked = is_on(handle);
+        auto* header = static_cast<loom_object*>(newest);
+        header->loom_layout_variant = static_cast<u8>(layout);
+        // Without a control block the layout is not looked at: a block of the base size must do.
+        size_ = size_of(handle, newest, 1, 0);
+        object_ = static_cast<u8*>(handle->alloc(handle->alloc_ctx, domain, size_ + sizeof guard));
+        memset(object_, 0, size_);
+        memcpy(object_, newest, tracked ? size_of(handle, newest, 0, 0) : size_);
+        memcpy(object_ + size_, guard, sizeof guard);
+        u32 error = 0;
+        header->loom_layout_variant = static_cast<u8>(driver.newest);
+        remove_places(handle, domain, newest, &error);
+        if (tracked) place(handle, domain, object_, object_ + size_of(handle, object_, 0, 0), &error);
+        handle->free(handle->alloc_ctx, domain, newest);
+        EXPECT_EQ(error, 0u);
+    }
+    void* object() const { return object_; }
+    bool kept_to_its_room() const { return memcmp(object_ + size_, guard, sizeof guard) == 0; }
+
+private:
+    static bool is_on(test_handle& handle) {
+        return handle->sttr_block != nullptr && handle->sttr_block->sttr_mode == LOOM_STTR_ON;
+    }
+    static constexpr u8 guard[] = {0xDE, 0xAD, 0xBE, 0xEF, 0xDE, 0xAD, 0xBE, 0xEF};
+    u8* object_;
+    u32 size_;
+};
+
+i8 variant_of(const void* object) { return static_cast<const loom_object*>(object)->loom_variant; }
 
 /// What every record must do, whatever its variant.
 void live_through(const record_driver& driver, test_handle& handle, int variant, u64 seed) {
     SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
-    bring_type_information(driver, handle);
-    const u64 blocks = handle.live_blocks();
-    const auto living = living_objects(handle);
-    std::vector<std::string> faults;
+    life on(driver, handle);
+    void* object = on.made();
+    ASSERT_EQ(variant_of(object), variant);
+    on.fill(object, seed);
+    on.expect_filled(object, seed, "filled");
+    const u32 references = on.tables().references();
 
-    void* object = driver.create(handle, test_handle::domain);
-    ASSERT_NE(object, nullptr);
-    handle.end_operation();
-    ASSERT_EQ(static_cast<const loom_object*>(object)->loom_variant, variant);
-
-    {
-        object_walk fill(handle, true, seed, faults);
-        driver.walk(fill, object);
-        object_walk check(handle, false, seed, faults);
-        driver.walk(check, object);
-    }
-    ASSERT_TRUE(faults.empty()) << joined(faults);
-
-    // A copy is equal, hashes alike and holds the same values.
-    std::vector<std::byte> workspace(size_t{driver.len(handle, test_handle::domain, object)} + 64);
-    void* copy = nullptr;
-    u32 error = 0;
-    driver.clone(handle, test_handle::domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
-    ASSERT_EQ(error, 0u);
+    // A copy is equal, hashes alike and holds the same values. References are not counted for it.
+    void* copy = on.clone_of(object);
     ASSERT_NE(copy, nullptr);
-    handle.end_operation();
     EXPECT_EQ(driver.compare(object, copy), 0);
     EXPECT_EQ(driver.hash(object, 4711), driver.hash(copy, 4711));
-    {
-        object_walk check(handle, false, seed, faults);
-        driver.walk(check, copy);
-    }
-    EXPECT_TRUE(faults.empty()) << "in the copy: " << joined(faults);
+    on.expect_filled(copy, seed, "in the copy");
+    EXPECT_EQ(on.tables().references(), references);
+
+    // What was read over an object in use takes the place of its values, as in a new object.
+    const std::vector<std::byte> wire = on.wire_form_of(object);
+    void* reader = on.made();
+    on.read(reader, wire, 0);
+    on.expect_filled(reader, seed, "read by a new object");
+    on.expect_stale_arms();
+    on.fill(reader, seed + 1000);
+    on.expect_filled(reader, seed + 1000, "filled again");
+    on.read(reader, wire, 1);
+    on.expect_filled(reader, seed, "read over an object in use");
+    EXPECT_EQ(on.tables().references(), references);
 
     // A move leaves the source fit for its end, and the destination's earlier values go.
-    faults.clear();
-    driver.set(handle, test_handle::domain, object, copy, &error);
-    EXPECT_EQ(error, 0u);
-    handle.end_operation();
-    {
-        object_walk check(handle, false, seed, faults);
-        driver.walk(check, object);
-    }
-    EXPECT_TRUE(faults.empty()) << "after a move: " << joined(faults);
+    on.move(object, copy);
+    on.expect_filled(object, seed, "after a move");
+    EXPECT_EQ(on.tables().references(), 0u) << "copies hold none, and those of the destination are given up";
+    on.fill(reader, seed + 2000);
+    on.move(object, reader);
+    on.expect_filled(object, seed + 2000, "after a second move");
+    EXPECT_EQ(on.tables().references(), references);
+    on.end(reader);
+    on.expect_filled(object, seed + 2000, "after the end of what was moved from");
+    EXPECT_EQ(on.tables().references(), references) << "references move along";
 
-    driver.destroy(handle, test_handle::domain, copy);
-    handle.end_operation();
-    driver.destroy(handle, test_handle::domain, object);
-    EXPECT_EQ(handle.take_violations(), "");
-    EXPECT_EQ(handle.live_blocks(), blocks);
-    EXPECT_EQ(living_objects(handle), sum_of(living, left_behind(driver, variant), 2));
+    on.end(copy);
+    on.end(object);
+    on.expect_nothing_left(left_behind(driver, variant), 3);
+}
+
+/// The type does not exist for the peer: nothing of an object can be reached, and what it was made with stays with it.
+void live_through_without_variant(const record_driver& driver, test_handle& handle) {
+    SCOPED_TRACE(std::string(driver.name) + " without variant");
+    life on(driver, handle);
+    void* object = on.made();
+    ASSERT_EQ(variant_of(object), -1);
+    on.fill(object, 1);
+    on.expect_filled(object, 1, "out of reach");
+    void* copy = on.clone_of(object);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(variant_of(copy), -1);
+    const std::vector<std::byte> wire = on.wire_form_of(object);
+    on.read(copy, wire, 0);
+    on.read(copy, wire, 1);
+    on.move(copy, object);
+    on.expect_filled(copy, 1, "moved to");
+    on.end(copy);
+    on.end(object);
+    on.expect_nothing_left(left_behind(driver, -1), 2);
 }
 
 TEST_P(every_record, lives_its_whole_life_in_the_newest_variant) {
     u64 seed = 20240101;
     for (const record_driver& driver : all_records()) {
-        handle_options options{};
-        options.db_kind = GetParam().db_kind;
-        options.tracking = GetParam().tracking;
-        options.check_stores = true;
-        test_handle handle(options);
+        test_handle handle(options());
         live_through(driver, handle, driver.newest, ++seed);
-        if (HasFatalFailure()) return;
+        if (HasFailure()) return;
     }
 }
 
@@ -170,31 +325,160 @@ TEST_P(every_record, lives_its_whole_life_under_older_peers) {
     u64 seed = 77;
     for (const record_driver& driver : all_records()) {
         for (int variant = -1; variant < driver.newest; ++variant) {
-            handle_options options{};
-            options.db_kind = GetParam().db_kind;
-            options.tracking = GetParam().tracking;
-            test_handle handle(options);
+            test_handle handle(options());
             peer_limit limit(handle, driver.name, variant);
-            if (variant >= 0) {
-                live_through(driver, handle, variant, ++seed);
-            } else {
-                // Nothing of it can be reached; what it was made with stays with it.
-                bring_type_information(driver, handle);
-                const u64 blocks = handle.live_blocks();
-                std::vector<std::string> faults;
-                void* object = driver.create(handle, test_handle::domain);
-                object_walk fill(handle, true, seed, faults);
-                driver.walk(fill, object);
-                object_walk check(handle, false, seed, faults);
-                driver.walk(check, object);
-                EXPECT_TRUE(faults.empty()) << driver.name << ": " << joined(faults);
-                driver.destroy(handle, test_handle::domain, object);
-                EXPECT_EQ(handle.live_blocks(), blocks) << driver.name;
-            }
+            if (variant < 0) live_through_without_variant(driver, handle);
+            else live_through(driver, handle, variant, ++seed);
             loom_set_peer(handle, nullptr);
-            if (HasFatalFailure()) return;
+            if (HasFailure()) return;
         }
     }
+}
+
+/// Objects of different variants meet when the peer changes.
+TEST_P(every_record, outlives_its_peer) {
+    constexpr u64 newer_seed = 5, older_seed = 6;
+    for (const record_driver& driver : all_records()) {
+        for (int variant = -1; variant < driver.newest; ++variant) {
+            SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
+            test_handle handle(options());
+            life on(driver, handle);
+            void* newer = on.made();
+            on.fill(newer, newer_seed);
+            const std::vector<std::byte> wire = on.wire_form_of(newer);
+            peer_limit limit(handle, driver.name, variant);
+            void* older = on.made();
+            void* reader = on.made();
+            EXPECT_EQ(variant_of(older), variant);
+            on.fill(older, older_seed);
+
+            // The peer does not get what it does not know; copies within the process do.
+            on.wire_form_of(newer, LOOM_EIDRM);
+            void* copy = on.clone_of(newer);
+            ASSERT_NE(copy, nullptr);
+            EXPECT_EQ(variant_of(copy), driver.newest);
+            on.expect_filled(copy, newer_seed, "cloned");
+            // A reader takes as much as it has room for, whatever its peer knows.
+            on.read(reader, wire, 0);
+            EXPECT_EQ(variant_of(reader), driver.newest);
+            on.expect_filled(reader, newer_seed, "read");
+            // A newer object does not fit into an older one, but the other way round.
+            on.move(older, newer, LOOM_EIDRM);
+            EXPECT_EQ(variant_of(older), variant);
+            on.expect_filled(older, older_seed, "not moved to");
+            on.expect_filled(newer, newer_seed, "not moved");
+            on.move(copy, older);
+            EXPECT_EQ(variant_of(copy), variant);
+            on.expect_filled(copy, older_seed, "of an older object");
+
+            // An instance can be raised to what the new peer knows.
+            loom_set_peer(handle, nullptr);
+            on.expect_stale_arms();
+            on.raise(older);
+            EXPECT_EQ(variant_of(older), driver.newest);
+            on.fill(older, newer_seed);
+            on.expect_filled(older, newer_seed, "raised");
+
+            for (void* each : {newer, older, reader, copy}) on.end(each);
+            EXPECT_EQ(handle.take_violations(), "");
+            on.expect_no_blocks_left();
+            if (HasFailure()) return;
+        }
+    }
+}
+
+/// An object that was laid out by older code has less room, and its tracking area begins where that ends.
+TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
+    constexpr u64 seed = 8;
+    for (const record_driver& driver : all_records()) {
+        for (i8 layout = 0; layout < driver.newest; ++layout) {
+            SCOPED_TRACE(std::string(driver.name) + " layout " + std::to_string(layout));
+            test_handle handle(options());
+            life on(driver, handle);
+            void* newest = on.made();
+            on.fill(newest, seed);
+            const std::vector<std::byte> newest_wire = on.wire_form_of(newest);
+            {
+                peer_limit limit(handle, driver.name, layout);
+                void* object = on.made();
+                older_layout made(driver, handle, object, layout);
+                loom_set_peer(handle, nullptr);
+
+                // The peer knows more than there is room for.
+                on.fill(made.object(), seed);
+                EXPECT_EQ(variant_of(made.object()), layout);
+                on.expect_filled(made.object(), seed, "filled");
+                void* copy = on.clone_of(made.object());
+                ASSERT_NE(copy, nullptr);
+                EXPECT_EQ(driver.compare(made.object(), copy), 0);
+                on.expect_filled(copy, seed, "cloned");
+                on.read(made.object(), newest_wire, 1);
+                EXPECT_EQ(variant_of(made.object()), layout);
+                on.expect_filled(made.object(), seed, "read");
+                on.move(made.object(), copy, LOOM_EIDRM);
+                on.move(copy, made.object(), LOOM_EIDRM);
+                on.expect_filled(made.object(), seed, "not moved");
+                EXPECT_TRUE(made.kept_to_its_room());
+                on.end(copy);
+                on.end(made.object());
+            }
+            on.end(newest);
+            EXPECT_EQ(handle.take_violations(), "");
+            on.expect_no_blocks_left();
+            if (HasFailure()) return;
+        }
+    }
+}
+
+/// An object that is referred to is ended by its last reference.
+TEST_P(every_record, ends_with_its_last_reference) {
+    constexpr u64 seed = 9;
+    constexpr u32 domain = test_handle::domain;
+    for (const record_driver& driver : all_records()) {
+        SCOPED_TRACE(driver.name);
+        test_handle handle(options());
+        life on(driver, handle);
+        void* object = on.made();
+        on.fill(object, seed);
+        u32 error = 0;
+        loom_oid references[2];
+        for (loom_oid& each : references) loom_handle_to_oid(&each, handle, domain, object, 0, 1, &error);
+        ASSERT_EQ(error, 0u);
+        handle.end_operation();
+        EXPECT_TRUE(static_cast<const loom_object*>(object)->loom_flags & OBJ_OID_MAPPED);
+        for (loom_oid& each : references) {
+            on.end(object);
+            on.expect_filled(object, seed, "referred to");
+            loomlib_oid_release_internal(handle, domain, &each, &error);
+            EXPECT_EQ(error, 0u);
+        }
+        handle.end_operation();
+        EXPECT_EQ(loom_oid_to_handle(handle, domain, &references[0], &error), nullptr);
+        on.expect_nothing_left();
+        if (HasFailure()) return;
+    }
+}
+
+/// A table that is referred to goes with the last reference.
+TEST_P(every_record, keeps_the_tables_that_it_refers_to) {
+    constexpr u64 seed = 10;
+    u32 referring = 0;
+    for (const record_driver& driver : all_records()) {
+        SCOPED_TRACE(driver.name);
+        test_handle handle(options());
+        life on(driver, handle);
+        void* object = on.made();
+        on.fill(object, seed);
+        const u32 references = on.tables().references();
+        EXPECT_EQ(on.tables().free_all(), references) << "tables that wait";
+        on.expect_filled(object, seed, "its tables freed");
+        EXPECT_EQ(loom_oid_mapping_count(handle), references);
+        on.end(object);
+        EXPECT_EQ(loom_oid_mapping_count(handle), 0u);
+        if (HasFailure()) return;
+        referring += references != 0 ? 1 : 0;
+    }
+    EXPECT_EQ(referring, 13u);
 }
 
 INSTANTIATE_TEST_SUITE_P(settings, every_record, ::testing::ValuesIn(all_settings()),
@@ -209,7 +493,8 @@ TEST_P(every_compact_type, lives_its_whole_life) {
             handle_options options{};
             options.db_kind = GetParam().db_kind;
             options.tracking = GetParam().tracking;
-            options.check_stores = true;
+            options.unfollowed = GetParam().unfollowed;
+            options.check_stores = !options.unfollowed;
             test_handle handle(options);
             peer_limit limit(handle, driver.name, variant);
             auto* const set_value = exported_address(std::string(driver.name) + "_set_value");

@@ -108,7 +108,7 @@ test_handle::test_handle(const handle_options& options) : options_(options) {
     handle_->alloc = alloc_hook;
     handle_->shared_alloc = shared_alloc_hook;
     handle_->free = free_hook;
-    handle_->write_hook = testing::write_hook;
+    if (!options.unfollowed) handle_->write_hook = testing::write_hook;
     handles()[handle_] = this;
     handles()[handle_->alloc_ctx] = this;
 }
@@ -179,10 +179,19 @@ void test_handle::on_trace(const loom_trace_record& record) {
 
 // ---- Memory ------------------------------------------------------------------------------------------------
 
+bool test_handle::fails_now() {
+    if (failing_ == 0 || --failing_ != 0) return false;
+    return failed_ = true;
+}
+
+bool test_handle::on_placing(const void* object) {
+    const bool known = loomlib_get_sttr_offset(handle_, domain, object) != 0;
+    return known || !fails_now();
+}
+
 void* test_handle::on_alloc(decltype(loom_handle::alloc) real_alloc, void* context, u32 in_domain, size_t size) {
     ++event_;
-    if (failing_ != 0 && --failing_ == 0) {
-        failed_ = true;
+    if (fails_now()) {
         log("alloc " + std::to_string(size) + " = none");
         return nullptr;
     }
@@ -218,7 +227,16 @@ void test_handle::on_free(void* context, u32 in_domain, void* address) {
 
 void test_handle::on_write(const void* address, size_t length, u32 in_domain, const void* owner) {
     log("hook " + name_of(address) + " " + std::to_string(length) + " " + name_of(owner));
-    announce(address, length);
+    // A block that is announced whole for its holder is built anew: it stays announced to the end of the operation.
+    const auto block_there = blocks_.find(static_cast<const u8*>(address));
+    const bool rebuilt = options_.check_stores && owner != nullptr && owner != address && block_there != blocks_.end() &&
+                         length == block_there->second.shadow.size();
+    if (rebuilt) {
+        look();
+        block_there->second.fresh = true;
+    } else {
+        announce(address, length);
+    }
     last_event_ = "hook " + name_of(address) + " " + std::to_string(length);
     real_write_hook_(handle_, address, length, in_domain, owner);
 }
@@ -247,6 +265,9 @@ void test_handle::announce(const void* address, size_t length) {
     ++event_;
     if (!options_.check_stores) return;
     look();
+    // What is announced of a new object does not count: an arm is announced before the object is made that it will
+    // point at.
+    if (is_in_fresh_block(static_cast<const u8*>(address))) return;
     if (held_ == 0) announced_.clear();
     announced_.push_back({static_cast<const u8*>(address), length});
 }
@@ -281,6 +302,13 @@ void test_handle::look_at(const u8* address, block& at) {
         }
     }
     at.shadow.assign(address, address + size);
+}
+
+bool test_handle::is_in_fresh_block(const u8* address) const {
+    auto found = blocks_.upper_bound(address);
+    if (found == blocks_.begin()) return false;
+    --found;
+    return found->second.fresh && address < found->first + found->second.shadow.size();
 }
 
 bool test_handle::is_announced(const u8* address) const {
@@ -369,6 +397,13 @@ SEEN loom_type_info* loom_type_info_ptr_get(loom_handle* handle, uint32_t domain
     loom_type_info* found = real(handle, domain, tinfo, initialize);
     if (seen != nullptr) seen->hold_announcements(false);
     return found;
+}
+
+SEEN void loomlib_update_sttr_offset(loom_handle* handle, uint32_t domain, void* object, uint32_t offset) {
+    static auto* const real = next<decltype(loomlib_update_sttr_offset)>("loomlib_update_sttr_offset");
+    test_handle* seen = test_handle::of_handle(handle);
+    if (seen == nullptr || seen->on_placing(object)) real(handle, domain, object, offset);
+    else loom_store_err(handle, LOOM_ENOMEM);
 }
 
 SEEN void loomlib_type_stats_create_object(loom_handle* handle, uint32_t domain, loom_type_info* tinfo,

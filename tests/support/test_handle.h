@@ -22,6 +22,7 @@ struct handle_options {
     u32 tracking = LOOM_TRACKING_NONE;
     bool containment = false;
     bool check_stores = false; ///< the write-hook checker
+    bool unfollowed = false;   ///< the write hook stays the runtime's own, so that bundles may take straight paths
     u32 workspace_size = 0;
 };
 
@@ -61,7 +62,8 @@ public:
     void log(std::string line);
 
     // ---- Allocation
-    /// The nth allocation from now on fails, once; 0: none does.
+    /// The nth allocation from now on fails, once; 0: none does. A new entry in the side table of objects whose
+    /// tracking area lies elsewhere counts as an allocation.
     void fail_allocation(u64 nth) {
         failing_ = nth;
         failed_ = false;
@@ -98,6 +100,8 @@ public:
 
     // ---- Called by the hooks
     void* on_alloc(void* (*real)(void*, u32, size_t), void* context, u32 domain, size_t size);
+    /// False when the side table is to have no room for the object.
+    bool on_placing(const void* object);
     void on_free(void* context, u32 domain, void* block);
     void on_write(const void* address, size_t length, u32 domain, const void* owner);
     /// False when the arena is to refuse.
@@ -125,10 +129,12 @@ private:
         size_t length;
     };
 
+    bool fails_now();
     void announce(const void* address, size_t length);
     /// Judges all stores since the last look at memory and takes the present contents as known.
     void look();
     void look_at(const u8* address, block& at);
+    bool is_in_fresh_block(const u8* address) const;
     bool is_announced(const u8* address) const;
     bool is_cleared_pointer_to_freed(const u8* address, const u8* block_start, const std::vector<u8>& old) const;
 

@@ -71,6 +71,47 @@ void* exported_address(const std::string& name) {
     return found;
 }
 
+const reference_tables::tables& reference_tables::opened(const loom_type_info* type) {
+    const auto known = open_.find(type);
+    if (known != open_.end()) return known->second;
+    const std::string name = type->name;
+    auto* const open = exported<loom_table*(loom_handle*, u32, const char*, u32, u32*)>(name + "_table_open");
+    auto* const create = exported<loom_table_record*(loom_handle*, u32, u32*)>(name + "_create_record");
+    u32 error = 0;
+    const tables made{open(handle_, test_handle::domain, "first", 0, &error),
+                      open(handle_, test_handle::domain, "second", 0, &error),
+                      create(handle_, test_handle::domain, &error)};
+    if (error != 0) throw std::runtime_error("no table " + name);
+    handle_.end_operation();
+    return open_.emplace(type, made).first->second;
+}
+
+u32 reference_tables::references_to(const loom_table* table) const {
+    loom_oid_state state{};
+    return loom_oid_mapping_state(handle_, table, &state) == 0 ? static_cast<u32>(state.count) : 0;
+}
+
+u32 reference_tables::references() const {
+    u32 sum = 0;
+    for (const auto& [type, made] : open_) sum += references_to(made.first) + references_to(made.second);
+    return sum;
+}
+
+u32 reference_tables::free_all() {
+    u32 waiting = 0;
+    for (const auto& [type, made] : open_) {
+        auto* const free = exported<void(loom_handle*, u32, loom_table*, u32*)>(std::string(type->name) + "_table_free");
+        for (loom_table* each : {made.first, made.second}) {
+            u32 error = 0;
+            free(handle_, test_handle::domain, each, &error);
+            waiting += error == LOOM_EAGAIN ? 1 : 0;
+            if (error != 0 && error != LOOM_EAGAIN) throw std::runtime_error("a table is not freed");
+        }
+    }
+    handle_.end_operation();
+    return waiting;
+}
+
 i32 enumeration_value(object_walk& walk, const char* enumeration, const std::vector<i32>& wanted) {
     auto* const is_valid = exported<u32(loom_handle*, i32)>(std::string(enumeration) + "_is_valid_cr");
     std::vector<i32> candidates = wanted;

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <span>
 #include <string>
 #include <utility>
@@ -37,6 +38,32 @@ private:
     u64 state_;
 };
 
+/// Tables that references may lead to, two of each type and open until the handle ends, with the references that the
+/// runtime counts for them; and a record of each table, to which no reference may lead.
+class reference_tables {
+public:
+    explicit reference_tables(test_handle& handle) : handle_(handle) {}
+    /// The first (0) or second (1) table of that type.
+    loom_table* of(const loom_type_info* type, u32 which) { return which == 0 ? opened(type).first : opened(type).second; }
+    loom_table_record* record_of(const loom_type_info* type) { return opened(type).record; }
+    u32 references_to(const loom_table* table) const;
+    /// References to all of them.
+    u32 references() const;
+    /// Frees all tables. Returns how many of them wait for references to go.
+    u32 free_all();
+
+private:
+    struct tables {
+        loom_table* first;
+        loom_table* second;
+        loom_table_record* record;
+    };
+    const tables& opened(const loom_type_info* type);
+
+    test_handle& handle_;
+    std::map<const loom_type_info*, tables> open_;
+};
+
 /// One pass over an object: sets every attribute, or compares every attribute with what a setting pass with the same
 /// seed has stored.
 struct object_walk {
@@ -46,6 +73,9 @@ struct object_walk {
     std::vector<std::string>& faults;
     std::string path;           // for the faults
     bool memory_may_end = false; // an allocation fails on purpose; the walk ends there
+    reference_tables* tables = nullptr; // what references lead to; without tables they stay empty
+    bool through_wire = false;          // the object was made of bytes: a reference that ends them has lost its mark
+    bool refilled = false;              // arms and marks of an earlier fill may still be there
     bool stopped = false;
 
     object_walk(test_handle& on, bool sets, u64 seed, std::vector<std::string>& faults_found)
@@ -216,11 +246,21 @@ struct attribute_walker {
     const u32 expected = reachable ? 0u : u32{LOOM_EIDRM};
     u32 error = 0;
 
+    u64 allocations = 0; // before the call
+
+    /// In front of every call, as its argument.
     u32* err() {
         error = 0;
+        allocations = w.handle.allocations();
         return &error;
     }
-    void done(const char* operation) { w.done(error, expected, operation); }
+    /// Behind every call. No getter takes memory, and no setter of what lies in place and owns none.
+    void done(const char* operation) {
+        constexpr bool owns_none = is_plain<A> || (is_fixed_array<A> && is_array_of_values<A>) || is_fixed_string<A>;
+        if ((owns_none || strncmp(operation, "get", 3) == 0) && w.handle.allocations() != allocations)
+            w.fault(std::string(operation) + " takes memory");
+        w.done(error, expected, operation);
+    }
 
     void walk() {
         if constexpr (is_plain<A>) walk_plain();
@@ -367,6 +407,11 @@ struct attribute_walker {
 
     void walk_variable_array() {
         const u32 count = 1 + w.numbers.below(3);
+        if (w.setting && reachable && element_hashes().size() > count) {
+            static auto* const remove = find<void(loom_handle*, u32, object*)>("remove_elements");
+            remove(w.handle, domain, holder);
+            done("remove_elements");
+        }
         if constexpr (is_array_of_values<A>) {
             const std::vector<value> values = make_values(count);
             walk_values(values, w.numbers.below(3));
@@ -392,6 +437,35 @@ struct attribute_walker {
         }
     }
 
+    /// What a variable array holds.
+    std::vector<u32> element_hashes() {
+        std::vector<u32> hashes;
+        if constexpr (has_count) {
+            static auto* const get = find<value*(loom_handle*, u32, object*, u32, u32*)>("get");
+            u32 beyond = 0;
+            for (u32 i = 0; const value* element = get(w.handle, domain, holder, i, &beyond); ++i)
+                hashes.push_back(type::hash(element, 0));
+        }
+        return hashes;
+    }
+    /// Calls a setter of a variable array. When it finds no memory, the array must be as it was, or longer by what was
+    /// to be set, or empty if the whole was to be replaced.
+    template <class Setter>
+    void call_setter(bool replaces, Setter&& setter) {
+        const std::vector<u32> before = w.memory_may_end ? element_hashes() : std::vector<u32>();
+        setter();
+        if (!has_count || !reachable || !w.out_of_memory()) return;
+        std::vector<u32> after = element_hashes();
+        if (replaces) {
+            if (!after.empty()) w.fault("a block that finds no memory leaves elements behind");
+        } else if (after.size() <= before.size()) {
+            w.same(after, before, "a set that finds no memory: the array");
+        } else if constexpr (!is_array_of_records<A>) { // records take copies of their strings along
+            after.resize(before.size());
+            w.same(after, before, "a growth that finds no memory: the first elements");
+        }
+    }
+
     std::vector<value> make_values(u32 count) {
         std::vector<value> values(count);
         for (value& each : values) each = make_scalar<type>(w.numbers);
@@ -410,13 +484,15 @@ struct attribute_walker {
         const u32 count = static_cast<u32>(values.size());
         if (w.setting) {
             if (way == as_block) {
-                set_mem(w.handle, domain, holder, values.data(), count, err());
+                call_setter(true, [&] { set_mem(w.handle, domain, holder, values.data(), count, err()); });
                 done("set_mem");
                 return;
             }
             for (u32 i = 0; i < count && !w.stopped; ++i) {
-                if (way == by_value) set_value(w.handle, domain, holder, i, values[i], err());
-                else set(w.handle, domain, holder, i, &values[i], err());
+                call_setter(false, [&] {
+                    if (way == by_value) set_value(w.handle, domain, holder, i, values[i], err());
+                    else set(w.handle, domain, holder, i, &values[i], err());
+                });
                 done(way == by_value ? "set_value" : "set");
             }
             return;
@@ -456,18 +532,18 @@ struct attribute_walker {
                     driver.destroy(w.handle, domain, source);
                     return;
                 }
-                if constexpr (has_count) {
-                    static auto* const set_cr = find<u32(loom_handle*, object*, u32, value*, u32)>("set_cr");
-                    if (by_copy) {
-                        w.handle->last_error = 0;
-                        error = set_cr(w.handle, holder, index, static_cast<value*>(source), 0);
-                        w.handle->last_error = 0;
-                    } else {
-                        set(w.handle, domain, holder, index, static_cast<value*>(source), err());
+                call_setter(false, [&] {
+                    if constexpr (has_count) {
+                        static auto* const set_cr = find<u32(loom_handle*, object*, u32, value*, u32)>("set_cr");
+                        if (by_copy) {
+                            w.handle->last_error = 0;
+                            error = set_cr(w.handle, holder, index, static_cast<value*>(source), 0);
+                            w.handle->last_error = 0;
+                            return;
+                        }
                     }
-                } else {
                     set(w.handle, domain, holder, index, static_cast<value*>(source), err());
-                }
+                });
                 done(by_copy ? "set_cr by copy" : "set");
                 driver.destroy(w.handle, domain, source);
                 return;
@@ -482,18 +558,18 @@ struct attribute_walker {
             static auto* const set = find<void(loom_handle*, u32, object*, u32, const value*, u32*)>("set");
             with_value([&](const value* source) {
                 if (w.setting) {
-                    if constexpr (has_count) {
-                        static auto* const set_cr = find<u32(loom_handle*, object*, u32, const value*)>("set_cr");
-                        if (by_copy) {
-                            w.handle->last_error = 0;
-                            error = set_cr(w.handle, holder, index, source);
-                            w.handle->last_error = 0;
-                        } else {
-                            set(w.handle, domain, holder, index, source, err());
+                    call_setter(false, [&] {
+                        if constexpr (has_count) {
+                            static auto* const set_cr = find<u32(loom_handle*, object*, u32, const value*)>("set_cr");
+                            if (by_copy) {
+                                w.handle->last_error = 0;
+                                error = set_cr(w.handle, holder, index, source);
+                                w.handle->last_error = 0;
+                                return;
+                            }
                         }
-                    } else {
                         set(w.handle, domain, holder, index, source, err());
-                    }
+                    });
                     done(by_copy ? "set_cr" : "set");
                     return;
                 }
@@ -521,6 +597,7 @@ struct attribute_walker {
         const bool chained = w.numbers.chance();
         if (w.setting) {
             if (chained) {
+                err();
                 w.handle->last_error = 0;
                 error = set_cr(w.handle, holder, text.data(), static_cast<u32>(text.size()));
                 w.handle->last_error = 0;
@@ -534,16 +611,76 @@ struct attribute_walker {
         get(w.handle, domain, holder, got, sizeof got, err());
         done("get");
         if (!reachable) return;
+        // A shorter text leaves the end of a longer one in a fixed string.
+        if (is_fixed_string<A> && w.refilled) got[text.size()] = 0;
         w.same(std::string(got), text, "get");
         check_state(state_of_set);
     }
 
+    /// A reference is set, replaced, set again, cleared and set; each step must count.
     void walk_oid() {
-        if (w.setting) return;
         static auto* const get = find<void*(loom_handle*, u32, object*, u32*)>("get_by_ref");
-        if (get(w.handle, domain, holder, err()) != nullptr) w.fault("an empty reference leads somewhere");
+        static auto* const get_cr = find<void*(loom_handle*, object*)>("get_by_ref_cr");
+        loom_table* const target = w.tables != nullptr ? w.tables->of(A::target(), w.numbers.below(2)) : nullptr;
+        if (w.setting) {
+            if (target != nullptr) set_references(target);
+            return;
+        }
+        const void* const expected_target = reachable ? target : nullptr;
+        if (get(w.handle, domain, holder, err()) != expected_target) w.fault("get_by_ref leads elsewhere");
         done("get_by_ref");
-        if (reachable) check_state(0);
+        w.handle->last_error = 0;
+        if (get_cr(w.handle, holder) != expected_target) w.fault("get_by_ref_cr leads elsewhere");
+        error = w.handle->last_error;
+        w.handle->last_error = 0;
+        done("get_by_ref_cr");
+        if (reachable && !(w.through_wire && ends_the_bytes())) check_state(target != nullptr ? state_of_set : 0);
+    }
+
+    /// Whether no attribute follows in what the object's variant reaches.
+    bool ends_the_bytes() const {
+        const i8 variant = loom_get_instance_variant(holder, 1, 0);
+        bool last = false;
+        for_each_attribute(typename A::model::attributes{}, [&]<class B>() {
+            if (B::at.since <= variant) last = std::is_same_v<A, B>;
+        });
+        return last;
+    }
+
+    void set_references(loom_table* target) {
+        loom_table* const first = w.tables->of(A::target(), 0);
+        loom_table* const other = target == first ? w.tables->of(A::target(), 1) : first;
+        const u32 of_target = w.tables->references_to(target);
+        const u32 of_other = w.tables->references_to(other);
+        bool chained = false;
+        const auto step = [&](loom_table* to, u32 more_to_target, u32 more_to_other, const char* what) {
+            set_reference(to, chained);
+            chained = !chained;
+            if (!reachable) more_to_target = more_to_other = 0;
+            w.same(w.tables->references_to(target), of_target + more_to_target, what);
+            w.same(w.tables->references_to(other), of_other + more_to_other, what);
+        };
+        step(other, 0, 1, "set_by_ref: the count");
+        step(target, 1, 0, "set_by_ref over another reference: the count");
+        step(target, 1, 0, "set_by_ref of the same table again: the count");
+        step(nullptr, 0, 0, "set_by_ref of nothing: the count");
+        step(target, 1, 0, "set_by_ref of an empty reference: the count");
+        static auto* const set = find<void(loom_handle*, u32, object*, void*, u32*)>("set_by_ref");
+        set(w.handle, domain, holder, w.tables->record_of(A::target()), err());
+        w.done(error, reachable ? u32{LOOM_EINVAL} : expected, "set_by_ref of a table's record");
+    }
+
+    void set_reference(loom_table* to, bool chained) {
+        static auto* const set = find<void(loom_handle*, u32, object*, void*, u32*)>("set_by_ref");
+        static auto* const set_cr = find<u32(loom_handle*, object*, void*)>("set_by_ref_cr");
+        if (chained) {
+            w.handle->last_error = 0;
+            error = set_cr(w.handle, holder, to);
+            w.handle->last_error = 0;
+        } else {
+            set(w.handle, domain, holder, to, err());
+        }
+        done("set_by_ref");
     }
 
     bool is_chosen() const {
@@ -556,7 +693,7 @@ struct attribute_walker {
         static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
         static auto* const set = find<void(loom_handle*, u32, object*, value*, u32*)>("set");
         if (!is_chosen() || !reachable) {
-            if (w.setting) return;
+            if (w.setting || (w.refilled && reachable)) return;
             const value* cell = get(w.handle, domain, holder, err());
             done("get");
             if (cell != nullptr) w.fault("an arm that nobody has set is there");
@@ -571,8 +708,11 @@ struct attribute_walker {
                 type::destroy(w.handle, domain, made);
                 return;
             }
+            value* const earlier = get(w.handle, domain, holder, err());
             set(w.handle, domain, holder, made, err());
             done("set");
+            if (earlier != nullptr) type::destroy(w.handle, domain, earlier);
+            w.handle.end_operation();
             return;
         }
         value* cell = get(w.handle, domain, holder, err());
@@ -623,6 +763,7 @@ struct attribute_walker {
             return;
         }
         const u32 count = 1 + w.numbers.below(3);
+        if (w.setting) empty_list(driver);
         value* element = nullptr;
         for (u32 i = 0; i < count; ++i) {
             if (w.setting) {
@@ -651,18 +792,30 @@ struct attribute_walker {
         check_state(state_of_set);
     }
 
+    /// Earlier elements are taken out and ended, so that an object can be filled again.
+    void empty_list(const record_driver& driver) {
+        static auto* const get_first = find<value*(loom_handle*, u32, object*, u32*)>("get_first");
+        static auto* const remove = find<void(loom_handle*, u32, object*, value*, u32*)>("remove");
+        while (value* element = get_first(w.handle, domain, holder, err())) {
+            remove(w.handle, domain, holder, element, err());
+            done("remove");
+            driver.destroy(w.handle, domain, element);
+            w.handle.end_operation();
+        }
+    }
+
     // ---- State flags
 
     static constexpr u8 state_of_set = 2;
 
     void check_state(u8 state) {
-        if (!w.tracked()) return;
+        if (!w.tracked() || (w.refilled && state == 0)) return;
         static auto* const get = find<u8(loom_handle*, u32, const object*, u32*)>("state_flag_get");
         w.same(get(w.handle, domain, holder, err()), state, "state_flag_get");
         done("state_flag_get");
     }
     void check_element_state(u32 index, u8 state) {
-        if (!w.tracked()) return;
+        if (!w.tracked() || (w.refilled && state == 0)) return;
         static auto* const get = find<u8(loom_handle*, u32, const object*, u32, u32*)>("state_flag_get");
         w.same(get(w.handle, domain, holder, index, err()), state, "state_flag_get of an element");
         done("state_flag_get");
