@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints the medians of codec_bench (JSON, with repetitions) as Markdown tables, one per record.
+"""Prints the medians of a benchmark (JSON, with repetitions) as Markdown tables, one per record.
 
 Usage: table.py RESULTS.json
 """
@@ -8,7 +8,7 @@ import json
 import pathlib
 import sys
 
-LIBRARIES = ["trellis", "protobuf", "flatbuffers", "capnproto", "pugixml"]
+LIBRARIES = ["trellis", "protobuf", "protobuf arena", "flatbuffers", "capnproto", "pugixml"]
 
 
 def medians(path):
@@ -28,13 +28,16 @@ def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
     times, sizes = medians(sys.argv[1])
+    met = {library for operations in times.values() for row in operations.values() for library in row}
+    columns = [library for library in LIBRARIES if library in met]
     for record, operations in times.items():
-        held = ", ".join(f"{library} {size}" for library, size in sizes[record].items())
-        print(f"### `{record}`\n\nBytes of the binary form: {held}.\n")
-        print("| ns, median of CPU time | " + " | ".join(LIBRARIES) + " | protobuf / trellis |")
-        print("|---|" + "---:|" * (len(LIBRARIES) + 1))
+        print(f"### `{record}`\n")
+        if record in sizes:
+            print("Bytes of the binary form: " + ", ".join(f"{l} {size}" for l, size in sizes[record].items()) + ".\n")
+        print("| ns, median of CPU time | " + " | ".join(columns) + " | protobuf / trellis |")
+        print("|---|" + "---:|" * (len(columns) + 1))
         for operation, row in operations.items():
-            cells = [f"{row[library]:.0f}" if library in row else "" for library in LIBRARIES]
+            cells = [f"{row[l]:.{0 if row[l] >= 20 else 1}f}" if l in row else "" for l in columns]
             ratio = f"{row['protobuf'] / row['trellis']:.2f}" if "protobuf" in row else ""
             print(f"| {operation} | " + " | ".join(cells) + f" | {ratio} |")
         print()
