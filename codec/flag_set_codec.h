@@ -1,5 +1,6 @@
 // Binary, text and XML forms of flag sets, with compare and hash. On the wire: variant (1 byte), jump (4 bytes)
-// and the bit bytes as they lie in memory. Making flag sets and setting bits stands in instance/flag_set.h.
+// and the bit bytes of that variant as they lie in memory. Making flag sets and setting bits stands in
+// instance/flag_set.h.
 #pragma once
 
 #include "codec/enumeration_codec.h"
@@ -9,7 +10,27 @@ namespace trellis::flag_set {
 
 template <class F>
 constexpr u32 bit_bytes_of = sizeof(F::object::bits);
-/// Variant, jump and bits.
+/// Bytes of the bits that a variant has: a set may have grown by whole bytes since. A negative variant has those of
+/// variant 0.
+template <class F>
+constexpr u32 bit_bytes_within(i8 variant) {
+    u32 count = 0;
+    for (const flag_bit& bit : F::bits)
+        count += bit.since <= (variant < 0 ? 0 : variant) ? 1u : 0u;
+    return (count + 7) / 8;
+}
+template <class F>
+inline u32 bit_bytes_on_wire(i8 variant) {
+    if constexpr (bit_bytes_within<F>(0) == bit_bytes_of<F>)
+        return bit_bytes_of<F>;
+    else
+        return bit_bytes_within<F>(variant);
+}
+template <class F>
+inline bool has_all_bytes(i8 variant) {
+    return bit_bytes_on_wire<F>(variant) == bit_bytes_of<F>;
+}
+/// Variant, jump and bits, of the newest variant.
 template <class F>
 constexpr u32 wire_size = codec::flag_set_frame_size + bit_bytes_of<F>;
 
@@ -26,7 +47,8 @@ template <class F>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::object* object, i32 length,
             u32* err) {
     const call c{handle, domain, err};
-    if (codec::is_plain_case<F>(c, object, length, wire_size<F>)) {
+    if (codec::is_plain_case<F>(c, object, length, wire_size<F>) &&
+        has_all_bytes<F>(header_of(object)->loom_variant)) {
         c.clear_last_error();
         u8* out = static_cast<u8*>(buffer);
         out[0] = static_cast<u8>(header_of(object)->loom_variant);
@@ -42,11 +64,12 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::obj
     codec::write_variant(w, variant);
     const codec::jump_writer jump(w);
     if (!c.pending()) {
-        if (w.room() < static_cast<i32>(bit_bytes_of<F>)) {
+        const u32 size = bit_bytes_on_wire<F>(variant);
+        if (w.room() < static_cast<i32>(size)) {
             c.fail(LOOM_EMSGSIZE);
         } else {
-            memcpy(w.at(), object->bits, bit_bytes_of<F>);
-            w.position += bit_bytes_of<F>;
+            memcpy(w.at(), object->bits, size);
+            w.position += size;
         }
     }
     jump.close(w);
@@ -65,9 +88,10 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::o
         const u8* in = static_cast<const u8*>(buffer);
         u32 jump;
         codec::load_form(in + 1, &jump, 1);
-        if (jump == wire_size<F> - 1) {
+        const i8 variant = codec::lowered_variant(in[0], header);
+        if (jump == wire_size<F> - 1 && has_all_bytes<F>(variant)) {
             c.clear_last_error();
-            header->loom_variant = codec::lowered_variant(in[0], header);
+            header->loom_variant = variant;
             header->loom_tinfo = F::type::type_info();
             memcpy(object->bits, in + codec::flag_set_frame_size, bit_bytes_of<F>);
             return wire_size<F>;
@@ -82,9 +106,10 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::o
     c.store<i8>(&header->loom_variant, variant, object);
     codec::store_type_info<F>(c, direct::type_info_word(object), object);
 
-    c.announce(object->bits, bit_bytes_of<F>, object);
-    memcpy(object->bits, r.at(), r.fitting(bit_bytes_of<F>));
-    r.position += bit_bytes_of<F>;
+    const u32 size = bit_bytes_on_wire<F>(variant);
+    c.announce(object->bits, size, object);
+    memcpy(object->bits, r.at(), r.fitting(size));
+    r.position += size;
 
     const u32 reached = r.position;
     if (codec::jump_ahead(&r.position, base, jump)) diag::say<F, says::unmarshal_jump_skips>(reached, base, jump);

@@ -44,6 +44,7 @@ class comparison {
         each("record", before_.records, after_.records, [&](const record& a, const record& b) { compare(a, b); });
         each("enum", before_.enumerations, after_.enumerations, [&](const enumeration& a, const enumeration& b) {
             compare_parts("member", a, b, a.members, b.members);
+            compare_places(a, b);
             if (a.shared != b.shared)
                 breaks(b.where,
                        "the enum " + quoted(b.name) + (b.shared ? " is shared now" : " is shared no more"),
@@ -154,6 +155,32 @@ class comparison {
                               "the " + kind + " " + quoted(now[i]->name) + of + " stands where " +
                                   quoted(old[i]->name) + " stood",
                               "keep the order");
+    }
+
+    /// A peer that does not know a member takes its place for its value, which may be that of a member that it knows.
+    void compare_places(const enumeration& before, const enumeration& after) {
+        for (std::size_t place = before.members.size(); place < after.members.size(); ++place) {
+            const enumeration_member& added = after.members[place];
+            for (const enumeration_member& known : before.members) {
+                if (known.value != static_cast<std::int64_t>(place) || added.since <= before.newest) continue;
+                const std::string what = "older peers take the member " + quoted(added.name) + " of " +
+                                         quoted(after.name) + " for " + quoted(known.name) +
+                                         ", whose value is its place, " + std::to_string(place);
+                if (has_arms(known.name))
+                    breaks(added.where, what + ", and look for the arms of that",
+                           "add an enum of another name, with values that are no places to come");
+                else
+                    fine(added.where, what);
+            }
+        }
+    }
+    /// Names of members are unique in a bundle.
+    bool has_arms(const std::string& member) const {
+        return std::any_of(before_.records.begin(), before_.records.end(), [&](const auto& r) {
+            return std::any_of(r->attributes.begin(), r->attributes.end(), [&](const attribute& a) {
+                return a.form == shape::arm && a.case_name == member;
+            });
+        });
     }
 
     void compare(const record& before, const record& after) {

@@ -87,7 +87,8 @@ TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
             ASSERT_EQ(hex(bytes), hex(expected));
             const uint32_t length = source.operations().len(writing, domain, source.object());
             ASSERT_GE(length, bytes.size());
-            if (tracking.writer != LOOM_TRACKING_ON) {
+            // State bytes of empty arrays are counted and not written; so are bits of later variants.
+            if (tracking.writer != LOOM_TRACKING_ON && !options.lower_variants) {
                 ASSERT_EQ(length, bytes.size());
             }
 

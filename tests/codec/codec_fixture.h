@@ -2,10 +2,8 @@
 // sanitizer, and the schema's description for tests over all types.
 #pragma once
 
+#include "tests/support/database.h"
 #include "tests/support/model_walker.h"
-
-#include <loom_runtime/arena.h>
-#include <loom_runtime/runtime.h>
 
 #include <gtest/gtest.h>
 
@@ -18,32 +16,6 @@
 namespace trellis::testing {
 
 constexpr uint32_t domain = 1;
-
-/// A private database, ended with the test.
-class database {
-  public:
-    explicit database(uint32_t tracking = LOOM_TRACKING_NONE, uint32_t kind = LOOM_DB_PRIVATE) {
-        loom_open_options options{};
-        options.size = sizeof options;
-        options.kind = kind;
-        options.tracking = tracking;
-        handle_.reset(loom_open(&options));
-        if (handle_ == nullptr) throw std::runtime_error(loom_error_text());
-    }
-    loom_handle* handle() const { return handle_.get(); }
-    operator loom_handle*() const { return handle_.get(); }
-    uint64_t blocks() const {
-        loom_arena_usage usage{};
-        loom_arena_usage_get(handle_.get(), &usage);
-        return usage.blocks;
-    }
-
-  private:
-    struct closer {
-        void operator()(loom_handle* handle) const { loom_close(handle); }
-    };
-    std::unique_ptr<loom_handle, closer> handle_;
-};
 
 /// A copy of bytes in a block of exactly their size.
 class exact_buffer {

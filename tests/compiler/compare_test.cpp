@@ -19,6 +19,20 @@ record k {
     x: u_int8
     y: u_int16
 }
+enum from_one {
+    ONE = 1
+    TWO
+}
+enum chosen_from_one {
+    FIRST = 1
+    SECOND
+}
+record chooser {
+    choice: chosen_from_one {
+        case SECOND
+            arm: u_int8
+    }
+}
 record r {
     a: u_int32
     b: loom_vstring
@@ -115,6 +129,17 @@ TEST(Compare, TellsWhenInstancesThatHoldAGrownRecordGrow) {
                                        "reorder_seq_compact_no: u_int32\n  since 2\n    d: ip_address\n"));
     ASSERT_EQ(list.size(), 2u);
     EXPECT_TRUE(list[1].starts_with("fine: instances of variant 0 of \"holder\" took ")) << list[1];
+}
+
+TEST(Compare, TellsWhenAMemberIsTakenForAnother) {
+    const auto plain = changes(replaced("    TWO\n", "    TWO\n  since 1\n    THREE\n"));
+    ASSERT_EQ(plain.size(), 2u);
+    EXPECT_EQ(plain[1], "fine: older peers take the member \"THREE\" of \"from_one\" for \"TWO\", whose value is its "
+                        "place, 2");
+    const auto with_arms = changes(replaced("    SECOND\n}", "    SECOND\n  since 1\n    THIRD\n}"));
+    ASSERT_EQ(with_arms.size(), 2u);
+    EXPECT_TRUE(with_arms[1].starts_with("breaks: older peers take the member \"THIRD\" of \"chosen_from_one\""))
+        << with_arms[1];
 }
 
 TEST(Compare, MovingAnAttributeToALaterVariantBreaks) {

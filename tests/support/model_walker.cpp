@@ -4,6 +4,9 @@
 #include <loom/oid.h>
 #include <loom/values.h>
 
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <dlfcn.h>
@@ -83,6 +86,15 @@ void write_at(void* object, uint32_t offset, T value) {
 }
 int variant_of(const void* object) { return read_at<int8_t>(object, variant_at); }
 
+std::string hexadecimal(const uint8_t* bytes, size_t size) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+    }
+    return text;
+}
 void append_big_endian(std::vector<uint8_t>& out, uint32_t value) {
     for (int shift = 24; shift >= 0; shift -= 8)
         out.push_back(static_cast<uint8_t>(value >> shift));
@@ -199,6 +211,12 @@ const record_description* model_walker::record_of(const std::string& type) const
     return found == schema_.records.end() ? nullptr : &found->second;
 }
 
+uint32_t flag_set_description::bytes_within(int variant) const {
+    const auto count = std::count_if(bits.begin(), bits.end(),
+                                     [&](const bit& each) { return each.since <= std::max(variant, 0); });
+    return static_cast<uint32_t>((count + 7) / 8);
+}
+
 uint32_t model_walker::width_of(const std::string& type) const {
     if (const built_in* known = built_in_of(type)) return known->width;
     if (const record_description* record = record_of(type)) return record->base_size;
@@ -311,10 +329,15 @@ void model_walker::set_variants(const std::string& type, void* object, int varia
     choose_variants(type, object, [&](int) { return variant; });
 }
 
+void model_walker::raise_variants(const std::string& type, void* object) const {
+    choose_variants(type, object, [](int newest) { return newest; });
+}
+
 void model_walker::fill_record(const record_description& record, void* object, std::mt19937& random,
                                const fill_options& options) const {
     for (const attribute_description& a : record.attributes)
-        fill_attribute(record, a, object, random, options);
+        if (!options.within_variant || a.since <= variant_of(object))
+            fill_attribute(record, a, object, random, options);
 }
 
 void model_walker::fill_attribute(const record_description& record, const attribute_description& a, void* object,
@@ -390,14 +413,19 @@ void model_walker::fill_value(const std::string& type, void* value, std::mt19937
     if (const record_description* record = record_of(type)) return fill_record(*record, value, random, options);
     if (const auto found = schema_.enumerations.find(type); found != schema_.enumerations.end()) {
         const auto& members = found->second.members;
-        const int32_t member = members[pick(random, static_cast<uint32_t>(members.size()))].value;
+        auto count = static_cast<uint32_t>(members.size());
+        if (options.within_variant)
+            while (count > 1 && members[count - 1].since > variant_of(value))
+                --count;
+        const int32_t member = members[pick(random, count)].value;
         const bool stray = !options.presentable && pick(random, 8) == 0;
         return write_at(value, enumeration_value_at, stray ? static_cast<int32_t>(random()) : member);
     }
     if (const auto found = schema_.flag_sets.find(type); found != schema_.flag_sets.end()) {
         const flag_set_description& flags = found->second;
         for (uint32_t bit = 0; bit < flags.bits.size(); ++bit)
-            if (pick(random, 3) == 0) *at(value, bits_at + bit / 8) |= static_cast<uint8_t>(1u << (bit % 8));
+            if ((!options.within_variant || flags.bits[bit].since <= variant_of(value)) && pick(random, 3) == 0)
+                *at(value, bits_at + bit / 8) |= static_cast<uint8_t>(1u << (bit % 8));
         return;
     }
     const built_in* known = built_in_of(type);
@@ -524,7 +552,8 @@ void model_walker::marshal_value(const std::string& type, const void* value, con
         out.push_back(*at(value, variant_at));
         const size_t jump = out.size();
         append_big_endian(out, 0);
-        out.insert(out.end(), at(value, bits_at), at(value, bits_at + found->second.bytes()));
+        out.insert(out.end(), at(value, bits_at),
+                   at(value, bits_at + found->second.bytes_within(variant_of(value))));
         patch_jump(jump);
         return;
     }
@@ -596,6 +625,68 @@ void model_walker::marshal_attribute(const record_description& record, const att
     if (tracking_on() && (a.shape == attribute_shape::fixed_array || a.shape == attribute_shape::variable_array))
         for (size_t i = 0; i < values.all.size(); ++i)
             out.push_back(values.flags == nullptr ? 0 : values.flags[i]);
+}
+
+// ---- View ------------------------------------------------------------------------------------------------------
+
+nlohmann::json model_walker::view(const std::string& type, const void* object) const {
+    return view_of_value(type, object, area_of(type, object));
+}
+
+nlohmann::json model_walker::view_of_value(const std::string& type, const void* value, const uint8_t* area) const {
+    if (const auto found = schema_.enumerations.find(type); found != schema_.enumerations.end()) {
+        const int32_t user = read_at<int32_t>(value, enumeration_value_at);
+        const auto& members = found->second.members;
+        const auto member =
+            std::find_if(members.begin(), members.end(), [&](const auto& each) { return each.value == user; });
+        const auto place = member == members.end() ? static_cast<uint32_t>(user)
+                                                   : static_cast<uint32_t>(member - members.begin());
+        return {{"variant", variant_of(value)}, {"place", place}};
+    }
+    if (const auto found = schema_.flag_sets.find(type); found != schema_.flag_sets.end())
+        return {{"variant", variant_of(value)}, {"bits", hexadecimal(at(value, bits_at), found->second.bytes())}};
+    const record_description* record = record_of(type);
+    if (record == nullptr) {
+        std::vector<uint8_t> bytes;
+        bool complete = true;
+        marshal_value(type, value, nullptr, bytes, &complete);
+        return hexadecimal(bytes.data(), bytes.size());
+    }
+    nlohmann::json attributes = nlohmann::json::object();
+    for (const attribute_description& a : record->attributes)
+        if (a.shape != attribute_shape::length) attributes[a.name] = view_of_attribute(*record, a, value, area);
+    return {{"variant", variant_of(value)}, {"attributes", attributes}};
+}
+
+nlohmann::json model_walker::view_of_attribute(const record_description& record, const attribute_description& a,
+                                               const void* object, const uint8_t* area) const {
+    nlohmann::json seen;
+    if (area != nullptr) seen["state"] = area[a.track];
+    switch (a.shape) {
+    case attribute_shape::counted_string:
+        seen["value"] = hexadecimal(read_at<const uint8_t*>(object, a.offset), count_of(a, record, object));
+        return seen;
+    case attribute_shape::fixed_string:
+        seen["value"] = hexadecimal(at(object, a.offset), a.extent);
+        return seen;
+    case attribute_shape::oid: // references are not followed
+    case attribute_shape::length: seen["value"] = nullptr; return seen;
+    default: break;
+    }
+    const elements values = elements_of(a, record, object, area);
+    nlohmann::json all = nlohmann::json::array();
+    nlohmann::json states = nlohmann::json::array();
+    for (size_t i = 0; i < values.all.size(); ++i) {
+        all.push_back(view_of_value(a.type, values.all[i].value, values.all[i].area));
+        if (values.flags != nullptr) states.push_back(values.flags[i]);
+    }
+    const bool is_array = a.shape == attribute_shape::fixed_array || a.shape == attribute_shape::variable_array;
+    if (is_array && area != nullptr) seen["elements"] = states;
+    if (is_array || a.shape == attribute_shape::list)
+        seen["value"] = all;
+    else
+        seen["value"] = all.empty() ? nlohmann::json() : all[0];
+    return seen;
 }
 
 // ---- States ----------------------------------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 #include <loom/handle.h>
 #include <loom/text.h>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <map>
 #include <random>
@@ -73,6 +75,8 @@ struct flag_set_description {
     uint32_t size = 0; // of a value in place
     std::vector<bit> bits;
     uint32_t bytes() const { return static_cast<uint32_t>((bits.size() + 7) / 8); }
+    /// Bytes of the bits that a variant has; a negative one has those of variant 0.
+    uint32_t bytes_within(int variant) const;
 };
 
 struct schema_description {
@@ -121,6 +125,7 @@ struct fill_options {
     bool lower_variants = false; // the object and its parts take any variant, negative ones too
     bool stale_arms = false;     // arms of other cases stay behind, and selected ones may be missing
     bool presentable = false;    // only what the text forms can carry: members and finite numbers
+    bool within_variant = false; // nothing that came after the variant in which an object was made
 };
 
 class model_walker {
@@ -133,6 +138,8 @@ class model_walker {
 
     /// Gives the object and all its parts that have one this variant.
     void set_variants(const std::string& type, void* object, int variant) const;
+    /// Gives each of them the newest of its type.
+    void raise_variants(const std::string& type, void* object) const;
 
     /// What the library must write into a buffer without end. A selected arm without value makes `*complete`
     /// false.
@@ -148,6 +155,12 @@ class model_walker {
     uint8_t* area_of(const std::string& type, const void* object) const;
     /// The state bytes in an area of the type, element bytes of variable arrays included, in a fixed order.
     std::vector<uint8_t> states(const std::string& type, const void* object, const uint8_t* area) const;
+
+    /// All that the object holds, whatever its variant: {"variant", "attributes": {name: {"value", "state",
+    /// "elements"}}} of a record, {"variant", "place"} of an enumeration (the value where no member has it),
+    /// {"variant", "bits"} of a flag set, and the bytes of its binary form of any other value. States are of tracked
+    /// objects; "elements" are those of an array. Bytes are hexadecimal digits.
+    nlohmann::json view(const std::string& type, const void* object) const;
 
   private:
     struct elements; // the values of an attribute, with their areas
@@ -187,6 +200,9 @@ class model_walker {
                           const void* b) const;
     uint32_t hash_attribute(const record_description& record, const attribute_description& a, const void* object,
                             uint32_t seed) const;
+    nlohmann::json view_of_value(const std::string& type, const void* value, const uint8_t* area) const;
+    nlohmann::json view_of_attribute(const record_description& record, const attribute_description& a,
+                                     const void* object, const uint8_t* area) const;
     void collect_states(const std::string& type, const void* object, const uint8_t* area,
                         std::vector<uint8_t>& out) const;
 
