@@ -71,8 +71,8 @@ template <class A>
         return loomlib_oid_compare(oid_of<A>(a), oid_of<A>(b));
     } else if constexpr (is_arm<A>) {
         // The discriminators, compared before, are equal.
-        if (!is_selected<A>(a)) return 0;
-        const value_of<A>* arms[] = {pointer_of<A>(a), pointer_of<A>(b)};
+        if (!is_selected<A>(object_or_empty<typename A::discriminator>(a))) return 0;
+        const value_of<A>* arms[] = {arm_of<A>(a), arm_of<A>(b)};
         if (arms[0] == nullptr || arms[1] == nullptr) return order_of_null(arms[0], arms[1]);
         return compare_values<A>(arms[0], arms[1]);
     } else {
@@ -91,8 +91,7 @@ i32 compare(const typename M::object* a, const typename M::object* b) {
     i32 order = 0;
     all_attributes(
         typename M::attributes{}, [&]<class A>() __attribute__((always_inline)) {
-            if (!has_room_for<A>(a) || !has_room_for<A>(b)) return false; // nor for those behind it
-            order = codec::compare_attribute<A>(a, b);
+            order = codec::compare_attribute<A>(object_or_empty<A>(a), object_or_empty<A>(b));
             return order == 0;
         });
     return order;

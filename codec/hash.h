@@ -48,9 +48,10 @@ template <class A>
     } else if constexpr (is_oid<A>) {
         return SuperFastHash(oid_of<A>(object), 4, seed);
     } else if constexpr (is_arm<A>) {
-        const auto* discriminator = field_of<typename A::discriminator>(object);
+        using selects = typename A::discriminator;
+        const auto* discriminator = field_of<selects>(object_or_empty<selects>(object));
         seed = SuperFastHash(&discriminator->value, sizeof discriminator->value, seed);
-        return A::type::hash(pointer_of<A>(object), seed);
+        return A::type::hash(arm_of<A>(object), seed);
     } else {
         static_assert(is_list<A>);
         const loom_list_head* head = list_of<A>(object);
@@ -72,7 +73,7 @@ u32 hash(const typename M::object* object, u32 seed) {
     if (object == nullptr) return seed;
     for_each_attribute(
         typename M::attributes{}, [&]<class A>() __attribute__((always_inline)) {
-            if (has_room_for<A>(object)) seed = codec::hash_attribute<A>(object, seed);
+            seed = codec::hash_attribute<A>(object_or_empty<A>(object), seed);
         });
     return seed;
 }

@@ -311,6 +311,18 @@ inline typename Model::object* sentinel() {
     return reinterpret_cast<typename Model::object*>(sentinel_storage<Model>::bytes);
 }
 
+/// The object, or the empty sentinel in its place for an attribute that the object has no room for. Arms stay with
+/// the object's own discriminator; arm_of tests the room.
+template <class A>
+inline const holder_of<A>* object_or_empty(const holder_of<A>* object) {
+    if constexpr (is_arm<A>) return object;
+    else return has_room_for<A>(object) ? object : sentinel<typename A::model>();
+}
+template <class A>
+inline const value_of<A>* arm_of(const holder_of<A>* object) {
+    return has_room_for<A>(object) ? pointer_of<A>(object) : nullptr;
+}
+
 /// The statistics of an instance's variant: the variant clamped to the newest that the code knows, and to what
 /// the table holds.
 template <class Model>

@@ -411,6 +411,7 @@ TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
                 void* copy = on.clone_of(made.object());
                 ASSERT_NE(copy, nullptr);
                 EXPECT_EQ(driver.compare(made.object(), copy), 0);
+                EXPECT_EQ(driver.hash(made.object(), 1), driver.hash(copy, 1));
                 on.expect_filled(copy, seed, "cloned");
                 on.read(made.object(), newest_wire, 1);
                 EXPECT_EQ(variant_of(made.object()), layout);
