@@ -54,7 +54,7 @@ struct writer {
     }
     /// A counted text in the common case; false, and nothing is written, in any other.
     template <class T>
-    bool put_counted(const T* v) {
+    [[gnu::always_inline]] bool put_counted(const T* v) {
         if (v == nullptr || c.pending()) return false;
         const u32 count = direct::byte_count_of(*v);
         if (!fits(sizeof count + u64{count})) return false;
