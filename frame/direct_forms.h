@@ -7,6 +7,7 @@
 
 #include <loom/direct.h>
 #include <loom/instance.h>
+#include <loom/trace.h>
 #include <loom/values.h>
 #include <loom/wire.h>
 
@@ -58,6 +59,12 @@ inline void settle() {
 #ifndef TRELLIS_FUSED
     offered = true;
 #endif
+}
+
+/// Registers the bundle with the trace, which every create asks for: nothing is left to do the second time.
+inline u32 init_trace_module(const char* name, u16* module_id, u32* state) {
+    if (offered && __atomic_load_n(module_id, __ATOMIC_ACQUIRE) != 0) return 0;
+    return spoor_module_init_fn(name, module_id, state);
 }
 
 } // namespace trellis::direct

@@ -14,6 +14,7 @@
  *                                      table, 0 without one
  *   loomlib_adjust_variant             variant not below the newest of the caller's and not below the object's
  *                                      layout: nothing
+ *   spoor_module_init_fn               of a module that has its number: nothing, result 0
  *   _loom_instance_variant_marshal, _loom_instance_obj_flag_marshal, _loom_variant_jump_marshal,
  *   _loom_list_len_marshal             with room: the bytes, most significant first, whatever the error word says
  *   their _unmarshal forms             error word clear and enough bytes: the value, most significant byte first
@@ -78,19 +79,19 @@ const loom_direct_forms* loom_get_direct_forms(void);
 #define LOOM_DIRECT_SCALAR_OPERATIONS(X, T)                                                                       \
     X(T##_len) X(T##_marshal) X(T##_unmarshal) X(T##_get) X(T##_get_value) X(T##_set) X(T##_set_value)
 #define LOOM_DIRECT_VALUE_OPERATIONS(X, T)                                                                        \
-    X(T##_get) X(T##_initialize) X(T##_set_instance_embedded) X(T##_get_oid_count)       \
-    X(T##_destroy_internal)
+    X(T##_get) X(T##_initialize) X(T##_set_instance_embedded) X(T##_get_oid_count) X(T##_destroy_internal)
 #define LOOM_DIRECT_OCTETS_OPERATIONS(X, T) X(T##_len) X(T##_marshal) X(T##_unmarshal)
 #define LOOM_DIRECT_TEXT_OPERATIONS(X, T) X(T##_len) X(T##_marshal)
 /** The other operations of the list. */
 #define LOOM_DIRECT_FRAME_OPERATIONS(X)                                                                           \
     X(loom_clear_last_error) X(loom_get_instance_variant) X(loom_get_instance_obj_flag)                           \
-    X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem) X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                      \
+    X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem)                                     \
+    X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                                                       \
     X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                         \
     X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                                       \
     X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal)                                                 \
     X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)                                                         \
-    X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded)
+    X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded) X(spoor_module_init_fn)
 
 #ifdef __cplusplus
 }

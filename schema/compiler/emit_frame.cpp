@@ -96,7 +96,7 @@ std::string frame_source(emission& run) {
     add(frame_operations[2], "frame::typeinfo_initialize(::" + name + "_type_infos, handle, domain, err)");
     add(frame_operations[3], "frame::type_variant_dump<frame_statements>(::" + name + "_type_infos, print)");
     text += frame_function(run, "loom_" + name + "_trace_init", "uint32_t", "void",
-                           "spoor_module_init_fn(\"loom_" + name + "\", &::g_loom_" + name +
+                           "direct::init_trace_module(\"loom_" + name + "\", &::g_loom_" + name +
                                "_trace_module_id, &trace_state)");
     return text + "\n} // namespace bundle_" + name + "\n";
 }
