@@ -96,7 +96,7 @@ test_handle::test_handle(const handle_options& options) : options_(options) {
     handle_ = loom_open(&open);
     if (handle_ == nullptr) throw std::runtime_error(loom_error_text());
     if (!path_.empty()) {
-        unlink(path_.c_str());
+        for (const std::string& file : {path_, path_ + ".undo"}) unlink(file.c_str());
         if (loom_write_begin(handle_) != 0) throw std::runtime_error(loom_error_text());
     }
     loom_trace_set_level(nullptr, 8);
