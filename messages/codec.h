@@ -80,8 +80,10 @@ u32 marshal_internal(loom_handle* handle, u32 domain, void* buffer, object_of<M>
     if (!may_send<M>(c, message)) return 0;
     cursor at(buffer, length);
     const bool framed = wire::write_frame(c, at, M::luid());
-    if constexpr (has_payload<M>)
+    if constexpr (has_payload<M>) {
+        if (payload_in<M>(message) == nullptr && !c.pending()) c.fail(LOOM_ENOENT);
         at.advance(M::payload::marshal(handle, domain, at.here(), payload_in<M>(message), at.room(), err));
+    }
     if (c.pending()) {
         say_failed<M>(c);
         return at.position();

@@ -90,6 +90,11 @@ void delete_internal(loom_handle* handle, u32 domain, loom_table* table, record_
                      u32* err) {
     const call c{handle, domain, err};
     if (!enter_delete<T, says::delete_internal_replicated>(c, table)) return;
+    if (record == nullptr) {
+        say<T, says::delete_internal_not_found>();
+        c.fail(LOOM_ENOENT);
+        return;
+    }
     loom_table_record& head = record->loom_record;
     const u32 old_flags = head.record_flags;
     if (pkey != 0) {
@@ -137,7 +142,11 @@ void delete_(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* r
 template <class T>
 void pkey_delete(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record, u32* err) {
     const call c{handle, domain, err};
-    if (enter_delete<T, says::pkey_delete_replicated>(c, table)) set_pkey_mark(c, record->loom_record);
+    if (!enter_delete<T, says::pkey_delete_replicated>(c, table)) return;
+    if (record == nullptr)
+        c.fail(LOOM_ENOENT);
+    else
+        set_pkey_mark(c, record->loom_record);
 }
 
 template <class T>

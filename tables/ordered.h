@@ -114,16 +114,14 @@ bool leave_sequence(const call& c, loom_table* table, record_of<T>* record) {
         return false;
     }
     record_of<T>* next = following<T>(found);
-    if (next == found) {
-        c.store<void*>(&table->seq_head, nullptr, nullptr);
-        c.store<u32>(&table->seq_count, 0, nullptr);
-        return true;
-    }
     record_of<T>* previous = preceding<T>(found);
+    const bool alone = next == found;
     c.store<void*>(&previous->seq_next, &next->seq_next, nullptr);
     c.store<void*>(&next->seq_prev, &previous->seq_next, nullptr);
-    if (table->seq_head == &found->seq_next) c.store<void*>(&table->seq_head, &next->seq_next, nullptr);
-    c.store<u32>(&table->seq_count, table->seq_count - 1, nullptr);
+    if (table->seq_head == &found->seq_next)
+        c.store<void*>(&table->seq_head, alone ? nullptr : &next->seq_next, nullptr);
+    // An empty ring has no number in use, whatever gaps a batch has left.
+    c.store<u32>(&table->seq_count, alone ? 0 : table->seq_count - 1, nullptr);
     return true;
 }
 

@@ -281,14 +281,17 @@ i32 record_toxml_cr(loom_handle* handle, const record_of<T>* record, char* buffe
         handle, table_record_to_xml<T>(handle, handle->cr_domain, buffer, record, length, &handle->last_error));
 }
 
-/// Makes one field and reads it from the first element of its type's name. False with error 12 without memory.
-template <class Facade, class Value>
-inline bool make_field(const call& c, Value*& field) {
+/// Makes one field. Without memory the record ends, as nobody will ever hold it: false with error 12.
+template <class T, class Facade, class Value>
+inline bool make_field(const call& c, record_of<T>* record, Value*& field) {
     field = Facade::create_internal(c.handle, c.domain);
     if (field != nullptr) return true;
+    *c.error = 0; // a missing payload may be pending, and a destroy does nothing then
+    T::destroy_record_internal(c.handle, c.domain, record, c.error);
     c.fail(LOOM_ENOMEM);
     return false;
 }
+/// Reads a field from the first element of its type's name.
 template <class Facade, class Value>
 inline void read_element(const call& c, Value* field, const loom_xml_document* document, char* message,
                          u32 message_length) {
@@ -306,12 +309,12 @@ record_of<T>* table_record_from_xml(loom_handle* handle, u32 domain, const loom_
         return nullptr;
     }
     using payload = typename T::payload;
-    if (!make_field<payload>(c, payload_in<T>(record))) return nullptr;
+    if (!make_field<T, payload>(c, record, payload_in<T>(record))) return nullptr;
     read_element<payload>(c, payload_in<T>(record), document, message, message_length);
     if constexpr (has_key_object<T>) {
         using key = typename T::key::type;
         if (*err != 0 && *err != LOOM_ENOENT) return nullptr;
-        if (!make_field<key>(c, record->*T::key_field)) return nullptr;
+        if (!make_field<T, key>(c, record, record->*T::key_field)) return nullptr;
         // A missing payload leaves its error pending, and with it the key as it is.
         read_element<key>(c, record->*T::key_field, document, message, message_length);
     }

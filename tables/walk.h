@@ -8,8 +8,10 @@ namespace trellis::table {
 
 enum class direction : u8 { forward, backward };
 
+/// The neighbour of a record; no record has none.
 template <class T, direction Way>
 inline record_of<T>* step(loom_table* table, record_of<T>* from) {
+    if (from == nullptr) return nullptr;
     e_avl_node* node = Way == direction::forward ? e_avl_get_next(table->avl_root, node_of(from), T::compare)
                                                  : e_avl_get_prev(table->avl_root, node_of(from), T::compare);
     return record_of_node<T>(node);

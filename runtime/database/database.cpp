@@ -22,7 +22,6 @@ namespace {
 constexpr u64 default_file_reserve = u64{32} << 30;
 constexpr u64 default_private_reserve = u64{8} << 30;
 constexpr u64 largest_reserve = u64{1} << 40;
-constexpr u64 undo_reserve = u64{64} << 30;
 constexpr u64 first_extent_of_a_file = u64{1} << 20;
 constexpr u64 first_extent_of_memory = u64{256} << 10;
 
@@ -317,7 +316,7 @@ std::shared_ptr<database> database::open_file(const loom_open_options& options) 
 bool database::make_log() {
     auto log = std::make_unique<undo_log>();
     if (mapped) {
-        if (log->open_file(path + ".undo", memory.header().identity, undo_reserve) != 0) return false;
+        if (log->open_file(path + ".undo", memory.header().identity) != 0) return false;
     } else if (!log->open_private(reserve_)) {
         fail(ENOMEM, "private database: no addresses for an undo log");
         return false;

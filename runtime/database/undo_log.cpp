@@ -21,6 +21,8 @@ constexpr u32 undo_version = 1;
 constexpr u64 entries_offset = 4096;
 constexpr u64 growth_step = u64{1} << 20;
 constexpr u64 kept_after_commit = u64{64} << 20;
+// Addresses of a file's log at first. Few, so that logs leave the places free that databases must lie at.
+constexpr u64 first_reserve = u64{32} << 20;
 
 struct entry_end {
     u64 offset;
@@ -62,20 +64,27 @@ bool undo_log::open_private(u64 reserve) {
     return true;
 }
 
-u32 undo_log::open_file(const std::string& path, const u8 identity[16], u64 reserve) {
+bool undo_log::map_file(u64 size) {
+    const u64 reserve = std::max(first_reserve, 2 * size);
+    void* memory = mmap(nullptr, reserve, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+    if (memory == MAP_FAILED) return false;
+    if (header_) munmap(header_, reserve_);
+    header_ = static_cast<undo_header*>(memory);
+    entries_ = static_cast<std::byte*>(memory) + entries_offset;
+    reserve_ = reserve;
+    return true;
+}
+
+u32 undo_log::open_file(const std::string& path, const u8 identity[16]) {
     file_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file_ < 0)
         return fail(static_cast<u32>(errno), "undo log %s: cannot be opened: %s", path.c_str(), words_of(errno).c_str());
     if (!write_header(file_, identity)) return fail(ENOSPC, "undo log %s: no room on the disk", path.c_str());
     struct stat status {};
     fstat(file_, &status);
-    void* memory = mmap(nullptr, reserve, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
-    if (memory == MAP_FAILED)
-        return fail(static_cast<u32>(errno), "undo log %s: cannot be mapped: %s", path.c_str(), words_of(errno).c_str());
-    header_ = static_cast<undo_header*>(memory);
-    entries_ = static_cast<std::byte*>(memory) + entries_offset;
-    reserve_ = reserve;
     extent_ = static_cast<u64>(status.st_size);
+    if (!map_file(extent_))
+        return fail(static_cast<u32>(errno), "undo log %s: cannot be mapped: %s", path.c_str(), words_of(errno).c_str());
     if (std::memcmp(header_->magic, undo_magic, sizeof undo_magic) != 0 || header_->version != undo_version)
         return fail(EINVAL, "undo log %s: is no undo log of this version; move it away if the database was closed in order",
                     path.c_str());
@@ -91,15 +100,18 @@ u32 undo_log::open_file(const std::string& path, const u8 identity[16], u64 rese
 
 void undo_log::refresh() {
     struct stat status {};
-    if (file_ >= 0 && fstat(file_, &status) == 0) extent_ = static_cast<u64>(status.st_size);
+    if (file_ < 0 || fstat(file_, &status) != 0) return;
+    extent_ = static_cast<u64>(status.st_size);
+    if (extent_ > reserve_ && !map_file(extent_)) extent_ = reserve_;
 }
 
 bool undo_log::reserve_room(u64 end) {
     const u64 wanted = entries_offset + end;
     if (wanted <= extent_) return true;
-    if (wanted > reserve_ || file_ < 0) return false;
-    const u64 extent = std::min(reserve_, std::max(wanted + growth_step, extent_ + extent_ / 2));
+    if (file_ < 0) return false;
+    const u64 extent = std::max(wanted + growth_step, extent_ + extent_ / 2);
     if (posix_fallocate(file_, 0, static_cast<off_t>(extent)) != 0) return false;
+    if (extent > reserve_ && !map_file(extent)) return false;
     extent_ = extent;
     return true;
 }

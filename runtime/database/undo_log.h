@@ -34,7 +34,7 @@ public:
     /// A log in memory of this process.
     bool open_private(u64 reserve);
     /// The log in the file at `path`, made if needed; 0 or an error number with a text.
-    u32 open_file(const std::string& path, const u8 identity[16], u64 reserve);
+    u32 open_file(const std::string& path, const u8 identity[16]);
 
     /// A section begins: another process may have changed the file's size meanwhile.
     void refresh();
@@ -51,14 +51,16 @@ public:
 
 private:
     bool reserve_room(u64 end);
+    /// Maps the file anew, with addresses for `size` bytes and more; false when there are none.
+    bool map_file(u64 size);
     /// Calls `visit` with offset, size and old bytes of each entry, latest first; false when the log is damaged.
     template <class Visit>
     bool each_entry(u64 extent, Visit visit) const;
 
     undo_header* header_ = nullptr;
     std::byte* entries_ = nullptr;
-    u64 reserve_ = 0;
-    u64 extent_ = 0;
+    u64 reserve_ = 0; ///< bytes of addresses that the log has
+    u64 extent_ = 0;  ///< bytes of them that can be used
     int file_ = -1;
 };
 

@@ -67,6 +67,7 @@ e_avl_node* neighbour(e_avl_node* node, link forth, link back) {
 
 /// Whether the node is one of this very tree: its parent knows it, and the way up ends at the root.
 bool is_linked(const e_avl_node* root, const e_avl_node* node) {
+    if (!node) return false; // compares place it before all others
     const e_avl_node* parent = node->parent;
     if (!parent) return node == root;
     if (parent->left != node && parent->right != node) return false;

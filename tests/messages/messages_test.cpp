@@ -257,6 +257,19 @@ TEST_F(messages, say_why_they_were_not_sent) {
     loom_peer_release(peer);
 }
 
+TEST_F(messages, without_their_payload_are_not_sent) {
+    note_action_message* message = note_action_message_create_shallow(h(), d);
+    EXPECT_EQ(log_of([&] { EXPECT_EQ(marshal(message), 43u); }),
+              "error 2\nsays 3 Message note_action failed to marshal: No such file or directory\n");
+    EXPECT_EQ(err, 2u);
+    EXPECT_EQ(hex(0, 27), std::string(54, '0')) << "a header stands only before what is whole";
+    EXPECT_EQ(hex(43, 1), "ee");
+    h()->last_error = 0;
+    EXPECT_EQ(note_action_message_marshal_cr(h(), message, wire, sizeof wire), -1);
+    EXPECT_EQ(h()->last_error, 2u);
+    note_action_message_destroy(h(), d, message);
+}
+
 TEST_F(messages, count_in_an_open_bundle) {
     note_action_message* message = note(1);
     loom_message_bundle_open(h(), "bundle");

@@ -329,6 +329,29 @@ TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
     EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
 }
 
+/// A log of tens of megabytes outgrows the addresses that it begins with, in the process that writes it and in one
+/// that finds it.
+TEST_F(database_file, a_long_section_is_put_back) {
+    handle_ptr handle = make();
+    const std::vector<char> expected(large_size, 'L');
+    loom_write_begin(handle.get());
+    void* block = handle->alloc(handle->alloc_ctx, 1, large_size);
+    std::memcpy(block, expected.data(), large_size);
+    arbor_set_key(handle->alloc_ctx, "large", block);
+    ASSERT_EQ(loom_write_commit(handle.get()), 0u);
+
+    child_process({"die_in_long_section", path}).wait();
+    EXPECT_GT(std::filesystem::file_size(path + ".undo"), 12 * large_size);
+    ASSERT_EQ(loom_read_begin(handle.get()), 0u) << loom_error_text();
+    EXPECT_EQ(std::memcmp(block, expected.data(), large_size), 0);
+    loom_read_end(handle.get());
+
+    loom_write_begin(handle.get());
+    overwrite_large(handle.get(), 20);
+    ASSERT_EQ(loom_write_abort(handle.get()), 0u);
+    EXPECT_EQ(std::memcmp(block, expected.data(), large_size), 0);
+}
+
 TEST_F(database_file, a_foreign_undo_log_is_refused) {
     make().reset();
     const std::string other = directory.file("other.loom");

@@ -143,6 +143,10 @@ int run_child(const std::vector<std::string>& arguments) {
         loom_write_begin(handle.get());
         change_a_lot(handle.get());
         kill(getpid(), SIGKILL);
+    } else if (operation == "die_in_long_section") {
+        loom_write_begin(handle.get());
+        overwrite_large(handle.get(), 12);
+        kill(getpid(), SIGKILL);
     } else if (operation == "work_until_killed") {
         say("working");
         work_for_ever(handle.get());

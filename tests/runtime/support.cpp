@@ -202,6 +202,14 @@ fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_tabl
     return made;
 }
 
+void overwrite_large(loom_handle* handle, int times) {
+    void* block = arbor_get_key(handle->alloc_ctx, "large");
+    for (int i = 1; i <= times; ++i) {
+        handle->write_hook(handle, block, large_size, 1, nullptr);
+        std::memset(block, i, large_size);
+    }
+}
+
 void load_fake_bundle() {
     static loom_type_info* const types[] = {&fake_table_type.info, nullptr};
     static loom_module_node node = {"fake_bundle", types, nullptr, nullptr};

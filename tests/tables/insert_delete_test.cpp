@@ -97,6 +97,15 @@ TEST_F(insert_delete, null_comes_before_a_pending_error) {
     EXPECT_EQ(err, 5u);
 }
 
+TEST_F(insert_delete, no_record_cannot_go) {
+    EXPECT_EQ(log_of([&] { number_tbl_delete(h(), d, table, nullptr, &err); }),
+              "says 3 number_tbl delete, record not found for number_row id\nerror 2\n");
+    err = 0;
+    EXPECT_EQ(log_of([&] { number_tbl_pkey_delete(h(), d, table, nullptr, &err); }), "error 2\n");
+    h()->last_error = 0;
+    EXPECT_EQ(number_tbl_delete_cr(h(), table, nullptr, 1), 2u);
+}
+
 TEST_F(insert_delete, what_is_not_there_cannot_go) {
     number_tbl_table_record* one = number(1);
     const std::string log = log_of([&] { number_tbl_delete(h(), d, table, one, &err); });

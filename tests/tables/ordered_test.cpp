@@ -187,6 +187,20 @@ TEST_F(ordered_table, hooks_stand_before_their_stores) {
     EXPECT_EQ(ring(table), "a=1 c=2 b=3 | 3");
 }
 
+TEST_F(ordered_table, the_last_record_is_unlinked_like_any_other) {
+    insert("a", 1);
+    err = 0;
+    const std::string log = log_of([&] { place_tbl_delete(h(), d, table, records["a"], &err); });
+    EXPECT_NE(log.find("hook a.table 8 a\n"
+                       "hook a.seq_next 8 0\n"
+                       "hook a.seq_prev 8 0\n"
+                       "hook table.seq_head 8 0\n"
+                       "hook table.seq_count 4 0\n"
+                       "hook table.record_count 4 0\n"),
+              std::string::npos)
+        << log;
+}
+
 TEST_F(ordered_table, destroying_a_record_closes_its_gap) {
     insert("a", 1);
     insert("b", 2);

@@ -291,11 +291,18 @@ TEST_F(record_codec, writes_and_reads_xml) {
     err = 0;
     h()->last_error = 5;
     EXPECT_EQ(pair_tbl_record_toxml_cr(h(), record, text, sizeof text), -1);
-    for (u64 nth = 1; nth <= 3; ++nth) {
-        err = 0;
-        handle.fail_allocation(nth);
-        EXPECT_EQ(from_xml("<t><value_row/><pair_key/></t>"), nullptr);
-        EXPECT_EQ(err, 12u) << nth;
+}
+
+TEST_F(record_codec, what_is_read_from_xml_without_memory_leaves_nothing) {
+    for (const char* text : {"<t><value_row/><pair_key/></t>", "<t/>"}) {
+        for (u64 nth = 1; nth <= 3; ++nth) {
+            err = 0;
+            const u64 blocks = handle.live_blocks();
+            handle.fail_allocation(nth);
+            EXPECT_EQ(from_xml(text), nullptr);
+            EXPECT_EQ(err, 12u) << nth;
+            EXPECT_EQ(handle.live_blocks(), blocks) << handle.describe_live_blocks();
+        }
     }
 }
 

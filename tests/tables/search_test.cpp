@@ -127,6 +127,17 @@ TEST_F(search, an_empty_table_has_nothing) {
     EXPECT_EQ(err, 0u);
 }
 
+TEST_F(search, no_record_has_no_neighbour) {
+    insert_number(table, 1);
+    EXPECT_EQ(next(nullptr), "none");
+    EXPECT_EQ(name(number_tbl_number_row_id_get_prev(h(), d, table, nullptr, &err)), "none");
+    EXPECT_EQ(name(number_tbl_pkey_get_sub_next(h(), d, table, nullptr, &err)), "none");
+    EXPECT_EQ(name(number_tbl_number_row_id_get_next_ignore_src(h(), d, table, nullptr, &err)), "none");
+    for (const u32 op : {2u, 3u})
+        EXPECT_EQ(name(number_tbl_number_row_id_get_cr(h(), table, op, nullptr, 0, 0)), "none");
+    EXPECT_EQ(err, 0u);
+}
+
 TEST_F(search, nearest_steps_past_other_sources) {
     insert_number(table, 2, 7);
     insert_number(table, 4);
