@@ -13,6 +13,7 @@
 # link the target and a runtime, such as loom::runtime. The schema is compiled while the project is built: the
 # names of all sources are known beforehand, and what has not changed is not built again.
 include_guard(GLOBAL)
+include(GNUInstallDirs)
 
 set(TRELLIS_BUNDLE_TEMPLATES "${CMAKE_CURRENT_LIST_DIR}")
 
@@ -37,12 +38,12 @@ function(trellis_bundle_options target)
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN")
-  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-plt -fno-exceptions -fno-rtti -fno-strict-aliasing>)
+  target_compile_options(${target} PRIVATE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-plt -fno-exceptions -fno-rtti -fno-strict-aliasing>)
   target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,now)
 endfunction()
 
 function(trellis_install_bundle target name version export out)
-  include(GNUInstallDirs)
   set(export_set "")
   if(export)
     set(export_set EXPORT ${export})
@@ -95,7 +96,7 @@ function(trellis_add_bundle target)
   trellis_bundle_options(${target})
   set_target_properties(${target} PROPERTIES OUTPUT_NAME "${name}" VERSION "${version}" SOVERSION "${soversion}")
   target_include_directories(${target}
-    PUBLIC "$<BUILD_INTERFACE:${out}/include>" $<INSTALL_INTERFACE:include>
+    PUBLIC "$<BUILD_INTERFACE:${out}/include>" $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
     PRIVATE "${out}/src")
   target_link_libraries(${target} PUBLIC loom::platform ${arg_IMPORTS} PRIVATE trellis::families)
   # The model as JSON, beside the library: what tools explain bytes by.

@@ -1,6 +1,5 @@
 # What `cmake --install` puts in place besides the bundles themselves: the runtime, the compiler, the headers that
 # generated sources need, and the package files for CMake and pkg-config.
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/trellis")
@@ -15,10 +14,8 @@ install(EXPORT trellis_targets NAMESPACE trellis:: DESTINATION "${package_dir}")
 
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/platform/loom" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
   FILES_MATCHING PATTERN "*.h")
-if(EXISTS "${PROJECT_SOURCE_DIR}/runtime/include/loom_runtime")
-  install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/loom_runtime" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-    FILES_MATCHING PATTERN "*.h")
-endif()
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/loom_runtime" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+  FILES_MATCHING PATTERN "*.h")
 foreach(family frame instance codec tables messages diag)
   install(DIRECTORY "${PROJECT_SOURCE_DIR}/${family}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/trellis"
     FILES_MATCHING PATTERN "*.h")
