@@ -89,8 +89,8 @@ fake_object* new_object(loom_handle* handle, loom_type_info* info);
 
 /// Size of the block that a database keeps under the name "large".
 constexpr std::size_t large_size = 8u << 20;
-/// Announces all of that block and overwrites it, so many times.
-void overwrite_large(loom_handle* handle, int times);
+/// Announces that block and overwrites it, so many times, a byte less each time.
+void overwrite_large(loom_handle* handle, std::size_t times);
 
 /// The fake bundle's one table: keys are 32-bit numbers.
 struct fake_record {
