@@ -25,8 +25,10 @@ inline void link_module(loom_module_node& node, u8& linked) {
 inline void unlink_module(loom_module_node& node) {
     if (node.next == nullptr && node.previous == nullptr) return;
     loom_module_root& root = loom_module_tot_root;
-    if (node.next != nullptr) node.next->previous = node.previous;
-    else root.last = node.previous;
+    if (node.next != nullptr)
+        node.next->previous = node.previous;
+    else
+        root.last = node.previous;
     *node.previous = node.next;
     node.next = nullptr;
     node.previous = nullptr;

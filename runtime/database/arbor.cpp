@@ -62,7 +62,9 @@ LOOM_EXPORT uint32_t loom_arena_verify(loom_handle* handle) {
     return fault.empty() ? 0 : fail(EINVAL, "%s", fault.c_str());
 }
 
-LOOM_EXPORT void loom_arena_fail_after(loom_handle* handle, uint64_t count) { opened(handle)->failing_after = count; }
+LOOM_EXPORT void loom_arena_fail_after(loom_handle* handle, uint64_t count) {
+    opened(handle)->failing_after = count;
+}
 
 LOOM_EXPORT void loom_arena_each_block(loom_handle* handle, loom_block_fn visit, void* context) {
     const database& db = *opened(handle)->db;
@@ -95,7 +97,8 @@ LOOM_EXPORT uint64_t loom_debug_arena_check(loom_handle* handle) {
     return by_commits + db.debug->check();
 }
 
-LOOM_EXPORT void loom_debug_arena_exempt(loom_handle* handle, const void* address, size_t length, uint32_t exempt) {
+LOOM_EXPORT void loom_debug_arena_exempt(loom_handle* handle, const void* address, size_t length,
+                                         uint32_t exempt) {
     database& db = *opened(handle)->db;
     if (db.debug && db.memory.contains(address)) db.debug->exempt(db.memory.offset_of(address), length, exempt);
 }

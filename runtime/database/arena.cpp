@@ -47,18 +47,22 @@ u64* footer_of(block* piece, u64 size) {
 
 u32 hash_of(const char* name, std::size_t length) {
     u32 hash = 2166136261u;
-    for (std::size_t i = 0; i < length; ++i) hash = (hash ^ static_cast<u8>(name[i])) * 16777619u;
+    for (std::size_t i = 0; i < length; ++i)
+        hash = (hash ^ static_cast<u8>(name[i])) * 16777619u;
     return hash;
 }
 const char* name_of(const named_root* root) { return reinterpret_cast<const char*>(root + 1); }
 
-std::size_t slot_of(u64 value, std::size_t slots) { return static_cast<std::size_t>((value * 0x9E3779B97F4A7C15u) >> 40) % slots; }
+std::size_t slot_of(u64 value, std::size_t slots) {
+    return static_cast<std::size_t>((value * 0x9E3779B97F4A7C15u) >> 40) % slots;
+}
 } // namespace
 
 u64 check_of(const arena_header& header) {
     const auto* bytes = reinterpret_cast<const u8*>(&header);
     u64 check = 14695981039346656037u;
-    for (std::size_t i = 0; i < offsetof(arena_header, fixed_check); ++i) check = (check ^ bytes[i]) * 1099511628211u;
+    for (std::size_t i = 0; i < offsetof(arena_header, fixed_check); ++i)
+        check = (check ^ bytes[i]) * 1099511628211u;
     return check;
 }
 
@@ -141,8 +145,10 @@ void arena::finish_section() {
         const u64 head = head_of(piece) & ~block_deferred;
         announce_or_end(piece, sizeof piece->head);
         raw_store(&piece->head, head);
-        if (size_in(head) <= largest_cached) push_cached(piece, size_in(head));
-        else merge(piece, size_in(head));
+        if (size_in(head) <= largest_cached)
+            push_cached(piece, size_in(head));
+        else
+            merge(piece, size_in(head));
     }
     deferred_.clear();
 }
@@ -229,7 +235,8 @@ void* arena::allocate(u64 size) {
 void arena::release(void* payload) {
     block* piece = block_of(payload);
     const u64 offset = contains(payload) ? offset_of(piece) : 0;
-    const u64 head = offset >= first_block && offset < header().top && (offset + head_size) % 16 == 0 ? head_of(piece) : 0;
+    const u64 head =
+        offset >= first_block && offset < header().top && (offset + head_size) % 16 == 0 ? head_of(piece) : 0;
     const u64 size = size_in(head);
     if (!(head & block_in_use) || (head & (block_cached | block_deferred)) || size > header().top - offset)
         fatal("arena: %p is freed, but it is no block in use (freed twice?)", payload);
@@ -240,8 +247,10 @@ void arena::release(void* payload) {
         deferred_.push_back(piece);
         return;
     }
-    if (size <= largest_cached) push_cached(piece, size);
-    else merge(piece, size);
+    if (size <= largest_cached)
+        push_cached(piece, size);
+    else
+        merge(piece, size);
 }
 
 u64 arena::size_of(const void* payload) { return size_in(head_of(block_of(payload))) - head_size; }
@@ -394,7 +403,8 @@ named_root* arena::find_root(const char* name) const {
     const std::size_t length = std::strlen(name);
     const u32 hash = hash_of(name, length);
     named_root* root = header().roots[hash % std::size(header().roots)];
-    while (root && !(root->hash == hash && root->length == length && std::memcmp(name_of(root), name, length) == 0))
+    while (root &&
+           !(root->hash == hash && root->length == length && std::memcmp(name_of(root), name, length) == 0))
         root = root->next;
     return root;
 }
@@ -446,17 +456,21 @@ std::string arena::verify() const {
     const auto fault = [](const char* what, u64 offset) {
         return "arena: " + std::string(what) + " at offset " + std::to_string(offset);
     };
-    if (h.top > h.extent || h.extent > h.reserve || h.top < first_block) return fault("the limits do not agree", 0);
+    if (h.top > h.extent || h.extent > h.reserve || h.top < first_block)
+        return fault("the limits do not agree", 0);
     u64 blocks = 0, bytes = 0, cached = 0, free_blocks = 0;
     bool previous_in_use = true;
     for (u64 offset = first_block; offset < h.top;) {
         const u64 head = head_of(at(offset)), size = size_in(head);
         if (size < smallest_block || size > h.top - offset) return fault("a block has an impossible size", offset);
-        if (((head & block_previous_in_use) != 0) != previous_in_use) return fault("a block mistakes its neighbour", offset);
+        if (((head & block_previous_in_use) != 0) != previous_in_use)
+            return fault("a block mistakes its neighbour", offset);
         previous_in_use = head & block_in_use;
         if (size % 16) return fault("a block has an impossible size", offset);
-        if (head & block_cached) cached += size;
-        else if (previous_in_use) ++blocks, bytes += size;
+        if (head & block_cached)
+            cached += size;
+        else if (previous_in_use)
+            ++blocks, bytes += size;
         else if (++free_blocks; raw_load(footer_of(at(offset), size)) != size)
             return fault("a free block has two sizes", offset);
         offset += size;

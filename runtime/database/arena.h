@@ -1,19 +1,19 @@
-// Arena memory: one range of addresses with an allocator of its own inside. The same code serves private memory and
-// mapped files; what differs is the backing that gives it room. Sections, files and locks are not known here, only
-// the undo log and the debug arena that listen to notices.
+// Arena memory: one range of addresses with an allocator of its own inside. The same code serves private memory
+// and mapped files; what differs is the backing that gives it room. Sections, files and locks are not known here,
+// only the undo log and the debug arena that listen to notices.
 //
 //   base                                                                     top          extent        reserve
 //   | arena_header | block | block | ...                                      |  untouched  |  not there yet |
 //
-//   block: | head: size and flags | payload ...                      |    in use
-//          | head | next | previous | ...               | size again |    free, in a bin, merged with its neighbours
-//          | head | next | ...                                       |    cached: free, small, not merged
+//   block: | head: size and flags | payload ...         |    in use
+//          | head | next | previous | ...  | size again |    free, in a bin, merged with its neighbours
+//          | head | next | ...                          |    cached: free, small, not merged
 //
-// A block starts 8 bytes before a multiple of 16, so payloads are 16-byte aligned. Freeing a small block puts it on
-// a list of blocks of exactly its size; those lists are merged into the bins only before the arena would grow.
+// A block starts 8 bytes before a multiple of 16, so payloads are 16-byte aligned. Freeing a small block puts it
+// on a list of blocks of exactly its size; those lists are merged into the bins only before the arena would grow.
 //
-// Every store of the allocator is announced. Blocks that are freed while a section is open keep their contents until
-// it commits, unless they were made in the same section: only so can an abort bring them back.
+// Every store of the allocator is announced. Blocks that are freed while a section is open keep their contents
+// until it commits, unless they were made in the same section: only so can an abort bring them back.
 #pragma once
 
 #include "runtime/database/sanitizer.h"
@@ -33,7 +33,7 @@ class undo_log;
 
 /// Gives an arena its room.
 class backing {
-public:
+  public:
     virtual ~backing() = default;
     /// Makes the bytes up to `extent` usable; false when there is no room.
     virtual bool extend(std::byte* base, u64 old_extent, u64 extent) = 0;
@@ -90,7 +90,7 @@ static_assert(sizeof(arena_header) <= 4096 - 8 && std::is_trivially_copyable_v<a
 u64 check_of(const arena_header& header);
 
 class arena {
-public:
+  public:
     /// Takes over memory at `base` whose header is filled in already.
     void attach(std::byte* base, backing* room, bool private_memory);
     /// Writes a header for an arena without blocks.
@@ -102,7 +102,9 @@ public:
     bool contains(const void* address) const {
         return static_cast<u64>(static_cast<const std::byte*>(address) - base_) < reserve_;
     }
-    u64 offset_of(const void* address) const { return static_cast<u64>(static_cast<const std::byte*>(address) - base_); }
+    u64 offset_of(const void* address) const {
+        return static_cast<u64>(static_cast<const std::byte*>(address) - base_);
+    }
 
     /// `size` bytes, 16-byte aligned, contents undefined; null when there is no room.
     void* allocate(u64 size);
@@ -153,7 +155,7 @@ public:
     /// Lets the sanitizer forget what it was told, before the memory goes.
     void detach();
 
-private:
+  private:
     bool note(const void* address, u64 size);
     void note_or_end(const void* address, u64 size);
     [[gnu::always_inline]] block* pop_cached(u64 total);
@@ -195,8 +197,8 @@ private:
     u32 next_tag_ = 0;
     u64 section_top_ = 0;
     std::vector<block*> deferred_;
-    std::vector<known_range> known_;  ///< ranges that the open section has logged; may forget
-    std::vector<young_block> young_;  ///< blocks that the open section has made; may forget
+    std::vector<known_range> known_; ///< ranges that the open section has logged; may forget
+    std::vector<young_block> young_; ///< blocks that the open section has made; may forget
 };
 
 } // namespace loom

@@ -1,5 +1,5 @@
-// A hash table that lies in an arena: intrusive nodes in chains, found by a hash that the node can tell. All stores
-// are announced to the arena; nodes are made and ended by the caller.
+// A hash table that lies in an arena: intrusive nodes in chains, found by a hash that the node can tell. All
+// stores are announced to the arena; nodes are made and ended by the caller.
 #pragma once
 
 #include "runtime/database/arena.h"
@@ -17,7 +17,8 @@ struct chain_table {
     Node* find(u64 hash, Matches matches) const {
         if (!slot_count) return nullptr;
         Node* node = slots[place(hash)];
-        while (node && !matches(*node)) node = node->*Next;
+        while (node && !matches(*node))
+            node = node->*Next;
         return node;
     }
 
@@ -35,7 +36,8 @@ struct chain_table {
     bool remove(arena& memory, Node* node) {
         if (!slot_count) return false;
         Node** link = &slots[place(Hash(*node))];
-        while (*link && *link != node) link = &((*link)->*Next);
+        while (*link && *link != node)
+            link = &((*link)->*Next);
         if (!*link) return false;
         memory.assign(*link, node->*Next);
         memory.assign(size, size - 1);
@@ -53,14 +55,15 @@ struct chain_table {
             }
     }
 
-private:
+  private:
     u64 place(u64 hash) const { return (hash * 0x9E3779B97F4A7C15u >> 20) & (slot_count - 1); }
 
     bool grow(arena& memory) {
         const u64 wider = slot_count ? slot_count * 2 : 16;
         auto** fresh = static_cast<Node**>(memory.allocate(wider * sizeof(Node*)));
         if (!fresh) return slot_count != 0;
-        for (u64 i = 0; i < wider; ++i) fresh[i] = nullptr;
+        for (u64 i = 0; i < wider; ++i)
+            fresh[i] = nullptr;
         Node** old = slots;
         const u64 old_count = slot_count;
         memory.assign(slot_count, wider);

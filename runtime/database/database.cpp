@@ -41,7 +41,8 @@ bool set_lock(int file, short type, off_t byte, bool wait) {
     lock.l_start = byte;
     lock.l_len = 1;
     int result;
-    do result = fcntl(file, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
+    do
+        result = fcntl(file, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
     while (result < 0 && errno == EINTR);
     return result == 0;
 }
@@ -78,7 +79,8 @@ std::string taken_by(u64 address, u64 size) {
     while (std::fgets(line, sizeof line, maps)) {
         u64 first = 0, end = 0;
         char name[256] = "";
-        if (std::sscanf(line, "%" SCNx64 "-%" SCNx64 " %*s %*s %*s %*s %255[^\n]", &first, &end, name) < 2) continue;
+        if (std::sscanf(line, "%" SCNx64 "-%" SCNx64 " %*s %*s %*s %*s %255[^\n]", &first, &end, name) < 2)
+            continue;
         if (first >= address + size || end <= address) continue;
         char range[64];
         std::snprintf(range, sizeof range, " at %" PRIx64 "-%" PRIx64, first, end);
@@ -97,8 +99,8 @@ bool address_is_free(u64 address, u64 size) {
     return reinterpret_cast<u64>(memory) == address;
 }
 
-// Bundles keep addresses of named roots in process-wide variables and trust them while they lie in the arena at hand.
-// So a new arena must not lie exactly where a closed one has been: it begins at a random page.
+// Bundles keep addresses of named roots in process-wide variables and trust them while they lie in the arena at
+// hand. So a new arena must not lie exactly where a closed one has been: it begins at a random page.
 constexpr u64 random_span = u64{1} << 30;
 u64 random_shift(u64 number) { return number % (random_span / 4096) * 4096; }
 
@@ -132,32 +134,36 @@ std::string name_from_path(const std::string& path) {
     return file.substr(0, file.find_last_of('.') == 0 ? std::string::npos : file.find_last_of('.'));
 }
 
-/// Makes the file of an empty database beside its final name and moves it there when it is whole. False when another
-/// process was faster, which is no failure, or with a text.
+/// Makes the file of an empty database beside its final name and moves it there when it is whole. False when
+/// another process was faster, which is no failure, or with a text.
 u32 create_file(const std::string& path, const loom_open_options& options) {
     u8 identity[16];
     fill_identity(identity);
     const u64 reserve = rounded_reserve(options.reserve, default_file_reserve);
     const u64 address = options.address ? options.address : choose_address(identity, reserve);
     if (!address || address % 4096)
-        return fail(EADDRNOTAVAIL, "database %s: there is no free address for %" PRIu64
-                                   " bytes; name an address, or reserve less",
+        return fail(EADDRNOTAVAIL,
+                    "database %s: there is no free address for %" PRIu64
+                    " bytes; name an address, or reserve less",
                     path.c_str(), reserve);
     const std::string fresh = path + ".new." + std::to_string(getpid());
     const int file = open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (file < 0)
-        return fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(), words_of(errno).c_str());
+        return fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(),
+                    words_of(errno).c_str());
     arena_header header;
     arena::format(header, address, reserve, first_extent_of_a_file, identity,
                   options.name ? options.name : name_from_path(path));
     u32 result = 0;
-    if (posix_fallocate(file, 0, first_extent_of_a_file) != 0 || pwrite(file, &header, sizeof header, 0) != sizeof header)
+    if (posix_fallocate(file, 0, first_extent_of_a_file) != 0 ||
+        pwrite(file, &header, sizeof header, 0) != sizeof header)
         result = fail(ENOSPC, "database %s: no room on the disk", path.c_str());
     else if (unlink((path + ".undo").c_str()) != 0 && errno != ENOENT)
-        result = fail(static_cast<u32>(errno), "database %s: a left-over undo log cannot be removed: %s", path.c_str(),
-                      words_of(errno).c_str());
+        result = fail(static_cast<u32>(errno), "database %s: a left-over undo log cannot be removed: %s",
+                      path.c_str(), words_of(errno).c_str());
     else if (link(fresh.c_str(), path.c_str()) != 0 && errno != EEXIST)
-        result = fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(), words_of(errno).c_str());
+        result = fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(),
+                      words_of(errno).c_str());
     close(file);
     unlink(fresh.c_str());
     return result;
@@ -174,20 +180,25 @@ u32 read_header(int file, const std::string& path, arena_header& header) {
         return fail(EINVAL, "database %s: is no database; remove the file, or name another one", path.c_str());
     const auto size = static_cast<u64>(status.st_size);
     if (read < static_cast<ssize_t>(offsetof(arena_header, base)))
-        return fail(EINVAL, "database %s: is cut short: %" PRIu64 " bytes; restore it from a copy", path.c_str(), size);
+        return fail(EINVAL, "database %s: is cut short: %" PRIu64 " bytes; restore it from a copy", path.c_str(),
+                    size);
     if (header.version != arena_version)
-        return fail(EINVAL,
-                    "database %s: has format version %u, this runtime reads version %u; use the runtime that wrote it "
-                    "to export its contents",
-                    path.c_str(), header.version, arena_version);
+        return fail(
+            EINVAL,
+            "database %s: has format version %u, this runtime reads version %u; use the runtime that wrote it "
+            "to export its contents",
+            path.c_str(), header.version, arena_version);
     if (header.header_size != sizeof(arena_header))
-        return fail(EINVAL, "database %s: its header has %u bytes, this runtime's has %zu: it comes from another kind of "
-                            "machine; use the runtime that wrote it to export its contents",
+        return fail(EINVAL,
+                    "database %s: its header has %u bytes, this runtime's has %zu: it comes from another kind of "
+                    "machine; use the runtime that wrote it to export its contents",
                     path.c_str(), header.header_size, sizeof(arena_header));
     if (read < static_cast<ssize_t>(sizeof header) || size < header.extent)
-        return fail(EINVAL, "database %s: is cut short: it should have %" PRIu64 " bytes and has %" PRIu64
-                            "; restore it from a copy",
-                    path.c_str(), read < static_cast<ssize_t>(sizeof header) ? sizeof header : header.extent, size);
+        return fail(EINVAL,
+                    "database %s: is cut short: it should have %" PRIu64 " bytes and has %" PRIu64
+                    "; restore it from a copy",
+                    path.c_str(), read < static_cast<ssize_t>(sizeof header) ? sizeof header : header.extent,
+                    size);
     const u64 root = reinterpret_cast<u64>(header.database_root);
     if (header.fixed_check != check_of(header) || header.base % 4096 || header.reserve % 4096 ||
         header.reserve > largest_reserve || header.extent > header.reserve || header.top > header.extent ||
@@ -263,9 +274,11 @@ std::shared_ptr<database> database::open_file(const loom_open_options& options) 
     }
     if (file < 0) {
         if (errno == ENOENT)
-            fail(ENOENT, "database %s: there is no such file; name another one, or ask for it to be made", path.c_str());
+            fail(ENOENT, "database %s: there is no such file; name another one, or ask for it to be made",
+                 path.c_str());
         else
-            fail(static_cast<u32>(errno), "database %s: cannot be opened: %s", path.c_str(), words_of(errno).c_str());
+            fail(static_cast<u32>(errno), "database %s: cannot be opened: %s", path.c_str(),
+                 words_of(errno).c_str());
         return nullptr;
     }
     struct stat status {};
@@ -286,8 +299,8 @@ std::shared_ptr<database> database::open_file(const loom_open_options& options) 
     made->path = path;
     made->mapped = true;
     made->exclusive = options.flags & LOOM_OPEN_EXCLUSIVE;
-    // The whole reservation is mapped at once: pages behind the file's end become usable as the file grows, in every
-    // process that has it mapped.
+    // The whole reservation is mapped at once: pages behind the file's end become usable as the file grows, in
+    // every process that has it mapped.
     void* memory = mmap(reinterpret_cast<void*>(header.base), header.reserve, PROT_READ | PROT_WRITE,
                         MAP_SHARED | MAP_FIXED_NOREPLACE, file, 0);
     const int error = errno;
@@ -298,7 +311,8 @@ std::shared_ptr<database> database::open_file(const loom_open_options& options) 
     if (memory == MAP_FAILED) {
         if (error == EEXIST)
             fail(EADDRINUSE,
-                 "database %s: must lie at address %" PRIx64 ", but that is taken by %s; close what lies there, or open "
+                 "database %s: must lie at address %" PRIx64
+                 ", but that is taken by %s; close what lies there, or open "
                  "the database in a process of its own",
                  path.c_str(), header.base, taken_by(header.base, header.reserve).c_str());
         else
@@ -335,7 +349,8 @@ database::~database() {
 
 bool database::extend(std::byte* base, u64 old_extent, u64 extent) {
     if (mapped)
-        return posix_fallocate(file_, static_cast<off_t>(old_extent), static_cast<off_t>(extent - old_extent)) == 0;
+        return posix_fallocate(file_, static_cast<off_t>(old_extent), static_cast<off_t>(extent - old_extent)) ==
+               0;
     return mprotect(base, extent, PROT_READ | PROT_WRITE) == 0;
 }
 
@@ -380,7 +395,8 @@ void database::abort_section() {
     if (!log_->roll_back(memory.base(), memory.header().extent)) fatal("%s", error_text().c_str());
     memory.close_section();
     memory.refresh_poison();
-    for (const void* root : roots_of_section_) revoke_root(root);
+    for (const void* root : roots_of_section_)
+        revoke_root(root);
     roots_of_section_.clear();
     ++rollbacks;
     if (debug) debug->restart();

@@ -1,5 +1,5 @@
-// An open database: its memory, undo log and root, shared by all handles that this process has on it. Locks belong to
-// handles (section_lock); the C operations on top stand in the files beside this one.
+// An open database: its memory, undo log and root, shared by all handles that this process has on it. Locks belong
+// to handles (section_lock); the C operations on top stand in the files beside this one.
 #pragma once
 
 #include "runtime/database/arena.h"
@@ -18,7 +18,7 @@ namespace loom {
 /// The lock of one handle on a database file. The system's own locks of an open file description are used: they
 /// exclude threads and processes alike and end with their owner.
 class section_lock {
-public:
+  public:
     section_lock() = default;
     section_lock(const section_lock&) = delete;
     section_lock& operator=(const section_lock&) = delete;
@@ -32,14 +32,14 @@ public:
     void give_up();
     int descriptor() const { return file_; }
 
-private:
+  private:
     enum mode { F_READ, F_WRITE };
     bool take(mode wanted);
     int file_ = -1;
 };
 
 class database : public backing {
-public:
+  public:
     /// Null with a text on failure.
     static std::shared_ptr<database> make_private(u64 reserve, const std::string& name);
     static std::shared_ptr<database> open_file(const loom_open_options& options);
@@ -76,7 +76,7 @@ public:
     /// The thread whose handle has the write lock, to tell a wait for oneself.
     std::atomic<std::thread::id> writer{};
 
-private:
+  private:
     bool make_log();
 
     std::unique_ptr<undo_log> log_;

@@ -97,10 +97,12 @@ void debug_arena::compare(u64 offset, u64 size, bool at_notice) {
     const auto differs = [&](u64 i) { return states_[i] == watched && raw_load(memory + i) != shadow_[i]; };
     for (u64 at = offset; at < end;) {
         at += raw_mismatch(memory + at, shadow_ + at, end - at);
-        while (at < end && !differs(at) && raw_load(memory + at) != shadow_[at]) ++at;
+        while (at < end && !differs(at) && raw_load(memory + at) != shadow_[at])
+            ++at;
         if (at >= end || !differs(at)) continue;
         u64 stop = at + 1;
-        while (stop < end && differs(stop)) ++stop;
+        while (stop < end && differs(stop))
+            ++stop;
         report_run(at, stop - at, at_notice);
         copy(at, stop - at);
         at = stop;

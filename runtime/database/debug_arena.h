@@ -1,5 +1,5 @@
-// The debug arena: a shadow copy of an arena that tells which bytes changed without a notice. How it is used, and the
-// rules of what may change, stand in loom_runtime/arena.h.
+// The debug arena: a shadow copy of an arena that tells which bytes changed without a notice. How it is used, and
+// the rules of what may change, stand in loom_runtime/arena.h.
 #pragma once
 
 #include <loom_runtime/arena.h>
@@ -16,9 +16,10 @@ using namespace trellis;
 class arena;
 
 class debug_arena {
-public:
+  public:
     /// Null with a text when there is no memory for the shadow.
-    static std::unique_ptr<debug_arena> start(arena& watched, u64 reserve, loom_unannounced_fn report, void* context);
+    static std::unique_ptr<debug_arena> start(arena& watched, u64 reserve, loom_unannounced_fn report,
+                                              void* context);
     ~debug_arena();
     debug_arena(const debug_arena&) = delete;
     debug_arena& operator=(const debug_arena&) = delete;
@@ -36,7 +37,7 @@ public:
     void exempt(u64 offset, u64 size, bool on);
     u32 tag_of(u64 offset) const;
 
-private:
+  private:
     enum state : u8 { watched = 0, excused = 1, exempted = 2 };
     struct range {
         u64 offset;

@@ -1,5 +1,5 @@
-// Failures in words: every entry point of the runtime that fails leaves a text for its thread. Faults that no caller
-// can answer end the process here.
+// Failures in words: every entry point of the runtime that fails leaves a text for its thread. Faults that no
+// caller can answer end the process here.
 #pragma once
 
 #include <string>

@@ -40,11 +40,14 @@ bool passed_by_cursors(loom_table* table, loom_table_record* record) {
 void collect_records(loom_handle* handle, loom_table* table, loom_gc_result& result) {
     if (!table->pending_destroy_count) return;
     std::vector<loom_table_record*> ready;
-    for (e_avl_node* node = e_avl_get_first(table->avl_root); node; node = e_avl_get_next(table->avl_root, node, nullptr)) {
+    for (e_avl_node* node = e_avl_get_first(table->avl_root); node;
+         node = e_avl_get_next(table->avl_root, node, nullptr)) {
         loom_table_record* record = record_of(node);
         if (!(record->record_flags & REC_PENDING_DESTROY)) continue;
-        if (passed_by_cursors(table, record)) ready.push_back(record);
-        else ++result.records_waiting;
+        if (passed_by_cursors(table, record))
+            ready.push_back(record);
+        else
+            ++result.records_waiting;
     }
     const loom_table_vft* vft = ready.empty() ? nullptr : vft_of(handle, table);
     const u32 domain = static_cast<u32>(words_of(table).domain);
@@ -59,7 +62,8 @@ void collect_records(loom_handle* handle, loom_table* table, loom_gc_result& res
 void collect_tables(open_handle& own, loom_gc_result& result) {
     loom_handle* handle = &own.view;
     std::vector<loom_table*> waiting;
-    for (loom_table* table = own.db->root()->gc_first; table; table = words_of(table).gc_next) waiting.push_back(table);
+    for (loom_table* table = own.db->root()->gc_first; table; table = words_of(table).gc_next)
+        waiting.push_back(table);
     for (loom_table* table : waiting) {
         const loom_table_vft* vft = vft_of(handle, table);
         const bool refused = !vft || table->avl_root ||
@@ -127,7 +131,8 @@ LOOM_EXPORT void loomgc_database_gc_list_remove(loom_handle* handle, uint32_t, l
     open_handle* own = opened(handle);
     const write_scope scope(*own);
     loom_table** link = &own->db->root()->gc_first;
-    while (*link && *link != table) link = &words_of(*link).gc_next;
+    while (*link && *link != table)
+        link = &words_of(*link).gc_next;
     if (!*link || !scope) {
         *err = *link ? LOOM_EPERM : LOOM_ENOENT;
         loom_store_err(handle, *err);

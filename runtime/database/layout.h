@@ -1,5 +1,5 @@
-// What the runtime keeps inside a database besides the objects of bundles. All of it is reached from one block, the
-// database root, and all of it is a storage format: a change needs a new arena_version.
+// What the runtime keeps inside a database besides the objects of bundles. All of it is reached from one block,
+// the database root, and all of it is a storage format: a change needs a new arena_version.
 #pragma once
 
 #include "runtime/database/chain_table.h"
@@ -26,7 +26,10 @@ struct type_node {
 
     static u64 hash(const type_node& node) { return hash_of_text(node.luid_text); }
     /// The text is the hexadecimal form of a digest: its first characters are as good as any hash.
-    static u64 hash_of_text(const char* text) { return hash_of_bytes(reinterpret_cast<const u8*>(text)) * 31 + hash_of_bytes(reinterpret_cast<const u8*>(text) + 8); }
+    static u64 hash_of_text(const char* text) {
+        return hash_of_bytes(reinterpret_cast<const u8*>(text)) * 31 +
+               hash_of_bytes(reinterpret_cast<const u8*>(text) + 8);
+    }
 };
 using type_table = chain_table<type_node, &type_node::next, &type_node::hash>;
 
@@ -58,7 +61,9 @@ struct loom_oid_mapping {
     loom::u8 reserved[6];
 
     static loom::u64 hash_by_reference(const loom_oid_mapping& mapping) { return mapping.reference; }
-    static loom::u64 hash_by_object(const loom_oid_mapping& mapping) { return loom::hash_of_address(mapping.object); }
+    static loom::u64 hash_by_object(const loom_oid_mapping& mapping) {
+        return loom::hash_of_address(mapping.object);
+    }
 };
 
 namespace loom {

@@ -27,7 +27,8 @@ Stored* new_zeroed(arena& memory, std::size_t size = sizeof(Stored)) {
 table_cursors* open_cursors(open_handle& handle, loom_table* table) {
     table_words& words = words_of(table);
     if (!words.cursors)
-        if (auto* made = new_zeroed<table_cursors>(handle.db->memory)) handle.db->memory.assign(words.cursors, made);
+        if (auto* made = new_zeroed<table_cursors>(handle.db->memory))
+            handle.db->memory.assign(words.cursors, made);
     return words.cursors;
 }
 
@@ -61,7 +62,8 @@ loom_table_record* record_of(e_avl_node* node) {
 
 u64 hash_of_text(const char* text, std::size_t length) {
     u64 hash = 14695981039346656037u;
-    for (std::size_t i = 0; i < length; ++i) hash = (hash ^ static_cast<u8>(text[i])) * 1099511628211u;
+    for (std::size_t i = 0; i < length; ++i)
+        hash = (hash ^ static_cast<u8>(text[i])) * 1099511628211u;
     return hash;
 }
 
@@ -112,7 +114,8 @@ using namespace loom;
 LOOM_EXPORT uint32_t loomdb_table_are_cursors_enabled(loom_handle*, uint32_t, loom_table* table, uint32_t*) {
     return table && words_of(table).cursors && words_of(table).cursors->enabled;
 }
-LOOM_EXPORT uint32_t loomdb_table_implicit_write_cursor_enabled(loom_handle*, uint32_t, loom_table* table, uint32_t*) {
+LOOM_EXPORT uint32_t loomdb_table_implicit_write_cursor_enabled(loom_handle*, uint32_t, loom_table* table,
+                                                                uint32_t*) {
     return table && words_of(table).cursors && words_of(table).cursors->implicit_write;
 }
 
@@ -157,14 +160,16 @@ LOOM_EXPORT uint32_t loom_table_advance_read_cursor(loom_handle* handle, loom_ta
     return 0;
 }
 
-LOOM_EXPORT uint32_t loom_table_each_enqueued(loom_handle*, loom_table* table, uint64_t place, loom_record_fn visit,
-                                              void* context) {
+LOOM_EXPORT uint32_t loom_table_each_enqueued(loom_handle*, loom_table* table, uint64_t place,
+                                              loom_record_fn visit, void* context) {
     std::vector<loom_table_record*> found;
-    for (e_avl_node* node = e_avl_get_first(table->avl_root); node; node = e_avl_get_next(table->avl_root, node, nullptr))
+    for (e_avl_node* node = e_avl_get_first(table->avl_root); node;
+         node = e_avl_get_next(table->avl_root, node, nullptr))
         if (words_of(record_of(node)).enqueued > place) found.push_back(record_of(node));
     std::sort(found.begin(), found.end(),
               [](auto* a, auto* b) { return words_of(a).enqueued < words_of(b).enqueued; });
-    for (loom_table_record* record : found) visit(table, record, words_of(record).enqueued, context);
+    for (loom_table_record* record : found)
+        visit(table, record, words_of(record).enqueued, context);
     return 0;
 }
 
@@ -173,7 +178,9 @@ LOOM_EXPORT void loomrepl_add_to_cache(loom_handle* handle, uint32_t, loom_table
     replication_cache& cache = opened(handle)->replication;
     cache.latest[cache.count++ % cache.latest.size()] = {table, record};
 }
-LOOM_EXPORT uint64_t loom_replication_cache_count(loom_handle* handle) { return opened(handle)->replication.count; }
+LOOM_EXPORT uint64_t loom_replication_cache_count(loom_handle* handle) {
+    return opened(handle)->replication.count;
+}
 LOOM_EXPORT void loom_replication_cache_each(loom_handle* handle, loom_record_fn visit, void* context) {
     const replication_cache& cache = opened(handle)->replication;
     const u64 kept = std::min<u64>(cache.count, cache.latest.size());
@@ -213,8 +220,9 @@ LOOM_EXPORT void loomdb_update_tenant_counter(loom_handle* handle, uint32_t, loo
     open_handle* own = opened(handle);
     const write_scope scope(*own);
     if (!scope) return set_error(handle, err, LOOM_EPERM);
-    tenant_node* node = up ? open_count(*own, table, tenant, src)
-                           : words_of(table).tenants ? find_count(*words_of(table).tenants, tenant, src) : nullptr;
+    tenant_node* node = up                        ? open_count(*own, table, tenant, src)
+                        : words_of(table).tenants ? find_count(*words_of(table).tenants, tenant, src)
+                                                  : nullptr;
     if (!node || (!up && node->count == 0)) return set_error(handle, err, up ? LOOM_ENOMEM : LOOM_ENOENT);
     own->db->memory.assign(node->count, up ? node->count + 1 : node->count - 1);
 }

@@ -67,7 +67,8 @@ LOOM_RAW_ACCESS void raw_copy(void* destination, const void* source, std::size_t
     // A library call would be checked; the volatile keeps the compiler from making one.
     auto* to = static_cast<volatile unsigned char*>(destination);
     auto* from = static_cast<const volatile unsigned char*>(source);
-    for (std::size_t i = 0; i < size; ++i) to[i] = from[i];
+    for (std::size_t i = 0; i < size; ++i)
+        to[i] = from[i];
 #else
     std::memcpy(destination, source, size);
 #endif
@@ -75,12 +76,14 @@ LOOM_RAW_ACCESS void raw_copy(void* destination, const void* source, std::size_t
 /// Position of the first byte in [0, size) at which the two differ, or `size`.
 LOOM_RAW_ACCESS std::size_t raw_mismatch(const std::uint8_t* a, const std::uint8_t* b, std::size_t size) {
     std::size_t at = 0;
-    while (at + 8 <= size && reinterpret_cast<std::uintptr_t>(a + at) % 8 != 0 && a[at] == b[at]) ++at;
+    while (at + 8 <= size && reinterpret_cast<std::uintptr_t>(a + at) % 8 != 0 && a[at] == b[at])
+        ++at;
     if (reinterpret_cast<std::uintptr_t>(a + at) % 8 == 0 && reinterpret_cast<std::uintptr_t>(b + at) % 8 == 0)
         while (at + 8 <= size &&
                *reinterpret_cast<const std::uint64_t*>(a + at) == *reinterpret_cast<const std::uint64_t*>(b + at))
             at += 8;
-    while (at < size && a[at] == b[at]) ++at;
+    while (at < size && a[at] == b[at])
+        ++at;
     return at;
 }
 

@@ -1,8 +1,8 @@
 // The list of all tables, and the tables of contents: one per domain, from paths and ids to tables.
 //
-// A TOC remembers the tables that it let go (table_out_of_toc): a second delete of such a table is forgiven, so that
-// a free that was refused halfway can be repeated. In a TOC marked shared, a table that is taken out by anybody but
-// the garbage collector waits for the collector.
+// A TOC remembers the tables that it let go (table_out_of_toc): a second delete of such a table is forgiven, so
+// that a free that was refused halfway can be repeated. In a TOC marked shared, a table that is taken out by
+// anybody but the garbage collector waits for the collector.
 #include "runtime/database/gc.h"
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
@@ -20,7 +20,8 @@ void set_error(loom_handle* handle, u32* err, u32 number) {
 
 u64 hash_of_path(const char* path, std::size_t length) {
     u64 hash = 14695981039346656037u;
-    for (std::size_t i = 0; i < length; ++i) hash = (hash ^ static_cast<u8>(path[i])) * 1099511628211u;
+    for (std::size_t i = 0; i < length; ++i)
+        hash = (hash ^ static_cast<u8>(path[i])) * 1099511628211u;
     return hash;
 }
 u64 hash_of_id(u64 id, const u8* luid) { return (id + 1) * 0x9E3779B97F4A7C15u ^ hash_of_bytes(luid); }
@@ -32,7 +33,8 @@ u64 hash_of_table(const loom_table& table) {
 
 toc* find_toc(const database_root& root, u32 domain) {
     toc* each = root.tocs;
-    while (each && each->domain != domain) each = each->next;
+    while (each && each->domain != domain)
+        each = each->next;
     return each;
 }
 
@@ -76,12 +78,14 @@ LOOM_EXPORT loom_table_list* loomlib_database_table_toc_get(loom_handle* handle,
     return *err ? nullptr : opened(handle)->db->root()->tables;
 }
 
-LOOM_EXPORT loom_table_list* loomlib_database_table_toc_create(loom_handle* handle, uint32_t domain, uint32_t* err) {
+LOOM_EXPORT loom_table_list* loomlib_database_table_toc_create(loom_handle* handle, uint32_t domain,
+                                                               uint32_t* err) {
     if (loom_table_list* list = loomlib_database_table_toc_get(handle, domain, err)) return list;
     if (*err) return nullptr;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    auto* list = scope ? static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list))) : nullptr;
+    auto* list =
+        scope ? static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list))) : nullptr;
     if (!list) {
         set_error(handle, err, scope ? LOOM_ENOMEM : LOOM_EPERM);
         return nullptr;
@@ -144,18 +148,18 @@ LOOM_EXPORT loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, 
     return entry->table;
 }
 
-LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t dynamic,
-                                            uint32_t* err) {
+LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain, loom_table* table,
+                                            uint32_t dynamic, uint32_t* err) {
     if (*err) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
     if (!scope) return set_error(handle, err, LOOM_EPERM);
     toc* contents = open_toc(*own, domain);
     if (!contents) return set_error(handle, err, LOOM_ENOMEM);
-    const toc_entry* same = table->open_mode == 0
-                                ? find_path(*contents, table->table_name,
-                                            static_cast<u32>(strnlen(table->table_name, longest_path)))
-                                : find_id(*contents, table->table_id, table->header.loom_tinfo->luid);
+    const toc_entry* same =
+        table->open_mode == 0
+            ? find_path(*contents, table->table_name, static_cast<u32>(strnlen(table->table_name, longest_path)))
+            : find_id(*contents, table->table_id, table->header.loom_tinfo->luid);
     if (same) return set_error(handle, err, LOOM_EEXIST);
     arena& memory = own->db->memory;
     auto* entry = static_cast<toc_entry*>(memory.allocate(sizeof(toc_entry)));
@@ -168,7 +172,8 @@ LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain
     memory.assign(words_of(table).marks, words_of(table).marks & ~table_out_of_toc);
 }
 
-LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* err) {
+LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain, loom_table* table,
+                                            uint32_t* err) {
     if (*err) return;
     open_handle* own = opened(handle);
     toc* contents = find_toc(*own->db->root(), domain);

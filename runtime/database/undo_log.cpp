@@ -30,8 +30,8 @@ struct entry_end {
 };
 u64 padded(u64 size) { return (size + 7) & ~u64{7}; }
 
-/// Gives a new file its header. Of several processes that come at the same time one does it: a header that is written
-/// once more would wipe out what is logged already.
+/// Gives a new file its header. Of several processes that come at the same time one does it: a header that is
+/// written once more would wipe out what is logged already.
 bool write_header(int file, const u8 identity[16]) {
     flock(file, LOCK_EX);
     struct stat status {};
@@ -55,7 +55,8 @@ undo_log::~undo_log() {
 }
 
 bool undo_log::open_private(u64 reserve) {
-    void* memory = mmap(nullptr, reserve, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* memory =
+        mmap(nullptr, reserve, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) return false;
     header_ = new (memory) undo_header{};
     entries_ = static_cast<std::byte*>(memory) + entries_offset;
@@ -78,23 +79,30 @@ bool undo_log::map_file(u64 size) {
 u32 undo_log::open_file(const std::string& path, const u8 identity[16]) {
     file_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file_ < 0)
-        return fail(static_cast<u32>(errno), "undo log %s: cannot be opened: %s", path.c_str(), words_of(errno).c_str());
+        return fail(static_cast<u32>(errno), "undo log %s: cannot be opened: %s", path.c_str(),
+                    words_of(errno).c_str());
     if (!write_header(file_, identity)) return fail(ENOSPC, "undo log %s: no room on the disk", path.c_str());
     struct stat status {};
     fstat(file_, &status);
     extent_ = static_cast<u64>(status.st_size);
     if (!map_file(extent_))
-        return fail(static_cast<u32>(errno), "undo log %s: cannot be mapped: %s", path.c_str(), words_of(errno).c_str());
+        return fail(static_cast<u32>(errno), "undo log %s: cannot be mapped: %s", path.c_str(),
+                    words_of(errno).c_str());
     if (std::memcmp(header_->magic, undo_magic, sizeof undo_magic) != 0 || header_->version != undo_version)
-        return fail(EINVAL, "undo log %s: is no undo log of this version; move it away if the database was closed in order",
-                    path.c_str());
+        return fail(
+            EINVAL,
+            "undo log %s: is no undo log of this version; move it away if the database was closed in order",
+            path.c_str());
     if (std::memcmp(header_->identity, identity, 16) != 0)
-        return fail(EINVAL, "undo log %s: belongs to another database; put the database's own undo log in its place",
+        return fail(EINVAL,
+                    "undo log %s: belongs to another database; put the database's own undo log in its place",
                     path.c_str());
     if (size() > extent_ - entries_offset)
-        return fail(EINVAL, "undo log %s: is cut short: it should hold %llu bytes of entries; restore the database and its "
-                            "log from a copy",
-                    path.c_str(), static_cast<unsigned long long>(size()));
+        return fail(
+            EINVAL,
+            "undo log %s: is cut short: it should hold %llu bytes of entries; restore the database and its "
+            "log from a copy",
+            path.c_str(), static_cast<unsigned long long>(size()));
     return 0;
 }
 
@@ -138,7 +146,8 @@ bool undo_log::each_entry(u64 extent, Visit visit) const {
         if (tail < sizeof last) return false;
         std::memcpy(&last, entries_ + tail - sizeof last, sizeof last);
         tail -= sizeof last;
-        if (last.size > tail || padded(last.size) > tail || last.offset > extent || last.size > extent - last.offset)
+        if (last.size > tail || padded(last.size) > tail || last.offset > extent ||
+            last.size > extent - last.offset)
             return false;
         tail -= padded(last.size);
         visit(last.offset, last.size, entries_ + tail);

@@ -3,9 +3,9 @@
 //
 //   | undo_header | old bytes, padded to 8 | offset | length | old bytes | offset | length | ...   tail
 //
-// The tail moves only when an entry is complete, and the announced store comes after that. Entries are put back from
-// the last to the first, so an address that was logged twice ends with its oldest bytes. An empty log means that
-// the database is as the last commit left it.
+// The tail moves only when an entry is complete, and the announced store comes after that. Entries are put back
+// from the last to the first, so an address that was logged twice ends with its oldest bytes. An empty log means
+// that the database is as the last commit left it.
 #pragma once
 
 #include "frame/basic_types.h"
@@ -25,7 +25,7 @@ struct undo_header {
 };
 
 class undo_log {
-public:
+  public:
     undo_log() = default;
     undo_log(const undo_log&) = delete;
     undo_log& operator=(const undo_log&) = delete;
@@ -38,18 +38,19 @@ public:
 
     /// A section begins: another process may have changed the file's size meanwhile.
     void refresh();
-    /// Keeps the bytes at `address`, which lie `offset` bytes behind the arena's start. False when there is no room.
+    /// Keeps the bytes at `address`, which lie `offset` bytes behind the arena's start. False when there is no
+    /// room.
     bool append(const void* address, u64 offset, u64 size);
     bool empty() const { return header_->tail.load(std::memory_order_acquire) == 0; }
-    /// Puts all kept bytes back and empties the log. False, with nothing changed, when an entry reaches beyond `extent`
-    /// bytes: the log is damaged.
+    /// Puts all kept bytes back and empties the log. False, with nothing changed, when an entry reaches beyond
+    /// `extent` bytes: the log is damaged.
     bool roll_back(std::byte* base, u64 extent);
     /// The section is committed: the kept bytes are not needed any more.
     void clear();
     u64 size() const { return header_->tail.load(std::memory_order_relaxed); }
     int descriptor() const { return file_; }
 
-private:
+  private:
     bool reserve_room(u64 end);
     /// Maps the file anew, with addresses for `size` bytes and more; false when there are none.
     bool map_file(u64 size);

@@ -26,8 +26,8 @@ LOOM_EXPORT void loomdb_record_containment2(loom_handle* handle, uint32_t domain
                                             const void* parent, uint32_t) {
     report(handle, {LOOM_REPORT_CONTAINMENT, domain, 0, 0, value, parent});
 }
-LOOM_EXPORT void loomdb_record_containment(loom_handle* handle, uint32_t domain, uint32_t kind, const void* subject,
-                                           const void* parent, uint32_t) {
+LOOM_EXPORT void loomdb_record_containment(loom_handle* handle, uint32_t domain, uint32_t kind,
+                                           const void* subject, const void* parent, uint32_t) {
     report(handle, {LOOM_REPORT_CONTAINMENT, domain, kind, 0, subject, parent});
 }
 LOOM_EXPORT void loomdb_plat_set_dirty(loom_handle* handle, uint32_t domain, const void* object) {

@@ -28,8 +28,8 @@ open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 void announce_followed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
 }
-/// The same under the name that bundles know: stores need not be announced while a handle has it. Who has taken it for
-/// a hook of his own to call in turn may go on calling it.
+/// The same under the name that bundles know: stores need not be announced while a handle has it. Who has taken it
+/// for a hook of his own to call in turn may go on calling it.
 void announce_unfollowed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
 }
@@ -68,8 +68,9 @@ u32 prepare_mapped(open_handle& handle, bool exclusive) {
         return fail(error, "database %s: cannot be opened for locking: %s", db.path.c_str(),
                     words_of(static_cast<int>(error)).c_str());
     if (!handle.lock.declare_use(exclusive))
-        return fail(EBUSY, exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
-                                     : "database %s: is in use exclusively; close the other handle on it",
+        return fail(EBUSY,
+                    exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
+                              : "database %s: is in use exclusively; close the other handle on it",
                     db.path.c_str());
     if (handle.db->exclusive != exclusive)
         return fail(EBUSY, "database %s: is being opened in another way by this process", db.path.c_str());
@@ -97,7 +98,8 @@ u32 open_handle::begin_write() {
         if (db->writer.load() == std::this_thread::get_id())
             return fail(EDEADLK, "this thread has a write section on the database with another handle");
         if (!lock.take_write())
-            return fail(static_cast<u32>(errno), "write lock of %s: %s", db->path.c_str(), words_of(errno).c_str());
+            return fail(static_cast<u32>(errno), "write lock of %s: %s", db->path.c_str(),
+                        words_of(errno).c_str());
         lock_taken(db.get());
         db->writer = std::this_thread::get_id();
     }
@@ -113,8 +115,10 @@ u32 open_handle::begin_write() {
 
 u32 open_handle::end_write(bool commit) {
     if (section != section_kind::write) return fail(EINVAL, "this handle has no write section");
-    if (commit) db->commit_section();
-    else db->abort_section();
+    if (commit)
+        db->commit_section();
+    else
+        db->abort_section();
     section = section_kind::none;
     choose_write_hook();
     give_up_write();
@@ -156,7 +160,8 @@ u32 open_handle::end_read() {
     }
     if (!frees_put_off.empty()) {
         const write_scope scope(*this);
-        for (void* block : frees_put_off) db->memory.release(block);
+        for (void* block : frees_put_off)
+            db->memory.release(block);
         frees_put_off.clear();
     }
     return 0;

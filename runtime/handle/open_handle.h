@@ -97,9 +97,7 @@ struct open_handle {
     /// builds meanwhile are not part of it. False when there is no room.
     bool announce(const void* address, u64 size) { return !is_followed() || db->memory.announce(address, size); }
     /// Somebody wants to know of stores: an undo log, the debug arena.
-    bool is_followed() const {
-        return (!db->mapped || section == section_kind::write) && db->memory.listened();
-    }
+    bool is_followed() const { return (!db->mapped || section == section_kind::write) && db->memory.listened(); }
     /// Lets the view say whether stores must be announced; a hook that is not ours stays.
     void choose_write_hook();
     void announce_or_end(const void* address, u64 size) {
@@ -118,17 +116,17 @@ struct open_handle {
 /// The runtime's part of a handle; null for a handle that another runtime has made.
 inline open_handle* opened(loom_handle* handle) { return static_cast<open_handle*>(handle->runtime); }
 
-/// The right to change the database for a few steps: nothing inside a write section or in a private database, a short
-/// section of its own otherwise. Inside a read section there is no such right.
+/// The right to change the database for a few steps: nothing inside a write section or in a private database, a
+/// short section of its own otherwise. Inside a read section there is no such right.
 class write_scope {
-public:
+  public:
     explicit write_scope(open_handle& handle);
     ~write_scope();
     write_scope(const write_scope&) = delete;
     write_scope& operator=(const write_scope&) = delete;
     explicit operator bool() const { return granted_; }
 
-private:
+  private:
     open_handle& handle_;
     bool opened_ = false;
     bool granted_ = true;

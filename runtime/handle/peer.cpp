@@ -41,7 +41,8 @@ i8 newest_of(const loom_type_info& info) {
 u64 half_of(const loom_type_info& info) { return hash_of_bytes(info.luid); }
 
 i8 cached_variant(open_handle& handle, const loom_peer& peer, const loom_type_info& info) {
-    variant_cache_entry& entry = handle.variants[(reinterpret_cast<std::uintptr_t>(&info) >> 4) % handle.variants.size()];
+    variant_cache_entry& entry =
+        handle.variants[(reinterpret_cast<std::uintptr_t>(&info) >> 4) % handle.variants.size()];
     if (entry.info != &info || entry.peer != &peer || entry.luid_half != half_of(info))
         entry = {&peer, &info, half_of(info), peer.variant_of(info)};
     return entry.variant;
@@ -76,7 +77,8 @@ i8 loom_peer::variant_of(const loom_type_info& info) const {
     const auto named = variants.find(luid);
     i8 variant = named != variants.end() ? named->second : same_build ? newest_of(info) : unknown_variant;
     if (!limits.empty())
-        if (const auto limit = limits.find(info.name); limit != limits.end()) variant = std::min(variant, limit->second);
+        if (const auto limit = limits.find(info.name); limit != limits.end())
+            variant = std::min(variant, limit->second);
     return variant;
 }
 
@@ -105,13 +107,17 @@ LOOM_EXPORT uint32_t loom_peer_add_manifest(loom_peer* peer, const char* text, s
         i8 variant = 0;
         if (*line != '#' && stop != line) {
             if (!read_line(line, static_cast<std::size_t>(stop - line), luid, variant))
-                return fail(EINVAL, "manifest of peer %s: line %u is not of the form luid:hash kind variant:size: \"%.*s\"",
-                            peer->name.c_str(), number, static_cast<int>(std::min<std::ptrdiff_t>(stop - line, 100)), line);
+                return fail(
+                    EINVAL,
+                    "manifest of peer %s: line %u is not of the form luid:hash kind variant:size: \"%.*s\"",
+                    peer->name.c_str(), number, static_cast<int>(std::min<std::ptrdiff_t>(stop - line, 100)),
+                    line);
             read[luid] = variant;
         }
         line = stop == end ? end : stop + 1;
     }
-    for (const auto& [luid, variant] : read) peer->variants[luid] = variant;
+    for (const auto& [luid, variant] : read)
+        peer->variants[luid] = variant;
     return 0;
 }
 

@@ -22,9 +22,9 @@ std::array<u8, 16> key_of(const u8* luid) {
 }
 
 bundled_message* find_message(message_bundle& bundle, const u8* luid) {
-    const auto found = std::find_if(bundle.messages.begin(), bundle.messages.end(), [&](const bundled_message& each) {
-        return std::memcmp(each.luid.data(), luid, 16) == 0;
-    });
+    const auto found =
+        std::find_if(bundle.messages.begin(), bundle.messages.end(),
+                     [&](const bundled_message& each) { return std::memcmp(each.luid.data(), luid, 16) == 0; });
     return found == bundle.messages.end() ? nullptr : &*found;
 }
 
@@ -122,7 +122,8 @@ LOOM_EXPORT void bundle_message_increment_count(loom_handle* handle, const uint8
 LOOM_EXPORT uint32_t loom_recorder_start(const char* path) {
     std::FILE* stream = std::fopen(path, "ae");
     if (!stream)
-        return fail(static_cast<u32>(errno), "recorder file %s: cannot be opened: %s", path, words_of(errno).c_str());
+        return fail(static_cast<u32>(errno), "recorder file %s: cannot be opened: %s", path,
+                    words_of(errno).c_str());
     return start_recording(stream, true);
 }
 LOOM_EXPORT uint32_t loom_recorder_start_stream(FILE* stream) { return start_recording(stream, false); }
@@ -132,8 +133,10 @@ LOOM_EXPORT void loom_recorder_stop(void) {
     recording = 0;
     std::FILE* stream = recorder_stream.exchange(nullptr);
     if (!stream) return;
-    if (recorder_owns_stream) std::fclose(stream);
-    else std::fflush(stream);
+    if (recorder_owns_stream)
+        std::fclose(stream);
+    else
+        std::fflush(stream);
 }
 
 LOOM_EXPORT uint32_t loomlib_msg_recorder_get_state(void) { return recording.load(std::memory_order_acquire); }

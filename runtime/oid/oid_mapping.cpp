@@ -2,10 +2,10 @@
 // was put off because of references.
 //
 // A mapping's id is its reference, most significant byte first, followed by the first half of the database's
-// identity; a reference is never 0, so neither is an id. The object word of an oid value is the object's address as
-// the database that made it saw it; it is never followed, only the id is looked up. Its top bit says that the value
-// holds a counted reference. The wire form does not carry that bit (oid_value.cpp), so copies made through it hold
-// nothing and release nothing.
+// identity; a reference is never 0, so neither is an id. The object word of an oid value is the object's address
+// as the database that made it saw it; it is never followed, only the id is looked up. Its top bit says that the
+// value holds a counted reference. The wire form does not carry that bit (oid_value.cpp), so copies made through
+// it hold nothing and release nothing.
 #include "runtime/oid/oid.h"
 
 #include "runtime/database/gc.h"
@@ -40,7 +40,8 @@ loom_oid_mapping* find_by_object(const database_root& root, const void* object) 
 }
 
 void write_id(const database& db, u64 reference, u8* id) {
-    for (int i = 0; i < 8; ++i) id[i] = static_cast<u8>(reference >> (56 - 8 * i));
+    for (int i = 0; i < 8; ++i)
+        id[i] = static_cast<u8>(reference >> (56 - 8 * i));
     std::memcpy(id + 8, db.memory.header().identity, 8);
 }
 
@@ -51,14 +52,16 @@ loom_oid_mapping* find_by_oid(loom_handle* handle, const loom_oid& oid) {
     if (std::memcmp(oid.source, header.identity, 16) != 0 || std::memcmp(oid.id + 8, header.identity, 8) != 0)
         return nullptr;
     u64 reference = 0;
-    for (int i = 0; i < 8; ++i) reference = reference << 8 | oid.id[i];
+    for (int i = 0; i < 8; ++i)
+        reference = reference << 8 | oid.id[i];
     return find_by_reference(*db.root(), reference);
 }
 
 u64 free_reference(arena& memory, database_root& root, u64 wanted) {
     if (wanted) return find_by_reference(root, wanted) ? 0 : wanted;
     u64 reference = root.next_reference;
-    while (reference == 0 || find_by_reference(root, reference)) ++reference;
+    while (reference == 0 || find_by_reference(root, reference))
+        ++reference;
     memory.assign(root.next_reference, reference + 1);
     return reference;
 }
@@ -125,10 +128,13 @@ bool destroy_put_off(loom_handle* handle, loom_oid_mapping* mapping) {
 using namespace loom;
 
 LOOM_EXPORT uint32_t loom_register_destroyer(const char* luid_text, loom_destroy_fn destroy) {
-    if (!luid_text || std::strlen(luid_text) != 32) return fail(EINVAL, "a destroyer needs a luid text of 32 characters");
+    if (!luid_text || std::strlen(luid_text) != 32)
+        return fail(EINVAL, "a destroyer needs a luid text of 32 characters");
     const std::lock_guard guard(destroyers_mutex);
-    if (destroy) destroyers()[luid_text] = destroy;
-    else destroyers().erase(luid_text);
+    if (destroy)
+        destroyers()[luid_text] = destroy;
+    else
+        destroyers().erase(luid_text);
     return 0;
 }
 
@@ -165,8 +171,8 @@ LOOM_EXPORT uint64_t loom_oid_mapping_create(loom_handle* handle, uint32_t domai
     return reference;
 }
 
-LOOM_EXPORT void loom_handle_to_oid(loom_oid* out, loom_handle* handle, uint32_t domain, void* target, uint32_t kind,
-                                    uint32_t counted, uint32_t* err) {
+LOOM_EXPORT void loom_handle_to_oid(loom_oid* out, loom_handle* handle, uint32_t domain, void* target,
+                                    uint32_t kind, uint32_t counted, uint32_t* err) {
     *out = {};
     if (*err) return;
     const database& db = *opened(handle)->db;
@@ -226,8 +232,8 @@ LOOM_EXPORT uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint3
     return 0;
 }
 
-LOOM_EXPORT void loomlib_update_oid_ref_count(loom_handle* handle, uint32_t, loom_oid_mapping* mapping, uint32_t up,
-                                              uint32_t* err) {
+LOOM_EXPORT void loomlib_update_oid_ref_count(loom_handle* handle, uint32_t, loom_oid_mapping* mapping,
+                                              uint32_t up, uint32_t* err) {
     if (*err) return;
     if (!mapping || (!up && mapping->count == 0)) {
         set_error(handle, err, LOOM_EINVAL);
@@ -248,8 +254,10 @@ LOOM_EXPORT void loomlib_lookup_and_update_oid_ref_count(loom_handle* handle, ui
                                                          uint32_t up, uint32_t* err) {
     if (*err || !reference) return;
     loom_oid_mapping* mapping = find_by_object(root_of(handle), reference);
-    if (mapping) loomlib_update_oid_ref_count(handle, domain, mapping, up, err);
-    else set_error(handle, err, LOOM_ENOENT);
+    if (mapping)
+        loomlib_update_oid_ref_count(handle, domain, mapping, up, err);
+    else
+        set_error(handle, err, LOOM_ENOENT);
 }
 
 LOOM_EXPORT void loomlib_oid_release_internal(loom_handle* handle, uint32_t domain, loom_oid* oid, uint32_t* err) {

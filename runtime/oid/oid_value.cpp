@@ -36,8 +36,8 @@ LOOM_EXPORT uint32_t loom_oid_id_is_zero(const uint8_t* id) {
     return std::all_of(id, id + 16, [](uint8_t byte) { return byte == 0; });
 }
 
-LOOM_EXPORT int32_t loomlib_oid_id_print(loom_handle* handle, uint32_t, const uint8_t* id, char* buffer, uint32_t size,
-                                         uint32_t* err) {
+LOOM_EXPORT int32_t loomlib_oid_id_print(loom_handle* handle, uint32_t, const uint8_t* id, char* buffer,
+                                         uint32_t size, uint32_t* err) {
     return print_hexadecimal(handle, id, buffer, size, err);
 }
 LOOM_EXPORT int32_t loomlib_oid_src_print(loom_handle* handle, uint32_t, const uint8_t* source, char* buffer,
@@ -55,7 +55,8 @@ LOOM_EXPORT uint32_t loomlib_oid_marshal(loom_handle* handle, uint32_t, void* bu
     const loom_oid empty{};
     const loom_oid& value = oid ? *oid : empty;
     const u64 object = value.object & ~oid_counted;
-    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<u8>(object >> (56 - 8 * i));
+    for (int i = 0; i < 8; ++i)
+        bytes[i] = static_cast<u8>(object >> (56 - 8 * i));
     std::memcpy(bytes + 8, value.id, 16);
     std::memcpy(bytes + 24, value.source, 16);
     return wire_size;
@@ -67,7 +68,8 @@ LOOM_EXPORT uint32_t loomlib_oid_unmarshal(loom_handle* handle, uint32_t domain,
     if (length < static_cast<int32_t>(wire_size)) return too_short(handle, err);
     const auto* bytes = static_cast<const u8*>(buffer);
     loom_oid value{};
-    for (int i = 0; i < 8; ++i) value.object = value.object << 8 | bytes[i];
+    for (int i = 0; i < 8; ++i)
+        value.object = value.object << 8 | bytes[i];
     value.object &= ~oid_counted;
     std::memcpy(value.id, bytes + 8, 16);
     std::memcpy(value.source, bytes + 24, 16);
@@ -84,8 +86,8 @@ LOOM_EXPORT int32_t loomlib_oid_compare(const loom_oid* a, const loom_oid* b) {
     return order < 0 ? -1 : order > 0;
 }
 
-LOOM_EXPORT int32_t loom_oid_print(loom_handle* handle, uint32_t domain, char* buffer, int32_t depth, const char* name,
-                                   const loom_oid* oid, int32_t length, uint32_t* err) {
+LOOM_EXPORT int32_t loom_oid_print(loom_handle* handle, uint32_t domain, char* buffer, int32_t depth,
+                                   const char* name, const loom_oid* oid, int32_t length, uint32_t* err) {
     if (*err) return 0;
     const int32_t indent = loom_print_space(handle, domain, buffer, depth, length, err);
     if (*err) return 0;

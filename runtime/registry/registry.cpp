@@ -168,8 +168,12 @@ LOOM_EXPORT void loom_bundle_unload(loom_bundle* bundle) {
 LOOM_EXPORT const char* loom_bundle_name(const loom_bundle* bundle) { return bundle->name.c_str(); }
 LOOM_EXPORT const char* loom_bundle_path(const loom_bundle* bundle) { return bundle->path.c_str(); }
 LOOM_EXPORT const loom_module_node* loom_bundle_module(const loom_bundle* bundle) { return bundle->module; }
-LOOM_EXPORT loom_table_get_vft_fn loom_bundle_table_get_vft(const loom_bundle* bundle) { return bundle->table_get_vft; }
-LOOM_EXPORT void* loom_bundle_symbol(const loom_bundle* bundle, const char* name) { return dlsym(bundle->object, name); }
+LOOM_EXPORT loom_table_get_vft_fn loom_bundle_table_get_vft(const loom_bundle* bundle) {
+    return bundle->table_get_vft;
+}
+LOOM_EXPORT void* loom_bundle_symbol(const loom_bundle* bundle, const char* name) {
+    return dlsym(bundle->object, name);
+}
 
 LOOM_EXPORT void* loom_bundle_register_handler(loom_bundle* bundle, void* handler) {
     const auto enter = symbol_of<void* (*)(void*)>(bundle, "_bundle_handler_register");
@@ -183,14 +187,15 @@ LOOM_EXPORT void* loom_bundle_unregister_handler(loom_bundle* bundle) {
 LOOM_EXPORT uint32_t loom_bundle_manifest(loom_bundle* bundle, loom_handle* handle) {
     if (handle->db_kind == LOOM_DB_PRIVATE) return 0;
     const auto initialize = symbol_of<loom_typeinfo_initialize_fn>(bundle, "_typeinfo_initialize");
-    if (!initialize) return fail(ENOENT, "bundle %s: %s_typeinfo_initialize is not exported", bundle->path.c_str(),
-                                 bundle->name.c_str());
+    if (!initialize)
+        return fail(ENOENT, "bundle %s: %s_typeinfo_initialize is not exported", bundle->path.c_str(),
+                    bundle->name.c_str());
     const write_scope scope(*opened(handle));
     if (!scope) return fail(LOOM_EPERM, "type information cannot be entered inside a read section");
     uint32_t err = 0;
     initialize(handle, handle->cr_domain, &err);
-    return err ? fail(err, "bundle %s: its type information does not fit into the database: %s", bundle->path.c_str(),
-                      words_of(static_cast<int>(err)).c_str())
+    return err ? fail(err, "bundle %s: its type information does not fit into the database: %s",
+                      bundle->path.c_str(), words_of(static_cast<int>(err)).c_str())
                : 0;
 }
 

@@ -31,7 +31,7 @@ inline u64 ticks() {
 
 /// Turns ticks into times; as exact as the two looks at both clocks.
 class tick_reader {
-public:
+  public:
     tick_reader() : now_{time_now(), ticks()} {
         const u64 elapsed = now_.ticks - start().ticks;
         if (elapsed) rate_ = static_cast<double>(now_.time - start().time) / static_cast<double>(elapsed);
@@ -50,7 +50,7 @@ public:
         return first;
     }
 
-private:
+  private:
     look now_;
     double rate_ = 1;
 };

@@ -39,7 +39,7 @@ struct unit_texts {
 
 /// A mapped file.
 class mapped_file {
-public:
+  public:
     explicit mapped_file(const char* path) {
         const int file = open(path, O_RDONLY | O_CLOEXEC);
         if (file < 0) return;
@@ -60,7 +60,7 @@ public:
     mapped_file& operator=(const mapped_file&) = delete;
     bytes contents() const { return memory_ ? bytes(memory_, size_) : bytes(); }
 
-private:
+  private:
     const std::byte* memory_ = nullptr;
     std::size_t size_ = 0;
 };
@@ -100,7 +100,8 @@ std::vector<elf_section> sections_of(bytes file) {
     for (u64 number = 0; header_of(number, header); ++number) {
         if (header.sh_name >= name_bytes.size()) continue;
         const char* name = reinterpret_cast<const char*>(name_bytes.data()) + header.sh_name;
-        sections.push_back({std::string(name, strnlen(name, name_bytes.size() - header.sh_name)), contents_of(header)});
+        sections.push_back(
+            {std::string(name, strnlen(name, name_bytes.size() - header.sh_name)), contents_of(header)});
     }
     return sections;
 }
@@ -128,16 +129,22 @@ void append_argument(std::string& out, const std::string& conversion, const loom
     const char letter = conversion.back();
     char text[64];
     if (letter == 's') {
-        if (argument.kind == 1) out += argument.text ? std::string(argument.text, argument.text_length) : "(null)";
-        else out += std::to_string(argument.number);
+        if (argument.kind == 1)
+            out += argument.text ? std::string(argument.text, argument.text_length) : "(null)";
+        else
+            out += std::to_string(argument.number);
     } else if (argument.kind == 1) {
         out += '"' + std::string(argument.text ? argument.text : "", argument.text_length) + '"';
     } else if (letter == 'd' || letter == 'i') {
-        std::snprintf(text, sizeof text, "%" PRId64, argument.kind == 4 ? i64{static_cast<i32>(argument.number)}
-                                                                        : static_cast<i64>(argument.number));
+        std::snprintf(text, sizeof text, "%" PRId64,
+                      argument.kind == 4 ? i64{static_cast<i32>(argument.number)}
+                                         : static_cast<i64>(argument.number));
         out += text;
     } else {
-        std::snprintf(text, sizeof text, letter == 'p' ? "0x%" PRIx64 : letter == 'x' ? "%" PRIx64 : "%" PRIu64,
+        std::snprintf(text, sizeof text,
+                      letter == 'p'   ? "0x%" PRIx64
+                      : letter == 'x' ? "%" PRIx64
+                                      : "%" PRIu64,
                       argument.number);
         out += text;
     }
@@ -153,9 +160,12 @@ std::string format_text(std::string_view format, const loom_trace_record& record
         }
         const std::size_t end = std::min(format.find_first_of("sdiupxc%", i + 1), format.size() - 1);
         const std::string conversion(format.substr(i, end - i + 1));
-        if (conversion == "%%") out += '%';
-        else if (next < record.argument_count) append_argument(out, conversion, record.arguments[next++]);
-        else out += conversion;
+        if (conversion == "%%")
+            out += '%';
+        else if (next < record.argument_count)
+            append_argument(out, conversion, record.arguments[next++]);
+        else
+            out += conversion;
         i = end;
     }
     return out;
@@ -170,7 +180,10 @@ std::string format_unknown(const loom_trace_record& record) {
     }
     for (u16 i = 0; i < record.argument_count; ++i) {
         out += i ? ", " : ": ";
-        append_argument(out, record.arguments[i].kind == 1 ? "%s" : record.arguments[i].kind == 5 ? "%p" : "%u",
+        append_argument(out,
+                        record.arguments[i].kind == 1   ? "%s"
+                        : record.arguments[i].kind == 5 ? "%p"
+                                                        : "%u",
                         record.arguments[i]);
     }
     return out;
@@ -198,16 +211,19 @@ LOOM_EXPORT void loom_trace_decoder_release(loom_trace_decoder* decoder) { delet
 LOOM_EXPORT uint32_t loom_trace_decoder_add(loom_trace_decoder* decoder, const char* path) {
     const mapped_file file(path);
     if (file.contents().empty())
-        return fail(errno ? static_cast<u32>(errno) : EINVAL, "%s: cannot be read: %s", path, words_of(errno).c_str());
+        return fail(errno ? static_cast<u32>(errno) : EINVAL, "%s: cannot be read: %s", path,
+                    words_of(errno).c_str());
     std::map<u16, elf_section> luids; // by section index
     bytes stream;
     for (elf_section& each : sections_of(file.contents())) {
         if (each.name == strings_name) stream = each.contents;
         if (!each.name.starts_with(luids_prefix)) continue;
         u16 version = 0, index = 0;
-        if (!read_at(each.contents, 0, version) || !read_at(each.contents, 2, index) || version != section_version ||
-            each.contents.size() < section_head || (each.contents.size() - section_head) % entry_size != 0)
-            return fail(EINVAL, "%s: section %s is not of version %u or not whole", path, each.name.c_str(), section_version);
+        if (!read_at(each.contents, 0, version) || !read_at(each.contents, 2, index) ||
+            version != section_version || each.contents.size() < section_head ||
+            (each.contents.size() - section_head) % entry_size != 0)
+            return fail(EINVAL, "%s: section %s is not of version %u or not whole", path, each.name.c_str(),
+                        section_version);
         const std::string name = each.name;
         if (!luids.emplace(index, std::move(each)).second)
             return fail(EINVAL, "%s: section %s has the number %u of another one", path, name.c_str(), index);
@@ -250,14 +266,15 @@ LOOM_EXPORT uint32_t loom_trace_decoder_unit_size(const loom_trace_decoder* deco
     return found ? static_cast<uint32_t>(found->texts.size()) : 0;
 }
 
-LOOM_EXPORT uint32_t loom_trace_decoder_unit(const loom_trace_decoder* decoder, uint32_t number, uint8_t unit[16]) {
+LOOM_EXPORT uint32_t loom_trace_decoder_unit(const loom_trace_decoder* decoder, uint32_t number,
+                                             uint8_t unit[16]) {
     if (number >= decoder->order.size()) return 0;
     std::copy(decoder->order[number].begin(), decoder->order[number].end(), unit);
     return 1;
 }
 
-LOOM_EXPORT size_t loom_trace_format(const loom_trace_decoder* decoder, const loom_trace_record* record, char* buffer,
-                                     size_t size) {
+LOOM_EXPORT size_t loom_trace_format(const loom_trace_decoder* decoder, const loom_trace_record* record,
+                                     char* buffer, size_t size) {
     uint32_t length = 0;
     const char* text = decoder ? loom_trace_decoder_text(decoder, record->unit, record->index, &length) : nullptr;
     std::string message = text ? format_text({text, length}, *record) : format_unknown(*record);

@@ -1,8 +1,9 @@
 // Emitting: modules and their levels, the buffers of threads, the tap and the trace file.
 //
-// Each thread writes into a ring of its own; whoever empties rings holds `collector`, so that a ring has one reader
-// at a time. A full ring is emptied by its own thread, in the same way. A thread that ends leaves its ring to the
-// next one that begins. A statement that is run while a thread is being taken down uses a ring under the lock.
+// Each thread writes into a ring of its own; whoever empties rings holds `collector`, so that a ring has one
+// reader at a time. A full ring is emptied by its own thread, in the same way. A thread that ends leaves its ring
+// to the next one that begins. A statement that is run while a thread is being taken down uses a ring under the
+// lock.
 #include "runtime/database/error_text.h"
 #include "runtime/export.h"
 #include "runtime/trace/clock.h"
@@ -48,7 +49,8 @@ struct module_table {
 
     module_table() {
         tick_reader::start();
-        for (auto& level : levels) level = first_level;
+        for (auto& level : levels)
+            level = first_level;
     }
     const char* name(u16 number) const {
         return number && number < count.load(std::memory_order_acquire) ? names[number].c_str() : "";
@@ -61,9 +63,9 @@ module_table& modules() {
 
 bool is_on(u16 module, u32 level) {
     const module_table& table = modules();
-    return level <= (module < most_modules ? table.levels[module] : table.default_level).load(std::memory_order_relaxed);
+    return level <=
+           (module < most_modules ? table.levels[module] : table.default_level).load(std::memory_order_relaxed);
 }
-
 
 // ---------------------------------------------------------------------------------------------------- rings
 
@@ -92,7 +94,9 @@ struct ring {
         head.store(at + left, std::memory_order_release);
         return &bytes[0];
     }
-    void done(std::size_t size) { head.store(head.load(std::memory_order_relaxed) + size, std::memory_order_release); }
+    void done(std::size_t size) {
+        head.store(head.load(std::memory_order_relaxed) + size, std::memory_order_release);
+    }
 };
 
 /// Everything that only the holder of the lock may touch.
@@ -245,7 +249,8 @@ void print_fatal(const u8* unit, const trace_entry& entry, const std::byte* argu
     if (dladdr(unit, &info) && info.dli_fname) loom_trace_decoder_add(decoder, info.dli_fname);
     char text[1024];
     loom_trace_format(decoder, &record, text, sizeof text);
-    std::fprintf(stderr, "loom: fatal: %s: %s\n", *record.module_name ? record.module_name : "unregistered module", text);
+    std::fprintf(stderr, "loom: fatal: %s: %s\n", *record.module_name ? record.module_name : "unregistered module",
+                 text);
     loom_trace_decoder_release(decoder);
 }
 
@@ -421,7 +426,8 @@ LOOM_EXPORT uint32_t loom_trace_set_level(const char* module, uint32_t level) {
     const u32 count = table.count.load(std::memory_order_relaxed);
     if (!module) {
         table.default_level = wanted;
-        for (auto& each : table.levels) each = wanted;
+        for (auto& each : table.levels)
+            each = wanted;
         return 0;
     }
     for (u32 i = 1; i < count; ++i)
@@ -461,7 +467,8 @@ LOOM_EXPORT void loom_trace_flush(void) {
     collector_state& state = collector();
     const std::lock_guard guard(state.mutex);
     if (!state.file) return;
-    for (const auto& each : state.rings) write_ring(state, *each);
+    for (const auto& each : state.rings)
+        write_ring(state, *each);
     std::fflush(state.file);
 }
 
@@ -501,7 +508,8 @@ LOOM_EXPORT uint64_t loom_trace_lost(void) { return lost_records.load(); }
 
 LOOM_EXPORT uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit, void* context) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rbe"), std::fclose);
-    if (!file) return fail(static_cast<u32>(errno), "trace file %s: cannot be opened: %s", path, words_of(errno).c_str());
+    if (!file)
+        return fail(static_cast<u32>(errno), "trace file %s: cannot be opened: %s", path, words_of(errno).c_str());
     file_header header{};
     if (std::fread(&header, sizeof header, 1, file.get()) != 1 ||
         std::memcmp(header.magic, file_magic, sizeof file_magic) != 0)
@@ -514,9 +522,8 @@ LOOM_EXPORT uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit,
     trace_entry entry;
     for (u64 number = 1; std::fread(&entry, sizeof entry, 1, file.get()) == 1; ++number) {
         loom_trace_record record;
-        const bool whole = entry.size >= sizeof entry &&
-                           std::fread(arguments.data(), 1, entry.size - sizeof entry, file.get()) ==
-                               entry.size - sizeof entry;
+        const bool whole = entry.size >= sizeof entry && std::fread(arguments.data(), 1, entry.size - sizeof entry,
+                                                                    file.get()) == entry.size - sizeof entry;
         if (!whole || !decode_entry(entry, arguments.data(), record))
             return fail(EINVAL, "trace file %s: entry %llu is %s", path, static_cast<unsigned long long>(number),
                         whole ? "damaged" : "cut short");

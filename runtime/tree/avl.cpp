@@ -24,7 +24,7 @@ enum : i32 { before = 0, equal = 1 };
 
 /// Announces and stores.
 class writer {
-public:
+  public:
     writer(void* arena, u32 domain) : arena_(arena), domain_(domain) {}
     template <class T>
     void store(T& place, std::type_identity_t<T> value) {
@@ -32,7 +32,7 @@ public:
         place = value;
     }
 
-private:
+  private:
     /// A refused notice in the middle of a change: only the undo log can bring the tree back into order.
     [[noreturn]] static void end_process() {
         arbor_perror();
@@ -44,11 +44,13 @@ private:
 };
 
 e_avl_node* leftmost(e_avl_node* node) {
-    while (node && node->left) node = node->left;
+    while (node && node->left)
+        node = node->left;
     return node;
 }
 e_avl_node* rightmost(e_avl_node* node) {
-    while (node && node->right) node = node->right;
+    while (node && node->right)
+        node = node->right;
     return node;
 }
 
@@ -57,11 +59,13 @@ using link = e_avl_node* e_avl_node::*;
 /// The neighbour of a node in its tree: towards `forth`, whose opposite is `back`.
 e_avl_node* neighbour(e_avl_node* node, link forth, link back) {
     if (e_avl_node* next = node->*forth) {
-        while (next->*back) next = next->*back;
+        while (next->*back)
+            next = next->*back;
         return next;
     }
     e_avl_node* parent = node->parent;
-    while (parent && parent->*forth == node) node = std::exchange(parent, parent->parent);
+    while (parent && parent->*forth == node)
+        node = std::exchange(parent, parent->parent);
     return parent;
 }
 
@@ -71,7 +75,8 @@ bool is_linked(const e_avl_node* root, const e_avl_node* node) {
     const e_avl_node* parent = node->parent;
     if (!parent) return node == root;
     if (parent->left != node && parent->right != node) return false;
-    while (parent->parent) parent = parent->parent;
+    while (parent->parent)
+        parent = parent->parent;
     return parent == root;
 }
 
@@ -134,8 +139,10 @@ void shrunk(writer& w, e_avl_node*& root, e_avl_node* parent, i64 sign) {
     while (parent) {
         const i64 balance = parent->balance - sign;
         e_avl_node* top = parent;
-        if (balance == 2 || balance == -2) top = repair(w, root, parent, balance / 2);
-        else w.store(parent->balance, balance);
+        if (balance == 2 || balance == -2)
+            top = repair(w, root, parent, balance / 2);
+        else
+            w.store(parent->balance, balance);
         if (top->balance != 0) return;
         parent = top->parent;
         if (parent) sign = parent->right == top ? 1 : -1;
@@ -183,8 +190,8 @@ e_avl_node* nearest(e_avl_node* root, const e_avl_node* node, e_avl_compare_fn c
 }
 } // namespace
 
-LOOM_EXPORT uint32_t e_avl_insert(void* alloc_ctx, uint32_t domain, e_avl_node** root, e_avl_node* node, uint32_t* aux,
-                                  e_avl_compare_fn compare) {
+LOOM_EXPORT uint32_t e_avl_insert(void* alloc_ctx, uint32_t domain, e_avl_node** root, e_avl_node* node,
+                                  uint32_t* aux, e_avl_compare_fn compare) {
     e_avl_node* parent = nullptr;
     e_avl_node** cell = root;
     while (*cell) {
@@ -204,8 +211,8 @@ LOOM_EXPORT uint32_t e_avl_insert(void* alloc_ctx, uint32_t domain, e_avl_node**
     return 1;
 }
 
-LOOM_EXPORT uint32_t e_avl_delete(void* alloc_ctx, uint32_t domain, e_avl_node** root, e_avl_node* node, uint32_t* aux,
-                                  e_avl_compare_fn) {
+LOOM_EXPORT uint32_t e_avl_delete(void* alloc_ctx, uint32_t domain, e_avl_node** root, e_avl_node* node,
+                                  uint32_t* aux, e_avl_compare_fn) {
     if (!is_linked(*root, node)) return 0;
     writer w(alloc_ctx, domain);
     if (node->left && node->right) {
@@ -230,11 +237,13 @@ LOOM_EXPORT e_avl_node* e_avl_search(e_avl_node* root, const e_avl_node* node, e
 }
 
 LOOM_EXPORT e_avl_node* e_avl_get_next(e_avl_node* root, const e_avl_node* node, e_avl_compare_fn compare) {
-    if (is_linked(root, node)) return neighbour(const_cast<e_avl_node*>(node), &e_avl_node::right, &e_avl_node::left);
+    if (is_linked(root, node))
+        return neighbour(const_cast<e_avl_node*>(node), &e_avl_node::right, &e_avl_node::left);
     return nearest(root, node, compare, true);
 }
 LOOM_EXPORT e_avl_node* e_avl_get_prev(e_avl_node* root, const e_avl_node* node, e_avl_compare_fn compare) {
-    if (is_linked(root, node)) return neighbour(const_cast<e_avl_node*>(node), &e_avl_node::left, &e_avl_node::right);
+    if (is_linked(root, node))
+        return neighbour(const_cast<e_avl_node*>(node), &e_avl_node::left, &e_avl_node::right);
     return nearest(root, node, compare, false);
 }
 

@@ -56,4 +56,6 @@ LOOM_EXPORT void loom_hd_mapping_destroy(loom_handle* handle, uint32_t, void* ob
     space.memory.release(node);
 }
 
-LOOM_EXPORT uint64_t loom_tracking_map_count(loom_handle* handle) { return opened(handle)->db->root()->tracking.size; }
+LOOM_EXPORT uint64_t loom_tracking_map_count(loom_handle* handle) {
+    return opened(handle)->db->root()->tracking.size;
+}

@@ -1,8 +1,8 @@
 // Manifested type information: the map from luid texts to records in the database, and the variant data behind the
 // records.
 //
-// A handle that may not change the database at the moment (inside a read section) keeps what it manifests in memory
-// of its process, where the objects that it makes then lie as well.
+// A handle that may not change the database at the moment (inside a read section) keeps what it manifests in
+// memory of its process, where the objects that it makes then lie as well.
 #include "runtime/types/type_info_map.h"
 
 #include "runtime/export.h"
@@ -34,8 +34,8 @@ loom_type_info* cached(open_handle& handle, const loom_type_info& info, manifest
     return entry->info == &info && entry->luid_half == hash_of_bytes(info.luid) ? entry->manifested : nullptr;
 }
 
-/// Runs a bundle's initialiser. Two processes may find a record missing at the same time: whoever comes second looks
-/// once more under the write lock.
+/// Runs a bundle's initialiser. Two processes may find a record missing at the same time: whoever comes second
+/// looks once more under the write lock.
 template <class Lookup>
 loom_type_info* manifest(loom_handle* handle, u32 domain, open_handle* own, loom_typeinfo_initialize_fn initialize,
                          Lookup lookup) {
@@ -73,7 +73,8 @@ bool make_variant_data(database& space, loom_type_info& manifested, const loom_v
     loom_variant_entry* entries = table ? new_entries(space, source.n_variants) : nullptr;
     if (entries) {
         std::memset(static_cast<void*>(table), 0, sizeof *table);
-        for (i8 i = 0; i < source.n_variants; ++i) copy_entry(entries[i], source.entries[i]);
+        for (i8 i = 0; i < source.n_variants; ++i)
+            copy_entry(entries[i], source.entries[i]);
         table->n_variants = source.n_variants;
         table->entries = entries;
         leave_counters_out(space, entries, source.n_variants);
@@ -140,7 +141,8 @@ LOOM_EXPORT loom_type_info* loom_type_info_ptr_get(loom_handle* handle, uint32_t
     if (own)
         if (loom_type_info* known = cached(*own, *static_tinfo, entry)) return known;
     const auto lookup = [&] {
-        return static_cast<loom_type_info*>(handle->tinfo_lookup(handle->tinfo_ctx, domain, static_tinfo->luid_text));
+        return static_cast<loom_type_info*>(
+            handle->tinfo_lookup(handle->tinfo_ctx, domain, static_tinfo->luid_text));
     };
     loom_type_info* found = lookup();
     if (!found && initialize) found = manifest(handle, domain, own, initialize, lookup);
@@ -154,8 +156,8 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     const loom_variant_table* source = static_tinfo->variant_table;
     if (!source || !manifested) return;
     open_handle* own = opened(handle);
-    const bool older = !created && manifested->variant_table &&
-                       manifested->variant_table->n_variants < source->n_variants;
+    const bool older =
+        !created && manifested->variant_table && manifested->variant_table->n_variants < source->n_variants;
     if (!created && manifested->variant_table && !older) return;
     database& space = own->space_of(manifested);
     const write_scope scope(*own);
@@ -165,4 +167,6 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     if (!done) loom_store_err(handle, LOOM_ENOMEM);
 }
 
-LOOM_EXPORT uint64_t loom_type_info_map_count(loom_handle* handle) { return opened(handle)->db->root()->types.size; }
+LOOM_EXPORT uint64_t loom_type_info_map_count(loom_handle* handle) {
+    return opened(handle)->db->root()->types.size;
+}

@@ -19,12 +19,14 @@ LOOM_EXPORT void loomlib_adjust_variant(loom_handle* handle, uint32_t domain, vo
 }
 
 namespace {
-/// A manifested record is protected by the database's write lock; a static one is shared by all threads, if there is
-/// more than one.
+/// A manifested record is protected by the database's write lock; a static one is shared by all threads, if there
+/// is more than one.
 void count_one(loom_handle* handle, uint32_t domain, const loom_type_info* tinfo, uint64_t* counter) {
     if (handle->counter_hook) handle->counter_hook(handle->alloc_ctx, counter, 1, domain);
-    if (tinfo->manifested_kind || __libc_single_threaded) ++*counter;
-    else __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
+    if (tinfo->manifested_kind || __libc_single_threaded)
+        ++*counter;
+    else
+        __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
 }
 } // namespace
 

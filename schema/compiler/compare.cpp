@@ -157,7 +157,8 @@ class comparison {
                               "keep the order");
     }
 
-    /// A peer that does not know a member takes its place for its value, which may be that of a member that it knows.
+    /// A peer that does not know a member takes its place for its value, which may be that of a member that it
+    /// knows.
     void compare_places(const enumeration& before, const enumeration& after) {
         for (std::size_t place = before.members.size(); place < after.members.size(); ++place) {
             const enumeration_member& added = after.members[place];
@@ -177,9 +178,8 @@ class comparison {
     /// Names of members are unique in a bundle.
     bool has_arms(const std::string& member) const {
         return std::any_of(before_.records.begin(), before_.records.end(), [&](const auto& r) {
-            return std::any_of(r->attributes.begin(), r->attributes.end(), [&](const attribute& a) {
-                return a.form == shape::arm && a.case_name == member;
-            });
+            return std::any_of(r->attributes.begin(), r->attributes.end(),
+                               [&](const attribute& a) { return a.form == shape::arm && a.case_name == member; });
         });
     }
 

@@ -14,20 +14,27 @@ namespace {
 std::vector<type_text> emit_types(emission& run) {
     const bundle& source = run.source;
     std::vector<type_text> types;
-    for (const auto& each : source.records) types.push_back(emit_record(run, *each));
-    for (const auto& each : source.enumerations) types.push_back(emit_enumeration(run, *each));
-    for (const auto& each : source.flag_sets) types.push_back(emit_flag_set(run, *each));
-    for (const auto& each : source.tables) types.push_back(emit_table(run, *each));
-    for (const auto& each : source.messages) types.push_back(emit_message(run, *each));
+    for (const auto& each : source.records)
+        types.push_back(emit_record(run, *each));
+    for (const auto& each : source.enumerations)
+        types.push_back(emit_enumeration(run, *each));
+    for (const auto& each : source.flag_sets)
+        types.push_back(emit_flag_set(run, *each));
+    for (const auto& each : source.tables)
+        types.push_back(emit_table(run, *each));
+    for (const auto& each : source.messages)
+        types.push_back(emit_message(run, *each));
     for (const auto& from : source.imports)
-        for (const auto& each : from->enumerations) emit_imported_enumeration(run, *from, *each);
+        for (const auto& each : from->enumerations)
+            emit_imported_enumeration(run, *from, *each);
     return types;
 }
 
 /// Several small types or a big one: unit i holds the types whose middle lies in the i-th part of all functions.
 std::vector<std::vector<const type_text*>> spread(const std::vector<type_text>& types, unsigned units) {
     unsigned long total = 0;
-    for (const type_text& each : types) total += each.weight;
+    for (const type_text& each : types)
+        total += each.weight;
     std::vector<std::vector<const type_text*>> spread(units);
     unsigned long before = 0;
     for (const type_text& each : types) {
@@ -52,8 +59,10 @@ std::string unit_source(const bundle& source, const std::vector<const type_text*
     for (const std::string& each : includes)
         text += "#include " + (each.front() == '<' ? each : c_literal(each)) + "\n";
     text += "\n#include \"codec/codec.h\"\n#include \"frame/export.h\"\n#include \"instance/instance.h\"\n\n"
-            "#include <stddef.h>\n\nnamespace bundle_" + source.name + " {\n";
-    for (const type_text* each : types) text += "\n// ---- " + each->name + "\n\n" + each->exports;
+            "#include <stddef.h>\n\nnamespace bundle_" +
+            source.name + " {\n";
+    for (const type_text* each : types)
+        text += "\n// ---- " + each->name + "\n\n" + each->exports;
     return text + "\n} // namespace bundle_" + source.name + "\n";
 }
 
@@ -62,10 +71,13 @@ std::string umbrella(const bundle& source, const std::vector<type_text>& types) 
     const std::string guard = "LOOM_" + source.name + "_H";
     std::string text = generated_notice(source, "All of the bundle " + source.name + ".");
     text += doc_comment(source.doc) + "#ifndef " + guard + "\n#define " + guard + "\n\n";
-    const auto include = [&](const std::string& name) { text += "#include <" + source.name + "/" + name + ".h>\n"; };
+    const auto include = [&](const std::string& name) {
+        text += "#include <" + source.name + "/" + name + ".h>\n";
+    };
     include("bundle_frame");
     include("table_registry");
-    for (const type_text& each : types) include(each.name);
+    for (const type_text& each : types)
+        include(each.name);
     return text + "\n#endif\n";
 }
 

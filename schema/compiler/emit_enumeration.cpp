@@ -30,13 +30,15 @@ constexpr operation value_operations[] = {
     {"get_object_references", "void", "$H, const $T* object, void** references, uint32_t count, $e",
      "Stores nothing: there are no references inside."},
     {"destroy", "void", "$H, $T* object", "Ends a value of _create. Null and the sentinel are allowed."},
-    {"destroy_internal", "void", "$H, $T* object, uint32_t release", "Ends a value, with `release` 1 its memory too."},
+    {"destroy_internal", "void", "$H, $T* object, uint32_t release",
+     "Ends a value, with `release` 1 its memory too."},
     {"destroy_cr", "void", "loom_handle* handle, $T* object", "As _destroy, in the handle's domain."},
     {"map_to_user_value", "int32_t", "int32_t value", "Returns its argument."},
     {"map_to_internal_value", "int32_t", "int32_t user_value",
      "The member's place in the declaration; a value that is no member stays."},
     {"adjust_variant", "void", "$H, $T* object, $e", "Raises the value to the variant that may now be written."},
-    {"compare", "int32_t", "const $T* a, const $T* b", "Negative, 0 or positive as `a` sorts before, with or behind."},
+    {"compare", "int32_t", "const $T* a, const $T* b",
+     "Negative, 0 or positive as `a` sorts before, with or behind."},
     {"hash", "uint32_t", "const $T* object, uint32_t seed", "Mixes the value into `seed`; null gives the seed."},
     {"sizeof", "uint32_t", "loom_handle* handle", "Bytes of a value."},
     {"len", "uint32_t", "$H, const $T* object", "Bytes that _marshal writes; the value is not read."},
@@ -50,8 +52,7 @@ constexpr operation value_operations[] = {
      "Writes the binary form into `length` bytes; returns the bytes written."},
     {"unmarshal", "uint32_t", "$H, const void* buffer, $T* object, int32_t length, uint32_t existing, $e",
      "Reads what _marshal wrote; returns the bytes read."},
-    {"print", "int32_t",
-     "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
+    {"print", "int32_t", "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
      "Prints the value as a line of text; returns the characters written."},
     {"print_cr", "int32_t", "loom_handle* handle, const $T* object, char* buffer, int32_t length",
      "The same under the type's name; -1 with an error pending."},
@@ -70,7 +71,8 @@ constexpr operation value_operations[] = {
 
 void emit_public_header(emission& run, const enumeration& type, const type_text& text) {
     std::string body = doc_comment(type.doc);
-    body += "struct " + type.name + " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
+    body += "struct " + type.name +
+            " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
             "    uint8_t loom_layout_variant;\n    uint8_t loom_flags;\n    int32_t value;\n};\n\n";
     body += "/** User values of " + type.name + ". */\nenum {\n";
     for (const enumeration_member& each : type.members)
@@ -94,8 +96,8 @@ void emit_model(emission& run, const enumeration& type) {
     text += "    static constexpr u32 trace_base = " + std::to_string(type.trace_base) + ";\n";
     text += "    static constexpr enumeration_member members[] = {\n";
     for (const enumeration_member& each : type.members)
-        text += "        {\"" + each.name + "\", " + std::to_string(each.value) + ", " + std::to_string(each.since) +
-                "},\n";
+        text += "        {\"" + each.name + "\", " + std::to_string(each.value) + ", " +
+                std::to_string(each.since) + "},\n";
     text += "    };\n};\n} // namespace bundle_" + bundle + "::models\n";
     run.out.add("src/models/" + type.name + ".h", std::move(text));
 }
@@ -120,14 +122,17 @@ type_text emit_enumeration(emission& run, const enumeration& type) {
     type_text text;
     text.name = type.name;
     text.includes = {"models/" + type.name + ".h"};
-    text.exports = "static_assert(sizeof(::" + type.name + ") == 16 && offsetof(::" + type.name + ", value) == 12);\n";
+    text.exports =
+        "static_assert(sizeof(::" + type.name + ") == 16 && offsetof(::" + type.name + ", value) == 12);\n";
     const substitutions with = {{"$T", "struct " + type.name}};
     const auto add = [&](const operation& each) {
         run.add(text, make_function(each, type.name, "enumeration", "models::" + type.name, with));
     };
-    for (const operation& each : create_operations) add(each);
+    for (const operation& each : create_operations)
+        add(each);
     add(type.shared ? shared_initialize : own_initialize);
-    for (const operation& each : value_operations) add(each);
+    for (const operation& each : value_operations)
+        add(each);
     emit_public_header(run, type, text);
     emit_facade(run, run.source.name, type, type.shared);
     emit_model(run, type);

@@ -25,8 +25,10 @@ constexpr operation operations[] = {
     {"destroy_internal", "void", "$H, $T* object, uint32_t release",
      "Ends a flag set, with `release` 1 its memory too."},
     {"destroy_cr", "void", "loom_handle* handle, $T* object", "As _destroy, in the handle's domain."},
-    {"adjust_variant", "void", "$H, $T* object, $e", "Raises the flag set to the variant that may now be written."},
-    {"compare", "int32_t", "const $T* a, const $T* b", "Negative, 0 or positive as `a` sorts before, with or behind."},
+    {"adjust_variant", "void", "$H, $T* object, $e",
+     "Raises the flag set to the variant that may now be written."},
+    {"compare", "int32_t", "const $T* a, const $T* b",
+     "Negative, 0 or positive as `a` sorts before, with or behind."},
     {"hash", "uint32_t", "const $T* object, uint32_t seed", "Mixes the bits into `seed`; null gives the seed."},
     {"sizeof", "uint32_t", "loom_handle* handle", "Bytes of a flag set."},
     {"len", "uint32_t", "$H, const $T* object", "Upper bound of what _marshal writes; null is allowed."},
@@ -35,8 +37,7 @@ constexpr operation operations[] = {
      "Writes the binary form into `length` bytes; returns the bytes written."},
     {"unmarshal", "uint32_t", "$H, const void* buffer, $T* object, int32_t length, uint32_t existing, $e",
      "Reads what _marshal wrote; returns the bytes read."},
-    {"print", "int32_t",
-     "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
+    {"print", "int32_t", "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
      "Prints the bits that are set; returns the characters written."},
     {"print_cr", "int32_t", "loom_handle* handle, const $T* object, char* buffer, int32_t length",
      "The same under the type's name; -1 with an error pending."},
@@ -53,8 +54,10 @@ constexpr operation operations[] = {
     {"in_range", "uint32_t", "uint32_t bit", "1 when the set has that bit."},
     {"get", "$T*", "$H, $T* object", "The flag set itself, reported as handed out."},
     {"set", "void", "$H, $T* object, const $T* source, $e", "Copies the whole flag set, header included."},
-    {"get_value", "uint32_t", "$H, const $T* object, uint32_t bit, $e", "1 when the bit is set; out of range: 43."},
-    {"get_cr", "uint32_t", "loom_handle* handle, const $T* object, uint32_t bit", "The same in the handle's domain."},
+    {"get_value", "uint32_t", "$H, const $T* object, uint32_t bit, $e",
+     "1 when the bit is set; out of range: 43."},
+    {"get_cr", "uint32_t", "loom_handle* handle, const $T* object, uint32_t bit",
+     "The same in the handle's domain."},
     {"set_value", "void", "$H, $T* object, uint32_t bit, uint32_t on, $e", "Sets or clears one bit."},
     {"set_cr", "uint32_t", "loom_handle* handle, $T* object, uint32_t bit, uint32_t on",
      "As _set_value; returns the handle's error."},
@@ -65,15 +68,15 @@ std::uint32_t slop_of(const flag_set& type) { return type.base_size - 11 - type.
 
 void emit_public_header(emission& run, const flag_set& type, const type_text& text) {
     std::string body = doc_comment(type.doc);
-    body += "struct " + type.name + " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
+    body += "struct " + type.name +
+            " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
             "    uint8_t loom_layout_variant;\n    uint8_t loom_flags;\n    uint8_t bits[" +
             std::to_string(type.bit_bytes()) + "]; /**< bit i lies in byte i / 8 */\n    uint8_t loom_slop[" +
             std::to_string(slop_of(type)) + "];\n};\n\n/** Bits of " + type.name + ". */\nenum {\n";
     for (std::size_t i = 0; i < type.bits.size(); ++i)
         if (!type.bits[i].name.empty())
             body += doc_comment(type.bits[i].doc, "    ") + "    " +
-                    run.constant_name(type.name + "_" + type.bits[i].name) + " = " +
-                    std::to_string(i) + ",\n";
+                    run.constant_name(type.name + "_" + type.bits[i].name) + " = " + std::to_string(i) + ",\n";
     body += "    " + type.name + "_bit_count = " + std::to_string(type.bits.size()) + "\n};\n\n";
     body += "extern loom_type_info _" + type.name + "_type_info_internal;\n\n" + text.prototypes;
     run.public_header(type.name, "Flag set " + type.name + ".", {}, body);

@@ -42,7 +42,8 @@ std::string bundle_header(const bundle& source, unsigned functions) {
 /// ", skyband_bundle_handler_register, ..." in the order of the imports.
 std::string siblings(const bundle& source, const char* operation) {
     std::string text;
-    for (const auto& each : source.imports) text += ", " + each->bundle_name + "_bundle_handler_" + operation;
+    for (const auto& each : source.imports)
+        text += ", " + each->bundle_name + "_bundle_handler_" + operation;
     return text;
 }
 
@@ -79,7 +80,9 @@ std::string frame_source(emission& run) {
     text += "TRELLIS_EXPORT_DATA uint16_t g_loom_" + name + "_stub_trace_module_id = 0;\n}\n\n";
     text += "namespace bundle_" + name + " {\n\nnamespace {\n\n";
     text += "/// Owner of the frame's trace statements.\nstruct frame_statements {\n"
-            "    using bundle = bundle_" + name + "::bundle;\n"
+            "    using bundle = bundle_" +
+            name +
+            "::bundle;\n"
             "    static constexpr int trace_unit = 2;\n    static constexpr u32 trace_base = 0;\n};\n\n";
     text += "loom_module_node node = {bundle::name, ::" + name + "_type_infos, nullptr, nullptr};\n";
     text += "u8 node_linked = 0;\nu32 trace_state = 0;\n\n";
@@ -106,10 +109,12 @@ void emit_frame_header(emission& run) {
     const std::string& name = run.source.name;
     std::string body;
     for (const operation& each : frame_operations)
-        body += doc_comment(each.doc) + each.result + " " + name + "_" + each.suffix + "(" + each.parameters + ");\n";
+        body +=
+            doc_comment(each.doc) + each.result + " " + name + "_" + each.suffix + "(" + each.parameters + ");\n";
     body += doc_comment("Registers the trace module, once; returns what the trace facility returns.");
     body += "uint32_t loom_" + name + "_trace_init(void);\n\n";
-    body += "/** The handler that is registered, or null. */\nextern void* " + name + "_bundle_registered_handler;\n";
+    body +=
+        "/** The handler that is registered, or null. */\nextern void* " + name + "_bundle_registered_handler;\n";
     body += "/** Number of the trace module; 0 until it is registered. */\nextern uint16_t g_loom_" + name +
             "_trace_module_id;\nextern uint16_t g_loom_" + name + "_stub_trace_module_id;\n";
     run.public_header("bundle_frame", "Entry points of the bundle " + name + ".", {}, body);
@@ -118,8 +123,8 @@ void emit_frame_header(emission& run) {
 std::string counters_source(const bundle& source, unsigned functions) {
     const std::string symbol = source.name + "_call_counters";
     return generated_notice(source, "One call counter per exported function.") +
-           "    .section .spoor_counters, \"aw\", @nobits\n    .balign 8\n    .globl " + symbol + "\n    .hidden " +
-           symbol + "\n    .type " + symbol + ", @object\n    .size " + symbol + ", " +
+           "    .section .spoor_counters, \"aw\", @nobits\n    .balign 8\n    .globl " + symbol +
+           "\n    .hidden " + symbol + "\n    .type " + symbol + ", @object\n    .size " + symbol + ", " +
            std::to_string(8 * functions) + "\n" + symbol + ":\n    .skip " + std::to_string(8 * functions) +
            "\n    .section .note.GNU-stack, \"\", @progbits\n";
 }

@@ -25,7 +25,8 @@ std::string padded(std::size_t value, std::size_t width) {
     return text.size() < width ? std::string(width - text.size(), '0') + text : text;
 }
 
-line make_line(const std::string& luid_text, const std::string& hash, const char* kind, int newest, std::size_t size) {
+line make_line(const std::string& luid_text, const std::string& hash, const char* kind, int newest,
+               std::size_t size) {
     return {luid_text, luid_text + ":" + hash + kind + padded(static_cast<std::size_t>(newest), 3) + ":" +
                            padded(size, 5) + "N"};
 }
@@ -37,20 +38,25 @@ line line_of(const named& type, const char* kind) {
 
 void append_by_luid(std::string& text, std::vector<line> lines) {
     std::sort(lines.begin(), lines.end(), [](const line& a, const line& b) { return a.luid_text < b.luid_text; });
-    for (const line& each : lines) text += each.text + "\n";
+    for (const line& each : lines)
+        text += each.text + "\n";
 }
 
 /// Types by name, then messages, then tables and table records, both by luid text; a zero byte closes the text
 /// and another one the payload.
 std::string manifest(const bundle& source) {
     std::vector<std::pair<std::string, line>> types;
-    for (const auto& each : source.enumerations) types.emplace_back(each->name, line_of(*each, "enum"));
-    for (const auto& each : source.flag_sets) types.emplace_back(each->name, line_of(*each, "flag"));
-    for (const auto& each : source.records) types.emplace_back(each->name, line_of(*each, "type"));
+    for (const auto& each : source.enumerations)
+        types.emplace_back(each->name, line_of(*each, "enum"));
+    for (const auto& each : source.flag_sets)
+        types.emplace_back(each->name, line_of(*each, "flag"));
+    for (const auto& each : source.records)
+        types.emplace_back(each->name, line_of(*each, "type"));
     std::sort(types.begin(), types.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
 
     std::string text = "# " + source.name + ".minime\n";
-    for (const auto& [name, of] : types) text += of.text + "\n";
+    for (const auto& [name, of] : types)
+        text += of.text + "\n";
     std::vector<line> messages;
     for (const auto& each : source.messages)
         messages.push_back(make_line(each->luid_text, each->definition_hash, "mess", 0, 0));
@@ -66,11 +72,13 @@ std::string manifest(const bundle& source) {
 
 /// The schema's name, a zero byte, and what the build says about itself.
 std::string build_record(const bundle& source) {
-    std::string text = source.name + '\0' + "trellisc manifest 1: records " + std::to_string(source.records.size()) +
-                       ", enumerations " + std::to_string(source.enumerations.size()) + ", flag sets " +
-                       std::to_string(source.flag_sets.size()) + ", tables " + std::to_string(source.tables.size()) +
-                       ", messages " + std::to_string(source.messages.size()) + "; imports";
-    for (const auto& each : source.imports) text += " " + each->bundle_name;
+    std::string text =
+        source.name + '\0' + "trellisc manifest 1: records " + std::to_string(source.records.size()) +
+        ", enumerations " + std::to_string(source.enumerations.size()) + ", flag sets " +
+        std::to_string(source.flag_sets.size()) + ", tables " + std::to_string(source.tables.size()) +
+        ", messages " + std::to_string(source.messages.size()) + "; imports";
+    for (const auto& each : source.imports)
+        text += " " + each->bundle_name;
     if (source.imports.empty()) text += " none";
     if (text.size() >= build_record_size) text.resize(build_record_size - 1);
     text.resize(build_record_size, '\0');
@@ -84,10 +92,14 @@ std::string entry(std::uint32_t kind, const std::string& payload) {
     for (std::size_t at = 0; at < payload.size(); at += per_line) {
         text += "    .ascii \"";
         for (const char character : payload.substr(at, per_line)) {
-            if (character == '\n') text += "\\n";
-            else if (character == '\0') text += "\\000";
-            else if (character == '"' || character == '\\') text += std::string("\\") + character;
-            else text += character;
+            if (character == '\n')
+                text += "\\n";
+            else if (character == '\0')
+                text += "\\000";
+            else if (character == '"' || character == '\\')
+                text += std::string("\\") + character;
+            else
+                text += character;
         }
         text += "\"\n";
     }

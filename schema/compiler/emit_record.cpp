@@ -10,7 +10,8 @@ namespace {
 
 // Operations of every record, in the order of the list of functions.
 constexpr operation record_operations[] = {
-    {"create", "$T*", "$H", "A new object, or null. Ended by _destroy, or given to a holder by one of its setters."},
+    {"create", "$T*", "$H",
+     "A new object, or null. Ended by _destroy, or given to a holder by one of its setters."},
     {"create_cr", "$T*", "loom_handle* handle",
      "A new object; with an error pending or without memory the type's sentinel, which all _cr forms accept."},
     {"create_internal", "$T*", "$H", "Worker of _create and _create_cr."},
@@ -27,7 +28,8 @@ constexpr operation record_operations[] = {
     {"sizeof_internal", "uint32_t",
      "loom_handle* handle, const $T* object, uint32_t with_tracking, uint32_t tracking_only",
      "Bytes of this object's layout, with or as its tracking area; null counts as the newest layout."},
-    {"destroy", "void", "$H, $T* object", "Ends an object and all that it owns. Null and the sentinel are allowed."},
+    {"destroy", "void", "$H, $T* object",
+     "Ends an object and all that it owns. Null and the sentinel are allowed."},
     {"destroy_cr", "void", "loom_handle* handle, $T* object", "The same in the handle's domain."},
     {"destroy_internal", "void", "$H, $T* object, uint32_t release",
      "Ends what the object owns, and with `release` 1 its own memory."},
@@ -47,13 +49,14 @@ constexpr operation record_operations[] = {
     {"marshal_for_clone", "uint32_t", "$H, void* buffer, const $T* object, int32_t length, $e",
      "As _marshal, whatever the peer speaks."},
     {"marshal", "uint32_t", "$H, void* buffer, const $T* object, int32_t length, $e",
-     "Writes the binary form into `length` bytes; returns the bytes written. No room: 90. An object newer than the "
-     "peer: 43."},
+     "Writes the binary form into `length` bytes; returns the bytes written. No room: 90. An object newer than "
+     "the peer: 43."},
     {"unmarshal", "uint32_t", "$H, const void* buffer, $T* object, int32_t length, uint32_t existing, $e",
      "Reads what _marshal wrote; returns the bytes read. `existing` 0: the object is new and empty."},
     {"len", "uint32_t", "$H, const $T* object", "Upper bound of what _marshal writes; null is allowed."},
     {"len_cr", "uint32_t", "loom_handle* handle, const $T* object", "The same; 0 with an error pending."},
-    {"compare", "int32_t", "const $T* a, const $T* b", "Negative, 0 or positive as `a` sorts before, with or behind."},
+    {"compare", "int32_t", "const $T* a, const $T* b",
+     "Negative, 0 or positive as `a` sorts before, with or behind."},
     {"hash", "uint32_t", "const $T* object, uint32_t seed", "Mixes the object into `seed`; null gives the seed."},
     {"is_valid_cr", "uint32_t", "loom_handle* handle, const $T* object, uint32_t index, uint32_t flags",
      "1 when the attribute of that number exists for the peer and (`flags` bit 0 clear) the object."},
@@ -66,8 +69,7 @@ constexpr operation record_operations[] = {
      "Gives every attribute, also of nested records, that state."},
     {"post_copyout_cleanup", "void", "$H, $T* destination, $T* source, $e",
      "After a block copy: the destination takes or copies what both point at."},
-    {"print", "int32_t",
-     "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
+    {"print", "int32_t", "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
      "Prints the object as text, indented by `depth`; returns the characters written."},
     {"print_cr", "int32_t", "loom_handle* handle, const $T* object, char* buffer, int32_t length",
      "The same under the type's name; -1 with an error pending."},
@@ -106,8 +108,7 @@ constexpr operation set_element_cr = {"set_cr", "uint32_t",
 constexpr operation set_record_element_cr = {
     "set_cr", "uint32_t", "loom_handle* handle, $T* object, uint32_t index, $C* value, uint32_t by_move",
     "As _set; `by_move` 0 copies the value. Returns the handle's error."};
-constexpr operation set_element_value = {"set_value", "void",
-                                         "$H, $T* object, uint32_t index, $P value, $e", ""};
+constexpr operation set_element_value = {"set_value", "void", "$H, $T* object, uint32_t index, $P value, $e", ""};
 constexpr operation set_mem = {"set_mem", "void", "$H, $T* object, const $C* source, uint32_t length, $e",
                                "Stores `length` elements; a variable array then has just these."};
 constexpr operation set_mem_cr = {"set_mem_cr", "uint32_t",
@@ -171,23 +172,28 @@ std::string model_member(const attribute& of) { return of.name + "_"; }
 std::vector<operation> accessors_of(const attribute& of) {
     const bool values = is_plain_value(of.type);
     std::vector<operation> all;
-    const auto add = [&all](const auto& operations) { all.insert(all.end(), std::begin(operations), std::end(operations)); };
+    const auto add = [&all](const auto& operations) {
+        all.insert(all.end(), std::begin(operations), std::end(operations));
+    };
     switch (of.form) {
     case shape::plain: return {get_one, get_value_one, set_one, set_value_one, state_get, state_set};
     case shape::object: return {get_one, set_one, state_get, state_set};
     case shape::length: return {get_one, get_value_one};
     case shape::fixed_array:
-        if (values) all = {get_element, get_element_value, get_mem, set_fixed_element, set_element_value, set_mem, set_mem_cr};
-        else all = {get_element, set_fixed_element};
+        if (values)
+            all = {get_element,       get_element_value, get_mem,   set_fixed_element,
+                   set_element_value, set_mem,           set_mem_cr};
+        else
+            all = {get_element, set_fixed_element};
         add(array_states);
         return all;
     case shape::variable_array:
         if (values)
-            all = {get_element, get_element_value, get_mem, set_variable_element, set_element_cr, set_element_value,
-                   set_mem, set_mem_cr, remove_elements};
+            all = {get_element,       get_element_value, get_mem,    set_variable_element, set_element_cr,
+                   set_element_value, set_mem,           set_mem_cr, remove_elements};
         else
-            all = {get_element, set_variable_element, of.type.of_record != nullptr ? set_record_element_cr : set_element_cr,
-                   remove_elements};
+            all = {get_element, set_variable_element,
+                   of.type.of_record != nullptr ? set_record_element_cr : set_element_cr, remove_elements};
         add(array_states);
         return all;
     case shape::counted_string:
@@ -246,7 +252,8 @@ const variant_layout& newest_layout(const record& type) { return type.variants.b
 unsigned tracking_alignment(const record& type) {
     unsigned alignment = 1;
     for (const attribute& each : type.attributes) {
-        if (each.form == shape::variable_array) alignment = 8;
+        if (each.form == shape::variable_array)
+            alignment = 8;
         else if (is_in_place(each) && each.type.of_record != nullptr)
             alignment = std::max(alignment, tracking_alignment(*each.type.of_record));
     }
@@ -257,7 +264,8 @@ unsigned tracking_alignment(const record& type) {
 
 std::string c_struct(const record& type) {
     std::string text = doc_comment(type.doc);
-    text += "struct " + type.name + " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
+    text += "struct " + type.name +
+            " {\n    loom_type_info* loom_tinfo;\n    int8_t loom_variant;\n"
             "    uint8_t loom_layout_variant;\n    uint8_t loom_flags;\n";
     if (type.list_element) text += "    loom_list_links loom_links;\n";
     for (const attribute& each : type.attributes)
@@ -270,12 +278,16 @@ void emit_public_header(emission& run, const record& type, const type_text& text
     std::set<std::string> pointed_at;
     for (const attribute& each : type.attributes) {
         if (!is_named_type(each.type)) continue;
-        if (is_in_place(each)) includes.push_back(header_of(run.source, each.type));
-        else pointed_at.insert(c_type(each.type));
+        if (is_in_place(each))
+            includes.push_back(header_of(run.source, each.type));
+        else
+            pointed_at.insert(c_type(each.type));
     }
-    for (const auto& [holder, index] : type.held_by) pointed_at.insert("struct " + holder->name);
+    for (const auto& [holder, index] : type.held_by)
+        pointed_at.insert("struct " + holder->name);
     std::string body;
-    for (const std::string& each : pointed_at) body += each + ";\n";
+    for (const std::string& each : pointed_at)
+        body += each + ";\n";
     if (!pointed_at.empty()) body += "\n";
     body += c_struct(type);
     body += "extern loom_type_info _" + type.name + "_type_info_internal;\n\n" + text.prototypes;
@@ -291,14 +303,15 @@ void emit_facade(emission& run, const record& type) {
     const auto oids = std::count_if(type.attributes.begin(), type.attributes.end(),
                                     [](const attribute& each) { return each.form == shape::oid; });
     std::string text = generated_notice(run.source, "What other types call on " + type.name + ".");
-    text += "#pragma once\n\n#include \"bundle.h\"\n#include \"instance/value_types.h\"\n#include <" + bundle + "/" +
-            type.name + ".h>\n\n";
+    text += "#pragma once\n\n#include \"bundle.h\"\n#include \"instance/value_types.h\"\n#include <" + bundle +
+            "/" + type.name + ".h>\n\n";
     text += "namespace bundle_" + bundle + "::types {\nstruct " + type.name + " {\n";
     text += "    using c_type = ::" + type.name + ";\n    using bundle = bundle_" + bundle + "::bundle;\n";
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += "    static constexpr i8 newest = " + std::to_string(type.newest) + ";\n";
     text += "    static constexpr u32 base_size = " + std::to_string(type.base_size) + ";\n";
-    text += "    static constexpr u32 tracking_size = " + std::to_string(newest_layout(type).tracking_size) + ";\n";
+    text +=
+        "    static constexpr u32 tracking_size = " + std::to_string(newest_layout(type).tracking_size) + ";\n";
     text += "    static constexpr u32 tracking_alignment = " + std::to_string(tracking_alignment(type)) + ";\n";
     text += "    static constexpr int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
     text += "    static constexpr bool has_nested_records = " + truth(type.has_nested_records) + ";\n";
@@ -315,10 +328,22 @@ std::string shape_of(const record& holder, const attribute& of) {
     std::vector<std::string> arguments = {holder.name};
     const char* name = "";
     switch (of.form) {
-    case shape::plain: name = "plain"; arguments.push_back(facade(of.type)); break;
-    case shape::object: name = "object"; arguments.push_back(facade(of.type)); break;
-    case shape::length: name = "length"; arguments.push_back(facade(of.type)); break;
-    case shape::list: name = "list"; arguments.push_back(facade(of.type)); break;
+    case shape::plain:
+        name = "plain";
+        arguments.push_back(facade(of.type));
+        break;
+    case shape::object:
+        name = "object";
+        arguments.push_back(facade(of.type));
+        break;
+    case shape::length:
+        name = "length";
+        arguments.push_back(facade(of.type));
+        break;
+    case shape::list:
+        name = "list";
+        arguments.push_back(facade(of.type));
+        break;
     case shape::fixed_array:
         name = "fixed_array";
         arguments.push_back(facade(of.type));
@@ -329,8 +354,14 @@ std::string shape_of(const record& holder, const attribute& of) {
         arguments.push_back(facade(of.type));
         arguments.push_back(of.length_name + "_");
         break;
-    case shape::counted_string: name = "counted_string"; arguments.push_back(of.length_name + "_"); break;
-    case shape::fixed_string: name = "fixed_string"; arguments.push_back(std::to_string(of.extent)); break;
+    case shape::counted_string:
+        name = "counted_string";
+        arguments.push_back(of.length_name + "_");
+        break;
+    case shape::fixed_string:
+        name = "fixed_string";
+        arguments.push_back(std::to_string(of.extent));
+        break;
     case shape::oid: name = "oid"; break;
     case shape::arm:
         name = "arm";
@@ -345,7 +376,8 @@ std::string shape_of(const record& holder, const attribute& of) {
 
 std::string variant_figures(const record& type, std::uint32_t variant_layout::*figure) {
     std::vector<std::string> figures;
-    for (const variant_layout& each : type.variants) figures.push_back(std::to_string(each.*figure));
+    for (const variant_layout& each : type.variants)
+        figures.push_back(std::to_string(each.*figure));
     return "{" + joined(figures) + "}";
 }
 
@@ -359,7 +391,8 @@ void emit_model(emission& run, const record& type) {
     }
     std::string text = generated_notice(run.source, "Attributes and figures of " + type.name + ".");
     text += "#pragma once\n\n#include \"instance/attribute.h\"\n";
-    for (const std::string& each : facades) text += "#include \"types/" + each + ".h\"\n";
+    for (const std::string& each : facades)
+        text += "#include \"types/" + each + ".h\"\n";
     text += "\n";
     for (const std::string& each : targets)
         text += "extern \"C\" loom_type_info _" + each + "_table_type_info_internal;\n";
@@ -368,10 +401,13 @@ void emit_model(emission& run, const record& type) {
     text += "    using bundle = bundle_" + bundle + "::bundle;\n";
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += "    static constexpr i8 newest = " + std::to_string(type.newest) + ";\n";
-    text += "    static constexpr u32 used_lengths[] = " + variant_figures(type, &variant_layout::used_length) + ";\n";
-    text += "    static constexpr u32 layout_sizes[] = " + variant_figures(type, &variant_layout::layout_size) + ";\n";
-    text += "    static constexpr u32 tracking_sizes[] = " + variant_figures(type, &variant_layout::tracking_size) +
-            ";\n";
+    text +=
+        "    static constexpr u32 used_lengths[] = " + variant_figures(type, &variant_layout::used_length) + ";\n";
+    text +=
+        "    static constexpr u32 layout_sizes[] = " + variant_figures(type, &variant_layout::layout_size) + ";\n";
+    text +=
+        "    static constexpr u32 tracking_sizes[] = " + variant_figures(type, &variant_layout::tracking_size) +
+        ";\n";
     text += "    static constexpr u32 base_size = " + std::to_string(type.base_size) + ";\n";
     text += "    static constexpr int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
     text += "    static constexpr u32 trace_base = " + std::to_string(type.trace_base) + ";\n";
@@ -397,7 +433,8 @@ void emit_model(emission& run, const record& type) {
 std::string layout_asserts(const record& type) {
     std::string text = "static_assert(sizeof(::" + type.name + ") == " + std::to_string(type.base_size) + ");\n";
     for (const attribute& each : type.attributes)
-        text += "static_assert(offsetof(::" + type.name + ", " + (each.form == shape::oid ? "loom_" + each.name + "_type" : each.name) +
+        text += "static_assert(offsetof(::" + type.name + ", " +
+                (each.form == shape::oid ? "loom_" + each.name + "_type" : each.name) +
                 ") == " + std::to_string(each.offset) + ");\n";
     if (type.list_element)
         text += "static_assert(offsetof(::" + type.name + ", loom_links) == LOOM_LIST_LINKS_OFFSET);\n";
@@ -433,14 +470,17 @@ type_text emit_record(emission& run, const record& type) {
     text.name = type.name;
     text.includes = {"models/" + type.name + ".h"};
     text.exports = layout_asserts(type);
-    text.exports += "void types::" + type.name + "::release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from) {\n"
-                    "    trellis::record::release_replaced<models::" + type.name + ">(h, d, to, from);\n}\n";
+    text.exports += "void types::" + type.name +
+                    "::release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from) {\n"
+                    "    trellis::record::release_replaced<models::" +
+                    type.name + ">(h, d, to, from);\n}\n";
     const substitutions with = {{"$T", "struct " + type.name},
                                 {"$outs", all_parameters(type, true)},
                                 {"$values", all_parameters(type, false)}};
     for (const operation& each : record_operations)
         run.add(text, make_function(each, type.name, "record", "models::" + type.name, with));
-    for (const attribute& each : type.attributes) add_accessors(run, type, each, text);
+    for (const attribute& each : type.attributes)
+        add_accessors(run, type, each, text);
     for (const auto& [holder, index] : type.held_by) {
         const attribute& list = holder->attributes[index];
         text.includes.push_back("models/" + holder->name + ".h");

@@ -21,7 +21,8 @@ void output_tree::add(const std::string& path, std::string content) {
 
 std::string output_tree::digest() const {
     std::string all;
-    for (const auto& [path, content] : files_) all += path + "\n" + content;
+    for (const auto& [path, content] : files_)
+        all += path + "\n" + content;
     return hex(md5(all));
 }
 
@@ -87,7 +88,8 @@ static std::string argument_names(std::string_view parameters) {
         const std::size_t bracket = parameter.find('[');
         if (bracket != std::string_view::npos) parameter = parameter.substr(0, bracket);
         std::size_t start = parameter.size();
-        while (start > 0 && is_word(parameter[start - 1])) --start;
+        while (start > 0 && is_word(parameter[start - 1]))
+            --start;
         if (parameter.substr(start) != "void") {
             if (!names.empty()) names += ", ";
             names += parameter.substr(start);

@@ -17,7 +17,7 @@ namespace trellis::schema {
 /// Files below one directory. A file whose content is already right is left alone, so that nothing that depends
 /// on it is built again.
 class output_tree {
-public:
+  public:
     explicit output_tree(std::filesystem::path root) : root_(std::move(root)) {}
 
     /// Takes `content` for the file at `path`, relative to the root; paths with `include/` or `src/`.
@@ -28,7 +28,7 @@ public:
     /// Throws std::runtime_error with the path when a file cannot be written.
     void write() const;
 
-private:
+  private:
     std::filesystem::path root_;
     std::map<std::string, std::string> files_;
 };
@@ -54,7 +54,7 @@ struct type_text {
 
 /// One run of the emitters over a bundle.
 class emission {
-public:
+  public:
     emission(const bundle& source, const std::vector<exported_function>& functions, output_tree& out);
 
     const bundle& source;
@@ -77,7 +77,7 @@ public:
     void public_header(const std::string& name, const std::string& summary,
                        const std::vector<std::string>& includes, const std::string& body);
 
-private:
+  private:
     std::unordered_map<std::string, unsigned> functions_;
     std::set<std::string> emitted_;
 };

@@ -39,7 +39,8 @@ std::string unit_section(const bundle& source, std::size_t unit, const std::vect
             byte_list(hash.data(), hash.size()) + "\n";
     for (const trace_entry& each : entries) {
         const std::size_t length = stored_text(each).size();
-        if (length > 0xFFFF) throw std::runtime_error("a trace text is longer than its length field: " + each.text);
+        if (length > 0xFFFF)
+            throw std::runtime_error("a trace text is longer than its length field: " + each.text);
         text += "    .long " + std::to_string(call_id_of(each)) + "; .short " + std::to_string(length) + "\n";
     }
     return text;
@@ -71,7 +72,8 @@ void emit_trace_store(emission& run) {
     const auto entries = trace_entries(run.source);
     for (std::size_t unit = 0; unit < entries.size(); ++unit) {
         text += unit_section(run.source, unit, entries[unit]);
-        for (const trace_entry& each : entries[unit]) texts += stored_text(each);
+        for (const trace_entry& each : entries[unit])
+            texts += stored_text(each);
     }
     const std::vector<std::uint8_t> stream = compressed(std::move(texts));
     text += "    .section .spoor_format_strings, \"\", @progbits\n" + bytes(stream.data(), stream.size());

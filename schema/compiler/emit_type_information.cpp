@@ -26,7 +26,8 @@ struct information {
 std::vector<variant_figures> figures_of(const named& type) {
     std::vector<variant_figures> figures;
     for (std::size_t i = 0; i < type.variants.size(); ++i)
-        figures.push_back({static_cast<std::uint32_t>(i), type.variants[i].used_length, type.variants[i].alloc_slop});
+        figures.push_back(
+            {static_cast<std::uint32_t>(i), type.variants[i].used_length, type.variants[i].alloc_slop});
     return figures;
 }
 
@@ -41,9 +42,12 @@ std::vector<information> all_information(const bundle& source) {
         all.push_back({"_" + type.name + "_type_info_internal", type.name, kind, type.luid, type.luid_text,
                        figures_of(type)});
     };
-    for (const auto& each : source.records) add_type(*each, "type");
-    for (const auto& each : source.enumerations) add_type(*each, "enum");
-    for (const auto& each : source.flag_sets) add_type(*each, "flag");
+    for (const auto& each : source.records)
+        add_type(*each, "type");
+    for (const auto& each : source.enumerations)
+        add_type(*each, "enum");
+    for (const auto& each : source.flag_sets)
+        add_type(*each, "flag");
     for (const auto& each : source.tables) {
         all.push_back({"_" + each->name + "_table_type_info_internal", each->name, "table", each->luid,
                        each->luid_text, table_figures});
@@ -63,10 +67,10 @@ std::string variant_tables(const std::vector<information>& all) {
     for (const information& each : all) {
         entries += "    // " + each.name + "\n";
         for (const variant_figures& figures : each.variants)
-            entries += "    {" + std::to_string(figures.variant) + ", " + std::to_string(figures.used_length) + ", " +
-                       std::to_string(figures.alloc_slop) + ", 0, 0, 0, 0},\n";
-        tables += "    {" + std::to_string(each.variants.size()) + ", entries + " + std::to_string(place) + "}, // " +
-                  each.name + "\n";
+            entries += "    {" + std::to_string(figures.variant) + ", " + std::to_string(figures.used_length) +
+                       ", " + std::to_string(figures.alloc_slop) + ", 0, 0, 0, 0},\n";
+        tables += "    {" + std::to_string(each.variants.size()) + ", entries + " + std::to_string(place) +
+                  "}, // " + each.name + "\n";
         place += each.variants.size();
     }
     return entries + "};\n" + tables + "};\n";
@@ -85,9 +89,9 @@ std::string identity_declarations(const std::string& symbol) {
 
 /// Name text, luid and luid text of a table or message, under the names every bundle uses.
 std::string identity(const std::string& symbol, const std::string& text, const named& of) {
-    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "const uint8_t " +
-           symbol + "_luid[16] = {" + byte_list(of.luid.data(), of.luid.size()) + "};\n" +
-           "const char " + symbol + "_luid_text[33] = \"" + of.luid_text + "\";\n";
+    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "const uint8_t " + symbol + "_luid[16] = {" +
+           byte_list(of.luid.data(), of.luid.size()) + "};\n" + "const char " + symbol + "_luid_text[33] = \"" +
+           of.luid_text + "\";\n";
 }
 
 } // namespace
@@ -100,15 +104,21 @@ void emit_type_information(emission& run) {
     text += "// Read-only once the loader has filled in the addresses.\n"
             "#define TRELLIS_TYPE_INFO __attribute__((section(\".data.rel.ro.type_info\")))\n\n";
     text += "namespace {\n" + variant_tables(all) + "} // namespace\n\nextern \"C\" {\n\n";
-    for (const information& each : all) text += "extern TRELLIS_EXPORT_DATA loom_type_info " + each.symbol + ";\n";
-    for (const auto& each : source.tables) text += identity_declarations("table_" + each->name);
-    for (const auto& each : source.messages) text += identity_declarations("message_action_" + each->name);
+    for (const information& each : all)
+        text += "extern TRELLIS_EXPORT_DATA loom_type_info " + each.symbol + ";\n";
+    for (const auto& each : source.tables)
+        text += identity_declarations("table_" + each->name);
+    for (const auto& each : source.messages)
+        text += identity_declarations("message_action_" + each->name);
     text += "\n";
-    for (std::size_t i = 0; i < all.size(); ++i) text += type_info_record(source, all[i], i);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        text += type_info_record(source, all[i], i);
     text += "\nloom_type_info* const " + source.name + "_type_infos[] = {\n";
-    for (const information& each : all) text += "    &" + each.symbol + ",\n";
+    for (const information& each : all)
+        text += "    &" + each.symbol + ",\n";
     text += "    nullptr,\n};\n\n";
-    for (const auto& each : source.tables) text += identity("table_" + each->name, "table " + each->name, *each);
+    for (const auto& each : source.tables)
+        text += identity("table_" + each->name, "table " + each->name, *each);
     for (const auto& each : source.messages)
         text += identity("message_action_" + each->name, "message_action " + each->name, *each);
     text += "\n} // extern \"C\"\n";

@@ -25,9 +25,9 @@ enum class builtin_family { scalar, boolean, object_value, opaque_value };
 
 /// A built-in value type (fixed stock; see builtins.h).
 struct builtin {
-    std::string name;      // "u_int32", "loom_vstring", ...
-    std::string c_type;    // "uint32_t", "struct loom_vstring"
-    std::string facade;    // name in trellis::types: "u_int32", "char_", "double_"
+    std::string name;   // "u_int32", "loom_vstring", ...
+    std::string c_type; // "uint32_t", "struct loom_vstring"
+    std::string facade; // name in trellis::types: "u_int32", "char_", "double_"
     builtin_family family;
     std::uint32_t width;
     std::uint32_t alignment;
@@ -48,7 +48,18 @@ struct type_ref {
     flag_set* of_flag_set = nullptr;
 };
 
-enum class shape { plain, object, fixed_array, variable_array, length, counted_string, fixed_string, oid, arm, list };
+enum class shape {
+    plain,
+    object,
+    fixed_array,
+    variable_array,
+    length,
+    counted_string,
+    fixed_string,
+    oid,
+    arm,
+    list
+};
 
 struct attribute {
     std::string name;
@@ -56,17 +67,17 @@ struct attribute {
     location where;
     shape form = shape::plain;
     type_ref type;
-    std::uint32_t extent = 0;      // fixed_array, fixed_string
-    std::string length_name;       // variable_array, counted_string: the length attribute
-    std::string discriminator;     // arm: the discriminator's name
-    std::string case_name;         // arm: the member that selects it
-    std::int32_t case_value = 0;   // arm: that member's user value
-    std::string target_table;      // oid: the table it refers to, own or imported
+    std::uint32_t extent = 0;    // fixed_array, fixed_string
+    std::string length_name;     // variable_array, counted_string: the length attribute
+    std::string discriminator;   // arm: the discriminator's name
+    std::string case_name;       // arm: the member that selects it
+    std::int32_t case_value = 0; // arm: that member's user value
+    std::string target_table;    // oid: the table it refers to, own or imported
     int since = 0;
     // Completed by the layout (see layout.h):
     std::uint32_t offset = 0;
-    std::uint32_t track = 0;       // first byte in the tracking area
-    std::uint32_t trace = 0;       // index of its first trace statement in the unit
+    std::uint32_t track = 0; // first byte in the tracking area
+    std::uint32_t trace = 0; // index of its first trace statement in the unit
     diag::attribute_kind trace_kind = diag::attribute_kind::plain;
 };
 
@@ -85,21 +96,21 @@ struct named {
     location where;
     std::array<std::uint8_t, 16> luid{};
     std::string luid_text;
-    std::string definition;        // canonical text of the definition
-    std::string definition_hash;   // MD5 of it, lower-case hexadecimal
+    std::string definition;      // canonical text of the definition
+    std::string definition_hash; // MD5 of it, lower-case hexadecimal
     int trace_unit = 0;
     std::uint32_t trace_base = 0;
-    int newest = 0;                // highest variant
+    int newest = 0; // highest variant
     std::vector<variant_layout> variants;
     std::uint32_t base_size = 0;
-    std::uint32_t call_base = 0;   // place of the type's first function in the function order (see names.h)
+    std::uint32_t call_base = 0; // place of the type's first function in the function order (see names.h)
 };
 
 struct record : named {
     std::vector<attribute> attributes;
-    bool list_element = false;     // some record holds a list of it
-    bool has_nested_records = false; // in place or in a fixed array
-    std::uint32_t oid_count = 0;   // its own oid attributes, nested records not counted
+    bool list_element = false;            // some record holds a list of it
+    bool has_nested_records = false;      // in place or in a fixed array
+    std::uint32_t oid_count = 0;          // its own oid attributes, nested records not counted
     std::uint32_t tracking_alignment = 1; // of its tracking area: 8 when the area holds a pointer
     /// Lists that hold this record, as (holder, attribute index): each gives a `<attribute>_get_parent`.
     std::vector<std::pair<const record*, std::size_t>> held_by;
@@ -109,12 +120,12 @@ struct enumeration_member {
     std::string name;
     std::string doc;
     location where;
-    std::int32_t value = 0;        // user value; the internal value is the place in the list
+    std::int32_t value = 0; // user value; the internal value is the place in the list
     int since = 0;
 };
 struct enumeration : named {
     std::vector<enumeration_member> members;
-    bool shared = false;           // other bundles import it: `_initialize` takes a value's nine arguments
+    bool shared = false;                   // other bundles import it: `_initialize` takes a value's nine arguments
     const bundle* imported_from = nullptr; // null: the bundle's own; else a bundle of which only the name is known
 };
 
@@ -135,9 +146,9 @@ struct table : named {
     location key_where;
     record* payload = nullptr;
     key_form key = key_form::attribute;
-    std::string key_attribute;     // key_form::attribute
-    record* key_record = nullptr;  // key_form::object; the payload for whole_payload
-    bool ordered = false;          // payload has the u_int32 attribute `reorder_seq_compact_no`
+    std::string key_attribute;            // key_form::attribute
+    record* key_record = nullptr;         // key_form::object; the payload for whole_payload
+    bool ordered = false;                 // payload has the u_int32 attribute `reorder_seq_compact_no`
     std::optional<std::string> told_luid; // a luid given in the schema
     // the table record is a type of its own
     std::array<std::uint8_t, 16> record_luid{};
@@ -147,7 +158,7 @@ struct table : named {
 };
 
 struct message : named {
-    record* payload = nullptr;     // null: none
+    record* payload = nullptr; // null: none
 };
 
 /// A table of another bundle, known by name and luid.
@@ -161,7 +172,7 @@ struct foreign_table {
 struct import {
     std::string bundle_name;
     location where;
-    std::unique_ptr<bundle> home;  // stands for the other bundle: name only
+    std::unique_ptr<bundle> home;                           // stands for the other bundle: name only
     std::vector<std::unique_ptr<enumeration>> enumerations; // shared enumerations used here; only names count
     std::vector<foreign_table> tables;
 };
@@ -169,7 +180,7 @@ struct import {
 /// One function of the bundle's interface, in function order; its place is its call counter's index.
 struct exported_function {
     std::string name;
-    std::string family; // "record", "accessor", "enumeration", "flag", "table", "message", "bundle"
+    std::string family;              // "record", "accessor", "enumeration", "flag", "table", "message", "bundle"
     const location* where = nullptr; // the declaration that brings it
 };
 

@@ -134,8 +134,9 @@ TEST(Compare, TellsWhenInstancesThatHoldAGrownRecordGrow) {
 TEST(Compare, TellsWhenAMemberIsTakenForAnother) {
     const auto plain = changes(replaced("    TWO\n", "    TWO\n  since 1\n    THREE\n"));
     ASSERT_EQ(plain.size(), 2u);
-    EXPECT_EQ(plain[1], "fine: older peers take the member \"THREE\" of \"from_one\" for \"TWO\", whose value is its "
-                        "place, 2");
+    EXPECT_EQ(plain[1],
+              "fine: older peers take the member \"THREE\" of \"from_one\" for \"TWO\", whose value is its "
+              "place, 2");
     const auto with_arms = changes(replaced("    SECOND\n}", "    SECOND\n  since 1\n    THIRD\n}"));
     ASSERT_EQ(with_arms.size(), 2u);
     EXPECT_TRUE(with_arms[1].starts_with("breaks: older peers take the member \"THIRD\" of \"chosen_from_one\""))

@@ -62,9 +62,9 @@ TEST(Robustness, ShuffledLines) {
 }
 
 TEST(Robustness, GarbledJson) {
-    const std::string text = json_text(
-        *model_of("bundle s\nenum e {\n A\n}\nrecord r {\n d: e {\n case A\n x: u_int8\n }\n"
-                  " n: u_int8\n v: r2[n]\n}\nrecord r2 {\n s: string[16]\n n: u_int8\n}\ntable t of r2 keyed by n\n"));
+    const std::string text = json_text(*model_of(
+        "bundle s\nenum e {\n A\n}\nrecord r {\n d: e {\n case A\n x: u_int8\n }\n"
+        " n: u_int8\n v: r2[n]\n}\nrecord r2 {\n s: string[16]\n n: u_int8\n}\ntable t of r2 keyed by n\n"));
     std::mt19937 random(99);
     const std::string alphabet = "{}[]:,\"0-9ax \n";
     for (int round = 0; round < 2000; ++round) {

@@ -19,7 +19,9 @@ T at(const std::string& file, std::uint64_t offset) {
     return value;
 }
 
-std::string text_at(const std::string& strings, std::uint64_t offset) { return std::string(strings.c_str() + offset); }
+std::string text_at(const std::string& strings, std::uint64_t offset) {
+    return std::string(strings.c_str() + offset);
+}
 
 } // namespace
 
@@ -40,8 +42,8 @@ elf_file::elf_file(const std::string& path) {
     const std::string names = bytes_of(section_header(header.e_shstrndx));
     for (unsigned i = 0; i < header.e_shnum; ++i) {
         const Elf64_Shdr each = section_header(i);
-        sections.push_back({text_at(names, each.sh_name), each.sh_addr, each.sh_size, (each.sh_flags & SHF_ALLOC) != 0,
-                            (each.sh_flags & SHF_WRITE) != 0, bytes_of(each)});
+        sections.push_back({text_at(names, each.sh_name), each.sh_addr, each.sh_size,
+                            (each.sh_flags & SHF_ALLOC) != 0, (each.sh_flags & SHF_WRITE) != 0, bytes_of(each)});
         if (each.sh_type != SHT_DYNSYM) continue;
         const std::string strings = bytes_of(section_header(each.sh_link));
         const std::string table = bytes_of(each);

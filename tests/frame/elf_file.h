@@ -24,7 +24,7 @@ struct elf_symbol {
 };
 
 class elf_file {
-public:
+  public:
     /// Throws std::runtime_error when the file cannot be read.
     explicit elf_file(const std::string& path);
 

@@ -21,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class emission_into_a_directory : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         root_ = fs::temp_directory_path() / ("emission_test_" + std::to_string(getpid()));
         fs::remove_all(root_);
@@ -157,11 +157,14 @@ TEST(bundle_without_tables, loads_and_works) {
     EXPECT_EQ(out, nullptr);
 
     const loom_module_node* node = loom_module_tot_root.first;
-    while (node != nullptr && std::strcmp(node->name, "awkward") != 0) node = node->next;
+    while (node != nullptr && std::strcmp(node->name, "awkward") != 0)
+        node = node->next;
     ASSERT_NE(node, nullptr);
     std::vector<std::string> names;
-    for (loom_type_info* const* each = node->type_infos; *each != nullptr; ++each) names.emplace_back((*each)->name);
-    EXPECT_EQ(names, (std::vector<std::string>{"awkward_names", "awkward_names_part", "awkward_colour", "awkward_flags"}));
+    for (loom_type_info* const* each = node->type_infos; *each != nullptr; ++each)
+        names.emplace_back((*each)->name);
+    EXPECT_EQ(names, (std::vector<std::string>{"awkward_names", "awkward_names_part", "awkward_colour",
+                                               "awkward_flags"}));
     dlclose(library);
 
     const elf_file file(TRELLIS_AWKWARD_LIBRARY);

@@ -20,7 +20,8 @@ void note_handler(const char* what, const char* bundle, const void* handler) {
 }
 
 void note_trace(const std::uint8_t* unit, std::uint32_t index, std::uint32_t level, const char* argument) {
-    the_journal().traces.push_back({std::string(reinterpret_cast<const char*>(unit), 16), index, level >> 24, argument});
+    the_journal().traces.push_back(
+        {std::string(reinterpret_cast<const char*>(unit), 16), index, level >> 24, argument});
 }
 
 } // namespace
@@ -51,7 +52,8 @@ database::database() {
 }
 
 database::~database() {
-    for (void* block : blocks_) std::free(block);
+    for (void* block : blocks_)
+        std::free(block);
 }
 
 } // namespace trellis::test

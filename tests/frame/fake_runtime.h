@@ -31,7 +31,7 @@ journal& the_journal();
 
 /// A handle over a map of manifested type information; blocks are kept until it ends.
 class database {
-public:
+  public:
     database();
     ~database();
     database(const database&) = delete;
@@ -39,12 +39,12 @@ public:
 
     loom_handle handle{};
     std::map<std::string, void*> entries;
-    std::vector<std::string> order;        // luid texts as they were entered
-    std::vector<std::uint32_t> domains;    // of lookups and inserts
+    std::vector<std::string> order;     // luid texts as they were entered
+    std::vector<std::uint32_t> domains; // of lookups and inserts
     std::vector<std::uint32_t> alloc_domains;
-    std::size_t blocks_left = 1'000'000;   // then memory is out
+    std::size_t blocks_left = 1'000'000; // then memory is out
 
-private:
+  private:
     std::vector<void*> blocks_;
 };
 

@@ -38,8 +38,10 @@ std::vector<std::string> listed(std::size_t skip) {
     for (loom_module_node* node = loom_module_tot_root.first; node != nullptr; node = node->next) {
         EXPECT_EQ(node->previous, back) << node->name;
         back = &node->next;
-        if (skip != 0) --skip;
-        else names.emplace_back(node->name);
+        if (skip != 0)
+            --skip;
+        else
+            names.emplace_back(node->name);
     }
     EXPECT_EQ(loom_module_tot_root.last, back);
     return names;
@@ -52,7 +54,8 @@ TEST(module_list, nodes_leave_from_front_middle_and_end) {
                                                {"b", nullptr, nullptr, nullptr},
                                                {"c", nullptr, nullptr, nullptr}}};
         std::array<u8, 3> linked{};
-        for (std::size_t i = 0; i < nodes.size(); ++i) frame::link_module(nodes[i], linked[i]);
+        for (std::size_t i = 0; i < nodes.size(); ++i)
+            frame::link_module(nodes[i], linked[i]);
         EXPECT_EQ(listed(before), (std::vector<std::string>{"a", "b", "c"}));
         std::vector<std::string> left = {"a", "b", "c"};
         for (const int place : leaving) {

@@ -21,8 +21,10 @@ const elf_file& library() {
 template <class T>
 T number_at(const std::string& bytes, std::size_t offset) {
     T value{};
-    if (offset + sizeof value > bytes.size()) ADD_FAILURE() << "nothing at " << offset;
-    else std::memcpy(&value, bytes.data() + offset, sizeof value);
+    if (offset + sizeof value > bytes.size())
+        ADD_FAILURE() << "nothing at " << offset;
+    else
+        std::memcpy(&value, bytes.data() + offset, sizeof value);
     return value;
 }
 
@@ -118,7 +120,8 @@ TEST(trace_store, every_text_begins_with_a_blank_and_holds_no_placeholder) {
 
 TEST(trace_store, names_are_those_of_the_schema) {
     std::set<std::string> all;
-    for (const auto& unit : decoded()) all.insert(unit.begin(), unit.end());
+    for (const auto& unit : decoded())
+        all.insert(unit.begin(), unit.end());
     for (const char* text : {" error in const_default_type create: %s",
                              " tbl_constraint_test insert record exists for constraint_test_type name",
                              " tbl_top_level_compound_key insert record exists for compound_key ",

@@ -18,7 +18,7 @@ constexpr const char* bundle_name = "trellis_test_types";
 
 /// The library, loaded for one test.
 class loaded_library : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         the_journal().reset();
         library_ = dlopen(TRELLIS_CATALOGUE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
@@ -43,7 +43,8 @@ protected:
     }
     std::vector<const loom_type_info*> type_infos() {
         std::vector<const loom_type_info*> all;
-        for (loom_type_info* const* each = module()->type_infos; *each != nullptr; ++each) all.push_back(*each);
+        for (loom_type_info* const* each = module()->type_infos; *each != nullptr; ++each)
+            all.push_back(*each);
         return all;
     }
     const loom_table_vft* lut() { return find<const loom_table_vft>("trellis_test_types_table_lut"); }
@@ -98,7 +99,8 @@ TEST_F(loaded_library, handlers_go_on_to_the_siblings_in_the_order_of_imports) {
                                     "peering_emul_oper"};
     const auto calls = [&](const std::string& what, int handler) {
         std::vector<std::string> expected;
-        for (const std::string& each : siblings) expected.push_back(what + " " + each + " " + std::to_string(handler));
+        for (const std::string& each : siblings)
+            expected.push_back(what + " " + each + " " + std::to_string(handler));
         const std::vector<std::string> found = the_journal().handler_calls;
         the_journal().reset();
         return found == expected ? std::string() : testing::PrintToString(found);
@@ -132,14 +134,16 @@ TEST_F(loaded_library, all_types_describe_themselves) {
         EXPECT_EQ(each->manifested_kind, 0u);
         EXPECT_EQ(each->reserved1 + each->reserved2, 0u);
         char text[33];
-        for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, "%02x", static_cast<unsigned>(each->luid[i]));
+        for (int i = 0; i < 16; ++i)
+            std::snprintf(text + 2 * i, 3, "%02x", static_cast<unsigned>(each->luid[i]));
         EXPECT_STREQ(each->luid_text, text);
         luids.insert(text);
         ++kinds[each->kind];
         ASSERT_NE(each->variant_table, nullptr);
         ++variants[each->variant_table->n_variants];
         const std::string kind = each->kind;
-        std::uint32_t end = each->variant_table->entries[0].used_length + each->variant_table->entries[0].alloc_slop;
+        std::uint32_t end =
+            each->variant_table->entries[0].used_length + each->variant_table->entries[0].alloc_slop;
         for (int v = 0; v < each->variant_table->n_variants; ++v) {
             const loom_variant_entry& entry = each->variant_table->entries[v];
             if (kind == "table" || kind == "table_record") {
@@ -155,8 +159,9 @@ TEST_F(loaded_library, all_types_describe_themselves) {
         }
     }
     EXPECT_EQ(luids.size(), 223u);
-    EXPECT_EQ(kinds, (std::map<std::string, int>{
-                         {"type", 103}, {"enum", 15}, {"flag", 3}, {"table", 47}, {"table_record", 47}, {"message", 8}}));
+    EXPECT_EQ(kinds,
+              (std::map<std::string, int>{
+                  {"type", 103}, {"enum", 15}, {"flag", 3}, {"table", 47}, {"table_record", 47}, {"message", 8}}));
     EXPECT_EQ(variants, (std::map<int, int>{{1, 207}, {2, 6}, {3, 4}, {4, 5}, {5, 1}}));
 }
 
@@ -164,7 +169,8 @@ TEST_F(loaded_library, types_are_listed_in_their_order) {
     const auto all = type_infos();
     ASSERT_EQ(all.size(), 223u);
     const char* first[] = {"const_default_type", "complex_comp_key", "enum_keys", "ipv4_addr_keys"};
-    for (std::size_t i = 0; i < std::size(first); ++i) EXPECT_STREQ(all[i]->name, first[i]);
+    for (std::size_t i = 0; i < std::size(first); ++i)
+        EXPECT_STREQ(all[i]->name, first[i]);
     std::vector<std::string> runs;
     for (const loom_type_info* each : all) {
         std::string kind = each->kind;
@@ -181,7 +187,8 @@ TEST_F(loaded_library, types_are_listed_in_their_order) {
     EXPECT_EQ(runs[2], "flag");
     EXPECT_EQ(runs.back(), "message");
     const loom_type_info* table = find<const loom_type_info>("_tbl_constraint_test_table_type_info_internal");
-    const loom_type_info* record = find<const loom_type_info>("_tbl_constraint_test_table_record_type_info_internal");
+    const loom_type_info* record =
+        find<const loom_type_info>("_tbl_constraint_test_table_record_type_info_internal");
     const loom_type_info* message =
         find<const loom_type_info>("_custom_rpc_action_simple_action_message_type_info_internal");
     EXPECT_STREQ(table->name, "tbl_constraint_test");
@@ -258,9 +265,12 @@ TEST_F(loaded_library, type_information_is_brought_into_a_database_once) {
 int dumped_tables, dumped_variants;
 
 int count_lines(const char* format, ...) {
-    if (std::strcmp(format, "n_variants %d\n") == 0) ++dumped_tables;
-    else if (std::strcmp(format, "variant %d used length %d alloc slop %d\n") == 0) ++dumped_variants;
-    else ADD_FAILURE() << format;
+    if (std::strcmp(format, "n_variants %d\n") == 0)
+        ++dumped_tables;
+    else if (std::strcmp(format, "variant %d used length %d alloc slop %d\n") == 0)
+        ++dumped_variants;
+    else
+        ADD_FAILURE() << format;
     return 0;
 }
 
@@ -305,28 +315,33 @@ TEST_F(loaded_library, every_luid_of_the_registry_is_found_and_no_other) {
 TEST_F(loaded_library, records_are_complete_and_in_registry_order) {
     EXPECT_EQ(lut()[0].slots[0], nullptr) << "filled by the first lookup";
     initialize_registry();
-    const std::map<int, std::string> told = {{0, "tbl_top_level_rec_with_keyless_list"}, {1, "tbl_bgp_state"},
-                                             {24, "vap_operational_config_tbl"},         {34, "radio_band_tbl"},
-                                             {48, "radio_operation_tbl"},                {58, "tbl_constraint_test"},
-                                             {68, "tbl_trellis_flat"},                   {69, "tbl_NOAUTORENAMEtopLevelSing"}};
-    const std::map<int, std::string> functions = {{LOOM_VFT_TABLE_OPEN, "_table_open"},
-                                                  {LOOM_VFT_TABLE_OPEN_BY_IOR_WITH_ID, "_table_open_by_ior_with_id"},
-                                                  {LOOM_VFT_TABLE_FREE, "_table_free"},
-                                                  {LOOM_VFT_RECORD_CREATE_CB, "_table_record_create_cb"},
-                                                  {LOOM_VFT_RECORD_FREE_CB, "_table_record_free_cb"},
-                                                  {LOOM_VFT_SEARCH, "_search"},
-                                                  {LOOM_VFT_CREATE_RECORD, "_create_record"},
-                                                  {LOOM_VFT_INSERT, "_insert"},
-                                                  {LOOM_VFT_DELETE, "_delete"},
-                                                  {LOOM_VFT_PKEY_GET_NEXT, "_pkey_get_next"},
-                                                  {LOOM_VFT_TABLE_GET_COUNT_BY_SRC, "_table_get_count_by_src"},
-                                                  {LOOM_VFT_PKEY_GET_NEXT_IGNORE_SRC, "_pkey_get_next_ignore_src"},
-                                                  {LOOM_VFT_RECORD_FROM_XML, "_table_record_from_xml"},
-                                                  {LOOM_VFT_REQUEST_RECORD_DESTROY, "_request_record_destroy"},
-                                                  {LOOM_VFT_RECORD_UNMARSHAL, "_table_record_unmarshal"},
-                                                  {LOOM_VFT_PKEY_LEN, "_table_pkey_len"},
-                                                  {LOOM_VFT_GET_PREV_BY_KEY, "_get_prev_by_key"},
-                                                  {LOOM_VFT_PKEY_PRINT, "_pkey_print"}};
+    const std::map<int, std::string> told = {{0, "tbl_top_level_rec_with_keyless_list"},
+                                             {1, "tbl_bgp_state"},
+                                             {24, "vap_operational_config_tbl"},
+                                             {34, "radio_band_tbl"},
+                                             {48, "radio_operation_tbl"},
+                                             {58, "tbl_constraint_test"},
+                                             {68, "tbl_trellis_flat"},
+                                             {69, "tbl_NOAUTORENAMEtopLevelSing"}};
+    const std::map<int, std::string> functions = {
+        {LOOM_VFT_TABLE_OPEN, "_table_open"},
+        {LOOM_VFT_TABLE_OPEN_BY_IOR_WITH_ID, "_table_open_by_ior_with_id"},
+        {LOOM_VFT_TABLE_FREE, "_table_free"},
+        {LOOM_VFT_RECORD_CREATE_CB, "_table_record_create_cb"},
+        {LOOM_VFT_RECORD_FREE_CB, "_table_record_free_cb"},
+        {LOOM_VFT_SEARCH, "_search"},
+        {LOOM_VFT_CREATE_RECORD, "_create_record"},
+        {LOOM_VFT_INSERT, "_insert"},
+        {LOOM_VFT_DELETE, "_delete"},
+        {LOOM_VFT_PKEY_GET_NEXT, "_pkey_get_next"},
+        {LOOM_VFT_TABLE_GET_COUNT_BY_SRC, "_table_get_count_by_src"},
+        {LOOM_VFT_PKEY_GET_NEXT_IGNORE_SRC, "_pkey_get_next_ignore_src"},
+        {LOOM_VFT_RECORD_FROM_XML, "_table_record_from_xml"},
+        {LOOM_VFT_REQUEST_RECORD_DESTROY, "_request_record_destroy"},
+        {LOOM_VFT_RECORD_UNMARSHAL, "_table_record_unmarshal"},
+        {LOOM_VFT_PKEY_LEN, "_table_pkey_len"},
+        {LOOM_VFT_GET_PREV_BY_KEY, "_get_prev_by_key"},
+        {LOOM_VFT_PKEY_PRINT, "_pkey_print"}};
     for (int i = 0; i < 70; ++i) {
         const loom_table_vft& record = lut()[i];
         const char* text = static_cast<const char*>(record.slots[LOOM_VFT_NAME]);
@@ -340,7 +355,8 @@ TEST_F(loaded_library, records_are_complete_and_in_registry_order) {
         EXPECT_EQ(record.slots[LOOM_VFT_LUID], find<void>("table_" + name + "_luid"));
         for (int slot = LOOM_VFT_TABLE_OPEN; slot < LOOM_VFT_SLOTS; ++slot)
             EXPECT_EQ(record.slots[slot] == nullptr, slot == LOOM_VFT_RESERVED) << slot;
-        for (const auto& [slot, function] : functions) EXPECT_EQ(record.slots[slot], find<void>(name + function)) << function;
+        for (const auto& [slot, function] : functions)
+            EXPECT_EQ(record.slots[slot], find<void>(name + function)) << function;
     }
 }
 
@@ -348,7 +364,8 @@ TEST_F(loaded_library, foreign_tables_are_those_of_their_home_bundles) {
     initialize_registry();
     void* home = dlopen(TRELLIS_SIBLING_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(home, nullptr);
-    const auto* luid = reinterpret_cast<const std::uint8_t*>("\x14\xc1\x16\xaa\xb7\xfc\xf4\x12\x9d\xd3\xd1\x59\xc8\x58\xec\xf2");
+    const auto* luid =
+        reinterpret_cast<const std::uint8_t*>("\x14\xc1\x16\xaa\xb7\xfc\xf4\x12\x9d\xd3\xd1\x59\xc8\x58\xec\xf2");
     const std::int32_t place = lookup(luid);
     ASSERT_EQ(place, 5) << "tbl_neighbor";
     EXPECT_EQ(lut()[place].slots[LOOM_VFT_INSERT], dlsym(home, "tbl_neighbor_insert"));

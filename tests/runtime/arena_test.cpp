@@ -8,7 +8,7 @@ namespace {
 using namespace runtime_test;
 
 class arena : public testing::TestWithParam<memory_kind> {
-protected:
+  protected:
     void* alloc(std::size_t size) { return handle->alloc(handle->alloc_ctx, 1, size); }
     void free(void* block) { handle->free(handle->alloc_ctx, 1, block); }
     void announce(const void* address, std::size_t size) {
@@ -46,7 +46,8 @@ std::size_t random_size(random_source& random) {
 
 void expect_contents(const live_blocks& blocks) {
     for (const auto& [block, each] : blocks)
-        for (std::size_t i = 0; i < each.size; ++i) ASSERT_EQ(block[i], each.fill) << "byte " << i << " of " << each.size;
+        for (std::size_t i = 0; i < each.size; ++i)
+            ASSERT_EQ(block[i], each.fill) << "byte " << i << " of " << each.size;
 }
 
 TEST_P(arena, blocks_never_overlap_and_come_back) {
@@ -65,7 +66,8 @@ TEST_P(arena, blocks_never_overlap_and_come_back) {
             ASSERT_TRUE(blocks.emplace(block, live_block{size, fill}).second);
         } else {
             auto victim = std::next(blocks.begin(), static_cast<long>(random() % blocks.size()));
-            for (std::size_t i = 0; i < victim->second.size; ++i) ASSERT_EQ(victim->first[i], victim->second.fill);
+            for (std::size_t i = 0; i < victim->second.size; ++i)
+                ASSERT_EQ(victim->first[i], victim->second.fill);
             free(victim->first);
             blocks.erase(victim);
         }
@@ -74,14 +76,15 @@ TEST_P(arena, blocks_never_overlap_and_come_back) {
     expect_contents(blocks);
     loom_write_commit(handle.get());
     expect_contents(blocks);
-    for (const auto& [block, each] : blocks) free(block);
+    for (const auto& [block, each] : blocks)
+        free(block);
     verify();
     EXPECT_EQ(usage().blocks, before.blocks);
     EXPECT_EQ(usage().bytes, before.bytes);
 }
 
-/// Allocates, frees and changes blocks at random inside a section and aborts it: everything must be as before, though
-/// fresh memory was written without notices.
+/// Allocates, frees and changes blocks at random inside a section and aborts it: everything must be as before,
+/// though fresh memory was written without notices.
 TEST_P(arena, an_aborted_section_leaves_no_trace) {
     random_source random(12);
     live_blocks kept;
@@ -118,7 +121,8 @@ TEST_P(arena, an_aborted_section_leaves_no_trace) {
         verify();
         expect_contents(kept);
     }
-    for (const auto& [block, each] : kept) free(block);
+    for (const auto& [block, each] : kept)
+        free(block);
     verify();
 }
 
@@ -132,7 +136,8 @@ TEST_P(arena, grows_over_many_megabytes) {
     }
     loom_write_commit(handle.get());
     verify();
-    for (void* each : blocks) free(each);
+    for (void* each : blocks)
+        free(each);
     // What came back is used again before the arena grows further.
     const std::uint64_t extent = usage().extent;
     void* large = alloc(50u << 20);
@@ -167,7 +172,8 @@ TEST(small_arena, is_used_up_and_given_back_entirely) {
         }
         ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
         largest = std::max(largest, total);
-        for (void* each : blocks) handle->free(handle->alloc_ctx, 1, each);
+        for (void* each : blocks)
+            handle->free(handle->alloc_ctx, 1, each);
         ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
         // However it was cut up before, all of it comes together again.
         void* whole = handle->alloc(handle->alloc_ctx, 1, 1u << 20);
@@ -252,7 +258,9 @@ TEST_P(arena, memory_can_be_freed_only_once) {
 /// Private memory is known to the address sanitizer block by block.
 TEST(private_memory, is_watched_by_the_address_sanitizer) {
     handle_ptr handle = open_private();
-    const auto alloc = [&](std::size_t size) { return static_cast<volatile char*>(handle->alloc(handle->alloc_ctx, 1, size)); };
+    const auto alloc = [&](std::size_t size) {
+        return static_cast<volatile char*>(handle->alloc(handle->alloc_ctx, 1, size));
+    };
     const auto free = [&](volatile char* block) { handle->free(handle->alloc_ctx, 1, const_cast<char*>(block)); };
     volatile char* block = alloc(100);
     EXPECT_DEATH(block[100] = 1, "use-after-poison");
@@ -309,7 +317,9 @@ TEST_P(arena, debugging_finds_stores_without_a_notice) {
 }
 
 TEST_P(arena, debugging_leaves_fresh_memory_alone_until_the_check) {
-    ASSERT_EQ(loom_debug_arena_start(handle.get(), [](const loom_unannounced_store*, void*) {}, nullptr), 0u);
+    ASSERT_EQ(loom_debug_arena_start(
+                  handle.get(), [](const loom_unannounced_store*, void*) {}, nullptr),
+              0u);
     loom_write_begin(handle.get());
     auto* block = static_cast<unsigned char*>(alloc(64));
     std::memset(block, 9, 64);
@@ -362,7 +372,8 @@ TEST_P(arena, the_runtime_itself_announces_every_store) {
         for (fake_record* each : records) {
             loomdb_request_record_destroy(handle.get(), 1, &each->record, &err);
             loom_record_set_location(handle.get(), 1, &each->record, each->key % 2 ? "here" : "there");
-            loomdb_update_tenant_counter(handle.get(), 1, table, 1, static_cast<std::uint16_t>(each->key % 30), 1, &err);
+            loomdb_update_tenant_counter(handle.get(), 1, table, 1, static_cast<std::uint16_t>(each->key % 30), 1,
+                                         &err);
             loomlib_record_dereference_loc(handle.get(), 1, &each->record, &err);
         }
         loom_table_advance_read_cursor(handle.get(), table, 100);

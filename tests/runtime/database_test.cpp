@@ -30,7 +30,8 @@ struct database_file : testing::Test {
         arbor_set_key(handle->alloc_ctx, "spare", spare);
         std::uint32_t err = 0;
         loom_table* table = fake_table_open(handle.get(), 1, "old/table", &err);
-        for (std::uint32_t key = 0; key < 10; ++key) fake_table_add(handle.get(), 1, table, key, &err);
+        for (std::uint32_t key = 0; key < 10; ++key)
+            fake_table_add(handle.get(), 1, table, key, &err);
         EXPECT_EQ(err, 0u);
         EXPECT_EQ(loom_write_commit(handle.get()), 0u);
         return handle;
@@ -53,8 +54,8 @@ struct database_file : testing::Test {
         return {std::istreambuf_iterator<char>(file), {}};
     }
     void write(const std::vector<char>& contents) const {
-        std::ofstream(path, std::ios::binary | std::ios::trunc).write(contents.data(),
-                                                                      static_cast<long>(contents.size()));
+        std::ofstream(path, std::ios::binary | std::ios::trunc)
+            .write(contents.data(), static_cast<long>(contents.size()));
     }
 };
 
@@ -246,8 +247,10 @@ TEST_F(database_file, many_processes_and_threads_count_together) {
                 own->free(own->alloc_ctx, 1, own->alloc(own->alloc_ctx, 1, 24));
             }
         });
-    for (std::thread& each : threads) each.join();
-    for (auto& each : children) EXPECT_EQ(WEXITSTATUS(each->wait()), 0);
+    for (std::thread& each : threads)
+        each.join();
+    for (auto& each : children)
+        EXPECT_EQ(WEXITSTATUS(each->wait()), 0);
     loom_read_begin(handle.get());
     EXPECT_EQ(cells_of(handle)[0], 800u);
     EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
@@ -264,8 +267,10 @@ TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
         const int status = child.wait();
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
         EXPECT_EQ(cells_of(handle)[7], 0xDEADu); // the store itself did happen
-        if (by_reading) loom_read_begin(handle.get());
-        else loom_write_begin(handle.get());
+        if (by_reading)
+            loom_read_begin(handle.get());
+        else
+            loom_write_begin(handle.get());
         EXPECT_EQ(cells_of(handle)[7], 0u);
         EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
         loom_arena_usage_get(handle.get(), &end);
@@ -276,16 +281,19 @@ TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
         std::uint32_t err = 0;
         const auto* luid = fake_table_type.info.luid;
         EXPECT_FALSE(loomdb_database_toc_get_table_root(handle.get(), 1, "left/behind", 11, 0, luid, 16, 1, &err));
-        loom_table* old = loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0, luid, 16, 1, &err);
+        loom_table* old =
+            loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0, luid, 16, 1, &err);
         ASSERT_TRUE(old);
         EXPECT_EQ(old->record_count, 10u);
-        if (by_reading) loom_read_end(handle.get());
-        else loom_write_commit(handle.get());
+        if (by_reading)
+            loom_read_end(handle.get());
+        else
+            loom_write_commit(handle.get());
     }
 }
 
-/// Processes are killed at any moment, in the middle of sections, commits and aborts. Whatever was going on, the sums
-/// that every section keeps must hold afterwards.
+/// Processes are killed at any moment, in the middle of sections, commits and aborts. Whatever was going on, the
+/// sums that every section keeps must hold afterwards.
 TEST_F(database_file, processes_may_be_killed_at_any_moment) {
     handle_ptr handle = make();
     loom_arena_usage start{}, end{};
@@ -300,7 +308,8 @@ TEST_F(database_file, processes_may_be_killed_at_any_moment) {
         ASSERT_EQ(loom_read_begin(handle.get()), 0u);
         ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
         std::uint64_t sum = 0;
-        for (std::size_t cell = 0; cell < 50; ++cell) sum += cells_of(handle)[cell];
+        for (std::size_t cell = 0; cell < 50; ++cell)
+            sum += cells_of(handle)[cell];
         ASSERT_EQ(sum, 0u);
         std::uint32_t err = 0;
         loom_table* table = loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0,
@@ -398,7 +407,8 @@ TEST_F(database_file, verification_survives_any_damage) {
     random_source random(6);
     for (int round = 0; round < 200; ++round) {
         std::vector<char> bad = good;
-        for (int i = 0; i < 20; ++i) bad[136 + random() % 40000] = static_cast<char>(random());
+        for (int i = 0; i < 20; ++i)
+            bad[136 + random() % 40000] = static_cast<char>(random());
         write(bad);
         if (loom_handle* handle = loom_open_mapped(path.c_str(), 0)) {
             EXPECT_NE(loom_arena_verify(handle), 77u);
@@ -523,11 +533,12 @@ TEST(handle, shows_its_settings_to_bundles) {
 TEST(handle, shows_reports_to_its_observer_and_counts_them) {
     handle_ptr handle = open_private();
     std::vector<loom_report> seen;
-    loom_set_containment(handle.get(), 1,
-                         [](loom_handle*, const loom_report* report, void* context) {
-                             static_cast<std::vector<loom_report>*>(context)->push_back(*report);
-                         },
-                         &seen);
+    loom_set_containment(
+        handle.get(), 1,
+        [](loom_handle*, const loom_report* report, void* context) {
+            static_cast<std::vector<loom_report>*>(context)->push_back(*report);
+        },
+        &seen);
     EXPECT_EQ(handle->containment, 1u);
     int value = 0, parent = 0;
     loomdb_record_containment2(handle.get(), 3, &value, &parent, 1);

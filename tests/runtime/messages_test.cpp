@@ -30,9 +30,12 @@ TEST_F(message_bundles, hold_and_count_messages) {
     EXPECT_EQ(loom_message_bundle_count(handle.get(), first_luid), 2u);
     EXPECT_EQ(loom_message_bundle_count(handle.get(), nullptr), 3u);
     std::string all;
-    loom_message_bundle_each(handle.get(), [](const std::uint8_t*, const char* name, std::uint64_t count, void* context) {
-        *static_cast<std::string*>(context) += name + std::string("=") + std::to_string(count) + " ";
-    }, &all);
+    loom_message_bundle_each(
+        handle.get(),
+        [](const std::uint8_t*, const char* name, std::uint64_t count, void* context) {
+            *static_cast<std::string*>(context) += name + std::string("=") + std::to_string(count) + " ";
+        },
+        &all);
     EXPECT_EQ(all, "first=2 second=1 ");
     EXPECT_EQ(loom_message_bundle_close(handle.get()), 0u);
     EXPECT_EQ(handle->bundle_active, 0u);

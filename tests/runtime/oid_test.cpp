@@ -10,7 +10,7 @@ namespace {
 using namespace runtime_test;
 
 class references : public testing::TestWithParam<memory_kind> {
-protected:
+  protected:
     void SetUp() override {
         load_fake_bundle();
         loom_write_begin(handle.get());
@@ -37,8 +37,7 @@ protected:
     fake_type ending{"put_off_type"};
     std::uint32_t err = 0;
 };
-INSTANTIATE_TEST_SUITE_P(kinds, references,
-                         testing::Values(memory_kind::private_memory, memory_kind::shared_file),
+INSTANTIATE_TEST_SUITE_P(kinds, references, testing::Values(memory_kind::private_memory, memory_kind::shared_file),
                          [](const auto& each) { return name_of(each.param); });
 
 TEST_P(references, are_unique_and_never_zero) {

@@ -22,7 +22,8 @@ child_process::child_process(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"/proc/self/exe", "--child"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
-    for (std::string& each : all) pointers.push_back(each.data());
+    for (std::string& each : all)
+        pointers.push_back(each.data());
     pointers.push_back(nullptr);
     const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     if (posix_spawn(&process_, program.c_str(), &actions, nullptr, pointers.data(), environ) != 0) std::abort();
@@ -44,7 +45,8 @@ child_process::~child_process() {
 
 std::string child_process::line() {
     std::string text;
-    for (char character; read(output_, &character, 1) == 1 && character != '\n';) text += character;
+    for (char character; read(output_, &character, 1) == 1 && character != '\n';)
+        text += character;
     return text;
 }
 
@@ -77,14 +79,19 @@ void set_cell(loom_handle* handle, std::size_t cell, std::uint64_t value) {
 /// Changes much of everything inside a section that never ends.
 void change_a_lot(loom_handle* handle) {
     std::uint32_t err = 0;
-    for (std::size_t i = 0; i < 100; ++i) set_cell(handle, i, 0xDEAD);
+    for (std::size_t i = 0; i < 100; ++i)
+        set_cell(handle, i, 0xDEAD);
     loom_table* table = fake_table_open(handle, 1, "left/behind", &err);
-    for (std::uint32_t key = 0; key < 2000; ++key) fake_table_add(handle, 1, table, key, &err);
+    for (std::uint32_t key = 0; key < 2000; ++key)
+        fake_table_add(handle, 1, table, key, &err);
     loom_table* old = fake_table_open(handle, 1, "old/table", &err);
-    for (std::uint32_t key = 0; key < 500; ++key) fake_table_add(handle, 1, old, 1000 + key, &err);
+    for (std::uint32_t key = 0; key < 500; ++key)
+        fake_table_add(handle, 1, old, 1000 + key, &err);
     std::vector<void*> blocks;
-    for (std::size_t i = 1; i < 300; ++i) blocks.push_back(handle->alloc(handle->alloc_ctx, 1, i * 37));
-    for (std::size_t i = 0; i < blocks.size(); i += 2) handle->free(handle->alloc_ctx, 1, blocks[i]);
+    for (std::size_t i = 1; i < 300; ++i)
+        blocks.push_back(handle->alloc(handle->alloc_ctx, 1, i * 37));
+    for (std::size_t i = 0; i < blocks.size(); i += 2)
+        handle->free(handle->alloc_ctx, 1, blocks[i]);
     handle->free(handle->alloc_ctx, 1, arbor_get_key(handle->alloc_ctx, "spare"));
 }
 /// Sections that keep four sums: cells 0 to 49 together, the blocks and the records that cells 50 and 51 count.

@@ -50,8 +50,10 @@ handle_ptr open_kind(memory_kind kind, const scratch_directory& directory) {
 fake_type::fake_type(const char* name, const char* kind, std::int8_t variants, const char* module) {
     info.magic = LOOM_TYPE_INFO_MAGIC;
     for (std::size_t i = 0; i < 16; ++i)
-        info.luid[i] = static_cast<std::uint8_t>(std::hash<std::string>{}(name + std::string(1, static_cast<char>(i))));
-    for (std::size_t i = 0; i < 16; ++i) std::snprintf(info.luid_text + 2 * i, 3, "%02x", info.luid[i]);
+        info.luid[i] =
+            static_cast<std::uint8_t>(std::hash<std::string>{}(name + std::string(1, static_cast<char>(i))));
+    for (std::size_t i = 0; i < 16; ++i)
+        std::snprintf(info.luid_text + 2 * i, 3, "%02x", info.luid[i]);
     std::strncpy(info.name, name, sizeof info.name - 1);
     std::strncpy(info.module, module, sizeof info.module - 1);
     std::strncpy(info.kind, kind, sizeof info.kind - 1);
@@ -79,7 +81,8 @@ namespace {
 std::int32_t compare_records(const e_avl_node* a, const e_avl_node* b) {
     const auto key = [](const e_avl_node* node) {
         return reinterpret_cast<const fake_record*>(reinterpret_cast<const char*>(node) -
-                                                    offsetof(loom_table_record, avl_node))->key;
+                                                    offsetof(loom_table_record, avl_node))
+            ->key;
     };
     return key(a) < key(b) ? 0 : key(a) == key(b) ? 1 : 2;
 }
@@ -150,8 +153,9 @@ const loom_table_vft fake_table_vft = make_vft();
 loom_table* fake_table_open(loom_handle* handle, std::uint32_t domain, const char* name, std::uint32_t* err) {
     loom_table_list* list = loomlib_database_table_toc_create(handle, LOOM_DOMAIN_NONE, err);
     loomdb_database_toc_open(handle, domain, err);
-    if (loom_table* found = loomdb_database_toc_get_table_root(
-            handle, domain, name, static_cast<std::uint32_t>(std::strlen(name)), 0, fake_table_type.info.luid, 16, 1, err))
+    if (loom_table* found =
+            loomdb_database_toc_get_table_root(handle, domain, name, static_cast<std::uint32_t>(std::strlen(name)),
+                                               0, fake_table_type.info.luid, 16, 1, err))
         return found;
     auto* table = static_cast<loom_table*>(handle->alloc(handle->alloc_ctx, domain, sizeof(loom_table)));
     if (!table || *err) return nullptr;

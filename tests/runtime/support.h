@@ -23,12 +23,12 @@ using handle_ptr = std::unique_ptr<loom_handle, close_handle>;
 
 /// A directory that goes with its test.
 class scratch_directory {
-public:
+  public:
     scratch_directory();
     ~scratch_directory();
     std::string file(const std::string& name) const { return (path_ / name).string(); }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
@@ -38,11 +38,11 @@ handle_ptr open_mapped(const std::string& path, std::uint32_t flags = LOOM_OPEN_
 
 /// Repeatable random numbers.
 class random_source {
-public:
+  public:
     explicit random_source(std::uint32_t seed) : engine_(seed) {}
     std::uint32_t operator()() { return static_cast<std::uint32_t>(engine_()); }
 
-private:
+  private:
     std::mt19937 engine_;
 };
 
@@ -53,7 +53,7 @@ handle_ptr open_kind(memory_kind kind, const scratch_directory& directory);
 
 /// Another process: this program with "--child <operation> arguments...". See processes.cpp.
 class child_process {
-public:
+  public:
     explicit child_process(const std::vector<std::string>& arguments);
     ~child_process();
     /// The next line that it prints.
@@ -63,7 +63,7 @@ public:
     /// The exit status as waitpid tells it.
     int wait();
 
-private:
+  private:
     int process_ = -1;
     int input_ = -1;
     int output_ = -1;

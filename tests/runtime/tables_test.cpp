@@ -7,7 +7,7 @@ namespace {
 using namespace runtime_test;
 
 class table_layer : public testing::TestWithParam<memory_kind> {
-protected:
+  protected:
     void SetUp() override {
         load_fake_bundle();
         loom_write_begin(handle.get());
@@ -20,15 +20,19 @@ protected:
     bool shared() const { return GetParam() == memory_kind::shared_file; }
     loom_table* open(const char* name) { return fake_table_open(handle.get(), 1, name, &err); }
     loom_table* find(const char* path) {
-        return loomdb_database_toc_get_table_root(handle.get(), 1, path, static_cast<std::uint32_t>(std::strlen(path)), 0,
+        return loomdb_database_toc_get_table_root(handle.get(), 1, path,
+                                                  static_cast<std::uint32_t>(std::strlen(path)), 0,
                                                   fake_table_type.info.luid, 16, 1, &err);
     }
     std::vector<loom_table*> all() {
         std::vector<loom_table*> tables;
-        loom_each_table(handle.get(), [](loom_table* table, void* context) {
-            static_cast<std::vector<loom_table*>*>(context)->push_back(table);
-            return 0u;
-        }, &tables);
+        loom_each_table(
+            handle.get(),
+            [](loom_table* table, void* context) {
+                static_cast<std::vector<loom_table*>*>(context)->push_back(table);
+                return 0u;
+            },
+            &tables);
         return tables;
     }
     loom_gc_result collect() {
@@ -50,13 +54,14 @@ TEST_P(table_layer, contents_are_per_domain_and_by_path_or_id) {
     EXPECT_FALSE(loomdb_database_toc_get(handle.get(), 1, &err));
     EXPECT_FALSE(loomlib_database_table_toc_get(handle.get(), LOOM_DOMAIN_NONE, &err));
     std::vector<loom_table*> tables;
-    for (int i = 0; i < 60; ++i) tables.push_back(open(("path/" + std::to_string(i)).c_str()));
+    for (int i = 0; i < 60; ++i)
+        tables.push_back(open(("path/" + std::to_string(i)).c_str()));
     for (int i = 0; i < 60; ++i)
         EXPECT_EQ(find(("path/" + std::to_string(i)).c_str()), tables[static_cast<std::size_t>(i)]);
     EXPECT_FALSE(find("path/60"));
     EXPECT_EQ(all(), tables);
-    EXPECT_FALSE(loomdb_database_toc_get_table_root(handle.get(), 2, "path/1", 6, 0, fake_table_type.info.luid, 16, 1,
-                                                    &err));
+    EXPECT_FALSE(loomdb_database_toc_get_table_root(handle.get(), 2, "path/1", 6, 0, fake_table_type.info.luid, 16,
+                                                    1, &err));
     EXPECT_EQ((loomdb_database_toc_get(handle.get(), 1, &err)->flags & LOOM_TOC_SHARED) != 0, shared());
 
     loom_table* numbered = tables[3];
@@ -67,7 +72,8 @@ TEST_P(table_layer, contents_are_per_domain_and_by_path_or_id) {
     numbered->table_id = 50;
     loomdb_database_toc_insert(handle.get(), 1, numbered, 0, &err);
     const auto by_id = [&](std::uint64_t id) {
-        return loomdb_database_toc_get_table_root(handle.get(), 1, nullptr, 0, id, fake_table_type.info.luid, 16, 0, &err);
+        return loomdb_database_toc_get_table_root(handle.get(), 1, nullptr, 0, id, fake_table_type.info.luid, 16,
+                                                  0, &err);
     };
     EXPECT_EQ(by_id(50), numbered);
     EXPECT_FALSE(by_id(51));
@@ -147,12 +153,16 @@ TEST_P(table_layer, pending_records_are_counted_and_ended_behind_the_cursors) {
     EXPECT_EQ(loom_table_write_cursor(handle.get(), table), 10u);
 
     std::vector<std::uint32_t> keys;
-    loom_table_each_enqueued(handle.get(), table, 7, [](loom_table*, loom_table_record* record, std::uint64_t, void* c) {
-        static_cast<std::vector<std::uint32_t>*>(c)->push_back(reinterpret_cast<fake_record*>(record)->key);
-    }, &keys);
+    loom_table_each_enqueued(
+        handle.get(), table, 7,
+        [](loom_table*, loom_table_record* record, std::uint64_t, void* c) {
+            static_cast<std::vector<std::uint32_t>*>(c)->push_back(reinterpret_cast<fake_record*>(record)->key);
+        },
+        &keys);
     EXPECT_EQ(keys, (std::vector<std::uint32_t>{2, 1, 0})); // in the order of insertion, not of keys
 
-    for (int i = 0; i < 4; ++i) loomdb_request_record_destroy(handle.get(), 1, &records[static_cast<std::size_t>(i)]->record, &err);
+    for (int i = 0; i < 4; ++i)
+        loomdb_request_record_destroy(handle.get(), 1, &records[static_cast<std::size_t>(i)]->record, &err);
     loomdb_request_record_destroy(handle.get(), 1, &records[0]->record, &err); // once is enough
     EXPECT_EQ(table->pending_destroy_count, 4u);
     EXPECT_EQ(handle->pending_totals->pending_destroy, 4u);
@@ -188,7 +198,8 @@ TEST_P(table_layer, tenants_are_counted_by_source) {
     loom_table* table = open("tenants");
     for (std::uint16_t tenant = 1; tenant < 40; ++tenant)
         for (std::uint8_t src = 1; src < 4; ++src)
-            for (int i = 0; i < src; ++i) loomdb_update_tenant_counter(handle.get(), 1, table, 1, tenant, src, &err);
+            for (int i = 0; i < src; ++i)
+                loomdb_update_tenant_counter(handle.get(), 1, table, 1, tenant, src, &err);
     loomdb_update_tenant_counter(handle.get(), 1, table, 0, 7, 3, &err);
     ASSERT_EQ(err, 0u);
     const auto count = [&](std::uint16_t tenant, const std::uint8_t* src) {
@@ -221,15 +232,18 @@ TEST_P(table_layer, tenants_are_counted_by_source) {
 TEST_P(table_layer, locations_are_shared_and_counted) {
     loom_table* table = open("located");
     std::vector<fake_record*> records;
-    for (std::uint32_t key = 0; key < 6; ++key) records.push_back(fake_table_add(handle.get(), 1, table, key, &err));
+    for (std::uint32_t key = 0; key < 6; ++key)
+        records.push_back(fake_table_add(handle.get(), 1, table, key, &err));
     loom_arena_usage before{}, after{};
     loom_record_set_location(handle.get(), 1, &records[0]->record, "seg7/row9");
     loom_arena_usage_get(handle.get(), &before);
-    for (fake_record* each : records) loom_record_set_location(handle.get(), 1, &each->record, "seg7/row9");
+    for (fake_record* each : records)
+        loom_record_set_location(handle.get(), 1, &each->record, "seg7/row9");
     loom_arena_usage_get(handle.get(), &after);
     EXPECT_EQ(before.bytes, after.bytes);
     EXPECT_STREQ(loom_record_location(&records[3]->record), "seg7/row9");
-    for (fake_record* each : records) loomlib_record_dereference_loc(handle.get(), 1, &each->record, &err);
+    for (fake_record* each : records)
+        loomlib_record_dereference_loc(handle.get(), 1, &each->record, &err);
     EXPECT_EQ(records[3]->record.location, 0u);
     loomlib_record_dereference_loc(handle.get(), 1, &records[3]->record, &err);
     EXPECT_EQ(err, 0u);
@@ -247,9 +261,12 @@ TEST_P(table_layer, the_replication_cache_shows_what_readers_were_handed) {
     }
     EXPECT_EQ(loom_replication_cache_count(handle.get()), 300u);
     std::vector<const loom_table_record*> seen;
-    loom_replication_cache_each(handle.get(), [](loom_table*, loom_table_record* record, std::uint64_t, void* context) {
-        static_cast<std::vector<const loom_table_record*>*>(context)->push_back(record);
-    }, &seen);
+    loom_replication_cache_each(
+        handle.get(),
+        [](loom_table*, loom_table_record* record, std::uint64_t, void* context) {
+            static_cast<std::vector<const loom_table_record*>*>(context)->push_back(record);
+        },
+        &seen);
     ASSERT_EQ(seen.size(), 256u);
     EXPECT_EQ(seen.front(), &records[44]->record);
     EXPECT_EQ(seen.back(), &records[299]->record);
@@ -269,8 +286,10 @@ TEST_P(table_layer, an_abort_takes_everything_back) {
     loom_arena_usage before{}, after{};
     loom_arena_usage_get(handle.get(), &before);
     loom_write_begin(handle.get());
-    for (std::uint32_t key = 2; key < 100; ++key) fake_table_add(handle.get(), 1, kept, key, &err);
-    for (int i = 0; i < 40; ++i) open(("gone/" + std::to_string(i)).c_str());
+    for (std::uint32_t key = 2; key < 100; ++key)
+        fake_table_add(handle.get(), 1, kept, key, &err);
+    for (int i = 0; i < 40; ++i)
+        open(("gone/" + std::to_string(i)).c_str());
     loom_table_set_replication(handle.get(), 1, kept, 1, 1);
     loomdb_update_tenant_counter(handle.get(), 1, kept, 1, 3, 1, &err);
     loom_write_abort(handle.get());

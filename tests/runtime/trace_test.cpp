@@ -34,8 +34,8 @@ std::string describe(const loom_trace_record& record) {
 struct kept_records {
     std::vector<kept_record> all;
     static void add(const loom_trace_record* record, void* context) {
-        static_cast<kept_records*>(context)->all.push_back({record->index, record->level, record->thread, record->time,
-                                                            record->module_name, describe(*record)});
+        static_cast<kept_records*>(context)->all.push_back(
+            {record->index, record->level, record->thread, record->time, record->module_name, describe(*record)});
     }
 };
 
@@ -65,7 +65,8 @@ TEST_F(tracing, keeps_arguments_of_every_kind) {
     __SPf_444(unit, 10, 0, level_3, 1, 2, 3);
     const kept_records records = drained();
     ASSERT_EQ(records.all.size(), 10u);
-    const char* expected[] = {"", "text", "(null)", "4000000000", "a, ", "a, 7", "1, 2", "0x1234, b", "a, b, c", "1, 2, 3"};
+    const char* expected[] = {"",     "text", "(null)",    "4000000000", "a, ",
+                              "a, 7", "1, 2", "0x1234, b", "a, b, c",    "1, 2, 3"};
     for (std::size_t i = 0; i < 10; ++i) {
         EXPECT_EQ(records.all[i].index, i + 1);
         EXPECT_EQ(records.all[i].level, 3u);
@@ -127,7 +128,8 @@ TEST_F(tracing, many_threads_write_while_others_read) {
     EXPECT_EQ(loom_trace_open(path.c_str()), std::uint32_t{EEXIST});
     std::atomic<bool> done{false};
     std::thread flusher([&] {
-        while (!done) loom_trace_flush();
+        while (!done)
+            loom_trace_flush();
     });
     std::vector<std::thread> writers;
     for (std::uint32_t thread = 0; thread < threads; ++thread)
@@ -138,13 +140,15 @@ TEST_F(tracing, many_threads_write_while_others_read) {
     std::thread tapper([&] {
         std::atomic<std::uint64_t> seen{0};
         for (int i = 0; i < 20; ++i) {
-            loom_trace_set_tap([](const loom_trace_record*, void* count) { ++*static_cast<std::atomic<std::uint64_t>*>(count); },
-                               &seen);
+            loom_trace_set_tap(
+                [](const loom_trace_record*, void* count) { ++*static_cast<std::atomic<std::uint64_t>*>(count); },
+                &seen);
             std::this_thread::yield();
             loom_trace_set_tap(nullptr, nullptr);
         }
     });
-    for (std::thread& each : writers) each.join();
+    for (std::thread& each : writers)
+        each.join();
     tapper.join();
     done = true;
     flusher.join();
@@ -153,20 +157,26 @@ TEST_F(tracing, many_threads_write_while_others_read) {
         std::map<std::uint32_t, std::uint32_t> next;
         std::uint64_t count = 0;
     } state;
-    ASSERT_EQ(loom_trace_read_file(path.c_str(), [](const loom_trace_record* record, void* context) {
-        auto& own = *static_cast<checked*>(context);
-        ++own.count;
-        ASSERT_EQ(record->argument_count, 2u);
-        ASSERT_EQ(record->arguments[1].number, own.next[record->index]++);
-        ASSERT_EQ(std::string(record->arguments[0].text, record->arguments[0].text_length),
-                  "some text of any length" + record->arguments[1].number % 20);
-    }, &state), 0u) << loom_error_text();
+    ASSERT_EQ(loom_trace_read_file(
+                  path.c_str(),
+                  [](const loom_trace_record* record, void* context) {
+                      auto& own = *static_cast<checked*>(context);
+                      ++own.count;
+                      ASSERT_EQ(record->argument_count, 2u);
+                      ASSERT_EQ(record->arguments[1].number, own.next[record->index]++);
+                      ASSERT_EQ(std::string(record->arguments[0].text, record->arguments[0].text_length),
+                                "some text of any length" + record->arguments[1].number % 20);
+                  },
+                  &state),
+              0u)
+        << loom_error_text();
     EXPECT_EQ(state.count, threads * rounds);
 }
 
 TEST_F(tracing, a_full_buffer_without_a_reader_is_counted) {
     const std::uint64_t before = loom_trace_lost();
-    for (int i = 0; i < 20000; ++i) __SPf_0(unit, 1, 0, level_3);
+    for (int i = 0; i < 20000; ++i)
+        __SPf_0(unit, 1, 0, level_3);
     const std::uint64_t kept = drained().all.size();
     EXPECT_EQ(loom_trace_lost() - before + kept, 20000u);
     EXPECT_GT(kept, 0u);
@@ -175,7 +185,8 @@ TEST_F(tracing, a_full_buffer_without_a_reader_is_counted) {
 TEST_F(tracing, a_damaged_file_is_told_from_a_whole_one) {
     const std::string path = directory.file("trace");
     ASSERT_EQ(loom_trace_open(path.c_str()), 0u);
-    for (std::uint32_t i = 0; i < 50; ++i) __SPf_1(unit, i, 0, level_3, "record");
+    for (std::uint32_t i = 0; i < 50; ++i)
+        __SPf_1(unit, i, 0, level_3, "record");
     loom_trace_close();
     std::ifstream file(path, std::ios::binary);
     const std::string good((std::istreambuf_iterator<char>(file)), {});
@@ -193,7 +204,8 @@ TEST_F(tracing, a_damaged_file_is_told_from_a_whole_one) {
     random_source random(5);
     for (int round = 0; round < 500; ++round) {
         std::string bad = good;
-        for (int i = 0; i < 8; ++i) bad[32 + random() % (bad.size() - 32)] = static_cast<char>(random());
+        for (int i = 0; i < 8; ++i)
+            bad[32 + random() % (bad.size() - 32)] = static_cast<char>(random());
         read(bad);
     }
 }
@@ -209,7 +221,7 @@ TEST_F(tracing, a_thread_that_ends_leaves_its_records) {
 
 /// A shared object with nothing but trace sections.
 class object_file {
-public:
+  public:
     struct unit_section {
         std::uint16_t number;
         std::array<std::uint8_t, 16> hash;
@@ -233,10 +245,12 @@ public:
             headers.push_back(header);
         };
         std::vector<const unit_section*> ordered;
-        for (const unit_section& each : units) ordered.push_back(&each);
+        for (const unit_section& each : units)
+            ordered.push_back(&each);
         std::sort(ordered.begin(), ordered.end(), [](auto* a, auto* b) { return a->number < b->number; });
         for (const unit_section* each : ordered)
-            for (const std::string& one : each->texts) text += one;
+            for (const std::string& one : each->texts)
+                text += one;
         for (const unit_section& each : units) {
             std::string contents(reinterpret_cast<const char*>(&version), 2);
             contents.append(reinterpret_cast<const char*>(&each.number), 2);
@@ -266,7 +280,7 @@ public:
         return body;
     }
 
-private:
+  private:
     static std::string compress(const std::string& text) {
         std::string out(text.size() + 1000, '\0');
         auto size = static_cast<unsigned>(out.size());
@@ -284,7 +298,9 @@ struct decoding : tracing {
                                                                                loom_trace_decoder_release};
     // The second section stands first in the file: texts go by number, not by place.
     std::vector<object_file::unit_section> units = {
-        {1, {2}, {" variant %u requested only %u variants present", " negative %d and 100%%", " oid %p. Error %s"}},
+        {1,
+         {2},
+         {" variant %u requested only %u variants present", " negative %d and 100%%", " oid %p. Error %s"}},
         {0, {1}, {" plain", "", " %s twice %s"}}};
 
     std::uint32_t add(const std::string& contents) {
@@ -342,7 +358,8 @@ TEST_F(decoding, refuses_sections_that_contradict_each_other) {
     random_source random(3);
     for (int round = 0; round < 300; ++round) {
         std::string bad = good.substr(0, random() % 4 ? good.size() : random() % good.size());
-        for (int i = 0; i < 6 && !bad.empty(); ++i) bad[random() % bad.size()] = static_cast<char>(random());
+        for (int i = 0; i < 6 && !bad.empty(); ++i)
+            bad[random() % bad.size()] = static_cast<char>(random());
         add(bad);
     }
 }

@@ -45,7 +45,8 @@ TEST(tree, behaves_like_a_sorted_set_under_random_operations) {
     constexpr std::uint32_t keys = 600;
     random_source random(20240607);
     std::vector<item> items(keys);
-    for (std::uint32_t key = 0; key < keys; ++key) items[key].key = key;
+    for (std::uint32_t key = 0; key < keys; ++key)
+        items[key].key = key;
     tree tested;
     std::set<std::uint32_t> model;
     for (int round = 0; round < 60000; ++round) {
@@ -69,10 +70,13 @@ TEST(tree, behaves_like_a_sorted_set_under_random_operations) {
         ASSERT_EQ(previous ? item_of(previous)->key : keys, below != model.begin() ? *std::prev(below) : keys);
     }
     std::vector<std::uint32_t> walked;
-    e_avl_walk(tested.root, [](e_avl_node* node, void* context) {
-        static_cast<std::vector<std::uint32_t>*>(context)->push_back(item_of(node)->key);
-        return 0;
-    }, &walked);
+    e_avl_walk(
+        tested.root,
+        [](e_avl_node* node, void* context) {
+            static_cast<std::vector<std::uint32_t>*>(context)->push_back(item_of(node)->key);
+            return 0;
+        },
+        &walked);
     EXPECT_EQ(walked, std::vector<std::uint32_t>(model.begin(), model.end()));
     EXPECT_EQ(item_of(e_avl_get_first(tested.root))->key, *model.begin());
     EXPECT_EQ(item_of(e_avl_get_last(tested.root))->key, *model.rbegin());
@@ -93,9 +97,11 @@ TEST(tree, removes_only_the_very_node) {
 
 TEST(tree, a_node_of_another_tree_is_placed_by_its_key) {
     std::vector<item> items(20);
-    for (std::uint32_t i = 0; i < 20; ++i) items[i].key = i;
+    for (std::uint32_t i = 0; i < 20; ++i)
+        items[i].key = i;
     tree even, odd;
-    for (std::uint32_t i = 0; i < 20; ++i) (i % 2 ? odd : even).insert(items[i]);
+    for (std::uint32_t i = 0; i < 20; ++i)
+        (i % 2 ? odd : even).insert(items[i]);
     EXPECT_EQ(item_of(e_avl_get_next(odd.root, &items[4].node, compare))->key, 5u);
     EXPECT_EQ(item_of(e_avl_get_prev(odd.root, &items[4].node, compare))->key, 3u);
     EXPECT_FALSE(odd.remove(items[4]));
@@ -103,9 +109,11 @@ TEST(tree, a_node_of_another_tree_is_placed_by_its_key) {
 
 TEST(tree, a_removed_node_still_serves_as_a_place) {
     std::vector<item> items(10);
-    for (std::uint32_t i = 0; i < 10; ++i) items[i].key = i;
+    for (std::uint32_t i = 0; i < 10; ++i)
+        items[i].key = i;
     tree tested;
-    for (item& each : items) tested.insert(each);
+    for (item& each : items)
+        tested.insert(each);
     tested.remove(items[4]);
     EXPECT_EQ(e_avl_get_next(tested.root, &items[4].node, compare), &items[5].node);
     EXPECT_EQ(e_avl_get_prev(tested.root, &items[4].node, compare), &items[3].node);
@@ -113,22 +121,27 @@ TEST(tree, a_removed_node_still_serves_as_a_place) {
 
 TEST(tree, a_walk_ends_when_the_visit_says_so_and_survives_removal) {
     std::vector<item> items(10);
-    for (std::uint32_t i = 0; i < 10; ++i) items[i].key = i;
+    for (std::uint32_t i = 0; i < 10; ++i)
+        items[i].key = i;
     tree tested;
-    for (item& each : items) tested.insert(each);
-    e_avl_walk(tested.root, [](e_avl_node* node, void* context) {
-        auto& from = *static_cast<tree*>(context);
-        if (item_of(node)->key == 6) return 1;
-        from.remove(*item_of(node));
-        return 0;
-    }, &tested);
+    for (item& each : items)
+        tested.insert(each);
+    e_avl_walk(
+        tested.root,
+        [](e_avl_node* node, void* context) {
+            auto& from = *static_cast<tree*>(context);
+            if (item_of(node)->key == 6) return 1;
+            from.remove(*item_of(node));
+            return 0;
+        },
+        &tested);
     EXPECT_EQ(tested.count, 4u);
     EXPECT_EQ(item_of(e_avl_get_first(tested.root))->key, 6u);
     height_of(tested.root, nullptr);
 }
 
-/// Every store of the tree in arena memory must have been announced: the debug arena sees those that were not, and an
-/// abort puts back those that were.
+/// Every store of the tree in arena memory must have been announced: the debug arena sees those that were not, and
+/// an abort puts back those that were.
 TEST(tree, announces_every_store) {
     handle_ptr handle = open_private();
     struct stored_tree {
@@ -140,7 +153,8 @@ TEST(tree, announces_every_store) {
     std::vector<item*> items;
     for (std::uint32_t key = 0; key < 300; ++key) {
         items.push_back(new (handle->alloc(handle->alloc_ctx, 1, sizeof(item))) item{key, {}});
-        if (key % 2) e_avl_insert(handle->alloc_ctx, 1, &stored->root, &items.back()->node, &stored->count, compare);
+        if (key % 2)
+            e_avl_insert(handle->alloc_ctx, 1, &stored->root, &items.back()->node, &stored->count, compare);
     }
     ASSERT_EQ(loom_debug_arena_start(handle.get(), nullptr, nullptr), 0u);
     loom_debug_arena_check(handle.get());
@@ -148,8 +162,10 @@ TEST(tree, announces_every_store) {
     random_source random(7);
     for (int round = 0; round < 3000; ++round) {
         item* each = items[random() % items.size()];
-        if (random() % 2) e_avl_insert(handle->alloc_ctx, 1, &stored->root, &each->node, &stored->count, compare);
-        else e_avl_delete(handle->alloc_ctx, 1, &stored->root, &each->node, &stored->count, compare);
+        if (random() % 2)
+            e_avl_insert(handle->alloc_ctx, 1, &stored->root, &each->node, &stored->count, compare);
+        else
+            e_avl_delete(handle->alloc_ctx, 1, &stored->root, &each->node, &stored->count, compare);
         if (round % 100 != 0) continue;
         ASSERT_EQ(loom_debug_arena_check(handle.get()), 0u);
     }

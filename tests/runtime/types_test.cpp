@@ -31,7 +31,7 @@ void initialize(loom_handle* handle, std::uint32_t domain, std::uint32_t* err) {
 }
 
 class manifested : public testing::TestWithParam<memory_kind> {
-protected:
+  protected:
     loom_type_info* get(fake_type& type) {
         initialized_type = &type;
         return loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize);
@@ -81,7 +81,8 @@ TEST_P(manifested, newer_code_adds_its_variants_and_older_code_takes_none_away) 
     new_code.entries[0].alloc_slop = 24;
     loom_type_info* info = get(old_code);
     std::uint32_t err = 0;
-    loomlib_type_stats_create_object(handle.get(), 1, info, &info->variant_table->entries[1].objects_created, &err);
+    loomlib_type_stats_create_object(handle.get(), 1, info, &info->variant_table->entries[1].objects_created,
+                                     &err);
     initialized_type = &new_code;
     initialize(handle.get(), 1, &err);
     EXPECT_EQ(info->variant_table->n_variants, 4);
@@ -176,7 +177,8 @@ TEST_F(peers, none_is_this_build) {
 
 TEST_F(peers, speak_what_their_manifest_says) {
     loom_peer* peer = loom_peer_create("remote");
-    const std::string line = std::string(type.info.luid_text) + ":0123456789abcdef0123456789abcdeftype002:00104N\n";
+    const std::string line =
+        std::string(type.info.luid_text) + ":0123456789abcdef0123456789abcdeftype002:00104N\n";
     ASSERT_EQ(line.size(), 80u);
     const std::string text = "# some.minime\n" + line;
     EXPECT_EQ(loom_peer_add_manifest(peer, text.c_str(), text.size() + 1), 0u) << loom_error_text();
@@ -192,14 +194,15 @@ TEST_F(peers, speak_what_their_manifest_says) {
 
 TEST_F(peers, tell_the_line_of_a_bad_manifest_and_take_nothing_from_it) {
     loom_peer* peer = loom_peer_create("remote");
-    const std::string good = std::string(type.info.luid_text) + ":0123456789abcdef0123456789abcdeftype002:00104N\n";
+    const std::string good =
+        std::string(type.info.luid_text) + ":0123456789abcdef0123456789abcdeftype002:00104N\n";
     const auto changed = [&](std::size_t place, const char* characters) {
         std::string text = good;
         std::memcpy(text.data() + place, characters, std::strlen(characters));
         return text;
     };
-    for (const std::string& bad :
-         {std::string("short\n"), good.substr(1) + "\n", changed(69, "xyz"), changed(69, "200"), changed(0, "g")}) {
+    for (const std::string& bad : {std::string("short\n"), good.substr(1) + "\n", changed(69, "xyz"),
+                                   changed(69, "200"), changed(0, "g")}) {
         const std::string text = good + bad;
         EXPECT_EQ(loom_peer_add_manifest(peer, text.c_str(), text.size()), std::uint32_t{LOOM_EINVAL}) << bad;
         EXPECT_NE(std::string(loom_error_text()).find("line 2"), std::string::npos);

@@ -39,8 +39,8 @@ class schema_model {
         std::vector<attribute> attributes; // in the order of the schema
     };
 
-    /// Reads `file` or, without it, `<module>.json` where it was built or installed with the bundle. Throws failure
-    /// when there is none or it is no model.
+    /// Reads `file` or, without it, `<module>.json` where it was built or installed with the bundle. Throws
+    /// failure when there is none or it is no model.
     static schema_model load(const std::optional<std::string>& file, const std::string& module);
 
     /// The record of that name, or null.

@@ -58,17 +58,17 @@ enum {
 /** What loom_open is told. Zero-filled members mean the default; `size` must be sizeof(loom_open_options). */
 typedef struct loom_open_options {
     uint32_t size;
-    uint32_t kind;          /**< LOOM_DB_ */
-    const char* path;       /**< file of a mapped database */
-    const char* name;       /**< name of a database that is made, at most 63 bytes; default: the file's name */
-    uint32_t flags;         /**< LOOM_OPEN_ */
-    uint32_t tracking;      /**< LOOM_TRACKING_ */
-    uint32_t cr_domain;     /**< domain of the _cr forms; default 1 */
+    uint32_t kind;      /**< LOOM_DB_ */
+    const char* path;   /**< file of a mapped database */
+    const char* name;   /**< name of a database that is made, at most 63 bytes; default: the file's name */
+    uint32_t flags;     /**< LOOM_OPEN_ */
+    uint32_t tracking;  /**< LOOM_TRACKING_ */
+    uint32_t cr_domain; /**< domain of the _cr forms; default 1 */
     uint32_t header_tag;
     uint32_t workspace_size; /**< scratch buffer of the handle in bytes; default 1 MiB */
     uint32_t reserved;
-    uint64_t address;       /**< where a file that is made shall lie; default: chosen, recorded in the file */
-    uint64_t reserve;       /**< most bytes the database can ever have; default 32 GiB, private 8 GiB */
+    uint64_t address; /**< where a file that is made shall lie; default: chosen, recorded in the file */
+    uint64_t reserve; /**< most bytes the database can ever have; default 32 GiB, private 8 GiB */
 } loom_open_options;
 
 /** Opens a database, or null with a text that names place and cure: no such file, no database, cut short, another
@@ -113,7 +113,7 @@ uint32_t loom_read_end(loom_handle* handle);
 /* ------------------------------------------------------------------------------------------ containment */
 
 enum loom_report_kind {
-    LOOM_REPORT_CONTAINMENT,  /**< loomdb_record_containment and loomdb_record_containment2 */
+    LOOM_REPORT_CONTAINMENT, /**< loomdb_record_containment and loomdb_record_containment2 */
     LOOM_REPORT_DIRTY,
     LOOM_REPORT_DESTROY,
     LOOM_REPORT_DETACH
@@ -161,8 +161,8 @@ typedef struct loom_bundle loom_bundle;
 loom_bundle* loom_bundle_load(const char* path);
 /** A bundle that is linked into the program or loaded otherwise, by its module name. */
 loom_bundle* loom_bundle_find(const char* name);
-/** Undoes one loom_bundle_load or _find. With the last one the bundle's code goes, and with it the type information
- *  that objects of private databases point at: end those objects first. */
+/** Undoes one loom_bundle_load or _find. With the last one the bundle's code goes, and with it the type
+ * information that objects of private databases point at: end those objects first. */
 void loom_bundle_unload(loom_bundle* bundle);
 const char* loom_bundle_name(const loom_bundle* bundle);
 const char* loom_bundle_path(const loom_bundle* bundle);
@@ -251,8 +251,8 @@ uint64_t loom_type_info_map_count(loom_handle* handle);
 
 /* --------------------------------------------------------------------------------------------- messages */
 
-/** Opens a message bundle on the handle: messages that are marshalled are checked and counted. 17 when one is open.
- *  The bundle accepts every message until loom_message_bundle_allow names the first one. */
+/** Opens a message bundle on the handle: messages that are marshalled are checked and counted. 17 when one is
+ * open. The bundle accepts every message until loom_message_bundle_allow names the first one. */
 uint32_t loom_message_bundle_open(loom_handle* handle, const char* name);
 uint32_t loom_message_bundle_allow(loom_handle* handle, const uint8_t luid[16]);
 /** Most instances of all messages together; 0 is no limit. */

@@ -1,9 +1,9 @@
 /* The binary trace facility from the side of the host: levels, taps, files, and turning records into text.
  *
- * Emitting copies a record of raw arguments into a buffer of the emitting thread; nothing is formatted and no lock is
- * taken. Buffers are emptied into the trace file while one is open (when they are full, on loom_trace_flush, when a
- * thread ends), or by loom_trace_drain; without either a full buffer loses its old records, which is counted. A
- * record of level 0 is written out at once, and its text goes to the standard error stream as well.
+ * Emitting copies a record of raw arguments into a buffer of the emitting thread; nothing is formatted and no lock
+ * is taken. Buffers are emptied into the trace file while one is open (when they are full, on loom_trace_flush,
+ * when a thread ends), or by loom_trace_drain; without either a full buffer loses its old records, which is
+ * counted. A record of level 0 is written out at once, and its text goes to the standard error stream as well.
  *
  * A trace file holds, little-endian:
  *   32 bytes   "LOOMTRCE", u32 version 1, u32 process id, u64 start time, u64 zero
@@ -32,10 +32,10 @@ extern "C" {
 
 /** One argument of a record. */
 typedef struct loom_trace_argument {
-    uint32_t kind;        /**< 1 a string, 4 a 32-bit number, 5 a pointer */
+    uint32_t kind; /**< 1 a string, 4 a 32-bit number, 5 a pointer */
     uint32_t text_length;
-    const char* text;     /**< not terminated; null for a null pointer */
-    uint64_t number;      /**< of kinds 4 and 5 */
+    const char* text; /**< not terminated; null for a null pointer */
+    uint64_t number;  /**< of kinds 4 and 5 */
 } loom_trace_argument;
 
 /** A record as the emitter gave it. Texts are valid during the callback only. */
@@ -52,11 +52,11 @@ typedef struct loom_trace_record {
 } loom_trace_record;
 typedef void (*loom_trace_fn)(const loom_trace_record* record, void* context);
 
-/** Messages up to this level are on; of one module, or (null) of all, later ones included. The start is 6. 2 for an
- *  unknown module. */
+/** Messages up to this level are on; of one module, or (null) of all, later ones included. The start is 6. 2 for
+ * an unknown module. */
 uint32_t loom_trace_set_level(const char* module, uint32_t level);
-/** Shows every record that is on to `tap` in the thread that emits it, before it goes into the buffer; calls do not
- *  overlap. Null takes the tap away. */
+/** Shows every record that is on to `tap` in the thread that emits it, before it goes into the buffer; calls do
+ * not overlap. Null takes the tap away. */
 void loom_trace_set_tap(loom_trace_fn tap, void* context);
 
 /** Starts a trace file; 17 when one is open, otherwise an errno value with a text in loom_error_text. */
@@ -87,7 +87,8 @@ const char* loom_trace_decoder_text(const loom_trace_decoder* decoder, const uin
                                     uint32_t* length);
 /** Number of statements of a unit; 0 if it is not known. */
 uint32_t loom_trace_decoder_unit_size(const loom_trace_decoder* decoder, const uint8_t unit[16]);
-/** Units in the order in which they were added: stores the hash of unit `number` and returns 1, or 0 behind the end. */
+/** Units in the order in which they were added: stores the hash of unit `number` and returns 1, or 0 behind the
+ * end. */
 uint32_t loom_trace_decoder_unit(const loom_trace_decoder* decoder, uint32_t number, uint8_t unit[16]);
 /** The message of a record: its text with the arguments put in, without the leading blank, terminated. An unknown
  *  statement gives its hash, index and arguments. Returns the length that the whole message has. */
