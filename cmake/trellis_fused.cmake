@@ -9,7 +9,6 @@ include(GNUInstallDirs)
 # Objects of `from`, once more, with link-time optimisation. Exported functions may be inlined into others here.
 function(trellis_fused_objects target from)
   get_target_property(sources ${from} SOURCES)
-  
   add_library(${target} OBJECT ${sources})
   foreach(property INCLUDE_DIRECTORIES COMPILE_DEFINITIONS COMPILE_OPTIONS LINK_LIBRARIES CXX_STANDARD CXX_EXTENSIONS
       CXX_VISIBILITY_PRESET VISIBILITY_INLINES_HIDDEN)
