@@ -10,8 +10,8 @@ namespace trellis::flag_set {
 
 template <class F>
 constexpr u32 bit_bytes_of = sizeof(F::object::bits);
-/// Bytes of the bits that a variant has: a set may have grown by whole bytes since. A negative variant has those of
-/// variant 0.
+/// Bytes of the bits that a variant has: a set may have grown by whole bytes since. A negative variant has those
+/// of variant 0.
 template <class F>
 constexpr u32 bit_bytes_within(i8 variant) {
     u32 count = 0;

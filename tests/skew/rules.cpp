@@ -65,7 +65,8 @@ int newest_variant(const schema_description& schema, const std::string& type) {
     return -1;
 }
 
-// ---- Writing -----------------------------------------------------------------------------------------------------
+// ---- Writing
+// -----------------------------------------------------------------------------------------------------
 
 json written_form(const schema_description& schema, const std::string& type, const json& view,
                   const schema_description* peer, bool* cut_down) {
@@ -96,14 +97,14 @@ json written_form(const schema_description& schema, const std::string& type, con
     return out;
 }
 
-// ---- Reading -----------------------------------------------------------------------------------------------------
+// ---- Reading
+// -----------------------------------------------------------------------------------------------------
 
 namespace {
 
 json received_flags(const flag_set_description& type, const json& before, const json& written, int variant) {
     // Whole bytes travel: the last may hold bits that the reader has no names for.
-    const std::string arrived =
-        written.at("bits").get<std::string>().substr(0, 2 * type.bytes_within(variant));
+    const std::string arrived = written.at("bits").get<std::string>().substr(0, 2 * type.bytes_within(variant));
     std::string bits = before.at("bits");
     bits.replace(0, arrived.size(), arrived);
     return {{"variant", variant}, {"bits", bits}};
@@ -176,7 +177,8 @@ json received_form(const reading& how, const std::string& type, const json& befo
     return now;
 }
 
-// ---- XML ---------------------------------------------------------------------------------------------------------
+// ---- XML
+// ---------------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -22,10 +22,10 @@ nlohmann::json written_form(const schema_description& schema, const std::string&
 
 /// How a reader takes a written form.
 struct reading {
-    const schema_description& schema; // the reader's
-    bool keeps_states;                // the reader is tracked
-    bool states_arrive;               // the writer was tracked
-    bool existing;                    // the object is in use
+    const schema_description& schema;                             // the reader's
+    bool keeps_states;                                            // the reader is tracked
+    bool states_arrive;                                           // the writer was tracked
+    bool existing;                                                // the object is in use
     std::function<nlohmann::json(const std::string& type)> blank; // the view of a new object
 };
 

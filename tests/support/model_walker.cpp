@@ -666,9 +666,7 @@ nlohmann::json model_walker::view_of_attribute(const record_description& record,
     case attribute_shape::counted_string:
         seen["value"] = hexadecimal(read_at<const uint8_t*>(object, a.offset), count_of(a, record, object));
         return seen;
-    case attribute_shape::fixed_string:
-        seen["value"] = hexadecimal(at(object, a.offset), a.extent);
-        return seen;
+    case attribute_shape::fixed_string: seen["value"] = hexadecimal(at(object, a.offset), a.extent); return seen;
     case attribute_shape::oid: // references are not followed
     case attribute_shape::length: seen["value"] = nullptr; return seen;
     default: break;

@@ -158,8 +158,8 @@ class model_walker {
 
     /// All that the object holds, whatever its variant: {"variant", "attributes": {name: {"value", "state",
     /// "elements"}}} of a record, {"variant", "place"} of an enumeration (the value where no member has it),
-    /// {"variant", "bits"} of a flag set, and the bytes of its binary form of any other value. States are of tracked
-    /// objects; "elements" are those of an array. Bytes are hexadecimal digits.
+    /// {"variant", "bits"} of a flag set, and the bytes of its binary form of any other value. States are of
+    /// tracked objects; "elements" are those of an array. Bytes are hexadecimal digits.
     nlohmann::json view(const std::string& type, const void* object) const;
 
   private:
