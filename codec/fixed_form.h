@@ -5,9 +5,8 @@
 #pragma once
 
 #include "codec/walk.h"
+#include "frame/big_endian.h"
 #include "instance/direct_values.h"
-
-#include <bit>
 
 namespace trellis::codec {
 
@@ -19,28 +18,14 @@ using form_word =
     std::conditional_t<sizeof(T) == 1, u8,
                        std::conditional_t<sizeof(T) == 2, u16, std::conditional_t<sizeof(T) == 4, u32, u64>>>;
 
-template <class Word>
-constexpr Word most_significant_first(Word word) {
-    if constexpr (std::endian::native == std::endian::big || sizeof(Word) == 1)
-        return word;
-    else if constexpr (sizeof(Word) == 2)
-        return __builtin_bswap16(word);
-    else if constexpr (sizeof(Word) == 4)
-        return __builtin_bswap32(word);
-    else
-        return __builtin_bswap64(word);
-}
-
 /// Puts `count` values to `out`.
 template <class T>
 [[gnu::always_inline]] inline void store_form(u8* out, const T* values, u32 count) {
     if constexpr (sizeof(T) == 1 || is_octets<T>) {
         memcpy(out, values, count * sizeof(T));
     } else {
-        for (u32 i = 0; i < count; ++i) {
-            const auto word = most_significant_first(std::bit_cast<form_word<T>>(values[i]));
-            memcpy(out + i * sizeof word, &word, sizeof word);
-        }
+        for (u32 i = 0; i < count; ++i)
+            store_big_endian(out + i * sizeof(T), std::bit_cast<form_word<T>>(values[i]));
     }
 }
 template <class T>
@@ -48,11 +33,8 @@ template <class T>
     if constexpr (sizeof(T) == 1 || is_octets<T>) {
         memcpy(values, in, count * sizeof(T));
     } else {
-        for (u32 i = 0; i < count; ++i) {
-            form_word<T> word;
-            memcpy(&word, in + i * sizeof word, sizeof word);
-            values[i] = std::bit_cast<T>(most_significant_first(word));
-        }
+        for (u32 i = 0; i < count; ++i)
+            values[i] = std::bit_cast<T>(load_big_endian<form_word<T>>(in + i * sizeof(T)));
     }
 }
 

@@ -4,7 +4,7 @@
 // Memory may hold what is no address. Such values have a reading, the same in all operations, so that whatever is
 // written can be read back: a family other than 4 and 6 is no address, a prefix length beyond the address is the
 // whole address, a physical address has at most 15 octets. What comes in from a wire or a document must be right.
-#include "runtime/values/big_endian.h"
+#include "frame/big_endian.h"
 #include "runtime/values/exports.h"
 #include "runtime/values/number_text.h"
 

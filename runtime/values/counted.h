@@ -3,7 +3,7 @@
 // memory.
 #pragma once
 
-#include "runtime/values/big_endian.h"
+#include "frame/big_endian.h"
 #include "runtime/values/common.h"
 #include "runtime/xml/read_element.h"
 

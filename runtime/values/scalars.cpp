@@ -1,6 +1,6 @@
 // The scalar types and the truth value: kinds and exports. On the wire a scalar is its bytes, most significant
 // first; the hash is taken over its bytes in memory.
-#include "runtime/values/big_endian.h"
+#include "frame/big_endian.h"
 #include "runtime/values/exports.h"
 #include "runtime/values/number_text.h"
 

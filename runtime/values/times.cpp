@@ -3,7 +3,7 @@
 //
 //   calendar_time  2024-02-29T12:30:00.5+01:00   @seconds,nanoseconds,offset
 //   timestamp      2024-02-29T11:30:00.500Z      @milliseconds
-#include "runtime/values/big_endian.h"
+#include "frame/big_endian.h"
 #include "runtime/values/exports.h"
 #include "runtime/values/iso_time.h"
 #include "runtime/values/number_text.h"

@@ -2,7 +2,7 @@
 // Writers work even with an error pending, so that a form that was begun keeps its shape; an error that stands is
 // never replaced. Readers do nothing then, and what they cannot read is zero.
 #include "runtime/export.h"
-#include "runtime/values/big_endian.h"
+#include "frame/big_endian.h"
 #include "runtime/values/call.h"
 
 #include <loom/wire.h>

@@ -7,8 +7,7 @@
 #include <concepts>
 #include <cstring>
 
-namespace loom {
-using namespace trellis;
+namespace trellis {
 
 template <std::unsigned_integral T>
 constexpr T byte_swapped_on_little_endian(T value) {
@@ -36,4 +35,4 @@ T load_big_endian(const void* in) {
     std::memcpy(&value, in, sizeof value);
     return byte_swapped_on_little_endian(value);
 }
-} // namespace loom
+} // namespace trellis
