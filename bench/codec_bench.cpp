@@ -79,7 +79,8 @@ struct ours {
 template <class Facade>
 void our_len(benchmark::State& state) {
     ours<Facade> x;
-    for (auto _ : state) benchmark::DoNotOptimize(Facade::len(x.handle, domain, x.filled));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Facade::len(x.handle, domain, x.filled));
     state.counters["bytes"] = static_cast<double>(x.bytes.size());
 }
 template <class Facade>
@@ -87,8 +88,8 @@ void our_marshal(benchmark::State& state) {
     ours<Facade> x;
     std::vector<unsigned char> out(x.bytes.size() + 1);
     for (auto _ : state) {
-        benchmark::DoNotOptimize(Facade::marshal(x.handle, domain, out.data(), x.filled,
-                                                 static_cast<int>(out.size()), &x.error));
+        benchmark::DoNotOptimize(
+            Facade::marshal(x.handle, domain, out.data(), x.filled, static_cast<int>(out.size()), &x.error));
         benchmark::ClobberMemory();
     }
     state.counters["bytes"] = static_cast<double>(x.bytes.size());
@@ -115,12 +116,14 @@ void our_create_unmarshal_destroy(benchmark::State& state) {
 template <class Facade>
 void our_compare(benchmark::State& state) {
     ours<Facade> x, y;
-    for (auto _ : state) benchmark::DoNotOptimize(Facade::compare(x.filled, y.filled));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Facade::compare(x.filled, y.filled));
 }
 template <class Facade>
 void our_hash(benchmark::State& state) {
     ours<Facade> x;
-    for (auto _ : state) benchmark::DoNotOptimize(Facade::hash(x.filled, 0));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Facade::hash(x.filled, 0));
 }
 template <class Facade>
 void our_text(benchmark::State& state) {
@@ -155,7 +158,8 @@ struct protobuf {
 template <class Facade, class Message>
 void protobuf_len(benchmark::State& state) {
     protobuf<Facade, Message> x;
-    for (auto _ : state) benchmark::DoNotOptimize(x.filled.ByteSizeLong());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(x.filled.ByteSizeLong());
     state.counters["bytes"] = static_cast<double>(x.bytes.size());
 }
 /// Serializing into a buffer measures the message first; that is part of the operation.
@@ -174,7 +178,8 @@ template <class Facade, class Message>
 void protobuf_unmarshal(benchmark::State& state) {
     protobuf<Facade, Message> x;
     Message into;
-    for (auto _ : state) benchmark::DoNotOptimize(into.ParseFromArray(x.bytes.data(), static_cast<int>(x.bytes.size())));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(into.ParseFromArray(x.bytes.data(), static_cast<int>(x.bytes.size())));
 }
 template <class Facade, class Message>
 void protobuf_create_unmarshal_destroy(benchmark::State& state) {
@@ -196,13 +201,14 @@ template <class Facade, class Message>
 void protobuf_text(benchmark::State& state) {
     protobuf<Facade, Message> x;
     std::string out;
-    for (auto _ : state) benchmark::DoNotOptimize(google::protobuf::TextFormat::PrintToString(x.filled, &out));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(google::protobuf::TextFormat::PrintToString(x.filled, &out));
 }
 
 // ---- FlatBuffers ---------------------------------------------------------------------------------------------
 
-/// Writing packs the object form; reading verifies and unpacks into the object form, as a receiver of bytes that it
-/// wants to change does.
+/// Writing packs the object form; reading verifies and unpacks into the object form, as a receiver of bytes that
+/// it wants to change does.
 template <class Facade, class Table>
 struct flatbuffer {
     typename Table::NativeTableType filled;
@@ -284,8 +290,10 @@ struct text_sink : pugi::xml_writer {
 };
 void copy_tree(const pugi::xml_node& from, pugi::xml_node to) {
     for (const pugi::xml_node& child : from.children()) {
-        if (child.type() == pugi::node_pcdata) to.text().set(child.value());
-        else copy_tree(child, to.append_child(child.name()));
+        if (child.type() == pugi::node_pcdata)
+            to.text().set(child.value());
+        else
+            copy_tree(child, to.append_child(child.name()));
     }
 }
 template <class Facade>
@@ -336,10 +344,10 @@ int main(int argc, char** argv) {
     namespace proto = peers::proto;
     namespace flat = peers::flat;
     namespace cap = peers::capnp;
-    add_rows<types::trl_radio_operation_config, proto::trl_radio_operation_config, flat::trl_radio_operation_config,
-             cap::TrlRadioOperationConfig>();
-    add_rows<types::rec_parent_with_sing_child, proto::rec_parent_with_sing_child, flat::rec_parent_with_sing_child,
-             cap::RecParentWithSingChild>();
+    add_rows<types::trl_radio_operation_config, proto::trl_radio_operation_config,
+             flat::trl_radio_operation_config, cap::TrlRadioOperationConfig>();
+    add_rows<types::rec_parent_with_sing_child, proto::rec_parent_with_sing_child,
+             flat::rec_parent_with_sing_child, cap::RecParentWithSingChild>();
     add_rows<types::trellis_stats_perf, proto::trellis_stats_perf, flat::trellis_stats_perf,
              cap::TrellisStatsPerf>();
     add_rows<types::string_key, proto::string_key, flat::string_key, cap::StringKey>();

@@ -1,5 +1,6 @@
 // How many bytes a record takes in the binary form: an upper bound, exact but for the whole-array bytes of empty
-// arrays and for flag sets of a variant that has fewer bytes of bits than the newest. The form itself is told in binary_writer.h.
+// arrays and for flag sets of a variant that has fewer bytes of bits than the newest. The form itself is told in
+// binary_writer.h.
 #pragma once
 
 #include "codec/binary_writer.h"

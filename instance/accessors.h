@@ -157,7 +157,7 @@ void set_all(loom_handle* handle, u32 domain, typename M::object* object, Argume
             if constexpr (is_plain<A>) {
                 if (A::at.since == variant)
                     direct::set_value<typename A::type>(c, cell_of<A>(object),
-                                                         slots[position].template as<plain_of<A>>());
+                                                        slots[position].template as<plain_of<A>>());
                 ++position;
             }
         });
@@ -264,8 +264,8 @@ inline void move_list(const call& c, holder_of<A>* destination, holder_of<A>* so
     c.store<u32>(&from->count, 0, source);
 }
 
-/// The destination's value takes a private copy. Every value does, also behind one that found no memory: two objects
-/// must never be left with one block. The first error counts.
+/// The destination's value takes a private copy. Every value does, also behind one that found no memory: two
+/// objects must never be left with one block. The first error counts.
 template <class A>
 inline void take_private_copy(const call& c, value_of<A>* to, value_of<A>* from) {
     u32 error = 0;

@@ -88,8 +88,7 @@ template <class M, class Body>
 inline void each_nested_area(typename M::object* object, u8* base, Body&& body) {
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_nested_record<A>) {
-            if (has_room_for<A>(object))
-                body.template operator()<A>(cell_of<A>(object), base + nested_track<A>);
+            if (has_room_for<A>(object)) body.template operator()<A>(cell_of<A>(object), base + nested_track<A>);
         } else if constexpr (is_fixed_array<A> && is_array_of_records<A>) {
             if (!has_room_for<A>(object)) return;
             for (u32 i = 0; i < A::extent; ++i)

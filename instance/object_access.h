@@ -193,8 +193,8 @@ inline u32 offset_to(const void* object, const void* area) {
 }
 
 /// Records that the object's tracking area lies at `area`. Without room for the record, error 12: the object must
-/// then not be used, since its flags would be looked for inside its neighbour. A copy has the flag of the object that
-/// it was made from; for copies the handle's slot tells.
+/// then not be used, since its flags would be looked for inside its neighbour. A copy has the flag of the object
+/// that it was made from; for copies the handle's slot tells.
 template <class Object>
 inline void point_at_area(const call& c, Object* object, const u8* area) {
     const u32 earlier = c.handle->last_error;
@@ -315,8 +315,10 @@ inline typename Model::object* sentinel() {
 /// the object's own discriminator; arm_of tests the room.
 template <class A>
 inline const holder_of<A>* object_or_empty(const holder_of<A>* object) {
-    if constexpr (is_arm<A>) return object;
-    else return has_room_for<A>(object) ? object : sentinel<typename A::model>();
+    if constexpr (is_arm<A>)
+        return object;
+    else
+        return has_room_for<A>(object) ? object : sentinel<typename A::model>();
 }
 template <class A>
 inline const value_of<A>* arm_of(const holder_of<A>* object) {

@@ -89,9 +89,9 @@ inline void store_block(const call& c, holder_of<A>* object, value_of<A>* block,
     c.store<count_type>(&count_of<A>(object), static_cast<count_type>(count), object);
 }
 
-/// Gives an array whose elements are not set up yet, or have no end of their own, a zeroed block of flags that keeps
-/// the first `kept` bytes of the old one. Without room for it, error 12 and an empty array: elements that nobody has
-/// set up could not be ended.
+/// Gives an array whose elements are not set up yet, or have no end of their own, a zeroed block of flags that
+/// keeps the first `kept` bytes of the old one. Without room for it, error 12 and an empty array: elements that
+/// nobody has set up could not be ended.
 template <class A>
 inline bool replace_element_flags(const call& c, holder_of<A>* object, u32 count, u32 kept) {
     if (u8* made = allocate_element_flags(c, count)) {
@@ -141,7 +141,8 @@ template <class A>
 requires is_array_of_values<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
                                                      u32 index, u32* err) {
     value_of<A>* element = get<A>(handle, domain, object, index, err);
-    return element == nullptr ? plain_of<A>{} : direct::get_value<typename A::type>({handle, domain, err}, element);
+    return element == nullptr ? plain_of<A>{}
+                              : direct::get_value<typename A::type>({handle, domain, err}, element);
 }
 
 template <class A>
@@ -168,8 +169,8 @@ inline void note_reallocation() {
 }
 
 /// Copies the tracking areas of the old elements and points the new ones at them. False with error 12 and nothing
-/// left in the side table when that has no room. Where an old area lies is asked for: a block that once was to hold
-/// more elements than could be set up has its areas further back.
+/// left in the side table when that has no room. Where an old area lies is asked for: a block that once was to
+/// hold more elements than could be set up has its areas further back.
 template <class Type>
 inline bool place_copies(const call& c, typename Type::c_type* to, u32 count, typename Type::c_type* from,
                          u32 old_count) {
@@ -178,19 +179,20 @@ inline bool place_copies(const call& c, typename Type::c_type* to, u32 count, ty
     u32 placed = 0;
     for (; placed < old_count && error == 0; ++placed) {
         const u32 offset = loomlib_get_sttr_offset(c.handle, c.domain, from + placed);
-        memcpy(element_area<Type>(to, count, placed), reinterpret_cast<u8*>(from + placed) + static_cast<i32>(offset),
-               Type::tracking_size);
+        memcpy(element_area<Type>(to, count, placed),
+               reinterpret_cast<u8*>(from + placed) + static_cast<i32>(offset), Type::tracking_size);
         u8* area = place_element<Type>(placing, to, count, placed);
         Type::offset_update(c.handle, c.domain, to + placed, area, &error);
     }
     if (error == 0) return true;
-    for (u32 i = 0; i < placed; ++i) forget_places<Type>(c, to + i);
+    for (u32 i = 0; i < placed; ++i)
+        forget_places<Type>(c, to + i);
     c.fail(error);
     return false;
 }
 
-/// Moves the old elements into the larger block and repairs what a block copy breaks. False when nothing was moved,
-/// for want of memory.
+/// Moves the old elements into the larger block and repairs what a block copy breaks. False when nothing was
+/// moved, for want of memory.
 template <class A>
 inline bool move_elements(const call& c, value_of<A>* to, u32 count, value_of<A>* from, u32 old_count,
                           bool tracked) {

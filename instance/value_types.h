@@ -121,7 +121,9 @@ constexpr bool owns_storage(value_category c) {
 #define TRELLIS_RECORD_FAMILY(T)                                                                                  \
     static constexpr value_category category = value_category::record;                                            \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    static void set(loom_handle* h, u32 d, c_type* to, c_type* from, u32* err) { ::T##_set(h, d, to, from, err); } \
+    static void set(loom_handle* h, u32 d, c_type* to, c_type* from, u32* err) {                                  \
+        ::T##_set(h, d, to, from, err);                                                                           \
+    }                                                                                                             \
     TRELLIS_COMPARE_FAMILY(T)                                                                                     \
     static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
     TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \

@@ -119,7 +119,8 @@ void loomdb_request_record_destroy(loom_handle* handle, uint32_t domain, loom_ta
 void loomrepl_add_to_cache(loom_handle* handle, uint32_t domain, loom_table* table, loom_table_record* record,
                            uint32_t* err);
 /** Releases the record's stored location. */
-void loomlib_record_dereference_loc(loom_handle* handle, uint32_t domain, loom_table_record* record, uint32_t* err);
+void loomlib_record_dereference_loc(loom_handle* handle, uint32_t domain, loom_table_record* record,
+                                    uint32_t* err);
 
 void loomgc_database_gc_list_remove(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* err);
 /** The garbage collector's check that the table may go. */

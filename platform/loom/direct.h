@@ -1,7 +1,7 @@
 /* Direct forms: what a bundle may do by itself instead of calling the runtime. A call for every field and every
- * frame byte costs more than the field, so a runtime whose operations listed here do no more than this header tells
- * may say so, by exporting loom_get_direct_forms. A bundle then does their common case in place and calls them in
- * every other case, so that errors are made and stored in one place.
+ * frame byte costs more than the field, so a runtime whose operations listed here do no more than this header
+ * tells may say so, by exporting loom_get_direct_forms. A bundle then does their common case in place and calls
+ * them in every other case, so that errors are made and stored in one place.
  *
  * The common case, and what is done in it:
  *
@@ -19,22 +19,19 @@
  *   _loom_list_len_marshal             with room: the bytes, most significant first, whatever the error word says
  *   their _unmarshal forms             error word clear and enough bytes: the value, most significant byte first
  *   <scalar>_len                       the size of the C type
- *   <scalar>_marshal                   error word clear, room, value there: the value's bytes, most significant first
- *   <scalar>_unmarshal                 error word clear and enough bytes: the write hook is told, the value stored
- *   <octets>_len, _marshal, _unmarshal the same for addresses that are their octets: their bytes as in memory
- *   <text>_len, <text>_marshal         error word clear, room, value there: its length in four bytes, most significant
- *                                      first, and its bytes
- *   <scalar>_get, <value>_get          the value's address
- *   <value>_initialize, <value>_set_instance_embedded   nothing; initialize returns 0
- *   <value>_get_oid_count              0
- *   <value>_destroy_internal           release 0, of a text without a block or of an address or time that lies whole
- *                                      in its place: nothing
- *   <scalar>_get_value                 error word clear, value there: the value
- *   <scalar>_set, <scalar>_set_value   error word clear, values there: the write hook is told (the value is its own
- *                                      owner), the value stored
+ *   <scalar>_marshal                   error word clear, room, value there: the value's bytes, most significant
+ * first <scalar>_unmarshal                 error word clear and enough bytes: the write hook is told, the value
+ * stored <octets>_len, _marshal, _unmarshal the same for addresses that are their octets: their bytes as in memory
+ *   <text>_len, <text>_marshal         error word clear, room, value there: its length in four bytes, most
+ * significant first, and its bytes <scalar>_get, <value>_get          the value's address <value>_initialize,
+ * <value>_set_instance_embedded   nothing; initialize returns 0 <value>_get_oid_count              0
+ *   <value>_destroy_internal           release 0, of a text without a block or of an address or time that lies
+ * whole in its place: nothing <scalar>_get_value                 error word clear, value there: the value
+ *   <scalar>_set, <scalar>_set_value   error word clear, values there: the write hook is told (the value is its
+ * own owner), the value stored
  *
- * Without that function a bundle calls every operation; so it does when a name of the list resolves, in its process,
- * to something outside the runtime's image, as a library that traces calls would arrange it. */
+ * Without that function a bundle calls every operation; so it does when a name of the list resolves, in its
+ * process, to something outside the runtime's image, as a library that traces calls would arrange it. */
 #ifndef LOOM_DIRECT_H
 #define LOOM_DIRECT_H
 
@@ -56,7 +53,7 @@ typedef struct loom_direct_forms {
     /** The write hook that a handle has as long as nobody follows its stores: they need not be announced then. A
      *  handle's hook may change with every operation of the runtime. Null: there is none. */
     void (*unfollowed_write_hook)(loom_handle* handle, const void* address, size_t length, uint32_t domain,
-                            const void* owner);
+                                  const void* owner);
 } loom_direct_forms;
 
 /** The runtime's offer, valid as long as the runtime is loaded; any thread may ask. A runtime need not have this
@@ -65,13 +62,15 @@ const loom_direct_forms* loom_get_direct_forms(void);
 
 /** The scalars of the list: each has the operations of LOOM_DIRECT_SCALAR_OPERATIONS. */
 #define LOOM_DIRECT_SCALARS(X)                                                                                    \
-    X(u_int8) X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64)                                 \
-    X(char) X(double) X(float) X(loom_boolean)
+    X(u_int8)                                                                                                     \
+    X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64) X(char) X(double) X(float)                \
+        X(loom_boolean)
 /** The object and opaque values: each has the operations of LOOM_DIRECT_VALUE_OPERATIONS. */
 #define LOOM_DIRECT_VALUES(X)                                                                                     \
-    X(ip_address) X(ip_prefix) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr) X(calendar_time) X(timestamp)           \
-    X(loom_vstring) X(nexa_bytestr) X(loom_phys_addr) X(loom_aes_vstring) X(loom_aes_password_vstring)            \
-    X(loom_username_vstring)
+    X(ip_address)                                                                                                 \
+    X(ip_prefix) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr) X(calendar_time) X(timestamp) X(loom_vstring)         \
+        X(nexa_bytestr) X(loom_phys_addr) X(loom_aes_vstring) X(loom_aes_password_vstring)                        \
+            X(loom_username_vstring)
 /** Those of them that are nothing but their octets, and those that are a counted text. */
 #define LOOM_DIRECT_OCTETS(X) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr)
 #define LOOM_DIRECT_TEXTS(X)                                                                                      \
@@ -84,14 +83,14 @@ const loom_direct_forms* loom_get_direct_forms(void);
 #define LOOM_DIRECT_TEXT_OPERATIONS(X, T) X(T##_len) X(T##_marshal)
 /** The other operations of the list. */
 #define LOOM_DIRECT_FRAME_OPERATIONS(X)                                                                           \
-    X(loom_clear_last_error) X(loom_get_instance_variant) X(loom_get_instance_obj_flag)                           \
-    X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem)                                     \
-    X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                                                       \
-    X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                         \
-    X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                                       \
-    X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal)                                                 \
-    X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)                                                         \
-    X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded) X(spoor_module_init_fn)
+    X(loom_clear_last_error)                                                                                      \
+    X(loom_get_instance_variant) X(loom_get_instance_obj_flag) X(loom_get_manifested_type_info)                   \
+        X(loom_get_manifested_type_info_ptr_mem) X(loom_domain_lookup_variant) X(loomlib_adjust_variant)          \
+            X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                 \
+                X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                           \
+                    X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal) X(_loom_list_len_marshal)       \
+                        X(_loom_list_len_unmarshal) X(loom_boolean_initialize)                                    \
+                            X(loom_boolean_set_instance_embedded) X(spoor_module_init_fn)
 
 #ifdef __cplusplus
 }

@@ -57,7 +57,7 @@ enum {
 /** What a peer speaks: the variant of each type, the tables and messages it knows. Filled by the runtime;
  *  a bundle only passes its address on. */
 typedef struct loom_domain_state {
-    void* peer;            /**< runtime's own description of the peer, null: the peer is of this very build */
+    void* peer; /**< runtime's own description of the peer, null: the peer is of this very build */
     uint64_t reserved[3];
 } loom_domain_state;
 
@@ -84,7 +84,8 @@ struct loom_handle {
     /** Gives a block of `alloc` back. */
     void (*free)(void* alloc_ctx, uint32_t domain, void* block);
     /** Told immediately before `length` bytes at `address` change; the old contents still stand there. */
-    void (*write_hook)(loom_handle* handle, const void* address, size_t length, uint32_t domain, const void* owner);
+    void (*write_hook)(loom_handle* handle, const void* address, size_t length, uint32_t domain,
+                       const void* owner);
     /** Told immediately before a statistics counter is raised by one. */
     void (*counter_hook)(void* alloc_ctx, const void* address, uint32_t one, uint32_t domain);
     /** Enters a manifested type-information record under its 32-character luid text. */
@@ -95,22 +96,22 @@ struct loom_handle {
     void* alloc_ctx;  /**< first argument of alloc, free and counter_hook; for tables also the arena */
     void* tinfo_ctx;
     void* shared_alloc_ctx;
-    uint32_t bundle_active;          /**< non-zero while a message bundle is open */
-    uint32_t gc_context;             /**< non-zero while the garbage collector or another privileged path runs */
-    char domain_text[64];            /**< name of the current peer domain, zero-terminated */
-    uint32_t header_tag;             /**< goes into the header of every marshalled table record and message */
-    loom_domain_state domain_state;  /**< the peer domain */
-    uint32_t last_error;             /**< 0 or the error number of the latest operation; sticky in _cr chains */
-    const char* db_name;             /**< the database's name, prefix of table paths */
+    uint32_t bundle_active;            /**< non-zero while a message bundle is open */
+    uint32_t gc_context;               /**< non-zero while the garbage collector or another privileged path runs */
+    char domain_text[64];              /**< name of the current peer domain, zero-terminated */
+    uint32_t header_tag;               /**< goes into the header of every marshalled table record and message */
+    loom_domain_state domain_state;    /**< the peer domain */
+    uint32_t last_error;               /**< 0 or the error number of the latest operation; sticky in _cr chains */
+    const char* db_name;               /**< the database's name, prefix of table paths */
     uint32_t suppress_duplicate_trace; /**< non-zero silences the duplicate-key trace of insert */
-    uint32_t cr_domain;              /**< the domain of all _cr forms */
-    uint32_t cr_active;              /**< 1 only while a _create_cr runs */
-    loom_sttr_block* sttr_block;     /**< null: no state tracking */
-    void* hd_map;                    /**< the runtime's side table for objects with a tracking offset or ra data */
+    uint32_t cr_domain;                /**< the domain of all _cr forms */
+    uint32_t cr_active;                /**< 1 only while a _create_cr runs */
+    loom_sttr_block* sttr_block;       /**< null: no state tracking */
+    void* hd_map; /**< the runtime's side table for objects with a tracking offset or ra data */
     loom_pending_totals* pending_totals;
-    uint32_t gc_validation;          /**< non-zero turns on loomgc_validate_table_delete */
-    uint32_t containment;            /**< non-zero: containment reports are made */
-    void* runtime;                   /**< the runtime's own; bundles never touch it */
+    uint32_t gc_validation; /**< non-zero turns on loomgc_validate_table_delete */
+    uint32_t containment;   /**< non-zero: containment reports are made */
+    void* runtime;          /**< the runtime's own; bundles never touch it */
 };
 
 /** One variant of a type: sizes and object counters. 40 bytes. */
@@ -132,12 +133,12 @@ typedef struct loom_variant_table {
 
 /** The type-information record: 272 bytes, also a storage format inside databases. */
 typedef struct loom_type_info {
-    uint32_t magic;      /**< LOOM_TYPE_INFO_MAGIC */
-    uint8_t luid[16];    /**< the type's identity */
-    char luid_text[33];  /**< the luid as lower-case hexadecimal */
+    uint32_t magic;     /**< LOOM_TYPE_INFO_MAGIC */
+    uint8_t luid[16];   /**< the type's identity */
+    char luid_text[33]; /**< the luid as lower-case hexadecimal */
     char name[64];
     char module[64];
-    char kind[64];       /**< "type", "enum", "flag", "table", "table_record" or "message" */
+    char kind[64]; /**< "type", "enum", "flag", "table", "table_record" or "message" */
     uint8_t padding[3];
     int32_t runtime_slot; /**< -1 */
     uint32_t reserved1;
@@ -183,7 +184,7 @@ typedef struct loom_list_links {
 
 /** Header of a marshalled table record or message in memory. 27 bytes on the wire. */
 typedef struct loom_message_header {
-    uint8_t hdr_magic; /**< 188 */
+    uint8_t hdr_magic;       /**< 188 */
     uint8_t hdr_reserved[6]; /**< 0xFF each */
     uint8_t hdr_sttr;
     uint32_t hdr_word;

@@ -32,7 +32,8 @@ uint32_t loom_domain_lookup_message_ok(loom_handle* handle, loom_domain_state* s
                                        uint32_t* err);
 
 /** The instance's variant as a signed 8-bit value; 0 for null. `is_record` and `is_enumeration` tell what the
- *  caller works on: 1,0 a record; 1,1 a record for a boolean, enumeration or flag attribute; 0,1 an enumeration. */
+ *  caller works on: 1,0 a record; 1,1 a record for a boolean, enumeration or flag attribute; 0,1 an enumeration.
+ */
 int8_t loom_get_instance_variant(const void* object, uint32_t is_record, uint32_t is_enumeration);
 /** The instance's flags byte. */
 uint8_t loom_get_instance_obj_flag(const void* object, uint32_t is_record, uint32_t is_enumeration);

@@ -39,8 +39,9 @@ int32_t var_string_print(loom_handle* handle, uint32_t domain, char* buffer, int
                          const char* string, int32_t length, uint32_t string_length, uint32_t* err);
 int32_t null_string_print(loom_handle* handle, uint32_t domain, char* buffer, int32_t depth, const char* name,
                           const char* characters, int32_t length, uint32_t size, uint32_t* err);
-uint32_t var_string_to_xml(loom_handle* handle, uint32_t domain, const char* name, char* buffer, const char* string,
-                           int32_t length, uint32_t string_length, uint8_t state, uint32_t* err);
+uint32_t var_string_to_xml(loom_handle* handle, uint32_t domain, const char* name, char* buffer,
+                           const char* string, int32_t length, uint32_t string_length, uint8_t state,
+                           uint32_t* err);
 uint32_t null_string_to_xml(loom_handle* handle, uint32_t domain, const char* name, char* buffer,
                             const char* characters, int32_t length, uint32_t size, uint8_t state, uint32_t* err);
 /** Copies the element's value into a block of `size` bytes, terminated when there is room; 2 when it is absent. */

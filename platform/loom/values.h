@@ -109,7 +109,7 @@ typedef struct loom_username_vstring {
     /** Appends one element named `name`; `state` is shown when it is not 0. */                                   \
     uint32_t T##_to_xml(loom_handle* handle, uint32_t domain, const char* name, char* buffer, const C* value,     \
                         int32_t length, uint8_t state, uint32_t* err);                                            \
-    /** Reads the element at `path`; an absent one sets 2 and leaves the value. A text that is no value of the   \
+    /** Reads the element at `path`; an absent one sets 2 and leaves the value. A text that is no value of the    \
      *  type sets 22 and writes "Failed xpath: <path>" into `message`, if there is one. */                        \
     void T##_from_xml(loom_handle* handle, uint32_t domain, const char* path, const loom_xml_document* document,  \
                       C* value, uint32_t* err, char* message, uint32_t message_length);                           \

@@ -12,15 +12,16 @@ extern "C" {
 
 uint32_t _loom_instance_variant_marshal(loom_handle* handle, uint32_t domain, void* buffer, const int8_t* variant,
                                         int32_t length, uint32_t* err);
-uint32_t _loom_instance_variant_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer, int8_t* variant,
-                                          int32_t length, uint32_t* err);
+uint32_t _loom_instance_variant_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer,
+                                          int8_t* variant, int32_t length, uint32_t* err);
 uint32_t _loom_instance_obj_flag_marshal(loom_handle* handle, uint32_t domain, void* buffer, const uint8_t* flags,
                                          int32_t length, uint32_t* err);
-uint32_t _loom_instance_obj_flag_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer, uint8_t* flags,
-                                           int32_t length, uint32_t* err);
+uint32_t _loom_instance_obj_flag_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer,
+                                           uint8_t* flags, int32_t length, uint32_t* err);
 /** ra data: 9 bytes, a 64-bit value and a byte. */
-uint32_t _loom_instance_ra_data_marshal(loom_handle* handle, uint32_t domain, void* buffer, const uint64_t* address,
-                                        const uint8_t* kind, int32_t length, uint32_t* err);
+uint32_t _loom_instance_ra_data_marshal(loom_handle* handle, uint32_t domain, void* buffer,
+                                        const uint64_t* address, const uint8_t* kind, int32_t length,
+                                        uint32_t* err);
 uint32_t _loom_instance_ra_data_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer,
                                           uint64_t* address, uint8_t* kind, int32_t length, uint32_t* err);
 /** The variant jump: 4 bytes. */

@@ -1,8 +1,8 @@
 // The frame fields of the binary form: variant, object flags, ra data, variant jump, list length, message header.
 // Writers work even with an error pending, so that a form that was begun keeps its shape; an error that stands is
 // never replaced. Readers do nothing then, and what they cannot read is zero.
-#include "runtime/export.h"
 #include "frame/big_endian.h"
+#include "runtime/export.h"
 #include "runtime/values/call.h"
 
 #include <loom/wire.h>

@@ -4,9 +4,9 @@
 // What XML does not carry is added: oids get fixed bytes. For the tracked form the attributes are marked 1, 2, 3
 // and so on in schema order, parts behind their holder, so that each mark can be told from the others.
 //
-// When a dump differs, the new one is written to tests/codec/golden/<kind>.txt in the build folder, and the message
-// has the command that compares the two. A format that is meant to change is accepted by copying that file over the
-// old one.
+// When a dump differs, the new one is written to tests/codec/golden/<kind>.txt in the build folder, and the
+// message has the command that compares the two. A format that is meant to change is accepted by copying that file
+// over the old one.
 #include "tests/codec/codec_fixture.h"
 
 #include <loom/oid.h>

@@ -1,6 +1,6 @@
-// A program that takes the place of one of the runtime's plain operations, as a library that traces calls would: the
-// bundle must then call every operation instead of doing the common case itself. All types are walked in this program
-// a second time (all_types_test.cpp), so both ways are held against the same walker.
+// A program that takes the place of one of the runtime's plain operations, as a library that traces calls would:
+// the bundle must then call every operation instead of doing the common case itself. All types are walked in this
+// program a second time (all_types_test.cpp), so both ways are held against the same walker.
 #include "tests/codec/codec_fixture.h"
 
 #include <all_shapes/leaf.h>

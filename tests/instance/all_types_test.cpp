@@ -1,6 +1,6 @@
-// Every type of the catalogue through its whole life: made, filled, read back, copied, compared, moved, ended. With
-// tracking absent, off and on, in each kind of database, for each variant that a peer may speak; every store must
-// have been announced, no block may be left, and as many objects must end as were made.
+// Every type of the catalogue through its whole life: made, filled, read back, copied, compared, moved, ended.
+// With tracking absent, off and on, in each kind of database, for each variant that a peer may speak; every store
+// must have been announced, no block may be left, and as many objects must end as were made.
 #include "tests/support/typed.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,8 @@ std::map<std::string, i64> living_objects(loom_handle* handle) {
     std::map<std::string, i64> living;
     const auto count = [&](const char* name, const loom_type_info* info) {
         if (handle->db_kind != 0)
-            info = static_cast<loom_type_info*>(handle->tinfo_lookup(handle->tinfo_ctx, test_handle::domain, info->luid_text));
+            info = static_cast<loom_type_info*>(
+                handle->tinfo_lookup(handle->tinfo_ctx, test_handle::domain, info->luid_text));
         if (info == nullptr) return; // nobody has made one yet
         i64 sum = 0;
         for (int i = 0; i < info->variant_table->n_variants; ++i) {
@@ -25,13 +26,15 @@ std::map<std::string, i64> living_objects(loom_handle* handle) {
         }
         if (sum != 0) living[name] = sum;
     };
-    for (const record_driver& each : all_records()) count(each.name, each.type_info());
-    for (const compact_driver& each : all_compact_types()) count(each.name, each.type_info());
+    for (const record_driver& each : all_records())
+        count(each.name, each.type_info());
+    for (const compact_driver& each : all_compact_types())
+        count(each.name, each.type_info());
     return living;
 }
 
-/// An object whose variant does not reach an attribute leaves a nested record there as it was made: it is set up with
-/// its holder and not ended with it.
+/// An object whose variant does not reach an attribute leaves a nested record there as it was made: it is set up
+/// with its holder and not ended with it.
 void add_all_nested(const record_driver& driver, std::map<std::string, i64>& left) {
     for (const auto& [name, since] : driver.nested) {
         ++left[name];
@@ -67,7 +70,8 @@ void PrintTo(const setting& in, std::ostream* out) { *out << name_of(in); }
 std::vector<setting> all_settings() {
     std::vector<setting> all;
     for (const u32 kind : {LOOM_DB_PRIVATE, LOOM_DB_MAPPED, LOOM_DB_PRIVATE_MANIFESTED})
-        for (const u32 mode : {LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON}) all.push_back({kind, mode});
+        for (const u32 mode : {LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON})
+            all.push_back({kind, mode});
     for (const u32 mode : {LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON})
         all.push_back({LOOM_DB_PRIVATE, mode, true});
     return all;
@@ -75,7 +79,8 @@ std::vector<setting> all_settings() {
 
 std::string joined(const std::vector<std::string>& faults) {
     std::string text;
-    for (size_t i = 0; i < faults.size() && i < 20; ++i) text += faults[i] + "\n";
+    for (size_t i = 0; i < faults.size() && i < 20; ++i)
+        text += faults[i] + "\n";
     return text;
 }
 
@@ -89,7 +94,7 @@ struct peer_limit {
 };
 
 class every_record : public ::testing::TestWithParam<setting> {
-protected:
+  protected:
     static handle_options options() {
         handle_options made{};
         made.db_kind = GetParam().db_kind;
@@ -102,7 +107,7 @@ protected:
 
 /// Objects of one record, filled with what their seeds give, under one handle.
 class life {
-public:
+  public:
     life(const record_driver& driver, test_handle& handle) : driver_(driver), handle_(handle), tables_(handle) {
         // The first objects of all bring the type information of their bundles into the database, where it stays.
         void* first = made();
@@ -131,7 +136,8 @@ public:
         std::vector<std::byte> workspace(size_t{driver_.len(handle_, domain, object)} + 64);
         void* copy = nullptr;
         u32 error = 0;
-        driver_.clone(handle_, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+        driver_.clone(handle_, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()),
+                      &error);
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
         through_wire_ = true;
@@ -147,7 +153,8 @@ public:
     }
     void read(void* object, const std::vector<std::byte>& wire, u32 existing) {
         u32 error = 0;
-        EXPECT_EQ(driver_.unmarshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), existing, &error),
+        EXPECT_EQ(driver_.unmarshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), existing,
+                                    &error),
                   wire.size());
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
@@ -155,7 +162,8 @@ public:
     }
     void raise(void* object) {
         u32 error = 0;
-        exported<void(loom_handle*, u32, void*, u32*)>(std::string(driver_.name) + "_adjust_variant")(handle_, domain, object, &error);
+        exported<void(loom_handle*, u32, void*, u32*)>(std::string(driver_.name) +
+                                                       "_adjust_variant")(handle_, domain, object, &error);
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
     }
@@ -182,7 +190,7 @@ public:
 
     reference_tables& tables() { return tables_; }
 
-private:
+  private:
     static constexpr u32 domain = test_handle::domain;
 
     void walk(void* object, bool sets, u64 seed, const char* when) {
@@ -206,7 +214,7 @@ private:
 
 /// A new object, moved to a block that is as long as older code would have made it.
 class older_layout {
-public:
+  public:
     older_layout(const record_driver& driver, test_handle& handle, void* newest, i8 layout) {
         const std::string name = driver.name;
         const auto size_of = exported<u32(loom_handle*, const void*, u32, u32)>(name + "_sizeof_internal");
@@ -233,7 +241,7 @@ public:
     void* object() const { return object_; }
     bool kept_to_its_room() const { return memcmp(object_ + size_, guard, sizeof guard) == 0; }
 
-private:
+  private:
     static bool is_on(test_handle& handle) {
         return handle->sttr_block != nullptr && handle->sttr_block->sttr_mode == LOOM_STTR_ON;
     }
@@ -291,7 +299,8 @@ void live_through(const record_driver& driver, test_handle& handle, int variant,
     on.expect_nothing_left(left_behind(driver, variant), 3);
 }
 
-/// The type does not exist for the peer: nothing of an object can be reached, and what it was made with stays with it.
+/// The type does not exist for the peer: nothing of an object can be reached, and what it was made with stays with
+/// it.
 void live_through_without_variant(const record_driver& driver, test_handle& handle) {
     SCOPED_TRACE(std::string(driver.name) + " without variant");
     life on(driver, handle);
@@ -327,8 +336,10 @@ TEST_P(every_record, lives_its_whole_life_under_older_peers) {
         for (int variant = -1; variant < driver.newest; ++variant) {
             test_handle handle(options());
             peer_limit limit(handle, driver.name, variant);
-            if (variant < 0) live_through_without_variant(driver, handle);
-            else live_through(driver, handle, variant, ++seed);
+            if (variant < 0)
+                live_through_without_variant(driver, handle);
+            else
+                live_through(driver, handle, variant, ++seed);
             loom_set_peer(handle, nullptr);
             if (HasFailure()) return;
         }
@@ -379,7 +390,8 @@ TEST_P(every_record, outlives_its_peer) {
             on.fill(older, newer_seed);
             on.expect_filled(older, newer_seed, "raised");
 
-            for (void* each : {newer, older, reader, copy}) on.end(each);
+            for (void* each : {newer, older, reader, copy})
+                on.end(each);
             EXPECT_EQ(handle.take_violations(), "");
             on.expect_no_blocks_left();
             if (HasFailure()) return;
@@ -443,7 +455,8 @@ TEST_P(every_record, ends_with_its_last_reference) {
         on.fill(object, seed);
         u32 error = 0;
         loom_oid references[2];
-        for (loom_oid& each : references) loom_handle_to_oid(&each, handle, domain, object, 0, 1, &error);
+        for (loom_oid& each : references)
+            loom_handle_to_oid(&each, handle, domain, object, 0, 1, &error);
         ASSERT_EQ(error, 0u);
         handle.end_operation();
         EXPECT_TRUE(static_cast<const loom_object*>(object)->loom_flags & OBJ_OID_MAPPED);
@@ -536,7 +549,9 @@ TEST_P(every_compact_type, lives_its_whole_life) {
                 std::byte wire[64];
                 const u32 size = driver.marshal(handle, test_handle::domain, wire, object, sizeof wire, &error);
                 EXPECT_EQ(size, driver.len(handle, test_handle::domain, object));
-                EXPECT_EQ(driver.unmarshal(handle, test_handle::domain, wire, copy, static_cast<i32>(size), 0, &error), size);
+                EXPECT_EQ(
+                    driver.unmarshal(handle, test_handle::domain, wire, copy, static_cast<i32>(size), 0, &error),
+                    size);
                 handle.end_operation();
                 EXPECT_EQ(driver.compare(object, copy), 0);
                 EXPECT_EQ(driver.hash(object, 99), driver.hash(copy, 99));

@@ -32,7 +32,7 @@ constexpr u32 domain = test_handle::domain;
 using parent = rec_parent_with_sing_child;
 
 class edges : public ::testing::Test {
-protected:
+  protected:
     explicit edges(u32 tracking = LOOM_TRACKING_NONE) { open(tracking); }
     void open(u32 tracking) {
         handle_options options{};
@@ -65,7 +65,7 @@ protected:
     u32 error = 0;
 };
 class tracked_edges : public edges {
-protected:
+  protected:
     tracked_edges() : edges(LOOM_TRACKING_ON) {}
 };
 
@@ -105,8 +105,8 @@ TEST_F(tracked_edges, a_pending_error_stops_every_operation_before_it_does_anyth
         rec_parent_with_sing_child_b_arr_attr_set_mem(*h, domain, rec, &byte, 1, &error);
         rec_parent_with_sing_child_b_fixed_arr_attr_set_mem(*h, domain, rec, &byte, 1, &error);
         rec_parent_with_sing_child_child_sing_oid_set_by_ref(*h, domain, rec, nullptr, &error);
-        rec_parent_with_sing_child_get_all(*h, domain, rec, &value, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                           &error);
+        rec_parent_with_sing_child_get_all(*h, domain, rec, &value, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                           nullptr, &error);
         rec_parent_with_sing_child_set_all(*h, domain, rec, 1, 2, 3, 4, &error);
         simple_union_int_attr_set(*h, domain, choice, nullptr, &error);
         EXPECT_EQ(simple_union_int_attr_get_detach(*h, domain, choice, &error), nullptr);
@@ -116,7 +116,8 @@ TEST_F(tracked_edges, a_pending_error_stops_every_operation_before_it_does_anyth
         rec_parent_with_sing_child_clone_internal(*h, domain, rec, &copy, text, 8, &error);
         EXPECT_EQ(copy, nullptr);
         EXPECT_EQ(rec_parent_with_sing_child_initialize(*h, domain, rec, nullptr, 1, 0, 0, nullptr, &error), 0u);
-    }), "");
+    }),
+              "");
     EXPECT_EQ(taken(), 99u);
     EXPECT_EQ((*h)->last_error, 77u);
     EXPECT_EQ(value, 3u);
@@ -144,9 +145,11 @@ TEST_F(edges, a_chain_keeps_its_first_error_and_works_on_the_sentinel) {
         rec_parent_with_sing_child_destroy_cr(*h, rec);
         rec_parent_with_sing_child_destroy(*h, domain, rec);
         rec_parent_with_sing_child_destroy_internal(*h, domain, rec, 1);
-    }), "");
+    }),
+              "");
     const auto* bytes = reinterpret_cast<const u8*>(rec);
-    for (u32 i = 0; i < 968; ++i) ASSERT_EQ(bytes[i], 0) << i;
+    for (u32 i = 0; i < 968; ++i)
+        ASSERT_EQ(bytes[i], 0) << i;
     (*h)->last_error = 0;
     // Without an error a chain is a plain run of calls.
     rec = rec_parent_with_sing_child_create_cr(*h);
@@ -277,8 +280,8 @@ TEST_F(edges, an_instance_that_the_peer_does_not_know_has_no_attributes) {
     u32 number = 7;
     double real = 7;
     u16 length = 7;
-    rec_parent_with_sing_child_get_all(*h, domain, rec, &boolean, &enumeration, &number, &real, &length, &length, &length,
-                                       &error);
+    rec_parent_with_sing_child_get_all(*h, domain, rec, &boolean, &enumeration, &number, &real, &length, &length,
+                                       &length, &error);
     EXPECT_EQ(number, 7u) << "nothing is written";
     rec_parent_with_sing_child_set_all(*h, domain, rec, 1, 1, 1, 1, &error);
     EXPECT_EQ(rec->int_attr, 0u);
@@ -330,7 +333,8 @@ TEST_F(edges, a_move_empties_arrays_and_keeps_strings) {
 TEST_F(tracked_edges, bulk_values_come_with_lengths_and_leave_the_flags) {
     auto* rec = rec_parent_with_sing_child_create(*h, domain);
     rec_parent_with_sing_child_set_all(*h, domain, rec, 1, 3, 42, 2.5, &error);
-    for (u32 i = 0; i < 104; ++i) EXPECT_EQ(reinterpret_cast<const u8*>(rec)[968 + i], 0) << i;
+    for (u32 i = 0; i < 104; ++i)
+        EXPECT_EQ(reinterpret_cast<const u8*>(rec)[968 + i], 0) << i;
     rec_parent_with_sing_child_b_arr_attr_set_value(*h, domain, rec, 4, 1, &error);
     u32 boolean = 0;
     i32 enumeration = 0;
@@ -339,8 +343,8 @@ TEST_F(tracked_edges, bulk_values_come_with_lengths_and_leave_the_flags) {
     u16 bytes = 9;
     u16 records = 9;
     u16 nested = 9;
-    rec_parent_with_sing_child_get_all(*h, domain, rec, &boolean, &enumeration, &number, &real, &bytes, &records, &nested,
-                                       &error);
+    rec_parent_with_sing_child_get_all(*h, domain, rec, &boolean, &enumeration, &number, &real, &bytes, &records,
+                                       &nested, &error);
     EXPECT_EQ(boolean, 1u);
     EXPECT_EQ(enumeration, 3);
     EXPECT_EQ(number, 42u);
@@ -361,7 +365,8 @@ TEST_F(tracked_edges, bulk_values_come_with_lengths_and_leave_the_flags) {
 TEST_F(tracked_edges, flags_start_at_zero_and_have_their_places) {
     auto* rec = rec_parent_with_sing_child_create(*h, domain);
     const u8* area = reinterpret_cast<const u8*>(rec) + 968;
-    for (u32 i = 0; i < 104; ++i) EXPECT_EQ(area[i], 0);
+    for (u32 i = 0; i < 104; ++i)
+        EXPECT_EQ(area[i], 0);
     rec_parent_with_sing_child_int_attr_set_value(*h, domain, rec, 1, &error);
     EXPECT_EQ(area[6], 2);
     // The nested record's own area lies behind its byte at 10.
@@ -528,7 +533,8 @@ TEST_F(edges, lengths_of_blocks_are_tested) {
     rec_parent_with_sing_child_destroy(*h, domain, rec);
     auto* leaves = leaf_list_test_variable_create(*h, domain);
     const loom_vstring text = text_of("leaf");
-    for (u32 i = 0; i < 3; ++i) leaf_list_test_variable_leaf_list_string_variable_set(*h, domain, leaves, i, &text, &error);
+    for (u32 i = 0; i < 3; ++i)
+        leaf_list_test_variable_leaf_list_string_variable_set(*h, domain, leaves, i, &text, &error);
     EXPECT_STREQ(leaves->leaf_list_string_variable[2].text, "leaf");
     EXPECT_EQ(leaves->leaf_list_string_len, 3u);
     leaf_list_test_variable_leaf_list_string_variable_remove_elements(*h, domain, leaves);
@@ -600,8 +606,9 @@ TEST_F(tracked_edges, character_arrays) {
     read(0);
     EXPECT_EQ(taken(), u32{LOOM_EINVAL});
     fix("ab", 4); // copies as strncpy does: two characters and two zeros
-    EXPECT_EQ(memcmp(rec->fixed_len_char_arr_attr, "ab\0\0"
-                                                   "456789abcdef",
+    EXPECT_EQ(memcmp(rec->fixed_len_char_arr_attr,
+                     "ab\0\0"
+                     "456789abcdef",
                      16),
               0);
     rec_child_comp_key_parent_comp_key_destroy(*h, domain, rec);
@@ -615,7 +622,8 @@ TEST_F(edges, lists) {
     EXPECT_EQ(rec_with_list_list_attr_get_first(*h, domain, holder, &error), nullptr);
     EXPECT_EQ(rec_with_list_list_attr_get_last(*h, domain, holder, &error), nullptr);
     type_with_list* made[4];
-    for (auto*& each : made) each = type_with_list_create(*h, domain);
+    for (auto*& each : made)
+        each = type_with_list_create(*h, domain);
     EXPECT_EQ(rec_with_list_list_attr_add_cr(*h, holder, made[1], 0, nullptr), 0u);
     EXPECT_EQ(rec_with_list_list_attr_add_cr(*h, holder, made[3], 1, nullptr), 0u);
     EXPECT_EQ(rec_with_list_list_attr_add_cr(*h, holder, made[0], 2, made[1]), 0u);
@@ -753,7 +761,8 @@ TEST_F(edges, flag_sets) {
 
     auto* wide = ud_flag_64_create(*h, domain);
     ud_flag_64_set_value(*h, domain, wide, 63, 1, &error);
-    for (u32 i = 0; i < 7; ++i) EXPECT_EQ(wide->bits[i], 0);
+    for (u32 i = 0; i < 7; ++i)
+        EXPECT_EQ(wide->bits[i], 0);
     EXPECT_EQ(wide->bits[7], 0x80);
     ud_flag_64_destroy(*h, domain, wide);
     auto* big = ud_flag_big_create(*h, domain);
@@ -784,7 +793,8 @@ TEST_F(edges, copies) {
     const u32 length = rec_parent_with_sing_child_len(*h, domain, rec);
     std::vector<std::byte> workspace(length + 1);
     parent* copy = rec;
-    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(length) - 1, &error);
+    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(length) - 1,
+                                     &error);
     EXPECT_EQ(taken(), u32{LOOM_EMSGSIZE});
     EXPECT_EQ(copy, nullptr);
     EXPECT_EQ(h->live_blocks(), blocks);
@@ -796,7 +806,8 @@ TEST_F(edges, copies) {
     limit("rec_parent_with_sing_child", 0);
     const u8 bytes[] = {1, 2, 3};
     rec_parent_with_sing_child_b_fixed_arr_attr_set_mem(*h, domain, rec, bytes, 3, &error);
-    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(workspace.size()),
+                                     &error);
     EXPECT_EQ(taken(), 0u);
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(copy->loom_variant, 2);
@@ -804,7 +815,8 @@ TEST_F(edges, copies) {
     rec_parent_with_sing_child_destroy(*h, domain, copy);
     // A nested part that is too new for the peer makes the copy fail.
     limit("ud_type", 3);
-    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+    rec_parent_with_sing_child_clone(*h, domain, rec, &copy, workspace.data(), static_cast<i32>(workspace.size()),
+                                     &error);
     EXPECT_EQ(taken(), u32{LOOM_EIDRM});
     EXPECT_EQ(copy, nullptr);
     (*h)->last_error = 9;

@@ -1,5 +1,5 @@
-// Programming faults end the process, behind their trace at level 0. Each case runs in a child process, which writes
-// its traces to the standard error stream.
+// Programming faults end the process, behind their trace at level 0. Each case runs in a child process, which
+// writes its traces to the standard error stream.
 #include "tests/support/test_handle.h"
 
 #include <trellis_test_types/rec_child_comp_key_parent_comp_key.h>
@@ -46,7 +46,9 @@ struct fatal_case {
     u32 tracking = LOOM_TRACKING_ON;
 };
 
-rec_parent_with_sing_child* parent(test_handle& handle) { return rec_parent_with_sing_child_create(handle, domain); }
+rec_parent_with_sing_child* parent(test_handle& handle) {
+    return rec_parent_with_sing_child_create(handle, domain);
+}
 
 /// The faults of a handle whose tracking mode is none: `use` works on an object made before.
 template <class Use>
@@ -60,7 +62,8 @@ std::function<void(test_handle&, u32*)> corrupted(Use use) {
 using rec = rec_parent_with_sing_child;
 
 const fatal_case cases[] = {
-    {"create", "Corrupted LOOM Handle", corrupted([](test_handle& h, rec*, u32*) { string_key_create(h, domain); })},
+    {"create", "Corrupted LOOM Handle",
+     corrupted([](test_handle& h, rec*, u32*) { string_key_create(h, domain); })},
     {"create_cr", "Corrupted LOOM Handle", corrupted([](test_handle& h, rec*, u32*) { string_key_create_cr(h); })},
     {"sizeof", "Corrupted LOOM Handle", corrupted([](test_handle& h, rec*, u32*) { string_key_sizeof(h); })},
     {"sizeof_internal", "Corrupted LOOM Handle",
@@ -89,49 +92,57 @@ const fatal_case cases[] = {
          const u8 value = 1;
          rec_parent_with_sing_child_b_arr_attr_set_mem(h, domain, r, &value, 1, err);
      })},
-    {"whole_set", "Corrupted LOOM Handle", [](test_handle& h, u32* err) {
+    {"whole_set", "Corrupted LOOM Handle",
+     [](test_handle& h, u32* err) {
          auto* a = string_key_create(h, domain);
          auto* b = string_key_create(h, domain);
          h->sttr_block->sttr_mode = 1;
          string_key_set(h, domain, a, b, err);
      }},
-    {"arm_set", "Corrupted LOOM Handle", [](test_handle& h, u32* err) {
+    {"arm_set", "Corrupted LOOM Handle",
+     [](test_handle& h, u32* err) {
          auto* a = simple_union_create(h, domain);
          h->sttr_block->sttr_mode = 1;
          simple_union_int_attr_set(h, domain, a, u_int32_create(h, domain), err);
      }},
-    {"list_add", "Corrupted LOOM Handle", [](test_handle& h, u32* err) {
+    {"list_add", "Corrupted LOOM Handle",
+     [](test_handle& h, u32* err) {
          auto* holder = rec_with_list_create(h, domain);
          auto* element = type_with_list_create(h, domain);
          h->sttr_block->sttr_mode = 1;
          rec_with_list_list_attr_set_first(h, domain, holder, element, err);
      }},
-    {"list_refused", "arbor internal error", [](test_handle& h, u32* err) {
+    {"list_refused", "arbor internal error",
+     [](test_handle& h, u32* err) {
          auto* holder = rec_with_list_create(h, domain);
          auto* element = type_with_list_create(h, domain);
          h.refuse_ranges();
          rec_with_list_list_attr_set_first(h, domain, holder, element, err);
      }},
-    {"list_removal_refused", "arbor internal error", [](test_handle& h, u32* err) {
+    {"list_removal_refused", "arbor internal error",
+     [](test_handle& h, u32* err) {
          auto* holder = rec_with_list_create(h, domain);
          auto* element = type_with_list_create(h, domain);
          rec_with_list_list_attr_set_first(h, domain, holder, element, err);
          h.refuse_ranges();
          rec_with_list_list_attr_remove(h, domain, holder, element, err);
      }},
-    {"list_move_refused", "arbor internal error", [](test_handle& h, u32* err) {
+    {"list_move_refused", "arbor internal error",
+     [](test_handle& h, u32* err) {
          auto* holder = rec_with_list_create(h, domain);
          auto* other = rec_with_list_create(h, domain);
          rec_with_list_list_attr_set_first(h, domain, holder, type_with_list_create(h, domain), err);
          h.refuse_ranges();
          rec_with_list_set(h, domain, other, holder, err);
      }},
-    {"destroyed_twice", "tinfo is null or corrupted", [](test_handle& h, u32*) {
+    {"destroyed_twice", "tinfo is null or corrupted",
+     [](test_handle& h, u32*) {
          auto* a = string_key_create(h, domain);
          a->loom_tinfo = nullptr;
          string_key_destroy(h, domain, a);
      }},
-    {"bad_magic", "tinfo is null or corrupted", [](test_handle& h, u32*) {
+    {"bad_magic", "tinfo is null or corrupted",
+     [](test_handle& h, u32*) {
          auto* a = string_key_create(h, domain);
          static loom_type_info other;
          other = *a->loom_tinfo;
@@ -139,24 +150,28 @@ const fatal_case cases[] = {
          a->loom_tinfo = &other;
          string_key_destroy(h, domain, a);
      }},
-    {"bad_magic_of_an_enumeration", "tinfo is null or corrupted", [](test_handle& h, u32*) {
+    {"bad_magic_of_an_enumeration", "tinfo is null or corrupted",
+     [](test_handle& h, u32*) {
          auto* a = ud_enum_create(h, domain);
          a->loom_tinfo = nullptr;
          ud_enum_destroy(h, domain, a);
      }},
-    {"bad_magic_of_a_flag_set", "tinfo is null or corrupted", [](test_handle& h, u32*) {
+    {"bad_magic_of_a_flag_set", "tinfo is null or corrupted",
+     [](test_handle& h, u32*) {
          auto* a = ud_flag_create(h, domain);
          a->loom_tinfo = nullptr;
          ud_flag_destroy(h, domain, a);
      }},
-    {"no_variant_table_at_the_start", "varinfo is NULL", [](test_handle& h, u32* err) {
+    {"no_variant_table_at_the_start", "varinfo is NULL",
+     [](test_handle& h, u32* err) {
          alignas(8) static unsigned char memory[64];
          static loom_type_info other;
          other = *string_key_create(h, domain)->loom_tinfo;
          other.variant_table = nullptr;
          string_key_initialize(h, domain, reinterpret_cast<string_key*>(memory), &other, 0, 0, 0, nullptr, err);
      }},
-    {"no_variant_table_at_the_end", "varinfo is NULL", [](test_handle& h, u32*) {
+    {"no_variant_table_at_the_end", "varinfo is NULL",
+     [](test_handle& h, u32*) {
          auto* a = string_key_create(h, domain);
          static loom_type_info other;
          other = *a->loom_tinfo;
@@ -164,7 +179,8 @@ const fatal_case cases[] = {
          a->loom_tinfo = &other;
          string_key_destroy(h, domain, a);
      }},
-    {"no_variant_table_of_an_enumeration", "varinfo is NULL", [](test_handle& h, u32*) {
+    {"no_variant_table_of_an_enumeration", "varinfo is NULL",
+     [](test_handle& h, u32*) {
          auto* a = ud_enum_create(h, domain);
          static loom_type_info other;
          other = *a->loom_tinfo;
@@ -172,7 +188,8 @@ const fatal_case cases[] = {
          a->loom_tinfo = &other;
          ud_enum_destroy(h, domain, a);
      }},
-    {"untracked_object_read_into", "LOOM handle and object state tracking mis-match", [](test_handle& h, u32* err) {
+    {"untracked_object_read_into", "LOOM handle and object state tracking mis-match",
+     [](test_handle& h, u32* err) {
          loom_set_tracking(h, LOOM_TRACKING_OFF);
          auto* a = string_key_create(h, domain);
          u8 wire[64];
@@ -191,7 +208,8 @@ TEST_P(fatal, ends_the_process_behind_its_trace) {
 }
 
 std::ostream& operator<<(std::ostream& out, const fatal_case& each) { return out << each.name; }
-INSTANTIATE_TEST_SUITE_P(faults, fatal, ::testing::ValuesIn(cases), [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(faults, fatal, ::testing::ValuesIn(cases),
+                         [](const auto& info) { return info.param.name; });
 
 /// With tracking off or absent the same misuse has no mode to be corrupted by, and an object without tracking
 /// is none of anybody's business.

@@ -1,5 +1,6 @@
-// The order of stores, notices, reports and traces, as literal dumps: what is done stands on the left, what must be
-// seen on the right. Addresses are names and offsets, lengths are bytes; the events are explained in test_handle.h.
+// The order of stores, notices, reports and traces, as literal dumps: what is done stands on the left, what must
+// be seen on the right. Addresses are names and offsets, lengths are bytes; the events are explained in
+// test_handle.h.
 #include "tests/support/test_handle.h"
 
 #include <trellis_test_types/rec_child_comp_key_parent_comp_key.h>
@@ -26,7 +27,7 @@ struct trace_texts {
 } const trace_texts_added;
 
 class order : public ::testing::Test {
-protected:
+  protected:
     /// A handle of its own for every test, containment on, so that all reports are seen.
     void open(u32 db_kind, u32 tracking) {
         handle_options options{};
@@ -57,7 +58,7 @@ protected:
 
     u32 error = 0;
 
-private:
+  private:
     std::unique_ptr<test_handle> handle_;
 };
 
@@ -273,7 +274,8 @@ void grow_once() {
     test_handle handle;
     u32 error = 0;
     auto* rec = rec_parent_with_sing_child_create(handle, domain);
-    for (u32 i = 0; i < 3; ++i) rec_parent_with_sing_child_b_arr_attr_set_value(handle, domain, rec, i, 1, &error);
+    for (u32 i = 0; i < 3; ++i)
+        rec_parent_with_sing_child_b_arr_attr_set_value(handle, domain, rec, i, 1, &error);
     rec_parent_with_sing_child_destroy(handle, domain, rec);
 }
 
@@ -304,8 +306,8 @@ hook b2+1 1 0
     named(flags, "flags", 2);
     u8 value = 7;
     named(&value, "value", 1);
-    // A later growth moves what is there and gives the old blocks back. That it says so once per process is told by
-    // a test of its own: here an earlier test may have been the first.
+    // A later growth moves what is there and gives the old blocks back. That it says so once per process is told
+    // by a test of its own: here an earlier test may have been the first.
     expect(R"(
 alloc 3 = b1
 alloc 3 = b2
@@ -380,7 +382,8 @@ hook rec+832 2 rec
 
 TEST(growth, is_said_once_per_process_and_field) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_EXIT(count_growths(), ::testing::ExitedWithCode(0), "1: Reallocating resource for rec_parent_with_sing_child");
+    EXPECT_EXIT(count_growths(), ::testing::ExitedWithCode(0),
+                "1: Reallocating resource for rec_parent_with_sing_child");
 }
 
 TEST_F(order, of_an_array_in_a_shared_database) {
@@ -536,12 +539,15 @@ contains b1 in 0
 )",
            [&] { made = rec_with_list_create(handle(), domain); });
     auto* rec = named(made, "rec", 49);
-    const auto element = [&](const char* name) { return named(type_with_list_create(handle(), domain), name, 57); };
+    const auto element = [&](const char* name) {
+        return named(type_with_list_create(handle(), domain), name, 57);
+    };
     type_with_list* a = element("a");
     type_with_list* b = element("b");
     type_with_list* c = element("c");
     type_with_list* d = element("d");
-    // The count, the element's links, the neighbour's link (in an empty list the head's other end), the head's end.
+    // The count, the element's links, the neighbour's link (in an empty list the head's other end), the head's
+    // end.
     expect(R"(
 hook rec+32 4 rec
 range a+16 8
@@ -586,7 +592,8 @@ hook rec+48 1 0
 contains d in rec
 )",
            [&] { rec_with_list_list_attr_set_after(handle(), domain, rec, b, d, &error); });
-    // c a b d. Both links of the element first, then the mirror of linking: the head's end, the neighbour, the count.
+    // c a b d. Both links of the element first, then the mirror of linking: the head's end, the neighbour, the
+    // count.
     expect(R"(
 range d+24 16
 range rec+24 8
@@ -696,27 +703,37 @@ TEST_F(order, of_character_and_fixed_arrays) {
     named(&rec->b_fixed_arr_attr, "bytes", 3);
     named(reinterpret_cast<u8*>(rec) + sizeof *rec, "area", size - sizeof *rec);
     handle().end_operation();
-    // Places in the tracking area, counted by hand: the oid at 96, comp_key at 97 with its two bytes, wrapped_union at
-    // 100 with the byte and the area of its union (4), b_fixed_arr_attr at 106 with three elements, the strings.
+    // Places in the tracking area, counted by hand: the oid at 96, comp_key at 97 with its two bytes,
+    // wrapped_union at 100 with the byte and the area of its union (4), b_fixed_arr_attr at 106 with three
+    // elements, the strings.
     expect(R"(
 alloc 6 = b1
 hook pointer 8 rec
 hook length 1 rec
 hook area+110 1 0
 )",
-           [&] { rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle(), domain, rec, "hello", 5, &error); });
+           [&] {
+               rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle(), domain, rec, "hello", 5,
+                                                                            &error);
+           });
     expect(R"(
 free b1
 hook pointer 8 rec
 hook length 1 rec
 hook area+110 1 0
 )",
-           [&] { rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle(), domain, rec, "", 256, &error); });
+           [&] {
+               rec_child_comp_key_parent_comp_key_dynamic_char_arr_attr_set(handle(), domain, rec, "", 256,
+                                                                            &error);
+           });
     expect(R"(
 hook characters 4 rec
 hook area+112 1 0
 )",
-           [&] { rec_child_comp_key_parent_comp_key_fixed_len_char_arr_attr_set(handle(), domain, rec, "abcd", 4, &error); });
+           [&] {
+               rec_child_comp_key_parent_comp_key_fixed_len_char_arr_attr_set(handle(), domain, rec, "abcd", 4,
+                                                                              &error);
+           });
     const u8 source[] = {1, 2, 3};
     named(source, "source", 3);
     expect(R"(
@@ -725,12 +742,17 @@ hook area+106 1 0
 hook area+109 1 0
 contains source in rec
 )",
-           [&] { rec_child_comp_key_parent_comp_key_b_fixed_arr_attr_set(handle(), domain, rec, 2, source, &error); });
+           [&] {
+               rec_child_comp_key_parent_comp_key_b_fixed_arr_attr_set(handle(), domain, rec, 2, source, &error);
+           });
     expect(R"(
 hook bytes 3 rec
 hook area+106 1 0
 )",
-           [&] { rec_child_comp_key_parent_comp_key_b_fixed_arr_attr_set_mem(handle(), domain, rec, source, 3, &error); });
+           [&] {
+               rec_child_comp_key_parent_comp_key_b_fixed_arr_attr_set_mem(handle(), domain, rec, source, 3,
+                                                                           &error);
+           });
     rec_child_comp_key_parent_comp_key_destroy(handle(), domain, rec);
 }
 
@@ -752,7 +774,10 @@ hook rec+1064 1 0
     expect(R"(
 contains table in rec
 )",
-           [&] { EXPECT_EQ(rec_parent_with_sing_child_child_sing_oid_get_by_ref(handle(), domain, rec, &error), &table); });
+           [&] {
+               EXPECT_EQ(rec_parent_with_sing_child_child_sing_oid_get_by_ref(handle(), domain, rec, &error),
+                         &table);
+           });
     // The same once more: one reference is dropped and one taken.
     rec_parent_with_sing_child_child_sing_oid_set_by_ref(handle(), domain, rec, &table, &error);
     loom_oid_state state{};
@@ -774,7 +799,8 @@ hook rec+888 40 rec
 contains ? in rec
 )",
            [&] {
-               rec_parent_with_sing_child_child_sing_oid_set_by_ref(handle(), domain, rec, LOOM_OID_RAW_TARGET, &error);
+               rec_parent_with_sing_child_child_sing_oid_set_by_ref(handle(), domain, rec, LOOM_OID_RAW_TARGET,
+                                                                    &error);
            });
     rec_parent_with_sing_child_destroy(handle(), domain, rec);
     loom_request_oid_mapping_destroy(handle(), domain, &table, &error);
@@ -789,9 +815,9 @@ TEST_F(order, of_a_set_without_tracking) {
     loom_set_tracking(handle(), LOOM_TRACKING_ON);
     // The value is stored before the failure.
     const u32 value = 5;
-    EXPECT_EQ("\n" + handle().log_of([&] {
-        rec_parent_with_sing_child_int_attr_set(handle(), domain, rec, &value, &error);
-    }), R"(
+    EXPECT_EQ("\n" + handle().log_of(
+                         [&] { rec_parent_with_sing_child_int_attr_set(handle(), domain, rec, &value, &error); }),
+              R"(
 hook rec+160 4 rec+160
 error 22
 says 3 The object is not state tracked
@@ -802,14 +828,16 @@ says 3 The object is not state tracked
     error = 0;
     EXPECT_EQ("\n" + handle().log_of([&] {
         EXPECT_EQ(rec_parent_with_sing_child_int_attr_state_flag_get(handle(), domain, rec, &error), 0);
-    }), R"(
+    }),
+              R"(
 error 22
 says 3 The object is non state tracked
 )");
     error = 0;
     EXPECT_EQ("\n" + handle().log_of([&] {
         rec_parent_with_sing_child_int_attr_state_flag_set(handle(), domain, rec, 1, &error);
-    }), R"(
+    }),
+              R"(
 says 3 The object is not state tracked
 error 22
 )");
@@ -817,7 +845,8 @@ error 22
     error = 0;
     EXPECT_EQ("\n" + handle().log_of([&] {
         EXPECT_EQ(rec_parent_with_sing_child_int_attr_state_flag_get(handle(), domain, rec, &error), 0);
-    }), R"(
+    }),
+              R"(
 error 22
 )");
     error = 0;
@@ -852,7 +881,8 @@ contains ? in 0
 )",
            [&] { EXPECT_EQ(string_key_create_cr(handle()), chained); });
     EXPECT_EQ("\n" + handle().log_of([&] { string_key_destroy_cr(handle(), chained); }), "\n");
-    for (u32 i = 0; i < 40; ++i) EXPECT_EQ(reinterpret_cast<const u8*>(chained)[i], 0);
+    for (u32 i = 0; i < 40; ++i)
+        EXPECT_EQ(reinterpret_cast<const u8*>(chained)[i], 0);
 }
 
 } // namespace

@@ -17,7 +17,8 @@ constexpr u32 domain = test_handle::domain;
 
 std::string joined(const std::vector<std::string>& faults) {
     std::string text;
-    for (const std::string& each : faults) text += each + "\n";
+    for (const std::string& each : faults)
+        text += each + "\n";
     return text;
 }
 
@@ -40,7 +41,7 @@ struct setting {
 void PrintTo(const setting& in, std::ostream* out) { *out << in.name; }
 
 class without_memory : public ::testing::TestWithParam<setting> {
-protected:
+  protected:
     std::unique_ptr<test_handle> open() const {
         handle_options options{};
         options.tracking = GetParam().tracking;
@@ -101,7 +102,8 @@ TEST_P(without_memory, setting_reports_12_and_leaves_a_whole_object) {
                 object_walk check(*handle, false, 42, faults);
                 check.refilled = true;
                 driver.walk(check, object);
-                EXPECT_TRUE(faults.empty()) << driver.name << " behind allocation " << nth << ": " << joined(faults);
+                EXPECT_TRUE(faults.empty())
+                    << driver.name << " behind allocation " << nth << ": " << joined(faults);
             }
             driver.destroy(*handle, domain, object);
             ASSERT_EQ(handle->live_blocks(), 0u) << driver.name << " allocation " << nth << "\n"
@@ -125,7 +127,8 @@ TEST_P(without_memory, copying_gives_null_and_12) {
             void* copy = nullptr;
             u32 error = 0;
             handle->fail_allocation(nth);
-            driver.clone(*handle, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()), &error);
+            driver.clone(*handle, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()),
+                         &error);
             const bool failed = handle->allocation_failed();
             handle->fail_allocation(0);
             if (!failed) {
@@ -152,7 +155,8 @@ TEST_P(without_memory, reading_over_an_object_in_use_reports_12) {
         fill(*handle, driver, source, 8);
         std::vector<std::byte> wire = workspace_for(*handle, driver, source);
         u32 error = 0;
-        const u32 size = driver.marshal(*handle, domain, wire.data(), source, static_cast<i32>(wire.size()), &error);
+        const u32 size =
+            driver.marshal(*handle, domain, wire.data(), source, static_cast<i32>(wire.size()), &error);
         ASSERT_EQ(error, 0u) << driver.name;
         const u64 blocks = handle->live_blocks();
         for (const u32 existing : {0u, 1u}) {
@@ -168,7 +172,8 @@ TEST_P(without_memory, reading_over_an_object_in_use_reports_12) {
                 EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << driver.name << " allocation " << nth;
                 if (failed) driver.len(*handle, domain, object);
                 driver.destroy(*handle, domain, object);
-                ASSERT_EQ(handle->live_blocks(), blocks) << driver.name << " allocation " << nth << " existing " << existing;
+                ASSERT_EQ(handle->live_blocks(), blocks)
+                    << driver.name << " allocation " << nth << " existing " << existing;
                 if (!failed) break;
             }
         }
@@ -252,7 +257,8 @@ TEST(memory_that_ends, growth_changes_nothing_and_a_replaced_array_is_empty) {
             error = 0;
             EXPECT_EQ(handle.live_blocks(), blocks);
             ASSERT_EQ(rec->uint32_arr_len, 3u);
-            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get_value(handle, domain, rec, 2, &error), 3u);
+            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get_value(handle, domain, rec, 2, &error),
+                      3u);
         }
         EXPECT_EQ(error, 0u);
         EXPECT_EQ(rec->uint32_arr_len, 4u);
@@ -265,7 +271,8 @@ TEST(memory_that_ends, growth_changes_nothing_and_a_replaced_array_is_empty) {
             error = 0;
             EXPECT_EQ(rec->uint32_arr_len, 0u);
             EXPECT_EQ(rec->uint32_arr_attr, nullptr);
-            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get(handle, domain, rec, 0, &error), nullptr);
+            EXPECT_EQ(rec_child_comp_key_parent_comp_key_uint32_arr_attr_get(handle, domain, rec, 0, &error),
+                      nullptr);
             EXPECT_EQ(error, u32{LOOM_ENOENT});
             error = 0;
         }

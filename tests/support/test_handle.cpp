@@ -79,7 +79,9 @@ test_handle* test_handle::of_handle(const loom_handle* handle) {
     const auto found = handles().find(handle);
     return found == handles().end() ? nullptr : found->second;
 }
-test_handle* test_handle::of_context(const void* context) { return of_handle(static_cast<const loom_handle*>(context)); }
+test_handle* test_handle::of_context(const void* context) {
+    return of_handle(static_cast<const loom_handle*>(context));
+}
 
 test_handle::test_handle(const handle_options& options) : options_(options) {
     loom_open_options open{};
@@ -96,7 +98,8 @@ test_handle::test_handle(const handle_options& options) : options_(options) {
     handle_ = loom_open(&open);
     if (handle_ == nullptr) throw std::runtime_error(loom_error_text());
     if (!path_.empty()) {
-        for (const std::string& file : {path_, path_ + ".undo"}) unlink(file.c_str());
+        for (const std::string& file : {path_, path_ + ".undo"})
+            unlink(file.c_str());
         if (loom_write_begin(handle_) != 0) throw std::runtime_error(loom_error_text());
     }
     loom_trace_set_level(nullptr, 8);
@@ -160,14 +163,10 @@ void test_handle::log(std::string line) {
 
 void test_handle::on_report(const loom_report& what) {
     switch (what.kind) {
-    case LOOM_REPORT_CONTAINMENT:
-        log("contains " + name_of(what.subject) + " in " + name_of(what.parent));
-        break;
+    case LOOM_REPORT_CONTAINMENT: log("contains " + name_of(what.subject) + " in " + name_of(what.parent)); break;
     case LOOM_REPORT_DIRTY: log("dirty " + name_of(what.subject)); break;
     case LOOM_REPORT_DESTROY: log("destroyed " + name_of(what.subject)); break;
-    case LOOM_REPORT_DETACH:
-        log("detached " + name_of(what.subject) + " " + std::to_string(what.arm));
-        break;
+    case LOOM_REPORT_DETACH: log("detached " + name_of(what.subject) + " " + std::to_string(what.arm)); break;
     }
 }
 
@@ -202,8 +201,10 @@ void* test_handle::on_alloc(decltype(loom_handle::alloc) real_alloc, void* conte
     const u8* address = static_cast<const u8*>(made);
     block& at = blocks_[address];
     at.fresh = true;
-    if (options_.check_stores) at.shadow.assign(address, address + size);
-    else at.shadow.resize(0);
+    if (options_.check_stores)
+        at.shadow.assign(address, address + size);
+    else
+        at.shadow.resize(0);
     if (logging_) name(made, size == 0 ? 1 : size, "b" + std::to_string(++named_blocks_));
     log("alloc " + std::to_string(size) + " = " + name_of(made));
     last_event_ = "alloc " + std::to_string(size);
@@ -227,10 +228,11 @@ void test_handle::on_free(void* context, u32 in_domain, void* address) {
 
 void test_handle::on_write(const void* address, size_t length, u32 in_domain, const void* owner) {
     log("hook " + name_of(address) + " " + std::to_string(length) + " " + name_of(owner));
-    // A block that is announced whole for its holder is built anew: it stays announced to the end of the operation.
+    // A block that is announced whole for its holder is built anew: it stays announced to the end of the
+    // operation.
     const auto block_there = blocks_.find(static_cast<const u8*>(address));
-    const bool rebuilt = options_.check_stores && owner != nullptr && owner != address && block_there != blocks_.end() &&
-                         length == block_there->second.shadow.size();
+    const bool rebuilt = options_.check_stores && owner != nullptr && owner != address &&
+                         block_there != blocks_.end() && length == block_there->second.shadow.size();
     if (rebuilt) {
         look();
         block_there->second.fresh = true;
@@ -276,12 +278,14 @@ void test_handle::end_operation() {
     if (!options_.check_stores) return;
     look();
     announced_.clear();
-    for (auto& [address, at] : blocks_) at.fresh = false;
+    for (auto& [address, at] : blocks_)
+        at.fresh = false;
     last_event_ = "end of the operation before";
 }
 
 void test_handle::look() {
-    for (auto& [address, at] : blocks_) look_at(address, at);
+    for (auto& [address, at] : blocks_)
+        look_at(address, at);
     freed_.clear();
 }
 
@@ -294,7 +298,8 @@ void test_handle::look_at(const u8* address, block& at) {
                 is_cleared_pointer_to_freed(address + i, address, at.shadow))
                 continue;
             size_t end = i;
-            while (end < size && address[end] != at.shadow[end]) ++end;
+            while (end < size && address[end] != at.shadow[end])
+                ++end;
             violations_ += "store of " + std::to_string(end - i) + " bytes at offset " + std::to_string(i) +
                            " of a block of " + std::to_string(size) + " (" + name_of(address) + ") after " +
                            last_event_ + "\n";
@@ -317,8 +322,8 @@ bool test_handle::is_announced(const u8* address) const {
     return false;
 }
 
-/// Destroy clears the pointers to element flags in the tracking area without a notice, as its order says; the block
-/// behind such a pointer has just been given back.
+/// Destroy clears the pointers to element flags in the tracking area without a notice, as its order says; the
+/// block behind such a pointer has just been given back.
 bool test_handle::is_cleared_pointer_to_freed(const u8* address, const u8* block_start,
                                               const std::vector<u8>& old) const {
     const size_t word = static_cast<size_t>(address - block_start) & ~size_t{7};
@@ -402,8 +407,10 @@ SEEN loom_type_info* loom_type_info_ptr_get(loom_handle* handle, uint32_t domain
 SEEN void loomlib_update_sttr_offset(loom_handle* handle, uint32_t domain, void* object, uint32_t offset) {
     static auto* const real = next<decltype(loomlib_update_sttr_offset)>("loomlib_update_sttr_offset");
     test_handle* seen = test_handle::of_handle(handle);
-    if (seen == nullptr || seen->on_placing(object)) real(handle, domain, object, offset);
-    else loom_store_err(handle, LOOM_ENOMEM);
+    if (seen == nullptr || seen->on_placing(object))
+        real(handle, domain, object, offset);
+    else
+        loom_store_err(handle, LOOM_ENOMEM);
 }
 
 SEEN void loomlib_type_stats_create_object(loom_handle* handle, uint32_t domain, loom_type_info* tinfo,
@@ -416,7 +423,8 @@ SEEN void loomlib_type_stats_create_object(loom_handle* handle, uint32_t domain,
 
 SEEN void loomlib_type_stats_destroy_object(loom_handle* handle, uint32_t domain, loom_type_info* tinfo,
                                             uint64_t* statistics, uint32_t* err) {
-    static auto* const real = next<decltype(loomlib_type_stats_destroy_object)>("loomlib_type_stats_destroy_object");
+    static auto* const real =
+        next<decltype(loomlib_type_stats_destroy_object)>("loomlib_type_stats_destroy_object");
     if (test_handle* seen = test_handle::of_handle(handle))
         seen->log("ended " + std::string(tinfo->name) + " " + std::to_string(variant_of(tinfo, statistics)));
     real(handle, domain, tinfo, statistics, err);

@@ -39,7 +39,7 @@ struct handle_options {
 ///     says 3 The object is not state tracked
 ///     error 22                   stored in the handle; `epoch error 43` for what is out of reach
 class test_handle {
-public:
+  public:
     static constexpr u32 domain = 1;
 
     explicit test_handle(const handle_options& options = {});
@@ -88,13 +88,13 @@ public:
 
     /// Stores in this scope need no announcement. `reason` says why, for the reader.
     class unannounced {
-    public:
+      public:
         unannounced(test_handle& handle, std::string_view reason);
         ~unannounced();
         unannounced(const unannounced&) = delete;
         unannounced& operator=(const unannounced&) = delete;
 
-    private:
+      private:
         test_handle& handle_;
     };
 
@@ -115,7 +115,7 @@ public:
     static test_handle* of_handle(const loom_handle* handle);
     static test_handle* of_context(const void* context);
 
-private:
+  private:
     struct block {
         std::vector<u8> shadow;
         bool fresh;

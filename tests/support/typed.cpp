@@ -19,7 +19,8 @@ std::vector<compact_driver>& compact_types() {
 
 template <class Driver>
 void add_sorted(std::vector<Driver>& all, std::vector<Driver> more) {
-    for (Driver& each : more) all.push_back(std::move(each));
+    for (Driver& each : more)
+        all.push_back(std::move(each));
     std::sort(all.begin(), all.end(),
               [](const Driver& a, const Driver& b) { return std::string_view(a.name) < b.name; });
 }
@@ -43,7 +44,8 @@ template <class Address>
 void make_address(number_source& numbers, Address& value) {
     const bool four = numbers.chance();
     value.family = four ? 4 : 6;
-    for (u32 i = 0; i < (four ? 4u : 16u); ++i) value.octets[i] = static_cast<u8>(1 + numbers.below(255));
+    for (u32 i = 0; i < (four ? 4u : 16u); ++i)
+        value.octets[i] = static_cast<u8>(1 + numbers.below(255));
 }
 
 } // namespace
@@ -93,14 +95,16 @@ u32 reference_tables::references_to(const loom_table* table) const {
 
 u32 reference_tables::references() const {
     u32 sum = 0;
-    for (const auto& [type, made] : open_) sum += references_to(made.first) + references_to(made.second);
+    for (const auto& [type, made] : open_)
+        sum += references_to(made.first) + references_to(made.second);
     return sum;
 }
 
 u32 reference_tables::free_all() {
     u32 waiting = 0;
     for (const auto& [type, made] : open_) {
-        auto* const free = exported<void(loom_handle*, u32, loom_table*, u32*)>(std::string(type->name) + "_table_free");
+        auto* const free =
+            exported<void(loom_handle*, u32, loom_table*, u32*)>(std::string(type->name) + "_table_free");
         for (loom_table* each : {made.first, made.second}) {
             u32 error = 0;
             free(handle_, test_handle::domain, each, &error);
@@ -117,7 +121,8 @@ i32 enumeration_value(object_walk& walk, const char* enumeration, const std::vec
     std::vector<i32> candidates = wanted;
     if (candidates.empty()) {
         if (const compact_driver* driver = find(compact_types(), enumeration))
-            for (const auto& [value, since] : driver->members) candidates.push_back(value);
+            for (const auto& [value, since] : driver->members)
+                candidates.push_back(value);
         else
             candidates = {1, 2, 3, 0};
     }
@@ -131,7 +136,8 @@ i32 enumeration_value(object_walk& walk, const char* enumeration, const std::vec
 
 std::string make_text(number_source& numbers, u32 length) {
     std::string text(length, ' ');
-    for (char& each : text) each = static_cast<char>('!' + numbers.below(94));
+    for (char& each : text)
+        each = static_cast<char>('!' + numbers.below(94));
     return text;
 }
 
@@ -142,10 +148,12 @@ void make_value(number_source& numbers, ip_prefix& value) {
 }
 void make_value(number_source& numbers, ipv4_addr& value) { value.address = static_cast<u32>(numbers.next()) | 1; }
 void make_value(number_source& numbers, ipv6_addr& value) {
-    for (u8& each : value.octets) each = static_cast<u8>(1 + numbers.below(255));
+    for (u8& each : value.octets)
+        each = static_cast<u8>(1 + numbers.below(255));
 }
 void make_value(number_source& numbers, loom_mac_addr& value) {
-    for (u8& each : value.octets) each = static_cast<u8>(1 + numbers.below(255));
+    for (u8& each : value.octets)
+        each = static_cast<u8>(1 + numbers.below(255));
 }
 void make_value(number_source& numbers, calendar_time& value) {
     value.seconds = 1 + numbers.below(2000000000);
@@ -163,13 +171,15 @@ void make_value(number_source& numbers, loom_username_vstring& value) { make_str
 void make_value(number_source& numbers, nexa_bytestr& value) {
     static thread_local std::vector<u8> bytes;
     bytes.resize(1 + numbers.below(30));
-    for (u8& each : bytes) each = static_cast<u8>(numbers.next());
+    for (u8& each : bytes)
+        each = static_cast<u8>(numbers.next());
     value.bytes = bytes.data();
     value.length = static_cast<u32>(bytes.size());
 }
 void make_value(number_source& numbers, loom_phys_addr& value) {
     value.length = static_cast<u8>(1 + numbers.below(7));
-    for (u32 i = 0; i < value.length; ++i) value.octets[i] = static_cast<u8>(1 + numbers.below(255));
+    for (u32 i = 0; i < value.length; ++i)
+        value.octets[i] = static_cast<u8>(1 + numbers.below(255));
 }
 
 } // namespace trellis::testing

@@ -1,7 +1,7 @@
 // Objects of a generated bundle, filled and read back through the exported accessors, for any record. What an
-// attribute is comes from the generated models while this is compiled; the accessors are looked up by their exported
-// names, so that the names are tested as well. The models of one record are instantiated once, in the unit that
-// registers it; everything else works with record_driver.
+// attribute is comes from the generated models while this is compiled; the accessors are looked up by their
+// exported names, so that the names are tested as well. The models of one record are instantiated once, in the
+// unit that registers it; everything else works with record_driver.
 #pragma once
 
 #include "tests/support/test_handle.h"
@@ -23,7 +23,7 @@ namespace trellis::testing {
 
 /// The same numbers for the same seed, so that what was set can be told again when it is read back.
 class number_source {
-public:
+  public:
     explicit number_source(u64 seed) : state_(seed) {}
     u64 next() {
         u64 mixed = state_ += 0x9E3779B97F4A7C15u;
@@ -34,17 +34,19 @@ public:
     u32 below(u32 limit) { return static_cast<u32>(next() % limit); }
     bool chance() { return below(2) != 0; }
 
-private:
+  private:
     u64 state_;
 };
 
-/// Tables that references may lead to, two of each type and open until the handle ends, with the references that the
-/// runtime counts for them; and a record of each table, to which no reference may lead.
+/// Tables that references may lead to, two of each type and open until the handle ends, with the references that
+/// the runtime counts for them; and a record of each table, to which no reference may lead.
 class reference_tables {
-public:
+  public:
     explicit reference_tables(test_handle& handle) : handle_(handle) {}
     /// The first (0) or second (1) table of that type.
-    loom_table* of(const loom_type_info* type, u32 which) { return which == 0 ? opened(type).first : opened(type).second; }
+    loom_table* of(const loom_type_info* type, u32 which) {
+        return which == 0 ? opened(type).first : opened(type).second;
+    }
     loom_table_record* record_of(const loom_type_info* type) { return opened(type).record; }
     u32 references_to(const loom_table* table) const;
     /// References to all of them.
@@ -52,7 +54,7 @@ public:
     /// Frees all tables. Returns how many of them wait for references to go.
     u32 free_all();
 
-private:
+  private:
     struct tables {
         loom_table* first;
         loom_table* second;
@@ -64,18 +66,18 @@ private:
     std::map<const loom_type_info*, tables> open_;
 };
 
-/// One pass over an object: sets every attribute, or compares every attribute with what a setting pass with the same
-/// seed has stored.
+/// One pass over an object: sets every attribute, or compares every attribute with what a setting pass with the
+/// same seed has stored.
 struct object_walk {
     test_handle& handle;
     bool setting;
     number_source numbers;
     std::vector<std::string>& faults;
-    std::string path;           // for the faults
-    bool memory_may_end = false; // an allocation fails on purpose; the walk ends there
+    std::string path;                   // for the faults
+    bool memory_may_end = false;        // an allocation fails on purpose; the walk ends there
     reference_tables* tables = nullptr; // what references lead to; without tables they stay empty
-    bool through_wire = false;          // the object was made of bytes: a reference that ends them has lost its mark
-    bool refilled = false;              // arms and marks of an earlier fill may still be there
+    bool through_wire = false; // the object was made of bytes: a reference that ends them has lost its mark
+    bool refilled = false;     // arms and marks of an earlier fill may still be there
     bool stopped = false;
 
     object_walk(test_handle& on, bool sets, u64 seed, std::vector<std::string>& faults_found)
@@ -192,9 +194,12 @@ std::string make_text(number_source& numbers, u32 length);
 template <class Type>
 typename Type::c_type make_scalar(number_source& numbers) {
     using T = typename Type::c_type;
-    if constexpr (Type::category == value_category::boolean) return 1;
-    else if constexpr (std::is_same_v<T, char>) return static_cast<char>('a' + numbers.below(26));
-    else if constexpr (std::is_floating_point_v<T>) return static_cast<T>(numbers.below(1000000) + 1) / 8;
+    if constexpr (Type::category == value_category::boolean)
+        return 1;
+    else if constexpr (std::is_same_v<T, char>)
+        return static_cast<char>('a' + numbers.below(26));
+    else if constexpr (std::is_floating_point_v<T>)
+        return static_cast<T>(numbers.below(1000000) + 1) / 8;
     else {
         const T value = static_cast<T>(numbers.next());
         return value == 0 ? T{1} : value;
@@ -256,22 +261,32 @@ struct attribute_walker {
     }
     /// Behind every call. No getter takes memory, and no setter of what lies in place and owns none.
     void done(const char* operation) {
-        constexpr bool owns_none = is_plain<A> || (is_fixed_array<A> && is_array_of_values<A>) || is_fixed_string<A>;
+        constexpr bool owns_none =
+            is_plain<A> || (is_fixed_array<A> && is_array_of_values<A>) || is_fixed_string<A>;
         if ((owns_none || strncmp(operation, "get", 3) == 0) && w.handle.allocations() != allocations)
             w.fault(std::string(operation) + " takes memory");
         w.done(error, expected, operation);
     }
 
     void walk() {
-        if constexpr (is_plain<A>) walk_plain();
-        else if constexpr (is_nested_record<A>) walk_nested();
-        else if constexpr (is_object<A>) walk_object();
-        else if constexpr (is_fixed_array<A>) walk_fixed_array();
-        else if constexpr (is_variable_array<A>) walk_variable_array();
-        else if constexpr (is_counted_string<A> || is_fixed_string<A>) walk_string();
-        else if constexpr (is_oid<A>) walk_oid();
-        else if constexpr (is_arm<A>) walk_arm();
-        else if constexpr (is_list<A>) walk_list();
+        if constexpr (is_plain<A>)
+            walk_plain();
+        else if constexpr (is_nested_record<A>)
+            walk_nested();
+        else if constexpr (is_object<A>)
+            walk_object();
+        else if constexpr (is_fixed_array<A>)
+            walk_fixed_array();
+        else if constexpr (is_variable_array<A>)
+            walk_variable_array();
+        else if constexpr (is_counted_string<A> || is_fixed_string<A>)
+            walk_string();
+        else if constexpr (is_oid<A>)
+            walk_oid();
+        else if constexpr (is_arm<A>)
+            walk_arm();
+        else if constexpr (is_list<A>)
+            walk_list();
     }
 
     // ---- One value in place
@@ -296,7 +311,8 @@ struct attribute_walker {
         }
         const bool by_value = w.numbers.chance() || type::category == value_category::shared_enumeration;
         static auto* const get = find<value*(loom_handle*, u32, object*, u32*)>("get");
-        static auto* const get_value = find<typename type::plain_type(loom_handle*, u32, object*, u32*)>("get_value");
+        static auto* const get_value =
+            find<typename type::plain_type(loom_handle*, u32, object*, u32*)>("get_value");
         static auto* const set = find<void(loom_handle*, u32, object*, const value*, u32*)>("set");
         static auto* const set_value =
             find<void(loom_handle*, u32, object*, typename type::plain_type, u32*)>("set_value");
@@ -311,8 +327,10 @@ struct attribute_walker {
                 type::destroy(w.handle, domain, source);
             } else {
                 const value source = [&] {
-                    if constexpr (is_any_enumeration(type::category)) return value{};
-                    else return plain;
+                    if constexpr (is_any_enumeration(type::category))
+                        return value{};
+                    else
+                        return plain;
                 }();
                 set(w.handle, domain, holder, &source, err());
             }
@@ -344,7 +362,8 @@ struct attribute_walker {
             const value* cell = get(w.handle, domain, holder, err());
             done("get");
             if (!reachable) return;
-            if (cell == nullptr || type::compare(cell, source) != 0) w.fault("get gives another value than was set");
+            if (cell == nullptr || type::compare(cell, source) != 0)
+                w.fault("get gives another value than was set");
             check_state(state_of_set);
         });
     }
@@ -400,7 +419,8 @@ struct attribute_walker {
             const std::vector<value> values = make_values(A::extent);
             walk_values(values, w.numbers.below(3));
         } else {
-            for (u32 i = 0; i < A::extent && !w.stopped; ++i) walk_element(i, false);
+            for (u32 i = 0; i < A::extent && !w.stopped; ++i)
+                walk_element(i, false);
             check_whole();
         }
     }
@@ -416,7 +436,8 @@ struct attribute_walker {
             const std::vector<value> values = make_values(count);
             walk_values(values, w.numbers.below(3));
         } else {
-            for (u32 i = 0; i < count && !w.stopped; ++i) walk_element(i, w.numbers.chance());
+            for (u32 i = 0; i < count && !w.stopped; ++i)
+                walk_element(i, w.numbers.chance());
             check_whole();
         }
         if (!w.setting && reachable) check_count(count);
@@ -427,12 +448,14 @@ struct attribute_walker {
     void check_count(u32 count) {
         if constexpr (has_count) {
             using length = typename A::length;
-            static auto* const get_value = exported<typename length::type::c_type(loom_handle*, u32, object*, u32*)>(
-                std::string(A::model::name) + "_" + length::name + "_get_value");
+            static auto* const get_value =
+                exported<typename length::type::c_type(loom_handle*, u32, object*, u32*)>(
+                    std::string(A::model::name) + "_" + length::name + "_get_value");
             w.same(static_cast<u32>(get_value(w.handle, domain, holder, err())), count, "the length");
             done("length get_value");
             static auto* const get = find<value*(loom_handle*, u32, object*, u32, u32*)>("get");
-            if (get(w.handle, domain, holder, count, err()) != nullptr) w.fault("get hands out an element beyond the end");
+            if (get(w.handle, domain, holder, count, err()) != nullptr)
+                w.fault("get hands out an element beyond the end");
             w.done(error, LOOM_ENOENT, "get beyond the end");
         }
     }
@@ -448,8 +471,8 @@ struct attribute_walker {
         }
         return hashes;
     }
-    /// Calls a setter of a variable array. When it finds no memory, the array must be as it was, or longer by what was
-    /// to be set, or empty if the whole was to be replaced.
+    /// Calls a setter of a variable array. When it finds no memory, the array must be as it was, or longer by what
+    /// was to be set, or empty if the whole was to be replaced.
     template <class Setter>
     void call_setter(bool replaces, Setter&& setter) {
         const std::vector<u32> before = w.memory_may_end ? element_hashes() : std::vector<u32>();
@@ -468,7 +491,8 @@ struct attribute_walker {
 
     std::vector<value> make_values(u32 count) {
         std::vector<value> values(count);
-        for (value& each : values) each = make_scalar<type>(w.numbers);
+        for (value& each : values)
+            each = make_scalar<type>(w.numbers);
         return values;
     }
 
@@ -490,8 +514,10 @@ struct attribute_walker {
             }
             for (u32 i = 0; i < count && !w.stopped; ++i) {
                 call_setter(false, [&] {
-                    if (way == by_value) set_value(w.handle, domain, holder, i, values[i], err());
-                    else set(w.handle, domain, holder, i, &values[i], err());
+                    if (way == by_value)
+                        set_value(w.handle, domain, holder, i, values[i], err());
+                    else
+                        set(w.handle, domain, holder, i, &values[i], err());
                 });
                 done(way == by_value ? "set_value" : "set");
             }
@@ -560,7 +586,8 @@ struct attribute_walker {
                 if (w.setting) {
                     call_setter(false, [&] {
                         if constexpr (has_count) {
-                            static auto* const set_cr = find<u32(loom_handle*, object*, u32, const value*)>("set_cr");
+                            static auto* const set_cr =
+                                find<u32(loom_handle*, object*, u32, const value*)>("set_cr");
                             if (by_copy) {
                                 w.handle->last_error = 0;
                                 error = set_cr(w.handle, holder, index, source);
@@ -587,8 +614,10 @@ struct attribute_walker {
 
     void walk_string() {
         constexpr u32 most = [] {
-            if constexpr (is_fixed_string<A>) return A::extent;
-            else return 40u;
+            if constexpr (is_fixed_string<A>)
+                return A::extent;
+            else
+                return 40u;
         }();
         const std::string text = make_text(w.numbers, 1 + w.numbers.below(most));
         static auto* const get = find<void(loom_handle*, u32, object*, char*, u32, u32*)>("get");
@@ -758,7 +787,8 @@ struct attribute_walker {
         static auto* const set_last = find<void(loom_handle*, u32, object*, value*, u32*)>("set_last");
         const record_driver& driver = record_named(type::name);
         if (!reachable) {
-            if (get_first(w.handle, domain, holder, err()) != nullptr) w.fault("a list that is out of reach has elements");
+            if (get_first(w.handle, domain, holder, err()) != nullptr)
+                w.fault("a list that is out of reach has elements");
             done("get_first");
             return;
         }
@@ -785,7 +815,8 @@ struct attribute_walker {
             driver.walk(w, element);
         }
         if (w.setting) return;
-        if (get_next(w.handle, domain, holder, element, err()) != nullptr) w.fault("the list is longer than it was made");
+        if (get_next(w.handle, domain, holder, element, err()) != nullptr)
+            w.fault("the list is longer than it was made");
         done("get_next");
         w.same(get_count(w.handle, domain, holder, err()), count, "get_count");
         done("get_count");
@@ -838,7 +869,8 @@ void walk_record(object_walk& w, void* at) {
         if (w.stopped) return;
         w.path = outer + "/" + M::name + "." + A::name;
         if constexpr (!is_length<A>)
-            attribute_walker<A>{.w = w, .holder = object, .reachable = variant >= A::at.since, .chosen = chosen}.walk();
+            attribute_walker<A>{.w = w, .holder = object, .reachable = variant >= A::at.since, .chosen = chosen}
+                .walk();
     });
     w.path = outer;
 }
@@ -856,8 +888,8 @@ std::vector<const char*> accessor_endings() {
         add({"get_by_ref", "get_by_ref_cr", "set_by_ref", "set_by_ref_cr"});
         return endings;
     } else if constexpr (is_list<A>) {
-        add({"add_cr", "get_count", "get_cr", "get_first", "get_last", "get_next", "get_prev", "remove", "remove_cr",
-             "set_after", "set_before", "set_first", "set_last"});
+        add({"add_cr", "get_count", "get_cr", "get_first", "get_last", "get_next", "get_prev", "remove",
+             "remove_cr", "set_after", "set_before", "set_first", "set_last"});
         return endings;
     } else {
         add({"get", "set"});
@@ -886,8 +918,8 @@ record_driver driver_of() {
     made.destroy = [](loom_handle* h, u32 d, void* o) { facade::destroy(h, d, static_cast<object*>(o)); };
     made.walk = walk_record<M>;
     made.clone = [](loom_handle* h, u32 d, const void* from, void** out, void* workspace, i32 size, u32* err) {
-        static auto* const clone =
-            exported<void(loom_handle*, u32, const void*, void**, void*, i32, u32*)>(std::string(M::name) + "_clone");
+        static auto* const clone = exported<void(loom_handle*, u32, const void*, void**, void*, i32, u32*)>(
+            std::string(M::name) + "_clone");
         clone(h, d, from, out, workspace, size, err);
     };
     made.marshal = [](loom_handle* h, u32 d, void* buffer, const void* o, i32 length, u32* err) {
@@ -896,13 +928,16 @@ record_driver driver_of() {
     made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
         return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
     };
-    made.len = [](loom_handle* h, u32 d, const void* o) { return facade::len(h, d, static_cast<const object*>(o)); };
+    made.len = [](loom_handle* h, u32 d, const void* o) {
+        return facade::len(h, d, static_cast<const object*>(o));
+    };
     made.compare = [](const void* a, const void* b) {
         return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
     };
     made.hash = [](const void* o, u32 seed) { return facade::hash(static_cast<const object*>(o), seed); };
     made.set = [](loom_handle* h, u32 d, void* to, void* from, u32* err) {
-        static auto* const set = exported<void(loom_handle*, u32, void*, void*, u32*)>(std::string(M::name) + "_set");
+        static auto* const set =
+            exported<void(loom_handle*, u32, void*, void*, u32*)>(std::string(M::name) + "_set");
         set(h, d, to, from, err);
     };
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
@@ -913,7 +948,8 @@ record_driver driver_of() {
         if constexpr (is_nested_record<A>) made.nested.emplace_back(A::type::name, A::at.since);
         if constexpr (is_fixed_array<A>)
             if constexpr (is_array_of_records<A>)
-                for (u32 i = 0; i < A::extent; ++i) made.nested.emplace_back(A::type::name, A::at.since);
+                for (u32 i = 0; i < A::extent; ++i)
+                    made.nested.emplace_back(A::type::name, A::at.since);
     });
     return made;
 }
@@ -936,7 +972,9 @@ compact_driver compact_driver_of() {
     made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
         return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
     };
-    made.len = [](loom_handle* h, u32 d, const void* o) { return facade::len(h, d, static_cast<const object*>(o)); };
+    made.len = [](loom_handle* h, u32 d, const void* o) {
+        return facade::len(h, d, static_cast<const object*>(o));
+    };
     made.compare = [](const void* a, const void* b) {
         return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
     };
@@ -946,9 +984,11 @@ compact_driver compact_driver_of() {
     };
     if constexpr (facade::category == value_category::flag_set) {
         i32 bit = 0;
-        for (const auto& each : M::bits) made.members.emplace_back(bit++, each.since);
+        for (const auto& each : M::bits)
+            made.members.emplace_back(bit++, each.since);
     } else {
-        for (const auto& each : M::members) made.members.emplace_back(each.value, each.since);
+        for (const auto& each : M::members)
+            made.members.emplace_back(each.value, each.since);
     }
     return made;
 }
