@@ -41,6 +41,12 @@ struct reader {
     const u8* at() const { return buffer + position; }
     i32 room() const { return length - static_cast<i32>(position); }
     bool holds(u64 size) const { return static_cast<i64>(size) <= room(); }
+    /// Moves on by what an operation has read. Jumps may lead far behind the buffer's end, one after the other:
+    /// the position stops at the largest that its signed form can tell.
+    void advance(u32 size) {
+        const u32 moved = position + size;
+        position = static_cast<i32>(moved) >= 0 ? moved : u32{INT32_MAX};
+    }
     u32 fitting(u32 count) const {
         const i32 left = room();
         return left <= 0 ? 0 : static_cast<u32>(left) < count ? static_cast<u32>(left) : count;
@@ -71,13 +77,17 @@ struct reader {
     }
     template <class Type>
     [[gnu::always_inline]] void value(typename Type::c_type* v) {
-        position += Type::unmarshal(c.handle, c.domain, at(), v, room(), existing, c.error);
+        const u32 size = Type::unmarshal(c.handle, c.domain, at(), v, room(), existing, c.error);
+        if constexpr (has_header(Type::category))
+            advance(size);
+        else
+            position += size;
     }
 
     [[gnu::always_inline]] void scalar_step(u32 track) {
         if (states == state_bytes::absent || room() == 0) return;
         if (states == state_bytes::taken && room() > 0) store_state(c.handle, c.domain, area + track, *at());
-        ++position;
+        advance(1);
     }
     /// References and lists want two bytes of room, arms only one.
     [[gnu::always_inline]] void guarded_step(u32 track, i32 wanted) {

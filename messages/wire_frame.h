@@ -26,7 +26,11 @@ class cursor {
     char* text() const { return reinterpret_cast<char*>(here()); }
     i32 room() const { return length_ - static_cast<i32>(position_); }
     u32 position() const { return position_; }
-    void advance(u32 bytes) { position_ += bytes; }
+    /// What is read may jump far behind the end; the position stops at the largest that its signed form can tell.
+    void advance(u32 bytes) {
+        const u32 moved = position_ + bytes;
+        position_ = static_cast<i32>(moved) >= 0 ? moved : u32{INT32_MAX};
+    }
     void advance(i32 characters) { position_ += static_cast<u32>(characters); }
 
   private:

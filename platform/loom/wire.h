@@ -1,6 +1,12 @@
 /* The frame fields of the binary form. Each operation takes (handle, domain, buffer, value, remaining length,
  * err) and returns the bytes it wrote or read. Frame fields are written even with an error pending, as far as
- * there is room; without room they set 90. Multi-byte integers travel most significant byte first. */
+ * there is room; without room they set 90. Multi-byte integers travel most significant byte first.
+ *
+ * Buffers around them, as bundles use them: a writer (`<type>_marshal` and whatever contains one) is given
+ * `length` and a buffer of `length` + 1 bytes, since the last state byte of a tracked record may be stored at
+ * `length` itself, where it does not count. A reader (`_unmarshal`) is given a buffer of `length` bytes and needs
+ * none to spare. What it returns may be more than `length`, up to 2147483647: a flag set counts its bits and every
+ * jump its distance whether they are there or not. Whoever reads on behind an item compares first. */
 #ifndef LOOM_WIRE_H
 #define LOOM_WIRE_H
 

@@ -180,6 +180,7 @@ class checker {
         check_luids();
         check_constants();
         check_generated_names();
+        check_header_names();
     }
 
   private:
@@ -253,6 +254,30 @@ class checker {
         for (const auto& f : b_.flag_sets)
             for (const flag_member& m : f->bits)
                 constant(m.name, m.where);
+    }
+
+    /// Each type has a public header of its own, beside those of the bundle as a whole.
+    void check_header_names() {
+        std::map<std::string, const location*> seen = {
+            {b_.name, nullptr}, {"revision", nullptr}, {"bundle_frame", nullptr}, {"table_registry", nullptr}};
+        const auto enter = [&](const std::string& header, const location& where) {
+            const auto [known, fresh] = seen.emplace(header, &where);
+            if (fresh || out_.told_at(where)) return;
+            out_.add(where,
+                     "this gives the header " + quoted(header + ".h") + ", as does " +
+                         (known->second == nullptr ? "the bundle itself" : place(*known->second)),
+                     "choose another name");
+        };
+        for (const auto& r : b_.records)
+            enter(r->name, r->where);
+        for (const auto& e : b_.enumerations)
+            enter(e->name, e->where);
+        for (const auto& f : b_.flag_sets)
+            enter(f->name, f->where);
+        for (const auto& t : b_.tables)
+            enter(t->name, t->where);
+        for (const auto& m : b_.messages)
+            enter(m->name + "_action", m->where);
     }
 
     // ---- Types ---------------------------------------------------------------------------------------------

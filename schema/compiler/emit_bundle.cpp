@@ -90,9 +90,8 @@ std::string revision(const bundle& source, const std::string& digest) {
 
 } // namespace
 
-void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units) {
+void compose_bundle(const bundle& source, output_tree& tree, unsigned units) {
     if (units == 0 || units > 1000) throw std::runtime_error("a bundle has 1 to 1000 source units");
-    output_tree tree(out);
     emission run(source, exported_functions(source), tree);
     const std::vector<type_text> types = emit_types(run);
     emit_type_information(run);
@@ -106,6 +105,11 @@ void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigne
         tree.add("src/unit_" + two_digits(unit) + ".cpp", unit_source(source, parts[unit]));
     tree.add("include/" + source.name + "/" + source.name + ".h", umbrella(source, types));
     tree.add("include/" + source.name + "/revision.h", revision(source, tree.digest()));
+}
+
+void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units) {
+    output_tree tree(out);
+    compose_bundle(source, tree, units);
     tree.write();
 }
 

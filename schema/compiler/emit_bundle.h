@@ -17,4 +17,8 @@ constexpr unsigned default_units = 8;
 /// when a file cannot be written.
 void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units = default_units);
 
+class output_tree;
+/// The same without a directory: adds the sources to `tree`, which stands in emit_support.h.
+void compose_bundle(const bundle& source, output_tree& tree, unsigned units = default_units);
+
 } // namespace trellis::schema

@@ -36,7 +36,9 @@ constexpr operation operations[] = {
     {"marshal", "uint32_t", "$H, void* buffer, const $T* object, int32_t length, $e",
      "Writes the binary form into `length` bytes; returns the bytes written."},
     {"unmarshal", "uint32_t", "$H, const void* buffer, $T* object, int32_t length, uint32_t existing, $e",
-     "Reads what _marshal wrote; returns the bytes read."},
+     "Reads what _marshal wrote, no byte behind `length`; returns the bytes read, more than `length` when the "
+     "bits "
+     "or the jump end there."},
     {"print", "int32_t", "$H, char* buffer, int32_t depth, const char* name, const $T* object, int32_t length, $e",
      "Prints the bits that are set; returns the characters written."},
     {"print_cr", "int32_t", "loom_handle* handle, const $T* object, char* buffer, int32_t length",

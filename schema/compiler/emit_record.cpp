@@ -49,10 +49,11 @@ constexpr operation record_operations[] = {
     {"marshal_for_clone", "uint32_t", "$H, void* buffer, const $T* object, int32_t length, $e",
      "As _marshal, whatever the peer speaks."},
     {"marshal", "uint32_t", "$H, void* buffer, const $T* object, int32_t length, $e",
-     "Writes the binary form into `length` bytes; returns the bytes written. No room: 90. An object newer than "
-     "the peer: 43."},
+     "Writes the binary form into `length` bytes; returns the bytes written. The buffer has one byte more than "
+     "`length`, which may be stored to. No room: 90. An object newer than the peer: 43."},
     {"unmarshal", "uint32_t", "$H, const void* buffer, $T* object, int32_t length, uint32_t existing, $e",
-     "Reads what _marshal wrote; returns the bytes read. `existing` 0: the object is new and empty."},
+     "Reads what _marshal wrote, no byte behind `length`; returns the bytes read, more than `length` when a jump "
+     "leads there. `existing` 0: the object is new and empty."},
     {"len", "uint32_t", "$H, const $T* object", "Upper bound of what _marshal writes; null is allowed."},
     {"len_cr", "uint32_t", "loom_handle* handle, const $T* object", "The same; 0 with an error pending."},
     {"compare", "int32_t", "const $T* a, const $T* b",

@@ -324,8 +324,9 @@ constexpr table_operation of_tables[] = {
      "The same in a chain of calls; 0 with an error pending.", all},
     {"$table_table_record_marshal", "table_record_marshal", "uint32_t",
      "$H, void* buffer, const struct $table_table_record* record, int32_t length, $e",
-     "Writes the binary form into `length` bytes; returns the bytes written. 90: no room. 52: the peer does not "
-     "know the table. 2: payload or key is missing.",
+     "Writes the binary form into `length` bytes; returns the bytes written. The buffer has one byte more than "
+     "`length`, which may be stored to. 90: no room. 52: the peer does not know the table. 2: payload or key is "
+     "missing.",
      all},
     {"$table_record_marshal_cr", "record_marshal_cr", "int32_t",
      "loom_handle* handle, const struct $table_table_record* record, void* buffer, int32_t length",

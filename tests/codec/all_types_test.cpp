@@ -228,6 +228,30 @@ TEST_P(AllTypes, DamagedBytesDoNoHarm) {
     }
 }
 
+TEST_P(AllTypes, JumpsFarBehindTheEndDoNoHarm) {
+    constexpr uint8_t far[] = {0x7f, 0xff, 0xff, 0xf0};
+    constexpr uint64_t little = 16u << 20; // the same bytes as a count ask for memory that is not to be had
+    for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
+        const database writing(tracking), reading(tracking, LOOM_DB_PRIVATE, little),
+            skipping(LOOM_TRACKING_NONE, LOOM_DB_PRIVATE, little);
+        std::mt19937 random(5);
+        subject source(GetParam(), writing);
+        source.fill(random, {});
+        uint32_t error = 0;
+        const std::vector<uint8_t> bytes = source.marshal(&error);
+        const size_t step = bytes.size() > 1000 ? 3 : 1;
+        for (size_t at = 0; at + sizeof far <= bytes.size(); at += step) {
+            const exact_buffer buffer(bytes.data(), bytes.size());
+            std::memcpy(buffer.data() + at, far, sizeof far);
+            for (const database* by : {&reading, &skipping}) {
+                subject target(GetParam(), *by);
+                error = 0;
+                target.unmarshal(buffer.data(), bytes.size(), 0, &error);
+            }
+        }
+    }
+}
+
 TEST_P(AllTypes, TextIsTheWalkers) {
     const database plain;
     for (uint32_t seed = 0; seed < rounds; ++seed) {

@@ -40,7 +40,8 @@ TEST(Identity, AnotherDefinitionIsAnotherType) {
     EXPECT_NE(old->records[0]->luid_text, model_of(replaced(base, "u_int8", "u_int16"))->records[0]->luid_text);
     EXPECT_NE(old->enumerations[0]->luid_text,
               model_of(replaced(base, " A", " A = 1"))->enumerations[0]->luid_text);
-    EXPECT_NE(old->records[0]->luid_text, model_of(replaced(base, "bundle s", "bundle r"))->records[0]->luid_text);
+    EXPECT_NE(old->records[0]->luid_text,
+              model_of(replaced(base, "bundle s", "bundle other"))->records[0]->luid_text);
     EXPECT_NE(old->messages[0]->luid_text, model_of(replaced(base, " carries r", ""))->messages[0]->luid_text);
     EXPECT_NE(old->tables[0]->luid_text,
               model_of(replaced(base, "keyed by x", "keyed by itself"))->tables[0]->luid_text);

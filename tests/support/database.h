@@ -12,11 +12,13 @@ namespace trellis::testing {
 /// A handle to a database of its own, closed at the end.
 class database {
   public:
-    explicit database(uint32_t tracking = LOOM_TRACKING_NONE, uint32_t kind = LOOM_DB_PRIVATE) {
+    explicit database(uint32_t tracking = LOOM_TRACKING_NONE, uint32_t kind = LOOM_DB_PRIVATE,
+                      uint64_t reserve = 0) {
         loom_open_options options{};
         options.size = sizeof options;
         options.kind = kind;
         options.tracking = tracking;
+        options.reserve = reserve;
         handle_.reset(loom_open(&options));
         if (handle_ == nullptr) throw std::runtime_error(loom_error_text());
     }

@@ -69,7 +69,7 @@ bool is_integer(const std::string& type) {
                                 known->form == value_form::signed_integer || known->form == value_form::character);
 }
 
-constexpr uint32_t variant_at = 8, layout_at = 9, flags_at = 10, enumeration_value_at = 12, bits_at = 11;
+constexpr uint32_t variant_at = 8, flags_at = 10, enumeration_value_at = 12, bits_at = 11;
 constexpr uint32_t enumeration_width = 16;
 
 const uint8_t* at(const void* object, uint32_t offset) { return static_cast<const uint8_t*>(object) + offset; }

@@ -79,11 +79,18 @@ struct flag_set_description {
     uint32_t bytes_within(int variant) const;
 };
 
+struct table_description {
+    std::string name;
+    std::string payload;
+    std::string key; // record of a key of its own; empty when the key is inside the payload
+};
+
 struct schema_description {
     std::string bundle;
     std::map<std::string, record_description> records;
     std::map<std::string, enumeration_description> enumerations; // the bundle's own
     std::map<std::string, flag_set_description> flag_sets;
+    std::vector<table_description> tables;
 
     /// Reads what the schema compiler prints as JSON. Throws std::runtime_error that names what is missing.
     static schema_description read(const std::string& path);

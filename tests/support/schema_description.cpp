@@ -90,6 +90,8 @@ schema_description schema_description::read(const std::string& path) {
             type.bits.push_back({bit.at("name"), bit.at("since")});
         schema.flag_sets.emplace(type.name, type);
     }
+    for (const json& from : root.at("tables"))
+        schema.tables.push_back({from.at("name"), from.at("payload"), from.at("key").value("record", "")});
     return schema;
 }
 

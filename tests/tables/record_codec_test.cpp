@@ -109,6 +109,18 @@ TEST_F(record_codec, every_cut_is_noticed) {
     }
 }
 
+TEST_F(record_codec, a_jump_far_behind_the_end_leaves_the_key_unread) {
+    const u32 whole = marshal(sizeof wire);
+    static constexpr unsigned char far[] = {0x7f, 0xff, 0xff, 0xf0};
+    memcpy(wire + 43 + 2, far, sizeof far); // of the payload, behind variant and flags
+    pair_tbl_table_record* read = nullptr;
+    EXPECT_EQ(pair_tbl_table_record_unmarshal(h(), d, &read, wire, static_cast<i32>(whole), 0, &err), 0x7fffffffu);
+    EXPECT_EQ(err, 90u);
+    ASSERT_NE(read, nullptr);
+    err = 0;
+    pair_tbl_destroy_record(h(), d, read, &err);
+}
+
 TEST_F(record_codec, empty_fields_stop_the_marshal) {
     pair_key* key = pair_tbl_pair_key_get_field_detach(h(), d, record);
     EXPECT_EQ(log_of([&] { marshal(sizeof wire); }),
