@@ -83,17 +83,16 @@ void get_luid(loom_handle* handle, u32 domain, const typename M::object* object,
 
 // ---- Tracking areas of nested records ----------------------------------------------------------------------
 
-/// Calls body(attribute's nested record, its own area inside the area at `base`) in attribute order.
+/// Calls body(attribute's nested record, place of its own area inside the object's) in attribute order.
 template <class M, class Body>
-inline void each_nested_area(typename M::object* object, u8* base, Body&& body) {
+inline void each_nested_area(typename M::object* object, Body&& body) {
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr (is_nested_record<A>) {
-            if (has_room_for<A>(object)) body.template operator()<A>(cell_of<A>(object), base + nested_track<A>);
+            if (has_room_for<A>(object)) body.template operator()<A>(cell_of<A>(object), nested_track<A>);
         } else if constexpr (is_fixed_array<A> && is_array_of_records<A>) {
             if (!has_room_for<A>(object)) return;
             for (u32 i = 0; i < A::extent; ++i)
-                body.template operator()<A>(cell_of<A>(object) + i,
-                                            base + element_track<A> + i * A::type::tracking_size);
+                body.template operator()<A>(cell_of<A>(object) + i, element_track<A> + i * A::type::tracking_size);
         }
     });
 }
@@ -101,7 +100,8 @@ inline void each_nested_area(typename M::object* object, u8* base, Body&& body) 
 /// Points the nested records at their areas inside the area at `base`.
 template <class M>
 inline void repoint(const call& c, typename M::object* object, u8* base) {
-    each_nested_area<M>(object, base, [&]<class A>(value_of<A>* nested, u8* area) {
+    each_nested_area<M>(object, [&]<class A>(value_of<A>* nested, u32 place) {
+        u8* area = base + place;
         point_at_area(c, nested, area);
         A::type::offset_update(c.handle, c.domain, nested, area, c.error);
     });
@@ -109,7 +109,8 @@ inline void repoint(const call& c, typename M::object* object, u8* base) {
 
 template <class M>
 void offset_update(loom_handle* handle, u32 domain, typename M::object* object, void* new_base, u32* err) {
-    each_nested_area<M>(object, static_cast<u8*>(new_base), [&]<class A>(value_of<A>* nested, u8* area) {
+    each_nested_area<M>(object, [&]<class A>(value_of<A>* nested, u32 place) {
+        u8* area = static_cast<u8*>(new_base) + place;
         point_at_area(call{handle, domain, err}, nested, area);
         if constexpr (A::type::has_nested_records) A::type::offset_update(handle, domain, nested, area, err);
     });
@@ -117,7 +118,7 @@ void offset_update(loom_handle* handle, u32 domain, typename M::object* object, 
 
 template <class M>
 void offset_remove(loom_handle* handle, u32 domain, typename M::object* object, u32* err) {
-    each_nested_area<M>(object, nullptr, [&]<class A>(value_of<A>* nested, u8*) {
+    each_nested_area<M>(object, [&]<class A>(value_of<A>* nested, u32) {
         loom_hd_mapping_destroy(handle, domain, nested, err);
         A::type::offset_remove(handle, domain, nested, err);
     });
