@@ -7,10 +7,6 @@
 
 namespace trellis::codec {
 
-/// An enumeration is its variant and its value, a flag set its variant, its jump and its bits.
-constexpr u32 enumeration_size = 5;
-constexpr u32 flag_set_frame_size = 5;
-
 /// A text too long for any form has the greatest length there is.
 constexpr u32 counted_size(u32 count) {
     constexpr u32 most = 0xFFFFFFFFu;
@@ -24,6 +20,9 @@ template <class A, bool Straight>
     using type = typename A::type;
     if constexpr (type::category == value_category::enumeration) return enumeration_size;
     if constexpr (type::category == value_category::flag_set) return flag_set_frame_size + sizeof value->bits;
+    if constexpr (type::category == value_category::record && has_part_model<type> && Straight)
+        if (value != nullptr)
+            return header_of(value)->loom_variant < 0 ? frame_size : part_size<typename type::model>;
     if constexpr (is_counted_value<value_of<A>> && Straight)
         if (value != nullptr) return counted_size(direct::byte_count_of(*value));
     return type::len(c.handle, c.domain, value);

@@ -65,6 +65,32 @@ struct reader {
         else
             position += operation(c.handle, c.domain, at(), v, room(), c.error);
     }
+    /// A counted text for a value that has a block of its length, or none; false, and nothing is taken, in any
+    /// other case.
+    template <class T>
+    [[gnu::always_inline]] bool take_counted(T* v) {
+        u32 count;
+        if (!holds(sizeof count) || c.pending()) return false;
+        load_form(at(), &count, 1);
+        if (!holds(sizeof count + u64{count}) || count == 0) return false;
+        auto*& block = direct::bytes_of(*v);
+        if (block == nullptr) {
+            auto* made = static_cast<std::remove_reference_t<decltype(block)>>(
+                c.allocate(size_t{count} + direct::terminator_size<T>));
+            if (made == nullptr) {
+                c.fail(LOOM_ENOMEM);
+                return true;
+            }
+            if constexpr (direct::terminator_size<T> != 0) made[count] = 0;
+            block = made;
+            v->length = count;
+        } else if (v->length != count) {
+            return false;
+        }
+        memcpy(block, at() + sizeof count, count);
+        position += static_cast<u32>(sizeof count) + count;
+        return true;
+    }
     [[gnu::always_inline]] void begin_run(u32 size) { run_fits = holds(size) && !c.pending(); }
     /// Neighbours of one scalar type.
     template <class Type>
@@ -82,6 +108,21 @@ struct reader {
             advance(size);
         else
             position += size;
+    }
+
+    /// A value on the straight path: a part of the bundle and a counted text come in in place.
+    template <class Type>
+    [[gnu::always_inline]] void straight_value(typename Type::c_type* v) {
+        if constexpr (has_part_model<Type>) {
+            using part = typename Type::model;
+            if (holds(part_size<part>) && !c.pending() && take_part<part>(at(), v)) {
+                position += part_size<part>;
+                return;
+            }
+        }
+        if constexpr (is_counted_value<typename Type::c_type>)
+            if (take_counted(v)) return;
+        value<Type>(v);
     }
 
     [[gnu::always_inline]] void scalar_step(u32 track) {
@@ -165,8 +206,16 @@ inline bool provide_element_flags(const reader& r, holder_of<A>* object, u32 old
     return true;
 }
 
+template <class Type, bool Straight>
+[[gnu::always_inline]] inline void read_value(reader& r, typename Type::c_type* v) {
+    if constexpr (Straight)
+        r.template straight_value<Type>(v);
+    else
+        r.template value<Type>(v);
+}
+
 /// A variable array or counted string: its count, its elements, its state bytes.
-template <class A>
+template <class A, bool Straight>
 inline next_step read_counted(reader& r, holder_of<A>* object) {
     const call& c = r.c;
     const u32 old_count = static_cast<u32>(count_of<A>(object));
@@ -198,7 +247,7 @@ inline next_step read_counted(reader& r, holder_of<A>* object) {
             }
         }
         for (u32 i = 0; i < count; ++i)
-            r.template value<typename A::type>(block + i);
+            read_value<typename A::type, Straight>(r, block + i);
     }
     r.scalar_step(A::at.track);
     if constexpr (is_variable_array<A>)
@@ -294,10 +343,10 @@ template <class A>
 }
 
 /// Arms that are not selected keep what they hold.
-template <class A>
+template <class A, bool Straight>
 [[gnu::always_inline]] inline next_step read_arm(reader& r, holder_of<A>* object) {
     if (is_selected<A>(object) && (pointer_of<A>(object) != nullptr || make_arm<A>(r.c, object)))
-        r.template value<typename A::type>(pointer_of<A>(object));
+        read_value<typename A::type, Straight>(r, pointer_of<A>(object));
     r.guarded_step(A::at.track, 1);
     return r.c.pending() ? next_step::end_of_fields : next_step::next_attribute;
 }
@@ -322,33 +371,33 @@ template <class Object>
     return then;
 }
 
-template <class A>
+template <class A, bool Straight = false>
 [[gnu::always_inline]] inline next_step read(reader& r, holder_of<A>* object) {
     using type = typename A::type;
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
-        r.template value<type>(field_of<A>(object));
+        read_value<type, Straight>(r, field_of<A>(object));
         r.scalar_step(A::at.track);
         if constexpr (is_discriminator<A>)
             if (r.c.pending()) return next_step::end_of_fields;
     } else if constexpr (is_fixed_array<A>) {
         for (u32 i = 0; i < A::extent; ++i)
-            r.template value<type>(field_of<A>(object) + i);
+            read_value<type, Straight>(r, field_of<A>(object) + i);
         r.scalar_step(A::at.track);
         r.element_states(r.area == nullptr ? nullptr : r.area + A::track_elements, A::extent);
     } else if constexpr (is_fixed_string<A>) {
         for (u32 i = 0; i < A::extent; ++i)
-            r.template value<type>(field_of<A>(object) + i);
+            read_value<type, Straight>(r, field_of<A>(object) + i);
         r.scalar_step(A::at.track);
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
-        return apart(r, object, &read_counted<A>);
+        return apart(r, object, &read_counted<A, Straight>);
     } else if constexpr (is_oid<A>) {
         r.position += loomlib_oid_unmarshal(r.c.handle, r.c.domain, r.at(), oid_of<A>(object), r.room(),
                                             r.existing, r.c.error);
         r.guarded_step(A::at.track, 2);
     } else if constexpr (is_arm<A>) {
-        return read_arm<A>(r, object);
+        return read_arm<A, Straight>(r, object);
     } else {
         static_assert(is_list<A>);
         return apart(r, object, &read_list<A>);
@@ -365,7 +414,7 @@ template <class A>
             r.take(field_of<A>(object), values_in_form<A>);
             return next_step::next_attribute;
         }
-    return read<A>(r, object);
+    return read<A, true>(r, object);
 }
 
 // ---- Frame -------------------------------------------------------------------------------------------------
@@ -414,20 +463,15 @@ inline bool jump_ahead(u32* position, u32 base, u32 jump) {
 
 /// The plain case of anything with a header: no error, `size` bytes there, nobody who follows stores, and type
 /// information that lies in the bundle.
-inline bool is_plain_case(const call& c, i32 length, u32 size) {
+[[gnu::always_inline]] inline bool is_plain_case(const call& c, i32 length, u32 size) {
     return direct::is_unwatched(c.handle) && !c.pending() && length >= static_cast<i32>(size) &&
            c.handle->db_kind == 0;
 }
 /// That of a record: besides, nothing is tracked, neither here nor on the wire.
-inline bool reads_straight(const call& c, const u8* buffer, i32 length) {
+[[gnu::always_inline]] inline bool reads_straight(const call& c, const u8* buffer, i32 length) {
     if (!is_plain_case(c, length, frame_size) || (buffer[1] & LOOM_WIRE_FLAGS) != 0) return false;
     const tracking_mode mode = c.mode();
     return mode == tracking_mode::absent || mode == tracking_mode::off;
-}
-/// Lowers a variant on the wire to what the instance's layout can hold.
-inline i8 lowered_variant(u8 wire, const loom_object* header) {
-    const i8 variant = static_cast<i8>(wire);
-    return variant > header->loom_layout_variant ? static_cast<i8>(header->loom_layout_variant) : variant;
 }
 
 } // namespace trellis::codec

@@ -17,15 +17,11 @@
 // The reader stands in binary_reader.h, the size in binary_length.h.
 #pragma once
 
-#include "codec/fixed_form.h"
+#include "codec/part_form.h"
 
 #include <loom/wire.h>
 
 namespace trellis::codec {
-
-/// Variant, flags and jump.
-constexpr u32 frame_size = 6;
-constexpr u32 jump_place = 2;
 
 /// An empty tracking area: what is written for an object without tracking under a handle with it.
 template <class Model>
@@ -94,6 +90,19 @@ struct writer {
             }
     }
 
+    /// A value on the straight path: a part of the bundle goes out in place.
+    template <class Type>
+    [[gnu::always_inline]] void straight_value(const typename Type::c_type* v) {
+        if constexpr (has_part_model<Type>) {
+            using part = typename Type::model;
+            if (v != nullptr && fits(part_size<part>) && !c.pending() && put_part<part>(at(), v)) {
+                position += part_size<part>;
+                return;
+            }
+        }
+        value<Type>(v);
+    }
+
     [[gnu::always_inline]] void scalar_step(u8 state) {
         *at() = state;
         position += static_cast<i32>(position) != length;
@@ -125,24 +134,32 @@ struct writer {
     }
 };
 
+template <class Type, bool Straight>
+[[gnu::always_inline]] inline void write_value(writer& w, const typename Type::c_type* v) {
+    if constexpr (Straight)
+        w.template straight_value<Type>(v);
+    else
+        w.template value<Type>(v);
+}
+
 /// Writes one attribute; `area` is the tracking area that the state bytes come from, null for none.
-template <class A>
+template <class A, bool Straight = false>
 [[gnu::always_inline]] inline void write(writer& w, const holder_of<A>* object, const u8* area) {
     using type = typename A::type;
     if constexpr (is_length<A>) {
         // stands in front of its array
     } else if constexpr (is_plain<A> || is_object<A>) {
-        w.template value<type>(field_of<A>(object));
+        write_value<type, Straight>(w, field_of<A>(object));
         if (area != nullptr) w.scalar_step(area[A::at.track]);
     } else if constexpr (is_fixed_array<A>) {
         for (u32 i = 0; i < A::extent; ++i)
-            w.template value<type>(field_of<A>(object) + i);
+            write_value<type, Straight>(w, field_of<A>(object) + i);
         if (area == nullptr) return;
         w.scalar_step(area[A::at.track]);
         w.element_states(area + A::track_elements, A::extent);
     } else if constexpr (is_fixed_string<A>) {
         for (u32 i = 0; i < A::extent; ++i)
-            w.template value<type>(field_of<A>(object) + i);
+            write_value<type, Straight>(w, field_of<A>(object) + i);
         if (area != nullptr) w.scalar_step(area[A::at.track]);
     } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
         w.template scalars<typename A::length::type>(field_of<typename A::length>(object), 1);
@@ -155,7 +172,7 @@ template <class A>
             w.template scalars<type>(block, count);
         } else {
             for (u32 i = 0; i < count; ++i)
-                w.template value<type>(block + i);
+                write_value<type, Straight>(w, block + i);
         }
         if (area == nullptr) return;
         w.scalar_step(area[A::at.track]);
@@ -167,7 +184,7 @@ template <class A>
         if (is_selected<A>(object)) {
             const value_of<A>* arm = pointer_of<A>(object);
             if (arm != nullptr)
-                w.template value<type>(arm);
+                write_value<type, Straight>(w, arm);
             else
                 w.c.fail(LOOM_ENOENT);
         }
@@ -176,7 +193,7 @@ template <class A>
         static_assert(is_list<A>);
         w.frame_field(list_of<A>(object)->count, _loom_list_len_marshal);
         each_element<A>(object, [&](const value_of<A>* element) {
-            w.template value<type>(element);
+            write_value<type, Straight>(w, element);
             return true;
         });
         if (area != nullptr) w.guarded_step(area[A::at.track]);
@@ -189,7 +206,7 @@ template <class A>
     if constexpr (run_begun_by<A> != 0) w.begin_run(run_begun_by<A>);
     if constexpr (has_fixed_form<A>)
         if (w.run_fits) return w.put(field_of<A>(object), values_in_form<A>);
-    write<A>(w, object, nullptr);
+    write<A, true>(w, object, nullptr);
 }
 
 /// The flags byte, and the ra data block when it says so: the block's contents belong to others and go out empty.

@@ -87,12 +87,9 @@ template <class E>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename E::object* object, i32 length,
             u32* err) {
     const call c{handle, domain, err};
-    if (codec::is_plain_case<E>(c, object, length, codec::enumeration_size)) {
+    if (codec::is_plain_case<E>(c, object, length, codec::enumeration_size) &&
+        codec::put_part<E>(static_cast<u8*>(buffer), object)) {
         c.clear_last_error();
-        u8* out = static_cast<u8*>(buffer);
-        out[0] = static_cast<u8>(header_of(object)->loom_variant);
-        const u32 internal = static_cast<u32>(map_to_internal_value<E>(object->value));
-        codec::store_form(out + 1, &internal, 1);
         return codec::enumeration_size;
     }
     if (!codec::enter_with_room(c, object, length)) return 0;
@@ -110,18 +107,13 @@ template <class E>
 u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename E::object* object, i32 length,
               u32 existing, u32* err) {
     const call c{handle, domain, err};
-    loom_object* header = header_of(object);
-    if (codec::is_plain_case(c, length, codec::enumeration_size)) {
+    if (codec::is_plain_case(c, length, codec::enumeration_size) &&
+        codec::take_part<E>(static_cast<const u8*>(buffer), object)) {
         c.clear_last_error();
-        const u8* in = static_cast<const u8*>(buffer);
-        header->loom_variant = codec::lowered_variant(in[0], header);
-        header->loom_tinfo = E::type::type_info();
-        u32 internal;
-        codec::load_form(in + 1, &internal, 1);
-        object->value = user_value_of_internal<E>(internal);
         return codec::enumeration_size;
     }
     if (!codec::enter_with_room(c, length)) return 0;
+    loom_object* header = header_of(object);
     codec::reader r = codec::compact_reader(c, buffer, length, existing);
     const i8 variant = codec::read_variant(r, header);
     c.store<i8>(&header->loom_variant, variant, object);

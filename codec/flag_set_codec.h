@@ -8,31 +8,12 @@
 
 namespace trellis::flag_set {
 
-template <class F>
-constexpr u32 bit_bytes_of = sizeof(F::object::bits);
-/// Bytes of the bits that a variant has: a set may have grown by whole bytes since. A negative variant has those
-/// of variant 0.
-template <class F>
-constexpr u32 bit_bytes_within(i8 variant) {
-    u32 count = 0;
-    for (const flag_bit& bit : F::bits)
-        count += bit.since <= (variant < 0 ? 0 : variant) ? 1u : 0u;
-    return (count + 7) / 8;
-}
-template <class F>
-inline u32 bit_bytes_on_wire(i8 variant) {
-    if constexpr (bit_bytes_within<F>(0) == bit_bytes_of<F>)
-        return bit_bytes_of<F>;
-    else
-        return bit_bytes_within<F>(variant);
-}
-template <class F>
-inline bool has_all_bytes(i8 variant) {
-    return bit_bytes_on_wire<F>(variant) == bit_bytes_of<F>;
-}
+using codec::bit_bytes_of;
+using codec::bit_bytes_on_wire;
+
 /// Variant, jump and bits, of the newest variant.
 template <class F>
-constexpr u32 wire_size = codec::flag_set_frame_size + bit_bytes_of<F>;
+constexpr u32 wire_size = codec::part_size<F>;
 
 template <class F>
 u32 len(loom_handle*, u32, const typename F::object*) {
@@ -48,13 +29,8 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename F::obj
             u32* err) {
     const call c{handle, domain, err};
     if (codec::is_plain_case<F>(c, object, length, wire_size<F>) &&
-        has_all_bytes<F>(header_of(object)->loom_variant)) {
+        codec::put_part<F>(static_cast<u8*>(buffer), object)) {
         c.clear_last_error();
-        u8* out = static_cast<u8*>(buffer);
-        out[0] = static_cast<u8>(header_of(object)->loom_variant);
-        constexpr u32 jump = wire_size<F> - 1;
-        codec::store_form(out + 1, &jump, 1);
-        memcpy(out + codec::flag_set_frame_size, object->bits, bit_bytes_of<F>);
         return wire_size<F>;
     }
     if (!codec::enter_with_room(c, object, length)) return 0;
@@ -83,21 +59,13 @@ template <class F>
 u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::object* object, i32 length,
               u32 existing, u32* err) {
     const call c{handle, domain, err};
-    loom_object* header = header_of(object);
-    if (codec::is_plain_case(c, length, wire_size<F>)) {
-        const u8* in = static_cast<const u8*>(buffer);
-        u32 jump;
-        codec::load_form(in + 1, &jump, 1);
-        const i8 variant = codec::lowered_variant(in[0], header);
-        if (jump == wire_size<F> - 1 && has_all_bytes<F>(variant)) {
-            c.clear_last_error();
-            header->loom_variant = variant;
-            header->loom_tinfo = F::type::type_info();
-            memcpy(object->bits, in + codec::flag_set_frame_size, bit_bytes_of<F>);
-            return wire_size<F>;
-        }
+    if (codec::is_plain_case(c, length, wire_size<F>) &&
+        codec::take_part<F>(static_cast<const u8*>(buffer), object)) {
+        c.clear_last_error();
+        return wire_size<F>;
     }
     if (!codec::enter_with_room(c, length)) return 0;
+    loom_object* header = header_of(object);
     codec::reader r = codec::compact_reader(c, buffer, length, existing);
     const i8 variant = codec::read_variant(r, header);
     const u32 base = r.position;

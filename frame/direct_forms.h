@@ -16,6 +16,7 @@ extern "C" const loom_direct_forms* loom_get_direct_forms(void) __attribute__((w
 namespace trellis::direct {
 
 using write_hook = decltype(loom_direct_forms::unfollowed_write_hook);
+using counter_hook = decltype(loom_direct_forms::unfollowed_counter_hook);
 
 /// False until the library's constructors have run, and then with any runtime that does not offer the forms: every
 /// operation is called. One for each bundle. A bundle that is fused with our runtime need not ask.
@@ -25,6 +26,7 @@ inline constexpr bool offered = true;
 inline bool offered = false;
 #endif
 inline write_hook unfollowed_write_hook = nullptr;
+inline counter_hook unfollowed_counter_hook = nullptr;
 
 /// True when every operation of the list, as this bundle would call it, is the runtime's own.
 inline bool operations_lie_in(const loom_direct_forms& forms) {
@@ -56,6 +58,7 @@ inline void settle() {
     const loom_direct_forms* forms = loom_get_direct_forms();
     if (forms->revision != LOOM_DIRECT_FORMS_REVISION || !operations_lie_in(*forms)) return;
     unfollowed_write_hook = forms->unfollowed_write_hook;
+    unfollowed_counter_hook = forms->unfollowed_counter_hook;
 #ifndef TRELLIS_FUSED
     offered = true;
 #endif

@@ -4,6 +4,8 @@
 
 #include "frame/direct_forms.h"
 
+#include <sys/single_threaded.h>
+
 namespace trellis::direct {
 
 inline void clear_last_error(loom_handle* handle) {
@@ -50,6 +52,17 @@ inline void adjust_variant(loom_handle* handle, u32 domain, void* object, i8 new
     }
     const loom_type_info* tinfo = object == nullptr ? nullptr : type_info(object);
     loomlib_adjust_variant(handle, domain, object, tinfo, newest, err);
+}
+
+/// Raises a counter of objects where it need not be announced; false, and nothing is done, elsewhere. Records of a
+/// database are protected by its write lock, static ones are shared by the threads of the process.
+inline bool raise_counter(const loom_handle* handle, const loom_type_info* tinfo, u64* counter) {
+    if (!offered || handle->counter_hook != unfollowed_counter_hook) return false;
+    if (tinfo->manifested_kind != 0 || __libc_single_threaded)
+        ++*counter;
+    else
+        __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
+    return true;
 }
 
 /// Stores under this handle need no announcement.

@@ -24,11 +24,20 @@ template <class T>
 concept is_counted_value =
     std::is_same_v<T, loom_vstring> || std::is_same_v<T, nexa_bytestr> || std::is_same_v<T, loom_aes_vstring> ||
     std::is_same_v<T, loom_aes_password_vstring> || std::is_same_v<T, loom_username_vstring>;
-inline const void* bytes_of(const nexa_bytestr& value) { return value.bytes; }
+template <is_counted_value T>
+inline auto& bytes_of(T& value) {
+    if constexpr (std::is_same_v<T, nexa_bytestr>)
+        return value.bytes;
+    else
+        return value.text;
+}
 template <is_counted_value T>
 inline const void* bytes_of(const T& value) {
-    return value.text;
+    return bytes_of(const_cast<T&>(value));
 }
+/// Texts keep a zero behind their last character.
+template <is_counted_value T>
+constexpr u32 terminator_size = std::is_same_v<T, nexa_bytestr> ? 0 : 1;
 /// A value without a block is empty.
 template <is_counted_value T>
 inline u32 byte_count_of(const T& value) {

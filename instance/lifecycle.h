@@ -3,6 +3,7 @@
 #pragma once
 
 #include "instance/direct_values.h"
+#include "instance/enumeration.h"
 #include "instance/object_access.h"
 
 namespace trellis::record {
@@ -134,7 +135,9 @@ inline void count_created(const call& c, loom_type_info* tinfo, i8 variant) {
     if (table->n_variants < variant)
         diag::say<M, says::initialize_variant_beyond_table>(static_cast<u32>(variant),
                                                             static_cast<u32>(table->n_variants));
-    loomlib_type_stats_create_object(c.handle, c.domain, tinfo, statistics_of<M>(table, variant), c.error);
+    u64* statistics = statistics_of<M>(table, variant);
+    if (!direct::raise_counter(c.handle, tinfo, statistics))
+        loomlib_type_stats_create_object(c.handle, c.domain, tinfo, statistics, c.error);
 }
 
 /// Settles where the object's tracking area lies and points nested records into it. Returns the base to hand to
@@ -218,11 +221,10 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category)) {
             if (!direct::is_ready_when_zero<typename A::type>())
-                A::type::initialize(handle, domain, cell_of<A>(object), write_through, no_accounting, base, err);
+                initialize_inside<typename A::type>(c, cell_of<A>(object), write_through, no_accounting, base);
         } else if constexpr (is_fixed_array<A> && has_header(A::type::category)) {
             for (u32 i = 0; i < A::extent; ++i)
-                A::type::initialize(handle, domain, cell_of<A>(object) + i, write_through, no_accounting, base,
-                                    err);
+                initialize_inside<typename A::type>(c, cell_of<A>(object) + i, write_through, no_accounting, base);
         } else if constexpr (is_list<A>) {
             loom_list_head* head = list_of<A>(object);
             announce(head, 16, nullptr);
@@ -423,7 +425,9 @@ inline void count_destroyed(const call& c, const typename M::object* object) {
     if (table->n_variants < variant)
         diag::say<M, says::destroy_internal_variant_beyond_table>(static_cast<u32>(variant),
                                                                   static_cast<u32>(table->n_variants));
-    loomlib_type_stats_destroy_object(c.handle, c.domain, tinfo, statistics_of<M>(table, variant), c.error);
+    u64* statistics = statistics_of<M>(table, variant);
+    if (!direct::raise_counter(c.handle, tinfo, statistics + 1))
+        loomlib_type_stats_destroy_object(c.handle, c.domain, tinfo, statistics, c.error);
 }
 
 /// First step of destroy: the object's own mapping goes. False when the object stays.

@@ -49,7 +49,7 @@ inline u32 initialize_elements(const call& c, typename Type::c_type* block, u32 
             u8* area = nullptr;
             if constexpr (Type::category == value_category::record)
                 if (tracked) area = place_element<Type>({c.handle, c.domain, &error}, block, count, i);
-            Type::initialize(c.handle, c.domain, block + i, 0, 0, area, &error);
+            initialize_inside<Type>({c.handle, c.domain, &error}, block + i, 0, 0, area);
             if (error == 0) continue;
             ready = i;
             if constexpr (Type::category == value_category::record)

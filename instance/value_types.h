@@ -45,6 +45,13 @@ constexpr bool owns_storage(value_category c) {
     return c == value_category::object_value || c == value_category::opaque_value || c == value_category::record;
 }
 
+/// An enumeration, flag set or flat record of the holder's own bundle, whose model its holders may use
+/// (codec/part_form.h).
+template <class Type>
+concept has_part_model = requires {
+    typename Type::model;
+};
+
 // Operations that every value type has.
 #define TRELLIS_COMMON_FAMILY(T)                                                                                  \
     static u32 len(loom_handle* h, u32 d, const c_type* v) { return ::T##_len(h, d, v); }                         \

@@ -54,7 +54,7 @@ LOOM_EXPORT void arbor_perror(void) { std::fprintf(stderr, "%s\n", error_text().
 LOOM_EXPORT void loom_arena_usage_get(loom_handle* handle, loom_arena_usage* usage) {
     const open_handle* own = opened(handle);
     const arena_header& header = own->db->memory.header();
-    *usage = {header.blocks, header.bytes, header.extent, header.reserve, header.base, own->allocations};
+    *usage = {header.taken_blocks - header.cached_blocks, header.taken_bytes - header.cached_bytes, header.extent, header.reserve, header.base, own->allocations};
 }
 
 LOOM_EXPORT uint32_t loom_arena_verify(loom_handle* handle) {
@@ -77,7 +77,7 @@ LOOM_EXPORT uint32_t loom_debug_arena_start(loom_handle* handle, loom_unannounce
     database& db = *opened(handle)->db;
     db.debug = debug_arena::start(db.memory, db.memory.header().reserve, report, context);
     db.memory.set_debug(db.debug.get());
-    opened(handle)->choose_write_hook();
+    opened(handle)->choose_hooks();
     if (!db.debug) return ENOMEM;
     if (db.root())
         db.root()->types.each([&](const type_node& node) {
@@ -107,5 +107,5 @@ LOOM_EXPORT void loom_debug_arena_stop(loom_handle* handle) {
     database& db = *opened(handle)->db;
     db.memory.set_debug(nullptr);
     db.debug.reset();
-    opened(handle)->choose_write_hook();
+    opened(handle)->choose_hooks();
 }

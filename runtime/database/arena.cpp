@@ -12,10 +12,7 @@
 
 namespace loom {
 namespace {
-constexpr u64 smallest_block = 32;
-constexpr u64 largest_cached = 512;
-constexpr u64 head_size = 8;
-constexpr u64 first_block = 4096 - head_size;
+constexpr u64 head_size = block_head_size;
 constexpr u64 smallest_growth = u64{256} << 10;
 constexpr u64 largest_growth = u64{64} << 20;
 constexpr std::size_t known_ranges = 4096;
@@ -34,12 +31,6 @@ u32 bin_of(u64 size) {
 u64 head_of(const block* piece) { return raw_load(&piece->head); }
 u64 size_in(u64 head) { return head & ~block_flags; }
 block* next_of(const block* piece) { return raw_load(&piece->next); }
-block* block_of(const void* payload) {
-    return reinterpret_cast<block*>(const_cast<std::byte*>(static_cast<const std::byte*>(payload) - head_size));
-}
-std::byte* payload_of(const block* piece) {
-    return reinterpret_cast<std::byte*>(const_cast<block*>(piece)) + head_size;
-}
 /// The size that a free block repeats at its end.
 u64* footer_of(block* piece, u64 size) {
     return reinterpret_cast<u64*>(reinterpret_cast<std::byte*>(piece) + size - sizeof(u64));
@@ -145,7 +136,7 @@ void arena::finish_section() {
         const u64 head = head_of(piece) & ~block_deferred;
         announce_or_end(piece, sizeof piece->head);
         raw_store(&piece->head, head);
-        if (size_in(head) <= largest_cached)
+        if (size_in(head) <= largest_cached_block)
             push_cached(piece, size_in(head));
         else
             merge(piece, size_in(head));
@@ -173,14 +164,18 @@ bool arena::made_in_section(const block* piece) const {
 
 // ----------------------------------------------------------------------------------------------- allocating
 
-inline void arena::count(i64 blocks, i64 bytes) {
+void arena::count_taken(i64 blocks, i64 bytes) {
     arena_header& h = header();
-    announce_or_end(&h.blocks, 2 * sizeof(u64));
-    h.blocks += static_cast<u64>(blocks);
-    h.bytes += static_cast<u64>(bytes);
+    assign(h.taken_blocks, h.taken_blocks + static_cast<u64>(blocks));
+    assign(h.taken_bytes, h.taken_bytes + static_cast<u64>(bytes));
+}
+void arena::count_cached(i64 blocks, i64 bytes) {
+    arena_header& h = header();
+    assign(h.cached_blocks, h.cached_blocks + static_cast<u64>(blocks));
+    assign(h.cached_bytes, h.cached_bytes + static_cast<u64>(bytes));
 }
 
-inline void arena::push_cached(block* piece, u64 total) {
+void arena::push_cached(block* piece, u64 total) {
     arena_header& h = header();
     block*& list = h.cached[total / 16];
     if (debug_) debug_->released(offset_of(piece) + head_size, total - head_size);
@@ -188,11 +183,10 @@ inline void arena::push_cached(block* piece, u64 total) {
     raw_store(&piece->head, head_of(piece) | block_cached);
     raw_store(&piece->next, list);
     assign(list, piece);
-    assign(h.cached_bytes, h.cached_bytes + total);
-    count(-1, -static_cast<i64>(total));
+    count_cached(1, static_cast<i64>(total));
 }
 
-inline block* arena::pop_cached(u64 total) {
+block* arena::pop_cached(u64 total) {
     arena_header& h = header();
     block* piece = h.cached[total / 16];
     if (!piece) return nullptr;
@@ -201,16 +195,14 @@ inline block* arena::pop_cached(u64 total) {
     // The link is given to the caller as fresh memory, which needs no notices: its old value is kept here.
     announce_or_end(piece, 2 * sizeof(u64));
     assign(h.cached[total / 16], next_of(piece));
-    assign(h.cached_bytes, h.cached_bytes - total);
+    count_cached(-1, -static_cast<i64>(total));
     raw_store(&piece->head, head_of(piece) & ~block_cached);
     return piece;
 }
 
-void* arena::allocate(u64 size) {
-    if (size > reserve_) return nullptr;
-    const u64 total = std::max(smallest_block, round_up(size + head_size, 16));
-    block* piece = total <= largest_cached ? pop_cached(total) : nullptr;
-    if (!piece) piece = take_free(total);
+/// A block from the bins or the top, with room made for it.
+block* arena::take(u64 total) {
+    block* piece = take_free(total);
     if (!piece) piece = take_top(total);
     if (!piece && header().cached_bytes > header().extent / 8) {
         flush_cached();
@@ -221,12 +213,19 @@ void* arena::allocate(u64 size) {
         flush_cached();
         piece = take_free(total);
     }
+    if (piece) count_taken(1, static_cast<i64>(size_in(head_of(piece))));
+    return piece;
+}
+
+void* arena::allocate(u64 size) {
+    if (size > reserve_) return nullptr;
+    const u64 total = block_total(size);
+    block* piece = total <= largest_cached_block ? pop_cached(total) : nullptr;
+    if (!piece) piece = take(total);
     if (!piece) return nullptr;
-    const u64 taken = size_in(head_of(piece));
-    count(1, static_cast<i64>(taken));
     if (log_) young_[slot_of(offset_of(piece), young_blocks)] = {piece, section_};
     std::byte* payload = payload_of(piece);
-    if (debug_) debug_->allocated(offset_of(payload), taken - head_size, next_tag_);
+    if (debug_) debug_->allocated(offset_of(payload), size_in(head_of(piece)) - head_size, next_tag_);
     next_tag_ = 0;
     if (private_memory_) unpoison(payload, size);
     return payload;
@@ -247,7 +246,7 @@ void arena::release(void* payload) {
         deferred_.push_back(piece);
         return;
     }
-    if (size <= largest_cached)
+    if (size <= largest_cached_block)
         push_cached(piece, size);
     else
         merge(piece, size);
@@ -262,9 +261,8 @@ void arena::flush_cached() {
             const u64 total = size_in(head_of(piece));
             announce_or_end(piece, 2 * sizeof(u64));
             assign(list, next_of(piece));
-            assign(h.cached_bytes, h.cached_bytes - total);
+            count_cached(-1, -static_cast<i64>(total));
             raw_store(&piece->head, head_of(piece) & ~block_cached);
-            count(1, static_cast<i64>(total));
             merge(piece, total);
         }
     }
@@ -324,7 +322,7 @@ void arena::unlink(block* piece, u64 size) {
 /// Makes a block in use a free one in a bin, together with the free blocks beside it.
 void arena::merge(block* piece, u64 size) {
     arena_header& h = header();
-    count(-1, -static_cast<i64>(size));
+    count_taken(-1, -static_cast<i64>(size));
     if (debug_) debug_->released(offset_of(piece) + head_size, size - head_size);
     if (!(head_of(piece) & block_previous_in_use)) {
         const u64 size_before = raw_load(reinterpret_cast<u64*>(piece) - 1);
@@ -476,7 +474,8 @@ std::string arena::verify() const {
         offset += size;
     }
     if (previous_in_use != (h.top_previous_in_use != 0)) return fault("the last block is mistaken", h.top);
-    if (blocks != h.blocks || bytes != h.bytes) return fault("the blocks in use do not match their count", 0);
+    if (blocks != h.taken_blocks - h.cached_blocks || bytes != h.taken_bytes - h.cached_bytes)
+        return fault("the blocks in use do not match their count", 0);
     for (const block* list : h.cached)
         for (const block* piece = list; piece; piece = next_of(piece)) {
             if (!may_be_block(piece) || !(head_of(piece) & block_cached) || size_in(head_of(piece)) == 0 ||

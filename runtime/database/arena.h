@@ -51,6 +51,25 @@ inline constexpr u64 block_cached = 4;
 inline constexpr u64 block_deferred = 8;
 inline constexpr u64 block_flags = 15;
 
+inline constexpr u64 block_head_size = 8;
+inline constexpr u64 smallest_block = 32;
+inline constexpr u64 largest_cached_block = 512;
+/// Where the arena's first block begins.
+inline constexpr u64 first_block = 4096 - block_head_size;
+
+/// Size of the block for a payload.
+inline u64 block_total(u64 payload) {
+    const u64 total = (payload + block_head_size + 15) / 16 * 16;
+    return total < smallest_block ? smallest_block : total;
+}
+inline block* block_of(const void* payload) {
+    return reinterpret_cast<block*>(const_cast<std::byte*>(static_cast<const std::byte*>(payload)) -
+                                    block_head_size);
+}
+inline std::byte* payload_of(const block* piece) {
+    return reinterpret_cast<std::byte*>(const_cast<block*>(piece)) + block_head_size;
+}
+
 /// A block under a name.
 struct named_root {
     named_root* next;
@@ -60,7 +79,7 @@ struct named_root {
 };
 
 inline constexpr char arena_magic[8] = {'L', 'O', 'O', 'M', 'A', 'R', 'N', 'A'};
-inline constexpr u32 arena_version = 1;
+inline constexpr u32 arena_version = 2;
 
 /// The first bytes of every arena, and of every database file.
 struct arena_header {
@@ -75,8 +94,11 @@ struct arena_header {
     u64 extent;
     u64 top;
     u64 top_previous_in_use;
-    u64 blocks;
-    u64 bytes;
+    // Those in use are the taken ones but for the cached. The two counts that nearly every allocation changes lie
+    // apart: written one by one and read together, they would hold up the processor.
+    u64 cached_blocks;
+    u64 taken_blocks;
+    u64 taken_bytes;
     u64 cached_bytes;
     void* database_root; ///< what the layers above keep; null until they have made it
     u64 bin_map[3];
@@ -110,6 +132,10 @@ class arena {
     void* allocate(u64 size);
     /// Gives a block back. Ends the process when it is none.
     void release(void* payload);
+    /// The common case of both, without a call: a small block that lies on its list or goes there, while nobody
+    /// listens. Null or false, and nothing done, in every other case.
+    void* allocate_cached(u64 size);
+    bool release_cached(void* payload);
     /// Bytes that the block behind `payload` can hold.
     static u64 size_of(const void* payload);
 
@@ -158,17 +184,19 @@ class arena {
   private:
     bool note(const void* address, u64 size);
     void note_or_end(const void* address, u64 size);
-    [[gnu::always_inline]] block* pop_cached(u64 total);
+    block* pop_cached(u64 total);
+    block* take(u64 total);
     block* take_free(u64 total);
     block* take_top(u64 total);
     void unlink(block* piece, u64 size);
     void link(block* piece, u64 size);
-    [[gnu::always_inline]] void push_cached(block* piece, u64 total);
+    void push_cached(block* piece, u64 total);
     void merge(block* piece, u64 size);
     void flush_cached();
     bool grow(u64 total);
     void set_previous_in_use(block* piece, bool in_use);
-    [[gnu::always_inline]] void count(i64 blocks, i64 bytes);
+    void count_taken(i64 blocks, i64 bytes);
+    void count_cached(i64 blocks, i64 bytes);
     block* at(u64 offset) const { return reinterpret_cast<block*>(base_ + offset); }
     block* piece_behind(block* piece, u64 size) const {
         return reinterpret_cast<block*>(reinterpret_cast<std::byte*>(piece) + size);
@@ -200,5 +228,41 @@ class arena {
     std::vector<known_range> known_; ///< ranges that the open section has logged; may forget
     std::vector<young_block> young_; ///< blocks that the open section has made; may forget
 };
+
+inline void* arena::allocate_cached(u64 size) {
+    if (listened_ || size > largest_cached_block - block_head_size) return nullptr;
+    const u64 total = block_total(size);
+    arena_header& h = header();
+    block* piece = h.cached[total / 16];
+    if (piece == nullptr) return nullptr;
+    const u64 head = raw_load(&piece->head);
+    if ((head & (~block_flags | block_cached)) != (total | block_cached)) return nullptr;
+    h.cached[total / 16] = raw_load(&piece->next);
+    h.cached_blocks -= 1;
+    h.cached_bytes -= total;
+    raw_store(&piece->head, head & ~block_cached);
+    std::byte* payload = payload_of(piece);
+    if (private_memory_) unpoison(payload, size);
+    return payload;
+}
+
+inline bool arena::release_cached(void* payload) {
+    block* piece = block_of(payload);
+    const u64 offset = offset_of(piece);
+    arena_header& h = header();
+    // One test for what lies in front of the first block, or behind the last.
+    if (listened_ || offset - first_block >= h.top - first_block || offset % 16 != 8) return false;
+    const u64 head = raw_load(&piece->head);
+    const u64 size = head & ~block_flags;
+    constexpr u64 states = block_in_use | block_cached | block_deferred;
+    if ((head & states) != block_in_use || size > largest_cached_block || size > h.top - offset) return false;
+    if (private_memory_) poison(payload, size - block_head_size);
+    raw_store(&piece->head, head | block_cached);
+    raw_store(&piece->next, h.cached[size / 16]);
+    h.cached[size / 16] = piece;
+    h.cached_blocks += 1;
+    h.cached_bytes += size;
+    return true;
+}
 
 } // namespace loom

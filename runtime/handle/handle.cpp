@@ -22,8 +22,22 @@ std::atomic<u32> shared_handles{0};
 
 open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 
-[[gnu::flatten]] void* alloc(void* context, u32, size_t size) { return of(context).allocate(size); }
-[[gnu::flatten]] void release(void* context, u32, void* block) { of(context).release(block); }
+void* alloc(void* context, u32, size_t size) {
+    open_handle& handle = of(context);
+    if (handle.allocates_at_once()) {
+        if (void* block = handle.db->memory.allocate_cached(size)) {
+            call_site_tag = 0;
+            ++handle.allocations;
+            return block;
+        }
+    }
+    return handle.allocate(size);
+}
+void release(void* context, u32, void* block) {
+    open_handle& handle = of(context);
+    if (block != nullptr && handle.releases_at_once() && handle.db->memory.release_cached(block)) return;
+    handle.release(block);
+}
 
 void announce_followed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
@@ -33,7 +47,10 @@ void announce_followed(loom_handle* handle, const void* address, size_t length, 
 void announce_unfollowed(loom_handle* handle, const void* address, size_t length, u32, const void*) {
     of(handle->alloc_ctx).announce_or_end(address, length);
 }
-void announce_counter(void* context, const void* address, u32, u32) {
+void announce_counter_followed(void* context, const void* address, u32, u32) {
+    of(context).announce_or_end(address, sizeof(u64));
+}
+void announce_counter_unfollowed(void* context, const void* address, u32, u32) {
     of(context).announce_or_end(address, sizeof(u64));
 }
 
@@ -43,7 +60,7 @@ void fill_view(open_handle& handle, const loom_open_options& options) {
     view.alloc = alloc;
     view.free = release;
     view.write_hook = announce_followed;
-    view.counter_hook = announce_counter;
+    view.counter_hook = announce_counter_followed;
     view.tinfo_insert = insert_type_info;
     view.tinfo_lookup = lookup_type_info;
     view.db_kind = options.kind;
@@ -58,7 +75,7 @@ void fill_view(open_handle& handle, const loom_open_options& options) {
     handle.workspace_size = options.workspace_size ? options.workspace_size : default_workspace_size;
     loom_set_peer(&view, nullptr);
     loom_set_tracking(&view, options.tracking);
-    handle.choose_write_hook();
+    handle.choose_hooks();
 }
 
 /// Locks for a mapped database, and its root.
@@ -86,10 +103,14 @@ u32 prepare_mapped(open_handle& handle, bool exclusive) {
 } // namespace
 
 const decltype(loom_handle::write_hook) unfollowed_write_hook = announce_unfollowed;
+const decltype(loom_handle::counter_hook) unfollowed_counter_hook = announce_counter_unfollowed;
 
-void open_handle::choose_write_hook() {
-    const bool ours = view.write_hook == announce_followed || view.write_hook == announce_unfollowed;
-    if (ours) view.write_hook = is_followed() ? announce_followed : announce_unfollowed;
+void open_handle::choose_hooks() {
+    const bool followed = is_followed();
+    if (view.write_hook == announce_followed || view.write_hook == announce_unfollowed)
+        view.write_hook = followed ? announce_followed : announce_unfollowed;
+    if (view.counter_hook == announce_counter_followed || view.counter_hook == announce_counter_unfollowed)
+        view.counter_hook = followed ? announce_counter_followed : announce_counter_unfollowed;
 }
 
 u32 open_handle::begin_write() {
@@ -109,7 +130,7 @@ u32 open_handle::begin_write() {
     }
     db->open_section();
     section = section_kind::write;
-    choose_write_hook();
+    choose_hooks();
     return 0;
 }
 
@@ -120,7 +141,7 @@ u32 open_handle::end_write(bool commit) {
     else
         db->abort_section();
     section = section_kind::none;
-    choose_write_hook();
+    choose_hooks();
     give_up_write();
     return 0;
 }

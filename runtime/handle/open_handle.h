@@ -53,8 +53,9 @@ struct manifest_cache_entry {
     loom_type_info* manifested = nullptr;
 };
 
-/// The write hook of handles whose stores nobody follows.
+/// The hooks of handles whose stores nobody follows.
 extern const decltype(loom_handle::write_hook) unfollowed_write_hook;
+extern const decltype(loom_handle::counter_hook) unfollowed_counter_hook;
 
 struct open_handle {
     loom_handle view{};
@@ -98,14 +99,19 @@ struct open_handle {
     bool announce(const void* address, u64 size) { return !is_followed() || db->memory.announce(address, size); }
     /// Somebody wants to know of stores: an undo log, the debug arena.
     bool is_followed() const { return (!db->mapped || section == section_kind::write) && db->memory.listened(); }
-    /// Lets the view say whether stores must be announced; a hook that is not ours stays.
-    void choose_write_hook();
+    /// Lets the view say whether stores and counters must be announced; a hook that is not ours stays.
+    void choose_hooks();
     void announce_or_end(const void* address, u64 size) {
         if (!announce(address, size)) fatal("%s", error_text().c_str());
     }
 
-    void* allocate(u64 size);
-    void release(void* block);
+    // Out of line, for their callers have the common case in place.
+    [[gnu::noinline]] void* allocate(u64 size);
+    [[gnu::noinline]] void release(void* block);
+    /// The memory is this process's own: no section, no lock is in question.
+    bool releases_at_once() const { return !db->mapped; }
+    /// Besides, no allocation is to fail on demand.
+    bool allocates_at_once() const { return !db->mapped && failing_after == ~u64{0}; }
     /// The memory that `address` lies in: the database's, or that of this process.
     database& space_of(const void* address) {
         return !db->mapped || db->memory.contains(address) ? *db : scratch_space();

@@ -31,7 +31,7 @@ struct call {
     }
 
     /// Tells the write hook that `length` bytes of instance memory are about to change.
-    void announce(const void* address, size_t length, const void* owner) const {
+    [[gnu::always_inline]] void announce(const void* address, size_t length, const void* owner) const {
         const auto hook = handle->write_hook;
         if (hook && hook != unfollowed_write_hook) hook(handle, address, length, domain, owner);
     }

@@ -9,7 +9,8 @@
 extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start, _end;
 
 LOOM_EXPORT const loom_direct_forms* loom_get_direct_forms() {
-    static const loom_direct_forms forms{LOOM_DIRECT_FORMS_REVISION, 0, &__ehdr_start, &_end,
-                                         loom::unfollowed_write_hook};
+    static const loom_direct_forms forms{
+        LOOM_DIRECT_FORMS_REVISION,   0, &__ehdr_start, &_end, loom::unfollowed_write_hook,
+        loom::unfollowed_counter_hook};
     return &forms;
 }

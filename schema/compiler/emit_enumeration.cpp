@@ -108,8 +108,10 @@ void emit_facade(emission& run, const std::string& home, const enumeration& type
     std::string text = generated_notice(run.source, "What other types call on " + type.name + ".");
     text += "#pragma once\n\n#include \"bundle.h\"\n#include \"instance/value_types.h\"\n";
     text += "#include <" + home + "/" + type.name + ".h>\n\n";
+    if (!takes_nine_arguments) text += model_declaration(bundle, type.name);
     text += "namespace bundle_" + bundle + "::types {\nstruct " + type.name + " {\n";
     text += "    using c_type = ::" + type.name + ";\n    using plain_type = i32;\n";
+    if (!takes_nine_arguments) text += model_alias(type.name);
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += takes_nine_arguments ? "    TRELLIS_SHARED_ENUMERATION_FAMILY(" : "    TRELLIS_ENUMERATION_FAMILY(";
     text += type.name + ")\n};\n} // namespace bundle_" + bundle + "::types\n";

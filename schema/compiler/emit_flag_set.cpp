@@ -89,8 +89,10 @@ void emit_facade(emission& run, const flag_set& type) {
     std::string text = generated_notice(run.source, "What other types call on " + type.name + ".");
     text += "#pragma once\n\n#include \"bundle.h\"\n#include \"instance/value_types.h\"\n";
     text += "#include <" + bundle + "/" + type.name + ".h>\n\n";
+    text += model_declaration(bundle, type.name);
     text += "namespace bundle_" + bundle + "::types {\nstruct " + type.name + " {\n";
     text += "    using c_type = ::" + type.name + ";\n    using bundle = bundle_" + bundle + "::bundle;\n";
+    text += model_alias(type.name);
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += "    static constexpr i8 newest = " + std::to_string(type.newest) + ";\n";
     text += "    static constexpr u32 bit_bytes = " + std::to_string(type.bit_bytes()) + ";\n";

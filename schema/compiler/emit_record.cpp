@@ -299,15 +299,42 @@ void emit_public_header(emission& run, const record& type, const type_text& text
 
 std::string truth(bool value) { return value ? "true" : "false"; }
 
+/// Values whose binary form is their own bytes.
+bool has_fixed_form(const attribute& of) {
+    static const std::set<std::string> octets = {"ipv4_addr", "ipv6_addr", "loom_mac_addr"};
+    if (of.form == shape::fixed_string) return true;
+    if (of.form != shape::plain && of.form != shape::object && of.form != shape::fixed_array) return false;
+    const builtin* value = of.type.value;
+    return value != nullptr && (value->family == builtin_family::scalar ||
+                                value->family == builtin_family::boolean || octets.contains(value->name));
+}
+
+/// Small records of which holders write and read the binary form in place (codec/part_form.h).
+bool is_part_of_holders(const record& type) {
+    constexpr std::size_t most_attributes = 16;
+    return !type.attributes.empty() && type.attributes.size() <= most_attributes && !type.list_element &&
+           std::all_of(type.attributes.begin(), type.attributes.end(),
+                       [](const attribute& each) { return each.since == 0 && has_fixed_form(each); });
+}
+bool is_part_of_holders(const type_ref& type) {
+    if (type.of_enumeration != nullptr)
+        return type.of_enumeration->imported_from == nullptr && !type.of_enumeration->shared;
+    if (type.of_flag_set != nullptr) return true;
+    return type.of_record != nullptr && is_part_of_holders(*type.of_record);
+}
+
 void emit_facade(emission& run, const record& type) {
     const std::string& bundle = run.source.name;
+    const bool is_part = is_part_of_holders(type);
     const auto oids = std::count_if(type.attributes.begin(), type.attributes.end(),
                                     [](const attribute& each) { return each.form == shape::oid; });
     std::string text = generated_notice(run.source, "What other types call on " + type.name + ".");
     text += "#pragma once\n\n#include \"bundle.h\"\n#include \"instance/value_types.h\"\n#include <" + bundle +
             "/" + type.name + ".h>\n\n";
+    if (is_part) text += model_declaration(bundle, type.name);
     text += "namespace bundle_" + bundle + "::types {\nstruct " + type.name + " {\n";
     text += "    using c_type = ::" + type.name + ";\n    using bundle = bundle_" + bundle + "::bundle;\n";
+    if (is_part) text += model_alias(type.name);
     text += "    static constexpr char name[] = \"" + type.name + "\";\n";
     text += "    static constexpr i8 newest = " + std::to_string(type.newest) + ";\n";
     text += "    static constexpr u32 base_size = " + std::to_string(type.base_size) + ";\n";
@@ -385,13 +412,16 @@ std::string variant_figures(const record& type, std::uint32_t variant_layout::*f
 void emit_model(emission& run, const record& type) {
     const std::string& bundle = run.source.name;
     std::set<std::string> facades = {type.name};
+    std::set<std::string> parts;
     std::set<std::string> targets;
     for (const attribute& each : type.attributes) {
-        if (is_named_type(each.type)) facades.insert(each.type.name);
+        if (is_named_type(each.type)) (is_part_of_holders(each.type) ? parts : facades).insert(each.type.name);
         if (each.form == shape::oid) targets.insert(each.target_table);
     }
     std::string text = generated_notice(run.source, "Attributes and figures of " + type.name + ".");
     text += "#pragma once\n\n#include \"instance/attribute.h\"\n";
+    for (const std::string& each : parts)
+        text += "#include \"models/" + each + ".h\"\n";
     for (const std::string& each : facades)
         text += "#include \"types/" + each + ".h\"\n";
     text += "\n";

@@ -197,6 +197,11 @@ bool is_any_enumeration(const type_ref& type) { return type.of_enumeration != nu
 
 // ---- Text ----------------------------------------------------------------------------------------------------
 
+std::string model_declaration(const std::string& bundle, const std::string& type) {
+    return "namespace bundle_" + bundle + "::models {\nstruct " + type + ";\n}\n";
+}
+std::string model_alias(const std::string& type) { return "    using model = models::" + type + ";\n"; }
+
 std::string doc_comment(const std::string& text, std::string_view indent) {
     if (text.empty()) return {};
     std::string comment(indent);

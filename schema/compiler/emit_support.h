@@ -112,6 +112,10 @@ std::string plain_c_type(const type_ref& type);
 bool is_plain_value(const type_ref& type); // scalars and booleans
 bool is_any_enumeration(const type_ref& type);
 
+/// For a facade whose holders use the model: the model's name in front of the facade, and inside it.
+std::string model_declaration(const std::string& bundle, const std::string& type);
+std::string model_alias(const std::string& type);
+
 /// The doc comment of a schema element as a C comment, or nothing.
 std::string doc_comment(const std::string& text, std::string_view indent = "");
 /// "1, 2, 3"
