@@ -20,9 +20,14 @@ template <class A, bool Straight>
     using type = typename A::type;
     if constexpr (type::category == value_category::enumeration) return enumeration_size;
     if constexpr (type::category == value_category::flag_set) return flag_set_frame_size + sizeof value->bits;
-    if constexpr (type::category == value_category::record && has_part_model<type> && Straight)
-        if (value != nullptr)
-            return header_of(value)->loom_variant < 0 ? frame_size : part_size<typename type::model>;
+    if constexpr (type::category == value_category::record && Straight) {
+        if (value != nullptr) {
+            if constexpr (has_part_model<type>)
+                return header_of(value)->loom_variant < 0 ? frame_size : part_size<typename type::model>;
+            else
+                return type::len_straight(c.handle, c.domain, value);
+        }
+    }
     if constexpr (is_counted_value<value_of<A>> && Straight)
         if (value != nullptr) return counted_size(direct::byte_count_of(*value));
     return type::len(c.handle, c.domain, value);
@@ -142,12 +147,10 @@ template <class M>
     return sum;
 }
 
+/// Worker of len in the plain case.
 template <class M>
-[[gnu::always_inline]] inline u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
+[[gnu::always_inline]] inline u32 len_straight(loom_handle* handle, u32 domain, const typename M::object* object) {
     const call c{handle, domain, nullptr};
-    const tracking_mode mode = c.mode();
-    const bool untracked = mode == tracking_mode::absent || mode == tracking_mode::off;
-    if (!direct::offered || object == nullptr || !untracked) return len_internal<M>(handle, domain, object);
     u32 sum = codec::frame_size;
     const i8 variant = header_of(object)->loom_variant;
     if (variant >= 0)
@@ -157,6 +160,14 @@ template <class M>
                 return true;
             });
     return sum;
+}
+
+template <class M>
+[[gnu::always_inline]] inline u32 len(loom_handle* handle, u32 domain, const typename M::object* object) {
+    const tracking_mode mode = tracking_mode_of(handle);
+    const bool untracked = mode == tracking_mode::absent || mode == tracking_mode::off;
+    if (!direct::offered || object == nullptr || !untracked) return len_internal<M>(handle, domain, object);
+    return M::type::len_straight(handle, domain, object);
 }
 
 template <class M>

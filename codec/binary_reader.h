@@ -122,6 +122,12 @@ struct reader {
         }
         if constexpr (is_counted_value<typename Type::c_type>)
             if (take_counted(v)) return;
+        if constexpr (Type::category == value_category::record && !has_part_model<Type>) {
+            if (holds(frame_size) && !c.pending() && (at()[1] & LOOM_WIRE_FLAGS) == 0) {
+                advance(Type::unmarshal_straight(c.handle, c.domain, at(), v, room(), existing, c.error));
+                return;
+            }
+        }
         value<Type>(v);
     }
 
@@ -480,9 +486,11 @@ namespace trellis::record {
 
 /// Worker of unmarshal on the straight path.
 template <class M>
-u32 unmarshal_straight(const call& given, const u8* buffer, typename M::object* object, i32 length, u32 existing) {
+[[gnu::always_inline]] inline u32 unmarshal_straight(loom_handle* handle, u32 domain, const u8* buffer,
+                                                     typename M::object* object, i32 length, u32 existing,
+                                                     u32* err) {
     using says = diag::record_says;
-    const call c = given;
+    const call c{handle, domain, err};
     c.clear_last_error();
     loom_object* header = header_of(object);
     const i8 variant = codec::lowered_variant(buffer[0], header);
@@ -514,7 +522,8 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::o
     using says = diag::record_says;
     const call c{handle, domain, err};
     if (codec::reads_straight(c, static_cast<const u8*>(buffer), length))
-        return unmarshal_straight<M>(c, static_cast<const u8*>(buffer), object, length, existing);
+        return M::type::unmarshal_straight(handle, domain, static_cast<const u8*>(buffer), object, length,
+                                           existing, err);
     if (!codec::enter_with_room(c, length)) return 0;
     loom_object* header = header_of(object);
     codec::reader r{c,     static_cast<const u8*>(buffer), 0,      length, existing,

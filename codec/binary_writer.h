@@ -29,6 +29,12 @@ struct blank_area {
     alignas(8) static constexpr u8 bytes[newest_tracking_size<Model> + 1] = {};
 };
 
+/// What the straight path asks of a record itself: a variant that this build knows, no ra data.
+template <class Type>
+[[gnu::always_inline]] inline bool goes_straight(const loom_object* header) {
+    return header->loom_variant <= Type::newest && (header->loom_flags & OBJ_RA_DATA) == 0;
+}
+
 /// Cursor in the output.
 struct writer {
     call c;
@@ -83,11 +89,7 @@ struct writer {
         if constexpr (is_counted_value<typename Type::c_type>)
             if (direct::offered && put_counted(v)) return;
         position += Type::marshal(c.handle, c.domain, at(), v, room(), c.error);
-        if constexpr (has_header(Type::category))
-            if (*c.error == LOOM_EIDRM) { // a part that is cut down does not stop what follows
-                *c.error = 0;
-                cut_down = true;
-            }
+        if constexpr (has_header(Type::category)) keep_aside_epoch_error();
     }
 
     /// A value on the straight path: a part of the bundle goes out in place.
@@ -100,7 +102,20 @@ struct writer {
                 return;
             }
         }
+        if constexpr (Type::category == value_category::record && !has_part_model<Type>) {
+            if (v != nullptr && fits(frame_size) && !c.pending() && goes_straight<Type>(header_of(v))) {
+                position += Type::marshal_straight(c.handle, c.domain, at(), v, room(), c.error);
+                keep_aside_epoch_error();
+                return;
+            }
+        }
         value<Type>(v);
+    }
+    /// A part that is cut down does not stop what follows.
+    [[gnu::always_inline]] void keep_aside_epoch_error() {
+        if (*c.error != LOOM_EIDRM) return;
+        *c.error = 0;
+        cut_down = true;
     }
 
     [[gnu::always_inline]] void scalar_step(u8 state) {
@@ -293,7 +308,7 @@ template <class Model>
                                                    i32 length) {
     if (!is_plain_case<Model>(c, object, length, frame_size)) return false;
     const tracking_mode mode = c.mode();
-    return (header_of(object)->loom_flags & OBJ_RA_DATA) == 0 &&
+    return goes_straight<Model>(header_of(object)) &&
            (mode == tracking_mode::absent || mode == tracking_mode::off);
 }
 
@@ -303,8 +318,8 @@ namespace trellis::record {
 
 /// Worker of both on the straight path.
 template <class M>
-[[gnu::noinline]] u32 marshal_straight(loom_handle* handle, u32 domain, u8* buffer,
-                                       const typename M::object* object, i32 length, u32* err) {
+[[gnu::always_inline]] inline u32 marshal_straight(loom_handle* handle, u32 domain, u8* buffer,
+                                                   const typename M::object* object, i32 length, u32* err) {
     const call c{handle, domain, err};
     c.clear_last_error();
     const i8 variant = header_of(object)->loom_variant;
@@ -365,7 +380,7 @@ u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename M::obj
             u32* err) {
     const call c{handle, domain, err};
     if (codec::writes_straight<M>(c, object, length))
-        return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
+        return M::type::marshal_straight(handle, domain, static_cast<u8*>(buffer), object, length, err);
     return marshal_internal<M>(c, buffer, object, length, true);
 }
 
@@ -374,7 +389,7 @@ u32 marshal_for_clone(loom_handle* handle, u32 domain, void* buffer, const typen
                       u32* err) {
     const call c{handle, domain, err};
     if (codec::writes_straight<M>(c, object, length))
-        return marshal_straight<M>(handle, domain, static_cast<u8*>(buffer), object, length, err);
+        return M::type::marshal_straight(handle, domain, static_cast<u8*>(buffer), object, length, err);
     return marshal_internal<M>(c, buffer, object, length, false);
 }
 

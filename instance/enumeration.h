@@ -132,22 +132,6 @@ inline bool fill_header(const call& c, typename M::object* object, const loom_ty
     return header->loom_tinfo != nullptr;
 }
 
-/// Sets up a part of a holder, in memory that the caller zeroed, where nobody follows stores or need not. False,
-/// and nothing is done, when there is more to it than the header.
-template <class M>
-inline bool set_up_part(const call& c, typename M::object* part, bool announced) {
-    const loom_variant_table* table = M::type::type_info()->variant_table;
-    if (!direct::offered || (announced && !direct::is_unwatched(c.handle)) || c.handle->db_kind != 0 ||
-        c.handle->domain_state.peer != nullptr || table == nullptr || table->n_variants < 1)
-        return false;
-    loom_object* header = header_of(part);
-    header->loom_layout_variant = static_cast<u8>(M::newest);
-    header->loom_variant = clamp_variant<M>(table->n_variants - 1);
-    header->loom_tinfo = M::type::type_info();
-    header->loom_flags |= OBJ_NESTED;
-    return true;
-}
-
 template <class M, auto NoTable, auto Beyond>
 typename M::object* create_internal(loom_handle* handle, u32 domain) {
     u32 error = 0;
@@ -255,15 +239,6 @@ typename M::object* get(loom_handle* handle, u32 domain, typename M::object* obj
 }
 
 } // namespace compact
-
-/// Initialises a value inside a holder.
-template <class Type>
-inline void initialize_inside(const call& c, typename Type::c_type* value, u32 write_through, u32 no_accounting,
-                              void* base) {
-    if constexpr (has_part_model<Type> && Type::category != value_category::record)
-        if (compact::set_up_part<typename Type::model>(c, value, write_through != 0)) return;
-    Type::initialize(c.handle, c.domain, value, write_through, no_accounting, base, c.error);
-}
 
 namespace enumeration {
 

@@ -5,6 +5,7 @@
 //   attribute.h      the shapes of attributes, from which models are made
 //   value_types.h    facades through which one type calls another
 //   object_access.h  addresses inside an object, variant gate, marks
+//   parts.h          values inside a holder: set up and ended
 //   lifecycle.h      create, initialize, destroy, sizes, variants
 //   accessors.h      values in place, get_all, set_all, moves of whole objects
 //   repeated.h       arrays and character arrays

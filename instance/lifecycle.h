@@ -2,9 +2,7 @@
 // holds is torn down here; how it is filled stands in accessors.h, repeated.h and unions.h.
 #pragma once
 
-#include "instance/direct_values.h"
-#include "instance/enumeration.h"
-#include "instance/object_access.h"
+#include "instance/parts.h"
 
 namespace trellis::record {
 
@@ -260,7 +258,10 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
     auto* object = static_cast<typename M::object*>(c.allocate(size));
     if (object == nullptr)
         return report_created<M>(c, handle->cr_active != 0 ? fall_back_to_sentinel<M>(handle) : nullptr);
-    memset(static_cast<void*>(object), 0, size_under_mode<M, says::create_internal_corrupted_handle, 1>(handle));
+    // In two steps, since the first is a few stores when its size is known.
+    const u32 cleared = size_under_mode<M, says::create_internal_corrupted_handle, 1>(handle);
+    memset(static_cast<void*>(object), 0, M::base_size);
+    if (cleared != M::base_size) memset(reinterpret_cast<u8*>(object) + M::base_size, 0, cleared - M::base_size);
     M::type::initialize_alone(handle, domain, object, &error);
     if (error != 0) {
         diag::say<M, says::create_internal_failed>(static_cast<const char*>(strerror(static_cast<int>(error))));
@@ -332,7 +333,7 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
         const u32 count = direct::get_oid_count<typename A::type>(c, value);
         if (count != 0 && !drop_references<A>(c, value, count)) return false;
     }
-    A::type::destroy_internal(c.handle, c.domain, value, 0);
+    end_inside<typename A::type>(c, value);
     return true;
 }
 
@@ -349,7 +350,7 @@ template <class A>
 inline void tear_down_elements(const call& c, value_of<A>* elements, u32 count) {
     if constexpr (owns_storage(A::type::category))
         for (u32 i = 0; i < count; ++i)
-            A::type::destroy_internal(c.handle, c.domain, elements + i, 0);
+            end_inside<typename A::type>(c, elements + i);
 }
 
 /// Destroys what is linked and leaves an empty head.

@@ -140,8 +140,12 @@ concept has_part_model = requires {
     static void initialize_alone(loom_handle* h, u32 d, c_type* v, u32* err) {                                    \
         ::T##_initialize(h, d, v, type_info(), 1, 0, 0, nullptr, err);                                            \
     }                                                                                                             \
-    /* Worker of the type's own unit: see record::release_replaced. */                                            \
+    /* Workers of the type's own unit: see record::release_replaced, and the straight path in the codecs. */      \
     static void release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from);                          \
+    static u32 len_straight(loom_handle* h, u32 d, const c_type* v);                                              \
+    static u32 marshal_straight(loom_handle* h, u32 d, u8* buffer, const c_type* v, i32 length, u32* err);        \
+    static u32 unmarshal_straight(loom_handle* h, u32 d, const u8* buffer, c_type* v, i32 length, u32 existing,   \
+                                  u32* err);                                                                      \
     static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
     static u32 marshal_for_clone(loom_handle* h, u32 d, void* buffer, const c_type* v, i32 length, u32* err) {    \
         return ::T##_marshal_for_clone(h, d, buffer, v, length, err);                                             \

@@ -505,6 +505,20 @@ type_text emit_record(emission& run, const record& type) {
                     "::release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from) {\n"
                     "    trellis::record::release_replaced<models::" +
                     type.name + ">(h, d, to, from);\n}\n";
+    text.exports += "u32 types::" + type.name +
+                    "::len_straight(loom_handle* h, u32 d, const c_type* v) {\n"
+                    "    return trellis::record::len_straight<models::" +
+                    type.name + ">(h, d, v);\n}\n";
+    text.exports +=
+        "u32 types::" + type.name +
+        "::marshal_straight(loom_handle* h, u32 d, u8* buffer, const c_type* v, i32 length, u32* err) {\n"
+        "    return trellis::record::marshal_straight<models::" +
+        type.name + ">(h, d, buffer, v, length, err);\n}\n";
+    text.exports += "u32 types::" + type.name +
+                    "::unmarshal_straight(loom_handle* h, u32 d, const u8* buffer, c_type* v, i32 length, "
+                    "u32 existing, u32* err) {\n"
+                    "    return trellis::record::unmarshal_straight<models::" +
+                    type.name + ">(h, d, buffer, v, length, existing, err);\n}\n";
     const substitutions with = {{"$T", "struct " + type.name},
                                 {"$outs", all_parameters(type, true)},
                                 {"$values", all_parameters(type, false)}};
