@@ -8,8 +8,6 @@
 
 #include <loom/text.h>
 
-#include <stdio.h>
-
 namespace trellis::codec {
 
 /// Cursor in the text.
@@ -29,13 +27,36 @@ struct text_writer {
     }
 };
 
+/// "name[index]", one index after the other.
+template <class A>
+class element_name {
+  public:
+    element_name() { memcpy(text_, A::name, prefix); }
+    const char* with_index(u32 index) {
+        char reversed[most_behind_name] = {']'};
+        u32 size = 1;
+        do
+            reversed[size++] = static_cast<char>('0' + index % 10);
+        while ((index /= 10) != 0);
+        reversed[size++] = '[';
+        char* end = text_ + prefix;
+        while (size != 0)
+            *end++ = reversed[--size];
+        *end = 0;
+        return text_;
+    }
+
+  private:
+    static constexpr u32 prefix = sizeof A::name - 1;
+    static constexpr u32 most_behind_name = 12; // brackets and ten digits
+    char text_[prefix + most_behind_name + 1];
+};
+
 template <class A>
 inline void print_elements(text_writer& w, const value_of<A>* elements, u32 count) {
-    char name[80]; // a longer name is cut
-    for (u32 i = 0; i < count; ++i) {
-        snprintf(name, sizeof name, "%s[%d]", A::name, static_cast<int>(i));
-        w.template value<typename A::type>(name, elements + i);
-    }
+    element_name<A> name;
+    for (u32 i = 0; i < count; ++i)
+        w.template value<typename A::type>(name.with_index(i), elements + i);
 }
 
 template <class A>
