@@ -60,6 +60,8 @@ class comparison {
                 breaks(b.where, "the message " + quoted(b.name) + " carried " + old + " and carries " + now,
                        "add a message of another name");
         });
+        for (const auto& from : after_.imports)
+            compare_import(*from);
         return std::move(changes_);
     }
 
@@ -218,6 +220,26 @@ class comparison {
         if (same_definition && before.luid_text != after.luid_text && before_.name == after_.name)
             breaks(after.where, subject + " had the luid " + before.luid_text + " and has " + after.luid_text,
                    "tell the luid that peers know: luid " + before.luid_text);
+    }
+
+    /// Peers know an enumeration by its bundle and a table by its luid, whoever imports them.
+    void compare_import(const import& after) {
+        const std::string now = quoted(after.bundle_name);
+        for (const auto& before : before_.imports) {
+            const std::string was = quoted(before->bundle_name);
+            for (const auto& e : after.enumerations)
+                if (was != now && named_in(before->enumerations, e->name) != nullptr)
+                    breaks(e->where,
+                           "the enum " + quoted(e->name) + " came from " + was + " and comes from " + now,
+                           "take one of another name from there");
+            for (const foreign_table& t : after.tables)
+                for (const foreign_table& old : before->tables)
+                    if (t.name == old.name && t.luid_text != old.luid_text)
+                        breaks(t.where,
+                               "the imported table " + quoted(t.name) + " had the luid " + old.luid_text +
+                                   " and has " + t.luid_text,
+                               "tell the luid that peers know");
+        }
     }
 
     const bundle& before_;

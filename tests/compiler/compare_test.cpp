@@ -7,6 +7,10 @@ namespace trellis::schema::testing {
 namespace {
 
 const std::string base = R"(bundle s
+import lender {
+    enum lent
+    table lent_table luid 00112233445566778899aabbccddeeff
+}
 enum e {
     A
     B
@@ -114,6 +118,10 @@ INSTANTIATE_TEST_SUITE_P(
         edit{"type_added", "table t", "record q {\n x: u_int8\n}\ntable t", "fine: the record \"q\" is new"},
         edit{"became_list_element", "table t", "record q {\n x: list of k\n}\ntable t",
              "breaks: the record \"k\" became the element of a list"},
+        edit{"import_from_elsewhere", "import lender", "import other",
+             "breaks: the enum \"lent\" came from \"lender\" and comes from \"other\""},
+        edit{"imported_luid", "00112233", "99112233",
+             "breaks: the imported table \"lent_table\" had the luid 00112233445566778899aabbccddeeff and has 99"},
         edit{"bundle_renamed", "bundle s", "bundle z", "breaks: the bundle was \"s\""}),
     [](const auto& info) { return std::string(info.param.name); });
 

@@ -3,10 +3,11 @@
 // the same order, one as writer and one as reader. The writer sends bytes with the form that they are to have
 // (rules.h); the reader has everything at hand to judge what it made of them.
 //
-//   skew_exchange OLD_LIBRARY OLD_MODEL NEW_LIBRARY NEW_MODEL SEED
+//   skew_exchange OLD_DIRECTORY NEW_DIRECTORY SEED BUNDLE...
 //
-// prints what failed, with the seed and the step, and ends with 0 when nothing did. A model is the JSON of a
-// schema.
+// prints what failed, with the seed and the step, and ends with 0 when nothing did. A directory holds
+// lib<bundle>.so and <bundle>.json, the model, of each bundle; bundles stand behind those that they import from.
+#include "tests/skew/carrier.h"
 #include "tests/skew/rules.h"
 #include "tests/support/database.h"
 #include "tools/loom/manifest.h"
@@ -37,8 +38,7 @@ constexpr uint32_t new_target = 0, used_target = 2, rounds = 4;
 constexpr uint32_t passes = 4;
 constexpr int most_failures = 5;
 
-// ---- The wire between the two
-// ------------------------------------------------------------------------------------
+// ---- The wire between the two --------------------------------------------------------------------------------
 
 class channel {
   public:
@@ -78,25 +78,52 @@ class channel {
     int socket_;
 };
 
-// ---- One build
-// ---------------------------------------------------------------------------------------------------
+// ---- One build -----------------------------------------------------------------------------------------------
 
+/// The bundles of one version, as files.
 struct version {
-    std::string library;
-    std::string model;
+    std::string directory;
+    std::vector<std::string> bundles;
+    std::string library(const std::string& bundle) const { return directory + "/lib" + bundle + ".so"; }
+    std::string model(const std::string& bundle) const { return directory + "/" + bundle + ".json"; }
 };
+
+/// What all bundles of a version have.
+schema_description schema_of(const version& of) {
+    schema_description all;
+    for (const std::string& bundle : of.bundles) {
+        schema_description own = schema_description::read(of.model(bundle));
+        all.records.merge(own.records);
+        all.enumerations.merge(own.enumerations);
+        all.flag_sets.merge(own.flag_sets);
+        all.tables.insert(all.tables.end(), own.tables.begin(), own.tables.end());
+        all.messages.merge(own.messages);
+    }
+    return all;
+}
+/// Its tables and messages by name: two versions need not agree in the order.
+std::map<std::string, carrier_type> carriers_of(const schema_description& schema) {
+    std::map<std::string, carrier_type> all;
+    for (const table_description& table : schema.tables)
+        all.emplace(table.name, carrier_type::of(table));
+    for (const auto& [name, payload] : schema.messages)
+        all.emplace(name, carrier_type::of_message(name, payload));
+    return all;
+}
 
 struct peer_releaser {
     void operator()(loom_peer* peer) const { loom_peer_release(peer); }
 };
 using peer_pointer = std::unique_ptr<loom_peer, peer_releaser>;
 
-/// What the peer's library says of itself.
+/// What the peer's libraries say of themselves.
 peer_pointer peer_of(const version& other) {
     peer_pointer peer(loom_peer_create("the other build"));
-    const std::string manifest = tool::read_manifest(other.library).text;
-    if (loom_peer_add_manifest(peer.get(), manifest.data(), manifest.size()) != 0)
-        throw std::runtime_error(loom_error_text());
+    for (const std::string& bundle : other.bundles) {
+        const std::string manifest = tool::read_manifest(other.library(bundle)).text;
+        if (loom_peer_add_manifest(peer.get(), manifest.data(), manifest.size()) != 0)
+            throw std::runtime_error(loom_error_text());
+    }
     return peer;
 }
 
@@ -140,9 +167,11 @@ void tell_step(int) { std::fprintf(stderr, "aborted at: %s\n", current_step.c_st
 class build {
   public:
     build(const version& own, const version& other, bool is_older, uint32_t seed, int socket)
-        : channel_(socket), schema_(schema_description::read(own.model)),
-          others_(schema_description::read(other.model)), peer_(peer_of(other)), is_older_(is_older), seed_(seed) {
-        if (dlopen(own.library.c_str(), RTLD_NOW | RTLD_GLOBAL) == nullptr) throw std::runtime_error(dlerror());
+        : channel_(socket), schema_(schema_of(own)), others_(schema_of(other)), peer_(peer_of(other)),
+          is_older_(is_older), seed_(seed) {
+        for (const std::string& bundle : own.bundles)
+            if (dlopen(own.library(bundle).c_str(), RTLD_NOW | RTLD_GLOBAL) == nullptr)
+                throw std::runtime_error(dlerror());
     }
 
     /// All steps; returns the number of failures seen at this end.
@@ -163,6 +192,20 @@ class build {
         for (const std::string& type : common_types())
             for (const bool older_writes : {true, false})
                 exchange_xml(type, older_writes);
+        const std::map<std::string, carrier_type> own = carriers_of(schema_), other = carriers_of(others_);
+        for (const auto& [name, type] : own) {
+            if (!other.contains(name)) {
+                meet_a_stranger(type);
+                continue;
+            }
+            for (const bool older_writes : {true, false}) {
+                for (const tracking_pair& tracking : tracking_pairs)
+                    for (const awareness knows : {awareness::none, awareness::late, awareness::early})
+                        exchange_framed(type, older_writes, tracking, knows);
+                exchange_framed_xml(type, older_writes);
+                if (type.is_table) exchange_rows(type, older_writes);
+            }
+        }
     }
     std::vector<std::string> common_types() const {
         std::vector<std::string> types;
@@ -296,12 +339,14 @@ class build {
             written_form(schema_, type, source.view(), knows == awareness::none ? nullptr : &others_, &cut_down);
         if (knows == awareness::early && cut_down) fail("an object made for the peer is newer than the peer");
 
-        std::vector<uint8_t> bytes(1u << 20);
+        // The last guarded byte wants two bytes of room, and one more may be stored to.
+        const uint32_t length = source.operations.len(handle, domain, source.object);
+        std::vector<uint8_t> bytes(length + 2);
         uint32_t error = 0;
         bytes.resize(source.operations.marshal(handle, domain, bytes.data(), source.object,
-                                               static_cast<int32_t>(bytes.size()) - 1, &error));
+                                               static_cast<int32_t>(length) + 1, &error));
         expect_equal<uint32_t>("error of the writer", cut_down ? LOOM_EIDRM : 0, error);
-        if (source.operations.len(handle, domain, source.object) < bytes.size()) fail("longer than its length");
+        if (length < bytes.size()) fail("longer than its length");
         if (!cut_down) {
             bool complete = true;
             const std::vector<uint8_t> expected = source.walker.marshal(type, source.object, &complete);
@@ -329,9 +374,8 @@ class build {
                 uint32_t{bytes[2]} << 24 | uint32_t{bytes[3]} << 16 | uint32_t{bytes[4]} << 8 | bytes[5];
             expect_equal("end that the jump names", size, 2 + jump);
         }
-        const reading how{schema_, tracking.reader == LOOM_TRACKING_ON, tracking.writer == LOOM_TRACKING_ON,
-                          existing, [&](const std::string& of) { return subject(*this, of, handle).view(); }};
-        const json expected = received_form(how, type, target.view(), message.at("form"));
+        const json expected =
+            received_form(how_read(handle, tracking, existing), type, target.view(), message.at("form"));
 
         // Something stands behind the record: a last guarded byte wants two bytes of room.
         bytes.push_back(0xAA);
@@ -343,7 +387,26 @@ class build {
         expect_same("objects read", expected, target.view());
     }
 
+    reading how_read(loom_handle* handle, const tracking_pair& tracking, bool existing) const {
+        return {schema_, tracking.reader == LOOM_TRACKING_ON, tracking.writer == LOOM_TRACKING_ON, existing,
+                [this, handle](const std::string& of) { return subject(*this, of, handle).view(); }};
+    }
+
     // ---- XML -----------------------------------------------------------------------------------------------
+
+    struct parsed {
+        loom_xml_document* document;
+        explicit parsed(const std::string& text) : document(loom_xml_parse(text.data(), text.size(), nullptr)) {
+            if (document == nullptr) throw std::runtime_error("no XML: " + text.substr(0, 4000));
+        }
+        ~parsed() { loom_xml_free(document); }
+        parsed(const parsed&) = delete;
+    };
+    void expect_shared(const json& written, const json& read, const std::string& text) {
+        if (!holds_shared(written, read))
+            fail("objects read from XML differ; from written to read: " +
+                 json::diff(written, read).dump().substr(0, 2000) + "\n" + text.substr(0, 6000));
+    }
 
     void exchange_xml(const std::string& type, bool older_writes) {
         const database own;
@@ -367,19 +430,234 @@ class build {
             }
             const json message = receive();
             const std::string text = message.at("text");
-            loom_xml_document* document = loom_xml_parse(text.data(), text.size(), nullptr);
-            if (document == nullptr) {
-                fail("no XML: " + text.substr(0, 4000));
-                continue;
-            }
-            here.operations.from_xml(own, domain, "//root", document, here.object, &error);
-            loom_xml_free(document);
+            here.operations.from_xml(own, domain, "//root", parsed(text).document, here.object, &error);
             expect_equal("error of the XML reader", 0u, error);
-            const json shared = shared_form(schema_, others_, type, here.view());
-            if (!holds_shared(message.at("form"), shared))
-                fail("objects read from XML differ; from written to read: " +
-                     json::diff(message.at("form"), shared).dump().substr(0, 2000) + "\n" + text.substr(0, 6000));
+            expect_shared(message.at("form"), shared_form(schema_, others_, type, here.view()), text);
         }
+    }
+
+    // ---- Rows and messages ---------------------------------------------------------------------------------
+
+    void fill_parts(const carrier& it, loom_handle* handle, std::mt19937& random,
+                    const fill_options& options) const {
+        const model_walker walker(schema_, handle, domain);
+        for (size_t i = 0; i < it.type().parts.size(); ++i)
+            walker.fill(it.type().parts[i], it.part(i), random, options);
+    }
+    /// An older variant would leave values of later ones behind at the end.
+    void raise_parts(const carrier& it, loom_handle* handle) const {
+        const model_walker walker(schema_, handle, domain);
+        for (size_t i = 0; i < it.type().parts.size(); ++i)
+            walker.raise_variants(it.type().parts[i], it.part(i));
+    }
+    json view_of_part(const carrier& it, size_t number, loom_handle* handle) const {
+        return model_walker(schema_, handle, domain).view(it.type().parts[number], it.part(number));
+    }
+
+    /// The other build has no such table or message and gets nothing.
+    void meet_a_stranger(const carrier_type& type) {
+        begin_step(type.name, is_older_, "unknown to the peer");
+        const database own;
+        const carrier it = carrier::made(type, own, domain);
+        loom_set_peer(own, peer_.get());
+        uint32_t error = 0;
+        expect_equal<size_t>("bytes for a peer that knows nothing of it", 0, it.marshal(&error).size());
+        expect_equal<uint32_t>("error for a peer that knows nothing of it", LOOM_EBADE, error);
+        loom_set_peer(own, nullptr);
+    }
+
+    void exchange_framed(const carrier_type& type, bool older_writes, const tracking_pair& tracking,
+                         awareness knows) {
+        const bool writes = is_writer(older_writes);
+        const database own(writes ? tracking.writer : tracking.reader);
+        const std::string how = std::string("framed, ") + awareness_names[static_cast<int>(knows)] +
+                                ", tracking " + std::to_string(tracking.writer) + " to " +
+                                std::to_string(tracking.reader) + ", round ";
+        uint64_t kept = 0;
+        for (const bool again : {false, true}) {
+            std::unique_ptr<carrier> target;
+            for (uint32_t round = 0; round < 2; ++round) {
+                begin_step(type.name, older_writes, how + std::to_string(round));
+                if (writes) {
+                    write_framed(type, own, tracking, knows);
+                    continue;
+                }
+                const bool existing = round > 0 && type.is_table && target->object() != nullptr;
+                if (!existing) target = std::make_unique<carrier>(type, own, domain);
+                read_framed(*target, own, tracking, existing);
+            }
+            target.reset();
+            if (again) expect_equal<uint64_t>("blocks left behind", kept, own.blocks());
+            kept = own.blocks();
+        }
+    }
+
+    void write_framed(const carrier_type& type, loom_handle* handle, const tracking_pair& tracking,
+                      awareness knows) {
+        if (knows == awareness::early) loom_set_peer(handle, peer_.get());
+        {
+            const carrier source = carrier::made(type, handle, domain);
+            fill_options options;
+            options.within_variant = knows == awareness::early;
+            std::mt19937 random = this->random();
+            fill_parts(source, handle, random, options);
+            if (knows == awareness::late) loom_set_peer(handle, peer_.get());
+            send_framed(source, handle, tracking, knows);
+            raise_parts(source, handle);
+        }
+        loom_set_peer(handle, nullptr);
+    }
+
+    void send_framed(const carrier& source, loom_handle* handle, const tracking_pair& tracking, awareness knows) {
+        bool cut_down = false;
+        json forms = json::array();
+        std::vector<uint8_t> content;
+        for (size_t i = 0; i < source.type().parts.size(); ++i) {
+            const std::string& part = source.type().parts[i];
+            forms.push_back(written_form(schema_, part, view_of_part(source, i, handle),
+                                         knows == awareness::none ? nullptr : &others_, &cut_down));
+            bool complete = true;
+            const std::vector<uint8_t> bytes =
+                model_walker(schema_, handle, domain).marshal(part, source.part(i), &complete);
+            content.insert(content.end(), bytes.begin(), bytes.end());
+        }
+        uint32_t error = 0;
+        std::vector<uint8_t> bytes = source.marshal(&error);
+        expect_equal<uint32_t>("error of the writer", cut_down ? LOOM_EIDRM : 0, error);
+        if (source.length() < bytes.size()) fail("longer than its length");
+        const std::vector<uint8_t> header(bytes.begin(), bytes.begin() + LOOM_MESSAGE_HEADER_WIRE_SIZE);
+        if (cut_down) {
+            // What cannot be sent whole is not sent: the place of the header stays empty.
+            if (digits_of(header).find_first_not_of('0') != std::string::npos) fail("header over an error");
+            channel_.send({{"step", current_step}, {"bytes", nullptr}});
+            return;
+        }
+        const std::vector<uint8_t> expected =
+            whole_frame(source, content, tracking.writer == LOOM_TRACKING_ON, handle->header_tag);
+        if (bytes != expected)
+            fail("bytes written differ\n  expected " + digits_of(expected) + "\n  found    " + digits_of(bytes));
+        channel_.send({{"step", current_step}, {"bytes", digits_of(bytes)}, {"forms", forms}});
+    }
+
+    /// Magic number, six bytes of ones, tracking, tag and length in 27 bytes; the luid; the content.
+    static std::vector<uint8_t> whole_frame(const carrier& of, const std::vector<uint8_t>& content, bool tracked,
+                                            uint32_t tag) {
+        std::vector<uint8_t> bytes{188, 255, 255, 255, 255, 255, 255, static_cast<uint8_t>(tracked)};
+        const size_t whole = LOOM_MESSAGE_HEADER_WIRE_SIZE + LOOM_LUID_SIZE + content.size();
+        for (const uint32_t number : {tag, static_cast<uint32_t>(whole)})
+            for (int shift = 24; shift >= 0; shift -= 8)
+                bytes.push_back(static_cast<uint8_t>(number >> shift));
+        bytes.resize(LOOM_MESSAGE_HEADER_WIRE_SIZE);
+        bytes.insert(bytes.end(), of.luid(), of.luid() + LOOM_LUID_SIZE);
+        bytes.insert(bytes.end(), content.begin(), content.end());
+        return bytes;
+    }
+
+    void read_framed(carrier& target, loom_handle* handle, const tracking_pair& tracking, bool existing) {
+        const json message = receive();
+        if (message.at("bytes").is_null()) return;
+        std::vector<uint8_t> bytes = bytes_of(message.at("bytes"));
+        const auto size = static_cast<uint32_t>(bytes.size());
+        if (!std::equal(target.luid(), target.luid() + LOOM_LUID_SIZE,
+                        bytes.begin() + LOOM_MESSAGE_HEADER_WIRE_SIZE))
+            fail("the two builds differ in its luid");
+        const reading how = how_read(handle, tracking, existing);
+        std::vector<json> expected;
+        for (size_t i = 0; i < target.type().parts.size(); ++i) {
+            const std::string& part = target.type().parts[i];
+            const json before = existing ? view_of_part(target, i, handle) : how.blank(part);
+            expected.push_back(received_form(how, part, before, message.at("forms").at(i)));
+        }
+        bytes.push_back(0xAA);
+        uint32_t error = 0;
+        expect_equal("end of the reader", size, target.unmarshal(bytes, existing, &error));
+        expect_equal("error of the reader", 0u, error);
+        for (size_t i = 0; i < expected.size(); ++i)
+            expect_same("objects read", expected[i], view_of_part(target, i, handle));
+        raise_parts(target, handle);
+    }
+
+    void exchange_framed_xml(const carrier_type& type, bool older_writes) {
+        const database own;
+        begin_step(type.name, older_writes, "framed, XML");
+        if (is_writer(older_writes)) {
+            const carrier source = carrier::made(type, own, domain);
+            fill_options options;
+            options.presentable = true;
+            std::mt19937 random = this->random();
+            fill_parts(source, own, random, options);
+            json forms = json::array();
+            for (size_t i = 0; i < type.parts.size(); ++i)
+                forms.push_back(shared_form(schema_, others_, type.parts[i], view_of_part(source, i, own)));
+            channel_.send({{"step", current_step}, {"text", source.to_xml()}, {"forms", forms}});
+            return;
+        }
+        const json message = receive();
+        const std::string text = message.at("text");
+        carrier target(type, own, domain);
+        uint32_t error = 0;
+        target.from_xml(parsed(text).document, &error);
+        expect_equal("error of the XML reader", 0u, error);
+        for (size_t i = 0; i < type.parts.size(); ++i)
+            expect_shared(message.at("forms").at(i),
+                          shared_form(schema_, others_, type.parts[i], view_of_part(target, i, own)), text);
+    }
+
+    /// Several rows go from a table into the other build's, in their places if it is ordered. The same row leaves
+    /// both tables, and both find the others by their keys, in the same places.
+    void exchange_rows(const carrier_type& type, bool older_writes) {
+        begin_step(type.name, older_writes, "rows");
+        const database own;
+        open_table table(type, own, domain);
+        if (is_writer(older_writes)) {
+            send_rows(type, own, table);
+            return;
+        }
+        const json message = receive();
+        std::vector<carrier> rows;
+        for (const json& sent : message.at("rows")) {
+            rows.emplace_back(type, own, domain);
+            uint32_t error = 0;
+            rows.back().unmarshal(bytes_of(sent), false, &error);
+            expect_equal("error of the reader", 0u, error);
+            expect_equal("error of the insert", 0u, table.insert(rows.back()));
+        }
+        if (!rows.empty()) table.remove(rows.front());
+        expect_same("rows that are left", message.at("left"), rows_left(table, rows));
+    }
+
+    void send_rows(const carrier_type& type, loom_handle* handle, open_table& table) {
+        std::vector<carrier> rows;
+        std::mt19937 random = this->random();
+        for (uint32_t number = 0; number < 5; ++number) {
+            carrier row = carrier::made(type, handle, domain);
+            fill_parts(row, handle, random, {});
+            if (type.ordered) table.set_place(row, 1 + static_cast<uint32_t>(random() % (table.count() + 1)));
+            if (table.insert(row) == 0) rows.push_back(std::move(row)); // keys may meet
+        }
+        if (type.ordered)
+            std::sort(rows.begin(), rows.end(),
+                      [&](const carrier& a, const carrier& b) { return table.place(a) < table.place(b); });
+        json sent = json::array();
+        for (const carrier& row : rows) {
+            uint32_t error = 0;
+            sent.push_back(digits_of(row.marshal(&error)));
+            expect_equal("error of the writer", 0u, error);
+        }
+        if (!rows.empty()) table.remove(rows.front());
+        channel_.send({{"step", current_step}, {"rows", sent}, {"left", rows_left(table, rows)}});
+    }
+
+    /// The keys of all rows with their places, 0 for the row that was taken out.
+    json rows_left(const open_table& table, const std::vector<carrier>& rows) const {
+        json left = json::array();
+        for (const carrier& row : rows) {
+            const std::vector<uint8_t> key = table.key_of(row);
+            const void* found = table.find(key);
+            const uint32_t place = row.type().ordered ? table.place(row) : 1;
+            left.push_back({digits_of(key), found == row.object() ? place : 0, found == nullptr});
+        }
+        return left;
     }
 
     channel channel_;
@@ -413,12 +691,13 @@ int run_end(const version& own, const version& other, bool is_older, uint32_t se
 
 int main(int count, char** arguments) {
     using namespace trellis::testing;
-    if (count != 6) {
-        std::fputs("usage: skew_exchange OLD_LIBRARY OLD_MODEL NEW_LIBRARY NEW_MODEL SEED\n", stderr);
+    if (count < 5) {
+        std::fputs("usage: skew_exchange OLD_DIRECTORY NEW_DIRECTORY SEED BUNDLE...\n", stderr);
         return 2;
     }
-    const version older{arguments[1], arguments[2]}, newer{arguments[3], arguments[4]};
-    const auto seed = static_cast<uint32_t>(std::stoul(arguments[5]));
+    const std::vector<std::string> bundles(arguments + 4, arguments + count);
+    const version older{arguments[1], bundles}, newer{arguments[2], bundles};
+    const auto seed = static_cast<uint32_t>(std::stoul(arguments[3]));
     std::signal(SIGABRT, tell_step);
     std::array<int, 2> ends;
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) return 2;

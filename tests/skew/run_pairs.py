@@ -22,6 +22,7 @@ sys.dont_write_bytecode = True
 import schema_pair  # noqa: E402  (beside this file)
 
 NAME = "skewed"
+LENDER = NAME + "_lender"
 # How many changes that break peers are tried on a pair.
 BREAKING = 5
 
@@ -44,20 +45,26 @@ class Pair:
         self.seed = seed
         self.directory = directory
         self.author, self.old, self.new = schema_pair.pair(seed, NAME)
-        self.path("old.trellis").write_text(self.old.text())
-        self.path("new.trellis").write_text(self.new.text())
+        for version, schema in [("old", self.old), ("new", self.new)]:
+            self.path(version).mkdir(exist_ok=True)
+            self.schema(version, NAME).write_text(schema.text())
+            self.schema(version, LENDER).write_text(schema.lender.text())
 
     def path(self, name):
         return self.directory / name
+
+    def schema(self, version, bundle):
+        return self.path(version) / f"{bundle}.trellis"
 
     def trellisc(self, *arguments, statuses=(0,)):
         return run([self.settings["trellisc"], *arguments], statuses)
 
     def compare(self):
         """The newer version is taken, and what breaks peers is not."""
-        said = self.trellisc("compare", self.path("old.trellis"), self.path("new.trellis"))
-        if "breaks:" in said:
-            raise Failed("compare found breaking changes and passed them:\n" + said)
+        for bundle in [NAME, LENDER]:
+            said = self.trellisc("compare", self.schema("old", bundle), self.schema("new", bundle))
+            if "breaks:" in said:
+                raise Failed("compare found breaking changes and passed them:\n" + said)
         refused = 0
         while refused < BREAKING:
             changed, kind = schema_pair.Vandal(self.author.random, self.old, self.new).change()
@@ -65,27 +72,31 @@ class Pair:
             broken.write_text(changed.text())
             if "mistake" in self.trellisc("check", broken, statuses=(0, 1)):
                 continue  # no schema at all
-            said = self.trellisc("compare", self.path("old.trellis"), broken, statuses=(0, 1))
+            said = self.trellisc("compare", self.schema("old", NAME), broken, statuses=(0, 1))
             if "breaks:" not in said:
                 raise Failed(f"compare passed a change that breaks peers ({kind}):\n{said}")
             refused += 1
 
-    def compile(self, version):
-        """A bundle as the build makes them, in one unit; its file."""
-        schema, out = self.path(version + ".trellis"), self.path(version)
+    def compile(self, version, bundle):
+        """A bundle as the build makes them, in one unit."""
+        schema, home = self.schema(version, bundle), self.path(version)
+        out = home / bundle
         self.trellisc("generate", "--out", out, "--units", "1", schema)
-        self.path(version + ".json").write_text(self.trellisc("json", schema))
-        library = out / f"lib{NAME}.so"
+        (home / f"{bundle}.json").write_text(self.trellisc("json", schema))
         sources = sorted(out.glob("src/*.cpp")) + sorted(out.glob("src/*.S"))
-        includes = ["-I" + directory for directory in self.settings["includes"]]
-        run([self.settings["compiler"], "-std=c++20", *self.settings["options"], *includes, f"-I{out}/include",
-             f"-I{out}/src", "-fPIC", "-shared", "-o", library, *sources, *self.settings["link_options"]])
-        return library
+        includes = self.settings["includes"] + [out / "include", out / "src", home / LENDER / "include"]
+        run([self.settings["compiler"], "-std=c++20", *self.settings["options"], *[f"-I{each}" for each in includes],
+             "-fPIC", "-shared", "-o", home / f"lib{bundle}.so", *sources, *self.settings["link_options"]])
+
+    def compile_version(self, version):
+        # The importing bundle finds the other in the process that loads both.
+        for bundle in [LENDER, NAME]:
+            self.compile(version, bundle)
 
     def exchange(self):
         with concurrent.futures.ThreadPoolExecutor() as both:
-            old, new = both.map(self.compile, ["old", "new"])
-        said = run([self.settings["exchange"], old, self.path("old.json"), new, self.path("new.json"), self.seed])
+            list(both.map(self.compile_version, ["old", "new"]))
+        said = run([self.settings["exchange"], self.path("old"), self.path("new"), self.seed, LENDER, NAME])
         return f"{len(self.old.records)} and {len(self.new.records)} records, {said.strip()}"
 
 

@@ -18,6 +18,9 @@ KEYS = ["u_int8", "u_int16", "u_int32", "u_int64", "int32", "ipv4_addr", "loom_m
 # What a record may hold in all, with two elements in each array and list, so that random objects stay small.
 LARGEST = 150
 
+# The attribute that a row of an ordered table has its place in.
+SEQUENCE_NUMBER = "reorder_seq_compact_no"
+
 # How an enumeration chooses values: each is its place, or stands far from all places, or is its place plus one.
 DENSE, SPARSE, FROM_ONE = range(3)
 
@@ -105,6 +108,9 @@ class Record:
     def attributes(self):
         return [attribute for variant in self.variants for attribute in variant]
 
+    def is_ordered(self):
+        return any(attribute.name == SEQUENCE_NUMBER for attribute in self.attributes())
+
     def held(self):
         """Types of its values."""
         of_values = [a.type for a in self.attributes() if a.kind in ("plain", "fixed", "counted", "list")]
@@ -120,14 +126,16 @@ class Record:
 
 
 class Table:
-    def __init__(self, name, record, key, ordered=False):
+    def __init__(self, name, record, key, ordered=False, luid=None):
         self.name = name
         self.record = record
         self.key = key
         self.ordered = ordered
+        self.luid = luid
 
     def text(self):
-        return [f"table {self.name} of {self.record} keyed by {self.key}" + (" ordered" if self.ordered else "")]
+        return [f"table {self.name} of {self.record} keyed by {self.key}" + (" ordered" if self.ordered else "") +
+                (f" luid {self.luid}" if self.luid else "")]
 
 
 class Message:
@@ -147,6 +155,7 @@ class Schema:
         self.records = []
         self.tables = []
         self.messages = []
+        self.lender = None  # the schema that this one imports from
         self.order = None  # what the declarations are shuffled by
 
     def text(self):
@@ -154,10 +163,23 @@ class Schema:
         declarations = self.enumerations + self.flag_sets + self.records + self.tables + self.messages
         random.Random(self.order).shuffle(declarations)
         lines = [f"bundle {self.name}"]
+        if self.lender:
+            lines += ["", f"import {self.lender.name} {{"]
+            lines += [f"    enum {each.name}" for each in self.lender.shared()]
+            lines += [f"    table {each.name} luid {each.luid}" for each in self.lender.tables] + ["}"]
         for declaration in declarations:
             lines += [""] + declaration.text()
         return "\n".join(lines) + "\n"
 
+    def shared(self):
+        return [enumeration for enumeration in self.enumerations if enumeration.shared]
+
+    def value_enumerations(self):
+        return self.enumerations + (self.lender.shared() if self.lender else [])
+
+    def targets(self):
+        """Tables that oids may refer to."""
+        return self.tables + (self.lender.tables if self.lender else [])
 
     def named(self, name):
         return next((record for record in self.records if record.name == name), None)
@@ -233,17 +255,24 @@ class Author:
         schema.flag_sets.append(made)
         self.some_variants(made, lambda: self.grow_bits(made))
 
-    def record(self, schema):
+    def record(self, schema, *uses):
+        """A record and what holds it: a table, an ordered table, a message. `uses` are those that it has at least."""
         made = Record(self.fresh("record_"))
         made.variants[0].append(Attribute("plain", self.fresh("key_"), self.random.choice(KEYS)))
         schema.records.append(made)
         self.add_attributes(schema, made, self.random.randint(0, 6))
         self.some_variants(made, lambda: self.add_attributes(schema, made, self.random.randint(1, 3)))
-        if self.chance(0.5):
-            key = self.key_record(schema) if self.chance(0.3) else made.variants[0][0].name
-            schema.tables.append(Table(self.fresh("table_"), made.name, key))
-        if self.chance(0.3):
-            schema.messages.append(Message(self.fresh("message_"), made.name if self.chance(0.8) else None))
+        for use in self.random.choices(["table", "ordered", "message", "none"], weights=[4, 1, 3, 6]) + list(uses):
+            if use == "ordered" and not made.is_ordered():
+                made.variants[0].insert(self.random.randint(0, len(made.variants[0])),
+                                        Attribute("plain", SEQUENCE_NUMBER, "u_int32"))
+            if use in ("table", "ordered"):
+                key = self.key_record(schema) if self.chance(0.3) else made.variants[0][0].name
+                if key == SEQUENCE_NUMBER:
+                    key = made.variants[0][1].name
+                schema.tables.append(Table(self.fresh("table_"), made.name, key, use == "ordered"))
+            if use == "message":
+                schema.messages.append(Message(self.fresh("message_"), made.name))
 
     def key_record(self, schema):
         made = Record(self.fresh("record_"))
@@ -266,8 +295,8 @@ class Author:
         others = self.holdable(schema, record, times)
         if others and choice < 0.3:
             return self.random.choice(others)
-        if schema.enumerations and choice < 0.42:
-            return self.random.choice(schema.enumerations).name
+        if choice < 0.42:
+            return self.random.choice(schema.value_enumerations()).name
         if schema.flag_sets and choice < 0.54:
             return self.random.choice(schema.flag_sets).name
         return self.random.choice(SCALARS if choice < 0.77 else OBJECTS)
@@ -287,8 +316,8 @@ class Author:
         choices = [a for a in record.attributes() if a.kind == "choice"]
         if kind == "list" and elements:
             return Attribute("list", name, self.random.choice(elements))
-        if kind == "oid" and schema.tables:
-            return Attribute("oid", name, self.random.choice(schema.tables).name)
+        if kind == "oid" and schema.targets():
+            return Attribute("oid", name, self.random.choice(schema.targets()).name)
         if kind == "choice" and selectors:
             of = self.random.choice(list(selectors.values()))
             return Attribute("choice", name, of.name, arms=self.arms(schema, record, of, self.random.randint(1, 4)))
@@ -313,15 +342,34 @@ class Author:
 
     # ---- Versions -----------------------------------------------------------------------------------------
 
+    def lender(self, name):
+        """A small bundle to import from."""
+        schema = Schema(name)
+        schema.order = self.random.random()
+        for _ in range(self.random.randint(1, 2)):
+            self.enumeration(schema)
+            schema.enumerations[-1].shared = True
+        made = Record(self.fresh("record_"))
+        made.variants[0] = [Attribute("plain", self.fresh("key_"), "u_int32"),
+                            Attribute("plain", self.fresh("a_"), schema.enumerations[0].name)]
+        schema.records.append(made)
+        luid = f"{self.random.getrandbits(128):032x}"
+        schema.tables.append(Table(self.fresh("table_"), made.name, made.variants[0][0].name, luid=luid))
+        return schema
+
     def first(self, name):
         schema = Schema(name)
         schema.order = self.random.random()
+        schema.lender = self.lender(name + "_lender")
         for _ in range(self.random.randint(1, 3)):
             self.enumeration(schema)
         for _ in range(self.random.randint(1, 2)):
             self.flag_set(schema)
-        for _ in range(self.random.randint(3, 5)):
+        self.record(schema, "table", "message")
+        self.record(schema, "ordered")
+        for _ in range(self.random.randint(1, 3)):
             self.record(schema)
+        schema.messages.append(Message(self.fresh("message_"), None))
         return schema
 
     def grown(self, before):
@@ -334,16 +382,20 @@ class Author:
             self.enumeration(schema)
         if self.chance(0.4):
             self.flag_set(schema)
-        for enumeration in schema.enumerations:
+        for enumeration in schema.value_enumerations():
             if self.chance(0.6):
                 enumeration.variants.append([])
                 self.add_members(enumeration, self.random.randint(1, 3))
+        if self.chance(0.5):
+            record = schema.lender.records[0]
+            record.variants.append([Attribute("plain", self.fresh("a_"), self.random.choice(SCALARS))])
         for flag_set in schema.flag_sets:
             if self.chance(0.6):
                 flag_set.variants.append([])
                 self.grow_bits(flag_set)
         for _ in range(self.random.randint(0, 2)):
             self.record(schema)
+        self.record(schema, self.random.choice(["table", "ordered", "message"]))
         for record in known:
             for _ in range(self.random.choice([0, 1, 1, 2])):
                 record.variants.append([])
@@ -507,6 +559,18 @@ class Vandal:
         key = Record("late_key")
         key.variants = [[Attribute("plain", "part", "u_int16")]]
         self.new.records.append(key)
+
+    def make_table_ordered_or_not(self):
+        _, table = self.known(self.old.tables, self.new.tables)
+        if table is None:
+            return False
+        table.ordered = not table.ordered
+
+    def make_imported_table_of_another_luid(self):
+        self.new.lender.tables[0].luid = f"{self.random.getrandbits(128):032x}"
+
+    def make_import_from_another_bundle(self):
+        self.new.lender.name += "_more"
 
     def make_message_of_another_payload(self):
         _, message = self.known(self.old.messages, self.new.messages)

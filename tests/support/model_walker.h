@@ -83,6 +83,7 @@ struct table_description {
     std::string name;
     std::string payload;
     std::string key; // record of a key of its own; empty when the key is inside the payload
+    bool ordered = false;
 };
 
 struct schema_description {
@@ -91,6 +92,7 @@ struct schema_description {
     std::map<std::string, enumeration_description> enumerations; // the bundle's own
     std::map<std::string, flag_set_description> flag_sets;
     std::vector<table_description> tables;
+    std::map<std::string, std::string> messages; // with their payloads; empty for none
 
     /// Reads what the schema compiler prints as JSON. Throws std::runtime_error that names what is missing.
     static schema_description read(const std::string& path);

@@ -91,7 +91,10 @@ schema_description schema_description::read(const std::string& path) {
         schema.flag_sets.emplace(type.name, type);
     }
     for (const json& from : root.at("tables"))
-        schema.tables.push_back({from.at("name"), from.at("payload"), from.at("key").value("record", "")});
+        schema.tables.push_back(
+            {from.at("name"), from.at("payload"), from.at("key").value("record", ""), from.at("ordered")});
+    for (const json& from : root.at("messages"))
+        schema.messages[from.at("name")] = from.value("payload", "");
     return schema;
 }
 
