@@ -1,17 +1,31 @@
 // The fake bundle and the places of test files.
 #include "tests/runtime/support.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
 namespace runtime_test {
 
+namespace {
+/// Names the outermost directory to processes that a test starts: one that is meant to die makes its own inside, so
+/// that it leaves nothing behind.
+constexpr char outermost[] = "LOOM_TEST_DIRECTORY";
+} // namespace
+
 scratch_directory::scratch_directory() {
-    std::string name = (std::filesystem::temp_directory_path() / "loom-test-XXXXXX").string();
+    const char* holder = std::getenv(outermost);
+    const auto parent = holder != nullptr ? std::filesystem::path(holder) : std::filesystem::temp_directory_path();
+    std::string name = (parent / "loom-test-XXXXXX").string();
     if (!mkdtemp(name.data())) std::abort();
     path_ = name;
+    is_outermost_ = holder == nullptr;
+    if (is_outermost_) setenv(outermost, path_.c_str(), 1);
 }
-scratch_directory::~scratch_directory() { std::filesystem::remove_all(path_); }
+scratch_directory::~scratch_directory() {
+    if (is_outermost_) unsetenv(outermost);
+    std::filesystem::remove_all(path_);
+}
 
 handle_ptr open_private(std::uint32_t kind, std::uint32_t tracking) {
     loom_open_options options{};

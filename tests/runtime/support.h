@@ -30,6 +30,7 @@ class scratch_directory {
 
   private:
     std::filesystem::path path_;
+    bool is_outermost_ = false;
 };
 
 handle_ptr open_private(std::uint32_t kind = LOOM_DB_PRIVATE, std::uint32_t tracking = LOOM_TRACKING_NONE);
