@@ -2,6 +2,8 @@
 // one line each, under the names of the operations; nothing here knows a schema.
 //
 //   walk.h               attributes as far as a variant reaches, arms, list elements, joined names
+//   fixed_form.h         values whose binary form is their own bytes
+//   part_form.h          enumerations, flag sets and small records in place
 //   binary_length.h      len, len_cr
 //   binary_writer.h      marshal, marshal_for_clone; the binary form is told there
 //   binary_reader.h      unmarshal
