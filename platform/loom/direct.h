@@ -74,16 +74,16 @@ typedef struct loom_direct_forms {
  *  function. */
 const loom_direct_forms* loom_get_direct_forms(void);
 
+/* clang-format off */
 /** The scalars of the list: each has the operations of LOOM_DIRECT_SCALAR_OPERATIONS. */
 #define LOOM_DIRECT_SCALARS(X)                                                                                    \
-    X(u_int8)                                                                                                     \
-    X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64) X(char) X(double) X(float) X(loom_boolean)
+    X(u_int8) X(u_int16) X(u_int32) X(u_int64) X(int8) X(int16) X(int32) X(int64)                                 \
+    X(char) X(double) X(float) X(loom_boolean)
 /** The object and opaque values: each has the operations of LOOM_DIRECT_VALUE_OPERATIONS. */
 #define LOOM_DIRECT_VALUES(X)                                                                                     \
-    X(ip_address)                                                                                                 \
-    X(ip_prefix)                                                                                                  \
-    X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr) X(calendar_time) X(timestamp) X(loom_vstring) X(nexa_bytestr)      \
-        X(loom_phys_addr) X(loom_aes_vstring) X(loom_aes_password_vstring) X(loom_username_vstring)
+    X(ip_address) X(ip_prefix) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr)                                         \
+    X(calendar_time) X(timestamp) X(loom_vstring) X(nexa_bytestr) X(loom_phys_addr)                               \
+    X(loom_aes_vstring) X(loom_aes_password_vstring) X(loom_username_vstring)
 /** Those of them that are nothing but their octets, and those that are a counted text. */
 #define LOOM_DIRECT_OCTETS(X) X(ipv4_addr) X(ipv6_addr) X(loom_mac_addr)
 #define LOOM_DIRECT_TEXTS(X)                                                                                      \
@@ -96,16 +96,16 @@ const loom_direct_forms* loom_get_direct_forms(void);
 #define LOOM_DIRECT_TEXT_OPERATIONS(X, T) X(T##_len) X(T##_marshal) X(T##_unmarshal)
 /** The other operations of the list. */
 #define LOOM_DIRECT_FRAME_OPERATIONS(X)                                                                           \
-    X(loom_clear_last_error)                                                                                      \
-    X(loom_get_instance_variant)                                                                                  \
-    X(loom_get_instance_obj_flag) X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem)       \
-        X(loom_domain_lookup_variant) X(loomlib_adjust_variant) X(loomlib_type_stats_create_object)               \
-            X(loomlib_type_stats_destroy_object) X(_loom_instance_variant_marshal)                                \
-                X(_loom_instance_variant_unmarshal) X(_loom_instance_obj_flag_marshal)                            \
-                    X(_loom_instance_obj_flag_unmarshal) X(_loom_variant_jump_marshal)                            \
-                        X(_loom_variant_jump_unmarshal) X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)     \
-                            X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded)                      \
-                                X(spoor_module_init_fn)
+    X(loom_clear_last_error) X(loom_get_instance_variant) X(loom_get_instance_obj_flag)                           \
+    X(loom_get_manifested_type_info) X(loom_get_manifested_type_info_ptr_mem)                                     \
+    X(loom_domain_lookup_variant) X(loomlib_adjust_variant)                                                       \
+    X(loomlib_type_stats_create_object) X(loomlib_type_stats_destroy_object)                                      \
+    X(_loom_instance_variant_marshal) X(_loom_instance_variant_unmarshal)                                         \
+    X(_loom_instance_obj_flag_marshal) X(_loom_instance_obj_flag_unmarshal)                                       \
+    X(_loom_variant_jump_marshal) X(_loom_variant_jump_unmarshal)                                                 \
+    X(_loom_list_len_marshal) X(_loom_list_len_unmarshal)                                                         \
+    X(loom_boolean_initialize) X(loom_boolean_set_instance_embedded) X(spoor_module_init_fn)
+/* clang-format on */
 
 #ifdef __cplusplus
 }
