@@ -149,8 +149,10 @@ u32 create_file(const std::string& path, const loom_open_options& options) {
     const std::string fresh = path + ".new." + std::to_string(getpid());
     const int file = open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (file < 0)
-        return fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(),
-                    words_of(errno).c_str());
+        return fail(static_cast<u32>(errno),
+                    "database %s: cannot be made: %s; name a file in a directory that is there and that you may "
+                    "write to",
+                    path.c_str(), words_of(errno).c_str());
     arena_header header;
     arena::format(header, address, reserve, first_extent_of_a_file, identity,
                   options.name ? options.name : name_from_path(path));
@@ -173,7 +175,7 @@ u32 create_file(const std::string& path, const loom_open_options& options) {
 u32 read_header(int file, const std::string& path, arena_header& header) {
     struct stat status {};
     if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
-        return fail(EINVAL, "database %s: is no regular file", path.c_str());
+        return fail(EINVAL, "database %s: is no regular file; name the file of a database", path.c_str());
     const ssize_t read = pread(file, &header, sizeof header, 0);
     if (read < static_cast<ssize_t>(sizeof header.magic) ||
         std::memcmp(header.magic, arena_magic, sizeof arena_magic) != 0)
@@ -277,8 +279,10 @@ std::shared_ptr<database> database::open_file(const loom_open_options& options) 
             fail(ENOENT, "database %s: there is no such file; name another one, or ask for it to be made",
                  path.c_str());
         else
-            fail(static_cast<u32>(errno), "database %s: cannot be opened: %s", path.c_str(),
-                 words_of(errno).c_str());
+            fail(static_cast<u32>(errno),
+                 "database %s: cannot be opened: %s; name a file that you may read and write: readers write too, "
+                 "into its undo log when they follow a writer that died",
+                 path.c_str(), words_of(errno).c_str());
         return nullptr;
     }
     struct stat status {};
@@ -371,8 +375,21 @@ bool database::recover() {
     // The extent of the arena as the file has it: what the header says may be part of what is to be put back.
     struct stat status {};
     if (mapped) fstat(file_, &status);
-    if (!log_->roll_back(memory.base(), mapped ? static_cast<u64>(status.st_size) : reserve_)) return false;
+    return roll_back(mapped ? static_cast<u64>(status.st_size) : reserve_);
+}
+
+/// Blocks behind the end of the arena are not logged. In a file they are wiped, so that it is what it was before
+/// the section, to the byte; other processes do not look there.
+bool database::roll_back(u64 extent) {
+    const u64 used = std::min(memory.header().top, extent);
+    if (!log_->roll_back(memory.base(), extent)) return false;
     ++rollbacks;
+    const arena_header& header = memory.header();
+    if (!mapped) return true;
+    if (used > header.top) std::memset(memory.base() + header.top, 0, used - header.top);
+    // A file that stays longer than it needs to be does no harm.
+    if (extent > header.extent) [[maybe_unused]]
+        const int cut = ftruncate(file_, static_cast<off_t>(header.extent));
     return true;
 }
 
@@ -392,13 +409,12 @@ void database::commit_section() {
 }
 
 void database::abort_section() {
-    if (!log_->roll_back(memory.base(), memory.header().extent)) fatal("%s", error_text().c_str());
+    if (!roll_back(memory.header().extent)) fatal("%s", error_text().c_str());
     memory.close_section();
     memory.refresh_poison();
     for (const void* root : roots_of_section_)
         revoke_root(root);
     roots_of_section_.clear();
-    ++rollbacks;
     if (debug) debug->restart();
 }
 

@@ -78,6 +78,7 @@ class database : public backing {
 
   private:
     bool make_log();
+    bool roll_back(u64 extent);
 
     std::unique_ptr<undo_log> log_;
     std::vector<const void*> roots_of_section_;

@@ -79,8 +79,10 @@ bool undo_log::map_file(u64 size) {
 u32 undo_log::open_file(const std::string& path, const u8 identity[16]) {
     file_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file_ < 0)
-        return fail(static_cast<u32>(errno), "undo log %s: cannot be opened: %s", path.c_str(),
-                    words_of(errno).c_str());
+        return fail(static_cast<u32>(errno),
+                    "undo log %s: cannot be opened: %s; it lies beside the database, and who opens one needs to "
+                    "write both",
+                    path.c_str(), words_of(errno).c_str());
     if (!write_header(file_, identity)) return fail(ENOSPC, "undo log %s: no room on the disk", path.c_str());
     struct stat status {};
     fstat(file_, &status);
