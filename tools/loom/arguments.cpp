@@ -7,7 +7,7 @@
 
 namespace tool {
 
-arguments::arguments(std::span<const std::string> words, std::span<const option> known) {
+arguments::arguments(std::span<const std::string> words, std::span<const option> known, const std::string& cure) {
     bool options_ended = false;
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string& word = words[i];
@@ -21,14 +21,14 @@ arguments::arguments(std::span<const std::string> words, std::span<const option>
         const std::size_t equals = word.find('=');
         const std::string name = word.substr(0, equals);
         const auto found = std::ranges::find(known, name, &option::name);
-        if (found == known.end()) throw usage_failure("there is no option " + name + " here");
+        if (found == known.end()) throw usage_failure("there is no option " + name + " here", cure);
         if (found->value.empty()) {
-            if (equals != std::string::npos) throw usage_failure("option " + name + " takes no value");
+            if (equals != std::string::npos) throw usage_failure("option " + name + " takes no value", cure);
             options_.push_back({name, {}});
         } else if (equals != std::string::npos) {
             options_.push_back({name, word.substr(equals + 1)});
         } else if (i + 1 == words.size()) {
-            throw usage_failure("option " + name + " wants " + std::string(found->value));
+            throw usage_failure("option " + name + " wants " + std::string(found->value), cure);
         } else if (found->value == "COMMAND...") {
             while (++i < words.size())
                 options_.push_back({name, words[i]});

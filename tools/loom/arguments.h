@@ -19,8 +19,8 @@ struct option {
 class arguments {
   public:
     /// Sorts the words into positional arguments and options; throws usage_failure for options not in `known` and
-    /// for missing values. The words behind an option whose value is "COMMAND..." are all its own.
-    arguments(std::span<const std::string> words, std::span<const option> known);
+    /// for missing values, with the cure. The words behind an option whose value is "COMMAND..." are all its own.
+    arguments(std::span<const std::string> words, std::span<const option> known, const std::string& cure);
 
     const std::vector<std::string>& positional() const { return positional_; }
     const std::string& operator[](std::size_t index) const { return positional_[index]; }

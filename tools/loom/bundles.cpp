@@ -59,8 +59,7 @@ bundles::~bundles() {
 void bundles::load_file(const std::string& path) {
     loom_bundle* bundle = loom_bundle_load(path.c_str());
     if (!bundle)
-        throw failure(path + ": cannot be loaded as a bundle: " + loom_error_text(),
-                      "check the file with 'ldd " + path + "'; it must be a library made by trellisc");
+        throw runtime_failure("name a library that trellisc made; 'ldd " + path + "' tells what it misses");
     loaded_.push_back(bundle);
 }
 

@@ -38,7 +38,7 @@ std::string stored_table::label() const {
 }
 
 database database::checked(loom_handle* handle, const std::string& path) {
-    if (!handle) throw failure(loom_error_text());
+    if (!handle) throw runtime_failure();
     return {handle, path};
 }
 

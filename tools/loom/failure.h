@@ -24,6 +24,10 @@ class usage_failure : public failure {
     using failure::failure;
 };
 
+/// What the runtime says of the call that failed last. Its texts tell the cure behind a semicolon, where there is
+/// one; otherwise it is `cure`.
+failure runtime_failure(const std::string& cure = {});
+
 /// "17 (File exists)"
 std::string error_number_text(unsigned number);
 

@@ -65,7 +65,7 @@ const std::vector<command>& commands() {
          "list the records in the order of their keys",
          2,
          2,
-         {source, tenant, as_text, as_xml},
+         {{"--src", "N", "only those of source N (default: all)"}, tenant, as_text, as_xml},
          walk_table},
         {"find",
          "DB TABLE ATTRIBUTE=VALUE...",
@@ -131,7 +131,7 @@ void print_overview(std::ostream& out) {
         const std::string synopsis = std::string(each.name) + " " + std::string(each.operands);
         out << "  loom " << std::left << std::setw(36) << synopsis << each.summary << '\n';
     }
-    out << "\n'loom help COMMAND' tells the options of a command.\n"
+    out << "\n'loom help COMMAND' tells the options of a command, 'loom --version' the version.\n"
            "Status: 0 done, 1 it does not hold or could not be done, 2 wrong usage.\n";
 }
 
@@ -144,7 +144,8 @@ void print_options(std::ostream& out, std::span<const option> options) {
 }
 
 void print_help(std::ostream& out, const command& wanted) {
-    out << "loom " << wanted.name << ' ' << wanted.operands << "\n  " << wanted.summary << "\n\n";
+    out << "loom " << wanted.name << (wanted.operands.empty() ? "" : " ") << wanted.operands << "\n  "
+        << wanted.summary << "\n\n";
     print_options(out, wanted.options);
     print_options(out, common_options);
 }
@@ -156,11 +157,25 @@ const command& command_named(const std::string& name) {
     return *found;
 }
 
+/// A record is shown in one form, or kept.
+void check_forms(const arguments& line) {
+    std::string_view given;
+    for (const std::string_view form : {"--text", "--xml", "--bytes", "--into"}) {
+        if (!line.has(form)) continue;
+        if (!given.empty())
+            throw usage_failure("options " + std::string(given) + " and " + std::string(form) +
+                                    " exclude each other",
+                                "take one of them");
+        given = form;
+    }
+}
+
 int run(const command& wanted, std::span<const std::string> words) {
     std::vector<option> known = wanted.options;
     known.insert(known.end(), std::begin(common_options), std::end(common_options));
-    const arguments line(words, known);
     const std::string cure = "usage: loom " + std::string(wanted.name) + " " + std::string(wanted.operands);
+    const arguments line(words, known, "'loom help " + std::string(wanted.name) + "' lists the options");
+    check_forms(line);
     if (line.positional().size() < wanted.fewest) throw usage_failure("there is something missing", cure);
     if (line.positional().size() > wanted.most)
         throw usage_failure("'" + line[wanted.most] + "' is too much", cure);
@@ -177,10 +192,14 @@ int dispatch(std::span<const std::string> words) {
         return exit_usage;
     }
     if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") {
-        if (words.size() > 1)
+        if (words.size() > 1 && words[1] != "help")
             print_help(std::cout, command_named(words[1]));
         else
             print_overview(std::cout);
+        return exit_good;
+    }
+    if (words[0] == "--version") {
+        std::cout << "loom " LOOM_VERSION "\n";
         return exit_good;
     }
     const command& wanted = command_named(words[0]);

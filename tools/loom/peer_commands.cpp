@@ -43,7 +43,7 @@ void send_manifests(const stream_socket& socket) {
 
 using peer_pointer = std::unique_ptr<loom_peer, decltype(&loom_peer_release)>;
 
-peer_pointer receive_peer(const stream_socket& socket) {
+peer_pointer receive_manifests(const stream_socket& socket) {
     constexpr std::uint32_t most_manifests = 1000, longest_manifest = 16 * 1024 * 1024;
     peer_pointer peer(loom_peer_create("receiver"), &loom_peer_release);
     const std::uint32_t count = socket.receive_number("the receiver's greeting");
@@ -59,6 +59,20 @@ peer_pointer receive_peer(const stream_socket& socket) {
     return peer;
 }
 
+/// What the other end speaks. It may be any program: one that does not greet is not waited for long.
+peer_pointer receive_peer(const stream_socket& socket) {
+    constexpr unsigned patience = 30; // seconds; a receiver may have many bundles to load
+    socket.set_patience(patience);
+    try {
+        peer_pointer peer = receive_manifests(socket);
+        socket.set_patience(0);
+        return peer;
+    } catch (const failure& reason) {
+        throw failure(reason.what(),
+                      "let 'loom receive', or a program that greets as it does, be at the other end");
+    }
+}
+
 // ------------------------------------------------------------------------------------------------------- sending
 
 /// The records that the command line means: the one with the key, or the whole table.
@@ -70,7 +84,8 @@ std::vector<loom_table_record*> wanted_records(context& c, const database& db, c
     loom_table_record* found = type.search(db.handle(), stored.table, key.get(), false, 1);
     if (!found)
         throw failure(db.path() + ": " + stored.label() + " has no record with " +
-                      type.key_text(db.handle(), stored.table, key.get()));
+                          type.key_text(db.handle(), stored.table, key.get()),
+                      "list the keys with 'loom walk " + db.path() + " " + stored.label() + "'");
     return {found};
 }
 

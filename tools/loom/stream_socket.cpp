@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -98,6 +99,7 @@ bool stream_socket::receive_or_end(std::span<std::byte> bytes, const std::string
     while (received < bytes.size()) {
         const ssize_t count = ::recv(descriptor_, bytes.data() + received, bytes.size() - received, 0);
         if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) throw failure(what + " does not come");
         if (count < 0) throw failure(what + " cannot be received: " + system_error());
         if (count == 0 && received == 0) return false;
         if (count == 0)
@@ -127,6 +129,12 @@ std::uint32_t stream_socket::receive_number(const std::string& what) const {
     for (const std::byte byte : bytes)
         number = number << 8 | std::to_integer<std::uint32_t>(byte);
     return number;
+}
+
+void stream_socket::set_patience(unsigned seconds) const {
+    timeval limit{};
+    limit.tv_sec = seconds;
+    ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 void stream_socket::shut_down(bool both_ways) const { ::shutdown(descriptor_, both_ways ? SHUT_RDWR : SHUT_WR); }

@@ -32,6 +32,8 @@ class stream_socket {
     /// The same, but false when the other end closed before the first byte.
     bool receive_or_end(std::span<std::byte> bytes, const std::string& what) const;
     std::uint32_t receive_number(const std::string& what) const;
+    /// From now on receiving gives up after so many seconds without a byte; 0: never.
+    void set_patience(unsigned seconds) const;
     /// Nothing more will be sent; with `both_ways` nothing received either, so that nobody waits for this end.
     void shut_down(bool both_ways) const;
 

@@ -96,6 +96,12 @@ const loom_type_info* find_table_info(const std::function<bool(const loom_type_i
     return found;
 }
 
+/// Memory for objects that no database is to know of: who only reads leaves a database as it is, to the byte.
+loom_handle* draft_memory() {
+    static const database memory = database::in_memory();
+    return memory.handle();
+}
+
 std::string joined(const table_type::attribute_values& values) {
     std::string text;
     for (const auto& [attribute, value] : values)
@@ -116,23 +122,23 @@ record_place place_of(const loom_table_record* record) { return {record->tenant_
 
 // ------------------------------------------------------------------------------------------------------ finding
 
-table_type::table_type(const loom_type_info& info, const loom_table_vft& vft, loom_handle* handle)
+table_type::table_type(const loom_type_info& info, const loom_table_vft& vft)
     : name_(text_of(info.name)), module_(text_of(info.module)), vft_(&vft),
       bundle_(loom_bundle_find(text_of(info.module).c_str()), &loom_bundle_unload) {
     if (!bundle_) throw failure("the bundle " + module_ + " of table " + name_ + " is not loaded");
-    learn_fields(handle);
+    learn_fields();
 }
 
 /// The types of payload and key, from an empty record and an empty key.
-void table_type::learn_fields(loom_handle* handle) {
-    const owned_record empty = from_xml(handle, "<" + name_ + "/>", name_);
+void table_type::learn_fields() {
+    const owned_record empty = draft_from_xml("<" + name_ + "/>", name_);
     payload_type_ = type_name_of(payload_of(empty.get()));
     auto* create_key = symbol<create_key_fn>(bundle_.get(), name_ + "_pkey_create");
     if (!create_key) throw failure("the bundle " + module_ + " has no " + name_ + "_pkey_create");
-    void* key = create_key(handle, tool_domain);
+    void* key = create_key(draft_memory(), tool_domain);
     if (!key) throw failure("there is no memory for a key of " + name_);
     const std::string key_type = type_name_of(key);
-    slot<destroy_key_fn>(LOOM_VFT_PKEY_DESTROY)(handle, tool_domain, key);
+    slot<destroy_key_fn>(LOOM_VFT_PKEY_DESTROY)(draft_memory(), tool_domain, key);
     if (key_type != payload_type_) key_type_ = key_type;
 
     compare_payload_ = symbol<compare_fn>(bundle_.get(), payload_type_ + "_compare");
@@ -149,7 +155,7 @@ table_type table_type::of(const stored_table& stored, const database& db, bundle
     if (!vft)
         throw failure(db.path() + ": the bundle " + stored.module + " does not know this " + stored.type_name,
                       "the table was made by a build with another definition; load that build with --bundle");
-    return {*stored.table->header.loom_tinfo, *vft, db.handle()};
+    return {*stored.table->header.loom_tinfo, *vft};
 }
 
 std::optional<table_type> table_type::named(const std::string& name, loom_handle* handle) {
@@ -157,7 +163,7 @@ std::optional<table_type> table_type::named(const std::string& name, loom_handle
         find_table_info([&](const loom_type_info& each) { return text_of(each.name) == name; });
     const loom_table_vft* vft = info ? loom_find_table_vft(handle, info->luid) : nullptr;
     if (!vft) return std::nullopt;
-    return table_type(*info, *vft, handle);
+    return table_type(*info, *vft);
 }
 
 std::optional<table_type> table_type::with_luid(const std::byte* luid, loom_handle* handle) {
@@ -165,7 +171,7 @@ std::optional<table_type> table_type::with_luid(const std::byte* luid, loom_hand
         [&](const loom_type_info& each) { return std::memcmp(each.luid, luid, sizeof each.luid) == 0; });
     const loom_table_vft* vft = info ? loom_find_table_vft(handle, info->luid) : nullptr;
     if (!vft) return std::nullopt;
-    return table_type(*info, *vft, handle);
+    return table_type(*info, *vft);
 }
 
 // ------------------------------------------------------------------------------------------------------- tables
@@ -267,6 +273,10 @@ table_type::owned_record table_type::from_xml(loom_handle* handle, const std::st
     return record;
 }
 
+table_type::owned_record table_type::draft_from_xml(const std::string& element, const std::string& place) const {
+    return from_xml(draft_memory(), element, place);
+}
+
 table_type::owned_record table_type::from_bytes(loom_handle* handle, std::span<const std::byte> bytes) const {
     loom_table_record* made = nullptr;
     std::uint32_t error = 0;
@@ -358,7 +368,7 @@ std::string table_type::key_text(loom_handle* handle, loom_table* table, loom_ta
 
 table_type::owned_record table_type::key_record(loom_handle* handle, loom_table* table,
                                                 std::span<const std::string> words) const {
-    const owned_record empty = from_xml(handle, "<" + name_ + "/>", name_);
+    const owned_record empty = draft_from_xml("<" + name_ + "/>", name_);
     const attribute_values wanted = key_of(handle, table, empty.get());
     std::string wanted_names;
     for (const auto& [attribute, value] : wanted)
@@ -374,6 +384,8 @@ table_type::owned_record table_type::key_record(loom_handle* handle, loom_table*
         const std::string attribute = word.substr(0, equals);
         if (std::ranges::find(wanted, attribute, &attribute_values::value_type::first) == wanted.end())
             throw usage_failure("the key of " + name_ + " has no attribute " + attribute, cure);
+        if (std::ranges::find(given, attribute, &attribute_values::value_type::first) != given.end())
+            throw usage_failure("attribute " + attribute + " is given twice", cure);
         given.emplace_back(attribute, word.substr(equals + 1));
         elements.emplace_back(type + "." + attribute, word.substr(equals + 1));
     }
@@ -383,7 +395,7 @@ table_type::owned_record table_type::key_record(loom_handle* handle, loom_table*
 
     // The payload's element stands there even when it is empty: a key alone is no record.
     if (!key_type_.empty()) elements.insert(elements.begin(), {payload_type_, ""});
-    owned_record record = from_xml(handle, element_of(name_, elements), "key " + joined(given));
+    owned_record record = draft_from_xml(element_of(name_, elements), "key " + joined(given));
     const attribute_values taken = key_of(handle, table, record.get());
     for (const auto& [attribute, value] : given) {
         const auto now = std::ranges::find(taken, attribute, &attribute_values::value_type::first);

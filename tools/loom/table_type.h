@@ -65,6 +65,8 @@ class table_type {
 
     /// Reads an element as `to_xml` writes it. `place` names the element in failures.
     owned_record from_xml(loom_handle* handle, const std::string& element, const std::string& place) const;
+    /// The same in memory of this process: for records that no database is to know of.
+    owned_record draft_from_xml(const std::string& element, const std::string& place) const;
     owned_record from_bytes(loom_handle* handle, std::span<const std::byte> bytes) const;
     std::string to_xml(loom_handle* handle, loom_table_record* record) const;
     std::string to_text(loom_handle* handle, loom_table_record* record) const;
@@ -79,7 +81,7 @@ class table_type {
     attribute_values key_of(loom_handle* handle, loom_table* table, loom_table_record* record) const;
     /// The same as "attribute=value attribute=value".
     std::string key_text(loom_handle* handle, loom_table* table, loom_table_record* record) const;
-    /// A record with just the key: from "attribute=value" words, which must name each attribute of the key.
+    /// A draft with just the key: from "attribute=value" words, which must name each attribute of the key.
     owned_record key_record(loom_handle* handle, loom_table* table, std::span<const std::string> words) const;
 
     // ---- comparing
@@ -87,8 +89,8 @@ class table_type {
     bool equal(const loom_table_record* a, const loom_table_record* b) const;
 
   private:
-    table_type(const loom_type_info& info, const loom_table_vft& vft, loom_handle* handle);
-    void learn_fields(loom_handle* handle);
+    table_type(const loom_type_info& info, const loom_table_vft& vft);
+    void learn_fields();
     attribute_values printed_key(loom_handle* handle, loom_table* table, loom_table_record* record) const;
 
     template <class Function>

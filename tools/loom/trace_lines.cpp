@@ -85,14 +85,14 @@ void print_trace_file(std::ostream& out, const std::string& path) {
     }
     if (error)
         throw failure(reason, records.empty()
-                                  ? ""
+                                  ? "name a file that a program wrote with loom_trace_open, or loom with --trace"
                                   : std::to_string(records.size()) + " records before this place are whole");
 }
 
 trace_recording::trace_recording(const std::string& path) {
     constexpr std::uint32_t diagnostics = 7;
     if (loom_trace_open(path.c_str()) != 0)
-        throw failure(std::string("the trace cannot be written: ") + loom_error_text());
+        throw runtime_failure("name a file in a directory that is there and that you may write to");
     loom_trace_set_level(nullptr, diagnostics);
 }
 

@@ -79,15 +79,16 @@ class importer {
         return table;
     }
 
-    /// A reader asks for the elements it knows and never sees others: a misspelt name, a member that does not
-    /// exist, an element too many for its array. Here they are faults.
+    /// A reader asks for what it knows and never sees the rest: a misspelt name, a member that does not exist or
+    /// stands as text, an element too many for its array. Here they are faults.
     void check_nothing_lost(const table_type& type, const record_element& element, loom_table_record* record,
                             const std::string& place) {
-        const std::vector<std::string> lost = elements_lost(element.text, type.to_xml(handle_, record));
+        const std::vector<std::string> lost = losses(element.text, type.to_xml(handle_, record));
         if (lost.empty()) return;
-        std::string message = place + ": no place for the element " + lost.front();
-        if (lost.size() > 1) message += " and " + std::to_string(lost.size() - 1) + " more";
-        throw failure(message, "check the spelling against the schema of " + type.payload_type());
+        std::string message = place + ": " + lost.front();
+        if (lost.size() > 1) message += ", and " + std::to_string(lost.size() - 1) + " more";
+        throw failure(message, "hold the element against the schema of " + type.payload_type() +
+                                   "; members stand as empty elements, counts are those of the elements");
     }
 
     void insert(const table_type& type, loom_table* table, table_type::owned_record& record,
@@ -133,7 +134,7 @@ void export_table(std::ostream& out, context& c, const database& db, const store
     const table_type type = table_type::of(stored, db, c.loaded);
     for (loom_table_record* record : table_type::all_records(stored.table)) {
         const std::string element = type.to_xml(db.handle(), record);
-        const auto read_back = type.from_xml(db.handle(), element, "the XML of a record");
+        const auto read_back = type.draft_from_xml(element, "the XML of a record");
         if (!type.equal(record, read_back.get()))
             result.incomplete.push_back(stored.label() + " " + type.key_text(db.handle(), stored.table, record));
         const std::size_t name_end = 1 + type.name().size();
@@ -149,7 +150,7 @@ void export_table(std::ostream& out, context& c, const database& db, const store
 class whole_file {
   public:
     explicit whole_file(std::string path) : path_(std::move(path)), stream_(path_ + ".part", std::ios::binary) {
-        if (!stream_) throw failure(path_ + ": cannot be written: " + std::strerror(errno));
+        if (!stream_) throw failure(path_ + ": cannot be written: " + std::strerror(errno), cure);
     }
     ~whole_file() {
         if (!finished_) std::remove((path_ + ".part").c_str());
@@ -161,11 +162,13 @@ class whole_file {
     void finish() {
         stream_.close();
         if (!stream_ || std::rename((path_ + ".part").c_str(), path_.c_str()) != 0)
-            throw failure(path_ + ": cannot be written: " + std::strerror(errno));
+            throw failure(path_ + ": cannot be written: " + std::strerror(errno), cure);
         finished_ = true;
     }
 
   private:
+    static constexpr const char* cure =
+        "name a file in a directory that is there, that has room and that you may write to";
     std::string path_;
     std::ofstream stream_;
     bool finished_ = false;

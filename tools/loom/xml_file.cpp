@@ -6,10 +6,15 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <pugixml.hpp>
-#include <set>
+#include <span>
 #include <sstream>
 
 namespace tool {
@@ -19,10 +24,15 @@ namespace {
 constexpr unsigned parse_raw = pugi::parse_cdata | pugi::parse_ws_pcdata_single;
 
 std::string contents_of(const std::string& path) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::file_status status = fs::status(path, ignored);
+    if (fs::is_directory(status) || fs::is_character_file(status) || fs::is_block_file(status))
+        throw failure(path + ": is no file of text", "name an XML file");
     std::ifstream file(path, std::ios::binary);
+    if (!file) throw failure(path + ": cannot be read: " + std::strerror(errno), "name an XML file that is there");
     std::ostringstream contents;
-    if (!file || !(contents << file.rdbuf()))
-        throw failure(path + ": cannot be read", "check that the file is there and not empty");
+    if (!(contents << file.rdbuf())) throw failure(path + ": is empty", "name an XML file with records");
     return std::move(contents).str();
 }
 
@@ -97,23 +107,100 @@ bool could_be_member(const std::string& text) {
            std::ranges::all_of(text, is_name_character);
 }
 
-void collect_paths(pugi::xml_node node, const std::string& prefix, std::set<std::string>& paths) {
+/// What an element holds besides elements.
+struct content {
+    std::string text; // without the blanks around it
+    bool has_text = false;
+    bool has_elements = false;
+    std::vector<std::string> attributes;
+};
+using contents_by_path = std::map<std::string, content>;
+
+std::string trimmed(const std::string& text) {
+    constexpr const char* blanks = " \t\r\n";
+    const std::size_t begin = text.find_first_not_of(blanks);
+    return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+content content_of(pugi::xml_node node) {
+    content found;
+    std::string text;
+    for (const pugi::xml_node child : node.children()) {
+        found.has_elements = found.has_elements || is_element(child);
+        text += child.value();
+    }
+    found.has_text = !text.empty();
+    found.text = trimmed(text);
+    for (const pugi::xml_attribute attribute : node.attributes())
+        found.attributes.emplace_back(attribute.name());
+    return found;
+}
+
+void collect_contents(pugi::xml_node node, const std::string& prefix, contents_by_path& found) {
     std::map<std::string, unsigned> positions;
     for (pugi::xml_node child : node.children()) {
         if (!is_element(child)) continue;
         const unsigned position = ++positions[child.name()];
         std::string path = prefix + child.name();
         if (position > 1) path += "[" + std::to_string(position) + "]";
-        paths.insert(path);
-        collect_paths(child, path + "/", paths);
+        found.emplace(path, content_of(child));
+        collect_contents(child, path + "/", found);
     }
 }
 
-std::set<std::string> paths_of(const std::string& element) {
+contents_by_path contents_of_element(const std::string& element) {
     pugi::xml_document document;
-    std::set<std::string> paths;
-    collect_paths(parse(document, element), {}, paths);
-    return paths;
+    contents_by_path found;
+    collect_contents(parse(document, element), {}, found);
+    return found;
+}
+
+std::optional<long long> whole_number(const std::string& text) {
+    long long number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+/// The attributes that readers of values know, and those of an element that stands for a record.
+constexpr std::string_view value_attributes[] = {"state", "encoding"};
+constexpr std::string_view record_attributes[] = {"table", "id", "tenant", "src", "state"};
+
+std::string unknown_attribute(const content& given, std::span<const std::string_view> known) {
+    for (const std::string& name : given.attributes)
+        if (std::ranges::find(known, name) == known.end()) return name;
+    return {};
+}
+
+/// What `taken` has lost of `given`, both at `path`, or an empty text.
+std::string loss_at(const std::string& path, const content& given, const content& taken) {
+    if (!given.text.empty() && (given.has_elements || taken.has_elements || !taken.has_text))
+        return "no place for the text '" + given.text.substr(0, 40) + "' in " + path;
+    const auto wanted = whole_number(given.text), made = whole_number(taken.text);
+    if (wanted && made && *wanted != *made)
+        return "the number " + given.text + " of " + path + " becomes " + taken.text;
+    const std::string unknown = unknown_attribute(given, value_attributes);
+    return unknown.empty() ? "" : "no meaning for the attribute " + unknown + " of " + path;
+}
+
+/// The first reference that is neither of a character nor one of XML's own, or an empty text. The declarations of
+/// a document are not read.
+std::string unknown_reference(const std::string& text) {
+    static constexpr std::string_view known[] = {"amp", "lt", "gt", "quot", "apos"};
+    for (std::size_t at = 0; (at = text.find('&', at)) != std::string::npos; ++at) {
+        const std::size_t end = text.find(';', at);
+        const std::string name = text.substr(at + 1, end == std::string::npos ? 0 : end - at - 1);
+        if (!name.starts_with('#') && std::ranges::find(known, name) == std::end(known))
+            return text.substr(at, std::min<std::size_t>(end - at + 1, 20));
+    }
+    return {};
+}
+
+std::string unknown_reference(pugi::xml_node node) {
+    if (node.type() == pugi::node_pcdata) return unknown_reference(std::string(node.value()));
+    for (const pugi::xml_node child : node.children())
+        if (std::string found = unknown_reference(child); !found.empty()) return found;
+    return {};
 }
 
 void collect_leaves(pugi::xml_node node, const std::string& prefix,
@@ -146,11 +233,20 @@ std::vector<record_element> read_record_elements(const std::string& path) {
     std::vector<record_element> elements;
     std::size_t line = 1, seen = 0;
     for (pugi::xml_node node : document.document_element().children()) {
-        if (!is_element(node)) continue;
-        const auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(node.offset_debug(), 0));
+        const std::string stray = is_element(node) ? "" : trimmed(node.value());
+        if (!is_element(node) && stray.empty()) continue;
+        auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(node.offset_debug(), 0));
+        if (!stray.empty()) offset = std::min(text.find(stray, offset), text.size());
         line +=
             static_cast<std::size_t>(std::count(text.data() + seen, text.data() + std::max(offset, seen), '\n'));
         seen = std::max(offset, seen);
+        const std::string place = path + ":" + std::to_string(line) + ": ";
+        if (!stray.empty())
+            throw failure(place + "the text '" + stray.substr(0, 40) + "' stands beside the records",
+                          "records are the elements directly inside the root element; put all else in comments");
+        if (const std::string unknown = unknown_reference(node); !unknown.empty())
+            throw failure(place + node.name() + ": " + unknown + " refers to nothing that XML knows",
+                          "write the character itself, or & as &amp;");
         elements.push_back({node.name(), node.attribute("table").value(), node.attribute("id").value(),
                             node.attribute("tenant").value(), node.attribute("src").value(), text_of_node(node),
                             line});
@@ -163,10 +259,21 @@ void write_indented(std::ostream& out, const std::string& element, unsigned dept
     write_node(out, parse(document, element), depth);
 }
 
-std::vector<std::string> elements_lost(const std::string& given, const std::string& taken) {
-    const std::set<std::string> wanted = paths_of(given), present = paths_of(taken);
+std::vector<std::string> losses(const std::string& given, const std::string& taken) {
+    const contents_by_path wanted = contents_of_element(given), present = contents_of_element(taken);
     std::vector<std::string> lost;
-    std::ranges::set_difference(wanted, present, std::back_inserter(lost));
+    pugi::xml_document document;
+    const content record = content_of(parse(document, given));
+    if (!record.text.empty())
+        lost.push_back("no place for the text '" + record.text.substr(0, 40) + "' beside the elements");
+    if (const std::string unknown = unknown_attribute(record, record_attributes); !unknown.empty())
+        lost.push_back("no meaning for the attribute " + unknown);
+    for (const auto& [path, content] : wanted) {
+        const auto found = present.find(path);
+        std::string loss =
+            found == present.end() ? "no place for the element " + path : loss_at(path, content, found->second);
+        if (!loss.empty()) lost.push_back(std::move(loss));
+    }
     return lost;
 }
 

@@ -28,9 +28,10 @@ std::vector<record_element> read_record_elements(const std::string& path);
 /// The element, one child per line, indented by `depth` steps.
 void write_indented(std::ostream& out, const std::string& element, unsigned depth);
 
-/// The elements of `given` that `taken` does not have: what a reader of `given` would lose. Each is a path with
-/// positions, as "trl_radio_operation_config/chan_pwr[65]".
-std::vector<std::string> elements_lost(const std::string& given, const std::string& taken);
+/// What a reader of `given` has lost who made `taken` of it, in words with the path of each element and its
+/// position, as in "no place for the element trl_radio_operation_config/chan_pwr[65]". Elements, texts,
+/// attributes, and numbers that come out as others are compared; a value may be written in several ways.
+std::vector<std::string> losses(const std::string& given, const std::string& taken);
 
 /// The leaves inside the element as pairs of path and value, in order. An element that holds only empty elements
 /// (an enumeration, a flag set) is a leaf with their names.
