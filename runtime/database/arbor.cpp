@@ -54,7 +54,12 @@ LOOM_EXPORT void arbor_perror(void) { std::fprintf(stderr, "%s\n", error_text().
 LOOM_EXPORT void loom_arena_usage_get(loom_handle* handle, loom_arena_usage* usage) {
     const open_handle* own = opened(handle);
     const arena_header& header = own->db->memory.header();
-    *usage = {header.taken_blocks - header.cached_blocks, header.taken_bytes - header.cached_bytes, header.extent, header.reserve, header.base, own->allocations};
+    *usage = {header.taken_blocks - header.cached_blocks,
+              header.taken_bytes - header.cached_bytes,
+              header.extent,
+              header.reserve,
+              header.base,
+              own->allocations};
 }
 
 LOOM_EXPORT uint32_t loom_arena_verify(loom_handle* handle) {
