@@ -81,7 +81,8 @@ class builder {
                 out_.add(file.bundle->where, "a second bundle statement; the first is at " + place(named->where),
                          "compile one bundle at a time, and begin its other files with group NAME of BUNDLE");
         }
-        if (named == nullptr)
+        const bool all_read = std::ranges::all_of(files_, &syntax::file::is_text);
+        if (named == nullptr && all_read)
             out_.add({files_.empty() ? "schema" : files_.front().name, 1, 1}, "no file says which bundle this is",
                      "begin one of them with bundle NAME");
         for (const syntax::file& file : files_)

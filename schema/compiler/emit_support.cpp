@@ -4,9 +4,11 @@
 #include "schema/compiler/md5.h"
 
 #include <cctype>
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace trellis::schema {
 
@@ -42,10 +44,15 @@ void output_tree::write() const {
         if (holds(path, content)) continue;
         std::error_code failure;
         fs::create_directories(path.parent_path(), failure);
+        errno = 0;
         std::ofstream file(path, std::ios::binary | std::ios::trunc);
         file << content;
         file.close();
-        if (!file) throw std::runtime_error("cannot write " + path.string());
+        if (!file) {
+            if (!failure) failure.assign(errno, std::generic_category());
+            throw std::runtime_error("cannot write " + path.string() + ": " + failure.message() +
+                                     "; name a directory behind --out that you may write to");
+        }
     }
     for (const fs::path& folder : folders)
         for (const fs::directory_entry& entry : fs::directory_iterator(folder))

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
@@ -149,9 +150,10 @@ class json_reader {
     json_reader(const std::string& name, diagnostics& out) : where_{name, 1, 1}, out_(out) { file_.name = name; }
 
     syntax::file read(std::string_view text) {
-        const json root = json::parse(text, nullptr, false);
+        const json root = parsed(text);
         if (!root.is_object()) {
-            wrong("this is no JSON object");
+            if (file_.is_text) wrong("this is no JSON object");
+            file_.is_text = false;
             return std::move(file_);
         }
         if (const json* name = required(root, "bundle", "the file")) {
@@ -169,6 +171,21 @@ class json_reader {
     }
 
   private:
+    /// Null after a mistake, which is told with its place.
+    json parsed(std::string_view text) {
+        try {
+            return json::parse(text);
+        } catch (const json::parse_error& error) {
+            const std::string_view before = text.substr(0, error.byte == 0 ? 0 : error.byte - 1);
+            location where = where_;
+            where.line += static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+            where.column = static_cast<int>(before.size() - (before.rfind('\n') + 1)) + 1;
+            out_.add(where, "this is no JSON", "write the file with trellisc json");
+            file_.is_text = false;
+            return nullptr;
+        }
+    }
+
     void wrong(std::string what) { out_.add(where_, std::move(what), "write the file with trellisc json"); }
 
     const json* required(const json& in, const char* key, const std::string& of) {

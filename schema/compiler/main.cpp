@@ -10,6 +10,7 @@
 #include "schema/compiler/schema.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <exception>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 namespace {
 
@@ -35,6 +37,7 @@ constexpr std::string_view usage = R"(trellisc - compiles trellis schemas
                                                writes the sources of the bundle
   trellisc compare OLD NEW                     tells what changed, and what of it breaks peers of the old schema
   trellisc help                                prints this
+  trellisc --version                           prints the version
 
 All files of a bundle are given together, in any order; files of JSON (*.json) as printed by `trellisc json` do as
 well. OLD and NEW are a file or a directory of *.trellis files each.
@@ -45,6 +48,8 @@ struct wrong_use : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+std::string reason() { return std::generic_category().message(errno); }
+
 int tell(const std::vector<diagnostic>& mistakes) {
     for (const diagnostic& d : mistakes)
         std::cerr << text_of(d) << '\n';
@@ -54,14 +59,20 @@ int tell(const std::vector<diagnostic>& mistakes) {
 }
 
 std::string content_of(const std::filesystem::path& path) {
+    if (std::filesystem::is_directory(path))
+        throw std::runtime_error("cannot read " + path.string() +
+                                 ": it is a directory; name the files of the schema");
     std::ifstream in(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (!in) throw wrong_use("cannot read " + path.string());
-    return text;
+    if (!in)
+        throw std::runtime_error("cannot read " + path.string() + ": " + reason() +
+                                 "; name the files of the schema");
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 compiled compile_files(const std::vector<std::string>& names) {
     if (names.empty()) throw wrong_use("no schema file given");
+    for (const std::string& name : names)
+        if (name.starts_with("--")) throw wrong_use("there is no option " + name + " here");
     diagnostics mistakes;
     std::vector<syntax::file> files;
     for (const std::string& name : names) {
@@ -77,6 +88,7 @@ std::vector<std::string> schema_files(const std::string& name) {
     std::vector<std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(name))
         if (entry.path().extension() == ".trellis") found.push_back(entry.path().string());
+    if (found.empty()) throw std::runtime_error("cannot compare " + name + ": it holds no file *.trellis");
     std::sort(found.begin(), found.end());
     return found;
 }
@@ -148,6 +160,10 @@ int run(const std::vector<std::string>& words) {
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     if (command == "help" || command == "--help" || command == "-h") {
         std::cout << usage;
+        return done;
+    }
+    if (command == "--version") {
+        std::cout << "trellisc " TRELLIS_VERSION "\n";
         return done;
     }
     if (command == "check") return check(rest);

@@ -635,6 +635,19 @@ class reader {
 } // namespace
 
 syntax::file read_schema(const std::string& name, std::string_view text, diagnostics& out) {
+    constexpr std::string_view byte_order_mark = "\xef\xbb\xbf";
+    if (text.starts_with(byte_order_mark)) text.remove_prefix(byte_order_mark.size());
+    if (const std::size_t zero = text.find('\0'); zero != std::string_view::npos) {
+        const std::string_view before = text.substr(0, zero);
+        const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+        const std::size_t column = zero - (before.rfind('\n') + 1) + 1;
+        out.add({name, static_cast<int>(line), static_cast<int>(column)}, "a byte 0 stands here: this is no text",
+                "name a file of schema text");
+        syntax::file unread;
+        unread.name = name;
+        unread.is_text = false;
+        return unread;
+    }
     return reader(name, text, out).read();
 }
 

@@ -97,6 +97,7 @@ struct import {
 /// One file. `bundle` is set by `bundle NAME`, `group` by `group NAME of BUNDLE`.
 struct file {
     std::string name;
+    bool is_text = true; // false: something else, of which nothing was read
     std::optional<word> bundle;
     std::string doc;
     std::optional<word> group;

@@ -68,6 +68,30 @@ TEST_F(Program, WrongUseEndsWithTwo) {
     EXPECT_EQ(trellisc("help").status, 0);
 }
 
+TEST_F(Program, FilesThatAreNoSchemaAreToldOnce) {
+    const std::string zero = file("zero.trellis", std::string("bundle z\nrec\0rd r {\n", 20) + "}\n");
+    EXPECT_EQ(trellisc("check " + zero).output,
+              zero + ":2:4: a byte 0 stands here: this is no text; name a file of schema text\n1 mistake\n");
+    const std::string cut = file("cut.json", "{\n  \"bundle\": \"s\",\n  \"records\": [");
+    EXPECT_EQ(trellisc("check " + cut).output,
+              cut + ":3:15: this is no JSON; write the file with trellisc json\n1 mistake\n");
+    EXPECT_EQ(trellisc("check " + file("marked.trellis", std::string("\xef\xbb\xbf") + small)).status, 0);
+}
+
+TEST_F(Program, WhatCannotBeReadOrWrittenIsToldWithItsReason) {
+    const std::string path = file("s.trellis", small), folder = directory_.string();
+    EXPECT_EQ(trellisc("check " + folder).output,
+              "trellisc: cannot read " + folder + ": it is a directory; name the files of the schema\n");
+    EXPECT_EQ(trellisc("check " + folder + "/none").output,
+              "trellisc: cannot read " + folder +
+                  "/none: No such file or directory; name the files of the schema\n");
+    EXPECT_TRUE(trellisc("check --fast " + path).output.starts_with("trellisc: there is no option --fast here\n"));
+    const ended run = trellisc("generate --out " + path + " " + path);
+    EXPECT_TRUE(run.output.starts_with("trellisc: cannot write " + path)) << run.output;
+    EXPECT_NE(run.output.find(": Not a directory; name a directory behind --out"), std::string::npos)
+        << run.output;
+}
+
 TEST_F(Program, OutputThatCannotBeWrittenEndsWithTwo) {
     const std::string path = file("s.trellis", small);
     EXPECT_EQ(trellisc("json " + path + " > /dev/full").status, 2);
