@@ -8,8 +8,8 @@
 namespace runtime_test {
 
 namespace {
-/// Names the outermost directory to processes that a test starts: one that is meant to die makes its own inside, so
-/// that it leaves nothing behind.
+/// Names the outermost directory to processes that a test starts: one that is meant to die makes its own inside,
+/// so that it leaves nothing behind.
 constexpr char outermost[] = "LOOM_TEST_DIRECTORY";
 } // namespace
 
