@@ -71,6 +71,10 @@ function(trellis_add_bundle target)
   if(NOT arg_SCHEMA)
     message(FATAL_ERROR "trellis_add_bundle(${target}): give the files of the schema behind SCHEMA")
   endif()
+  get_property(languages GLOBAL PROPERTY ENABLED_LANGUAGES)
+  if(NOT "ASM" IN_LIST languages)
+    message(FATAL_ERROR "trellis_add_bundle(${target}): the project has no assembler; write enable_language(ASM)")
+  endif()
   set(name "${target}")
   if(arg_NAME)
     set(name "${arg_NAME}")
@@ -92,7 +96,7 @@ function(trellis_add_bundle target)
   trellis_bundle_files(sources headers "${out}" "${name}" ${units})
   add_custom_command(
     OUTPUT ${sources} ${headers}
-    COMMAND trellis::trellisc generate --out "${out}" --units ${units} ${arg_SCHEMA}
+    COMMAND trellis::trellisc generate --bundle ${name} --out "${out}" --units ${units} ${arg_SCHEMA}
     DEPENDS ${arg_SCHEMA} trellis::trellisc
     COMMENT "Compiling the schema of ${name}"
     VERBATIM)

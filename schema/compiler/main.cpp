@@ -33,8 +33,8 @@ constexpr std::string_view usage = R"(trellisc - compiles trellis schemas
   trellisc layout FILE...                      prints sizes, offsets and tracking areas of all types
   trellisc json FILE...                        prints the model as JSON
   trellisc names FILE...                       prints the exported functions, one a line, in function order
-  trellisc generate --out DIR [--units N] FILE...
-                                               writes the sources of the bundle
+  trellisc generate --out DIR [--units N] [--bundle NAME] FILE...
+                                               writes the sources of the bundle, which must have the name if it is given
   trellisc compare OLD NEW                     tells what changed, and what of it breaks peers of the old schema
   trellisc help                                prints this
   trellisc --version                           prints the version
@@ -117,11 +117,11 @@ std::string names_text(const bundle& b) {
 
 int generate(const std::vector<std::string>& arguments) {
     std::vector<std::string> files;
-    std::string out;
+    std::string out, name;
     unsigned units = default_units;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& a = arguments[i];
-        if (a != "--out" && a != "--units") {
+        if (a != "--out" && a != "--units" && a != "--bundle") {
             files.push_back(a);
             continue;
         }
@@ -129,6 +129,8 @@ int generate(const std::vector<std::string>& arguments) {
         const std::string& value = arguments[i];
         if (a == "--out")
             out = value;
+        else if (a == "--bundle")
+            name = value;
         else if (const auto r = std::from_chars(value.data(), value.data() + value.size(), units);
                  r.ec != std::errc() || r.ptr != value.data() + value.size() || units == 0 || units > 1000)
             throw wrong_use("--units takes a number from 1 to 1000");
@@ -136,6 +138,10 @@ int generate(const std::vector<std::string>& arguments) {
     if (out.empty()) throw wrong_use("generate needs --out DIR");
     const compiled result = compile_files(files);
     if (!result.good()) return tell(result.mistakes);
+    if (!name.empty() && name != result.model->name)
+        return tell(
+            {{result.model->where, "the bundle is called \"" + result.model->name + "\" and not \"" + name + "\"",
+              "change one of both; trellis_add_bundle takes the schema's name behind NAME"}});
     emit_bundle(*result.model, out, units);
     return done;
 }

@@ -130,6 +130,16 @@ TEST_F(Program, ComparesTwoVersions) {
     EXPECT_EQ(trellisc("compare " TRELLIS_SCHEMA_DIR " " TRELLIS_SCHEMA_DIR).status, 0);
 }
 
+TEST_F(Program, GeneratesTheBundleThatWasAskedFor) {
+    const std::string path = file("s.trellis", small), out = (directory_ / "out").string();
+    const ended other = trellisc("generate --bundle t --out " + out + " " + path);
+    EXPECT_EQ(other.status, 1);
+    EXPECT_TRUE(other.output.starts_with(path + ":1:8: the bundle is called \"s\" and not \"t\"; "))
+        << other.output;
+    EXPECT_FALSE(std::filesystem::exists(out));
+    EXPECT_EQ(trellisc("generate --bundle s --out " + out + " " + path).status, 0);
+}
+
 TEST_F(Program, GeneratesOnlyWhatChanged) {
     const std::string path = file("s.trellis", small);
     const std::string out = (directory_ / "out").string();
