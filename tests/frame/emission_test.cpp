@@ -122,7 +122,7 @@ TEST_F(emission_into_a_directory, units_are_as_many_as_asked_for) {
 
 TEST_F(emission_into_a_directory, what_cannot_be_written_is_told_by_its_path) {
     std::ofstream(root_) << "a file where the directory should be";
-    const schema::compiled result = schema::compile({{"small.trellis", two_records}});
+    const schema::compiled result = schema::compile({schema::source_text{"small.trellis", two_records}});
     try {
         schema::emit_bundle(*result.model, root_, 1);
         ADD_FAILURE() << "no error";
