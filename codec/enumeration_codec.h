@@ -49,7 +49,8 @@ inline bool find_named_element(const xml_reader& r, const char* name) {
     path.below(r.parent, name);
     char value[128];
     u32 needed = 0;
-    *c.error = xml_get_element_value(r.document, path.text, value, sizeof value, &needed);
+    *c.error = path.cut ? u32{LOOM_ENOENT}
+                        : xml_get_element_value(r.document, path.text, value, sizeof value, &needed);
     if (*c.error == 0) return true;
     loom_store_err(c.handle, *c.error);
     if (*c.error == LOOM_ENOENT)

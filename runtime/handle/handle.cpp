@@ -319,7 +319,7 @@ LOOM_EXPORT void loom_set_workspace_size(loom_handle* handle, uint32_t size) {
 }
 LOOM_EXPORT void loomlib_get_handle_ws(loom_handle* handle, void** workspace, uint32_t* size) {
     open_handle* own = opened(handle);
-    if (own->workspace.empty()) own->workspace.resize(own->workspace_size);
+    if (own->workspace.empty()) own->workspace.resize(size_t{own->workspace_size} + 1);
     *workspace = own->workspace.data();
     *size = own->workspace_size;
 }

@@ -41,7 +41,9 @@ constexpr operation record_operations[] = {
     {"offset_update", "void", "$H, $T* object, void* new_base, $e",
      "Points nested records at their areas inside the tracking area at `new_base`."},
     {"clone", "void", "$H, const $T* source, $T** out, void* workspace, int32_t workspace_size, $e",
-     "Deep copy through the binary form, which must fit into the workspace. The caller owns the copy."},
+     "Deep copy through the binary form, which must fit into the workspace: _len bytes, under state tracking one "
+     "more, or the last state may stay behind. One byte behind the workspace may be stored to. No room: 90. The "
+     "caller owns the copy."},
     {"clone_cr", "$T*", "loom_handle* handle, const $T* source",
      "Deep copy with the handle's own workspace; null on failure."},
     {"clone_internal", "void", "$H, const $T* source, $T** out, void* workspace, int32_t workspace_size, $e",

@@ -3,7 +3,18 @@
 // objects and over objects in use, in every variant, and in buffers of every length.
 #include "tests/codec/codec_fixture.h"
 
-#include <loom_runtime/xml.h>
+#include <loom_runtime/trace.h>
+
+#include <dlfcn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <functional>
 
 namespace trellis::testing {
 namespace {
@@ -58,14 +69,6 @@ class subject {
 
 class AllTypes : public ::testing::TestWithParam<std::string> {};
 class AllRecords : public ::testing::TestWithParam<std::string> {};
-
-struct tracking_pair {
-    uint32_t writer, reader;
-};
-constexpr tracking_pair tracking_pairs[] = {{LOOM_TRACKING_NONE, LOOM_TRACKING_NONE},
-                                            {LOOM_TRACKING_OFF, LOOM_TRACKING_ON},
-                                            {LOOM_TRACKING_ON, LOOM_TRACKING_OFF},
-                                            {LOOM_TRACKING_ON, LOOM_TRACKING_ON}};
 
 TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
     for (const tracking_pair& tracking : tracking_pairs) {
@@ -278,12 +281,6 @@ TEST_P(AllTypes, TextIsTheWalkers) {
     }
 }
 
-struct parsed {
-    loom_xml_document* document;
-    explicit parsed(const std::string& text) : document(loom_xml_parse(text.data(), text.size(), nullptr)) {}
-    ~parsed() { loom_xml_free(document); }
-};
-
 TEST_P(AllTypes, XmlIsTheWalkersAndComesBack) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database handle(tracking);
@@ -304,10 +301,9 @@ TEST_P(AllTypes, XmlIsTheWalkersAndComesBack) {
             ASSERT_EQ(text, expected);
             if (lowered) continue;
 
-            const parsed document(text);
-            ASSERT_NE(document.document, nullptr);
+            const xml_text document(text);
             subject target(GetParam(), handle);
-            target.operations().from_xml(handle, domain, "//root", document.document, target.object(), &error);
+            target.operations().from_xml(handle, domain, "//root", document, target.object(), &error);
             ASSERT_EQ(error, 0u);
             ASSERT_EQ(source.walker().compare(GetParam(), source.object(), target.object()), 0)
                 << text << "\n"
@@ -352,6 +348,140 @@ TEST_P(AllRecords, AbsentInstanceHasTheLengthOfAnEmptyOne) {
     if (error == 0) {
         EXPECT_EQ(type.len(plain, domain, nullptr), bytes.size());
     }
+}
+
+// ---- Faults -------------------------------------------------------------------------------------------------
+
+/// The texts of the bundle that holds all types.
+loom_trace_decoder* decoder() {
+    static loom_trace_decoder* const made = [] {
+        loom_trace_decoder* of_bundle = loom_trace_decoder_create();
+        Dl_info library{};
+        dladdr(find_function(type_names().front() + "_create"), &library);
+        loom_trace_decoder_add(of_bundle, library.dli_fname);
+        return of_bundle;
+    }();
+    return made;
+}
+
+/// What a process said at level 0 before it aborted; "lives" when it did not end so.
+std::string last_words(const std::function<void()>& body) {
+    std::array<int, 2> ends;
+    if (pipe(ends.data()) != 0) return "no pipe";
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit none{};
+        setrlimit(RLIMIT_CORE, &none);
+        std::freopen("/dev/null", "w", stderr);
+        static int told_to = ends[1];
+        loom_trace_set_tap(
+            [](const loom_trace_record* record, void*) {
+                char text[512];
+                loom_trace_format(decoder(), record, text, sizeof text);
+                if (record->level == 0 && write(told_to, text, strlen(text)) < 0) _exit(2);
+            },
+            nullptr);
+        body();
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string words(512, '\0');
+    const ssize_t size = read(ends[0], words.data(), words.size());
+    words.resize(size < 0 ? 0 : static_cast<size_t>(size));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT ? words : "lives";
+}
+
+/// Whether reading an empty element makes an object that asks how the handle tracks.
+bool makes_a_record_from_nothing(const std::string& type) {
+    const auto record = schema().records.find(type);
+    if (record == schema().records.end()) return false;
+    const auto& all = record->second.attributes;
+    return std::any_of(all.begin(), all.end(), [](const attribute_description& a) {
+        const bool made = a.shape == attribute_shape::variable_array || a.shape == attribute_shape::list ||
+                          (a.shape == attribute_shape::arm && a.case_value == 0);
+        return made && schema().records.contains(a.type);
+    });
+}
+
+/// A selected arm that is taken out under a corrupted handle.
+void expect_arms_to_end(const std::string& type, const database& on, void* object, const std::string& words) {
+    const record_description& record = schema().records.at(type);
+    for (const attribute_description& a : record.attributes) {
+        if (a.shape != attribute_shape::arm) continue;
+        const uint32_t selector = record.attribute(a.discriminator).offset + 12;
+        std::memcpy(static_cast<uint8_t*>(object) + selector, &a.case_value, sizeof a.case_value);
+        const std::string detach = type + "_" + a.name + "_get_detach";
+        EXPECT_EQ(last_words([&] {
+                      on.handle()->sttr_block->sttr_mode = 0x1234;
+                      uint32_t error = 0;
+                      using signature = void*(loom_handle*, uint32_t, void*, uint32_t*);
+                      reinterpret_cast<signature*>(find_function(detach))(on, domain, object, &error);
+                  }),
+                  words)
+            << detach;
+    }
+}
+
+TEST_P(AllTypes, FaultsEndTheProcessWithTheirTrace) {
+    const std::string corrupted = "Corrupted LOOM Handle",
+                      mismatch = "LOOM handle and object state tracking mis-match",
+                      no_type = "tinfo is null or corrupted", lives = "lives";
+    const std::string type = GetParam();
+    const bool is_record = schema().records.contains(type);
+    ASSERT_NE(decoder(), nullptr);
+    const database on(LOOM_TRACKING_ON), plain;
+    const named_type operations(type);
+    void* const object = operations.create(on, domain);
+    void* const untracked = operations.create(plain, domain);
+    uint32_t error = 0;
+    std::vector<uint8_t> bytes(1u << 16), form = bytes;
+    const auto room = static_cast<int32_t>(bytes.size());
+    const uint32_t size = operations.marshal(on, domain, form.data(), object, room, &error);
+    error = 0;
+    const xml_text document("<e/>");
+    char* const text = reinterpret_cast<char*>(bytes.data());
+
+    const auto under_corrupted_handle = [&](auto&& body) {
+        return last_words([&] {
+            on.handle()->sttr_block->sttr_mode = 0x1234;
+            body();
+        });
+    };
+    const auto read_into = [&](const database& handle, void* into) {
+        operations.unmarshal(handle, domain, form.data(), into, static_cast<int32_t>(size), 0, &error);
+    };
+    const std::string fault = is_record ? corrupted : lives;
+    EXPECT_EQ(under_corrupted_handle([&] { operations.len(on, domain, object); }), fault);
+    EXPECT_EQ(under_corrupted_handle([&] { operations.marshal(on, domain, bytes.data(), object, room, &error); }),
+              fault);
+    EXPECT_EQ(under_corrupted_handle([&] { read_into(on, object); }), fault);
+    EXPECT_EQ(under_corrupted_handle([&] { operations.to_xml(on, domain, "e", text, object, room, 0, &error); }),
+              fault);
+    EXPECT_EQ(under_corrupted_handle([&] { operations.create(on, domain); }), fault);
+    EXPECT_EQ(under_corrupted_handle([&] { operations.print(on, domain, text, 0, "e", object, room, &error); }),
+              lives);
+    EXPECT_EQ(under_corrupted_handle([&] { operations.from_xml(on, domain, "/e", document, object, &error); }),
+              makes_a_record_from_nothing(type) ? corrupted : lives);
+    EXPECT_EQ(last_words([&] { read_into(on, untracked); }), is_record ? mismatch : lives);
+
+    // What ends looks at its type, and nobody else does.
+    static const uint64_t no_magic[16] = {0xbeefbeef};
+    for (const void* word : {static_cast<const void*>(nullptr), static_cast<const void*>(no_magic)}) {
+        std::memcpy(untracked, &word, sizeof word);
+        EXPECT_EQ(last_words([&] { operations.destroy(plain, domain, untracked); }), no_type);
+    }
+    EXPECT_EQ(last_words([&] {
+                  operations.len(plain, domain, untracked);
+                  operations.marshal(plain, domain, bytes.data(), untracked, room, &error);
+                  error = 0;
+                  read_into(plain, untracked); // stores the type anew
+                  operations.destroy(plain, domain, untracked);
+              }),
+              lives);
+    if (is_record) expect_arms_to_end(type, on, object, corrupted);
 }
 
 std::string label(const ::testing::TestParamInfo<std::string>& info) { return info.param; }

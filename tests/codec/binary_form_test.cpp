@@ -194,24 +194,6 @@ TEST(BinaryForm, OnlyTravellingFlagsAreTakenFromTheWire) {
     string_key_destroy(plain, domain, object);
 }
 
-/// Sets the variant that a peer of an older schema has of a type.
-class older_peer {
-  public:
-    older_peer(loom_handle* handle, const char* type, int32_t variant)
-        : handle_(handle), peer_(loom_peer_create_same_build("older")) {
-        loom_peer_limit(peer_, type, variant);
-        loom_set_peer(handle_, peer_);
-    }
-    ~older_peer() {
-        loom_set_peer(handle_, nullptr);
-        loom_peer_release(peer_);
-    }
-
-  private:
-    loom_handle* handle_;
-    loom_peer* peer_;
-};
-
 TEST(Skew, MarshalForAnOlderPeerIsWholeInTheOlderForm) {
     const database plain;
     trellis_telemetry_data* object = trellis_telemetry_data_create(plain, domain);
@@ -254,10 +236,7 @@ TEST(Skew, PartsThatAreCutDownDoNotStopTheOthers) {
     object->loom_variant = 1;
 
     // The peer knows all these types in their first variant only.
-    loom_peer* peer = loom_peer_create_same_build("older");
-    for (const char* type : {"rec_child_comp_key_parent_sing", "ud_enum", "ud_flag"})
-        loom_peer_limit(peer, type, 0);
-    loom_set_peer(plain, peer);
+    const older_peer peer(plain, {"rec_child_comp_key_parent_sing", "ud_enum", "ud_flag"}, 0);
     EXPECT_EQ(rec_child_comp_key_parent_sing_marshal(plain, domain, cut.data(), object, 1999, &error), size);
     EXPECT_EQ(error, 43u);
     EXPECT_EQ(hex(cut.data() + size - 4, 4), "01 02 03 04") << "the last field of the first variant";
@@ -268,8 +247,6 @@ TEST(Skew, PartsThatAreCutDownDoNotStopTheOthers) {
     EXPECT_EQ(rec_child_comp_key_parent_sing_marshal(plain, domain, cut.data(), object, 1999, &error), size);
     EXPECT_EQ(error, 43u);
     EXPECT_EQ(plain.handle()->last_error, 43u);
-    loom_set_peer(plain, nullptr);
-    loom_peer_release(peer);
     object->loom_variant = 1;
     object->comp_attr.loom_variant = 4;
     rec_child_comp_key_parent_sing_destroy(plain, domain, object);

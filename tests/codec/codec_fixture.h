@@ -3,6 +3,7 @@
 #pragma once
 
 #include "tests/support/database.h"
+#include "tests/support/forms.h"
 #include "tests/support/model_walker.h"
 
 #include <gtest/gtest.h>
@@ -34,15 +35,7 @@ class exact_buffer {
     size_t size_;
 };
 
-inline std::string hex(const uint8_t* bytes, size_t size) {
-    std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        char two[4];
-        snprintf(two, sizeof two, i == 0 ? "%02x" : " %02x", bytes[i]);
-        text += two;
-    }
-    return text;
-}
+inline std::string hex(const uint8_t* bytes, size_t size) { return hexadecimal(bytes, size, " "); }
 inline std::string hex(const std::vector<uint8_t>& bytes) { return hex(bytes.data(), bytes.size()); }
 
 /// The description of the bundle under test.

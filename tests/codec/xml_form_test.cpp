@@ -1,8 +1,9 @@
 // The XML form by literal elements, and what reading makes of documents that lack or have too much.
 #include "tests/codec/codec_fixture.h"
 
-#include <loom_runtime/xml.h>
 #include <trellis_test_types/trellis_test_types.h>
+
+#include <algorithm>
 
 namespace trellis::testing {
 namespace {
@@ -19,17 +20,16 @@ std::string to_xml(const char* type, loom_handle* handle, const void* object, co
 
 /// Reads `text` into `object` and returns the error; the failing path in `*message`.
 uint32_t from_xml(const char* type, loom_handle* handle, const std::string& text, void* object,
-                  const char* path = "/e", std::string* message = nullptr) {
-    loom_xml_document* document = loom_xml_parse(text.data(), text.size(), nullptr);
-    EXPECT_NE(document, nullptr) << text;
+                  const std::string& path = "/e", std::string* message = nullptr) {
+    const xml_text document(text);
     uint32_t error = 0;
     char words[300] = "";
     using signature =
         void(loom_handle*, uint32_t, const char*, const loom_xml_document*, void*, uint32_t*, char*, uint32_t);
     reinterpret_cast<signature*>(find_function(std::string(type) + "_from_xml"))(
-        handle, domain, path, document, object, &error, message == nullptr ? nullptr : words, sizeof words);
+        handle, domain, path.c_str(), document, object, &error, message == nullptr ? nullptr : words,
+        sizeof words);
     if (message != nullptr) *message = words;
-    loom_xml_free(document);
     return error;
 }
 
@@ -181,6 +181,104 @@ TEST(XmlForm, AbsentRecordAndUnreadableValue) {
     EXPECT_EQ(object->pd_attr, 0u) << "what stands behind is not read";
     EXPECT_EQ(from_xml("const_default_type", plain, "<e><int_attr>many</int_attr></e>", object), 22u);
     const_default_type_destroy(plain, domain, object);
+}
+
+/// An element that is found as long as its path, with its zero, fits into 256 bytes.
+struct deep_element {
+    const char* type;
+    const char* content; // of the type's own element
+    const char* below;   // from there to the element that must be found
+    bool (*found)(const void* object);
+};
+template <class T>
+const T& as(const void* object) {
+    return *static_cast<const T*>(object);
+}
+const deep_element deep_elements[] = {
+    {"const_default_type", "<int_attr>7</int_attr>", "/int_attr",
+     [](const void* o) { return as<const_default_type>(o).int_attr == 7; }},
+    {"ud_enum_custom_val", "<EN_VAL_56/>", "/EN_VAL_56",
+     [](const void* o) { return as<ud_enum_custom_val>(o).value == 56; }},
+    {"ud_flag_64", "<UD_64_FLG2/>", "/UD_64_FLG2", [](const void* o) { return as<ud_flag_64>(o).bits[0] == 4; }},
+    {"ud_type_with_arr", "<b_arr_att>3</b_arr_att>", "/b_arr_att[1]",
+     [](const void* o) { return as<ud_type_with_arr>(o).b_arr_len == 1; }},
+    {"ud_type_with_arr", "<ud_arr_att/>", "/ud_arr_att[1]",
+     [](const void* o) { return as<ud_type_with_arr>(o).ud_arr_len == 1; }},
+    {"rec_child_comp_key_parent_sing", "<b_fixed_arr_attr>5</b_fixed_arr_attr>", "/b_fixed_arr_attr[1]",
+     [](const void* o) { return as<rec_child_comp_key_parent_sing>(o).b_fixed_arr_attr[0] == 5; }},
+    {"rec_type", "<dynamic_char_arr_attr>ab</dynamic_char_arr_attr>", "/dynamic_char_arr_attr",
+     [](const void* o) { return as<rec_type>(o).dynamic_char_arr_len == 2; }},
+    {"rec_type", "<fixed_len_char_arr_attr>ab</fixed_len_char_arr_attr>", "/fixed_len_char_arr_attr",
+     [](const void* o) { return as<rec_type>(o).fixed_len_char_arr_attr[0] == 'a'; }},
+    {"ud_type_keyless_list", "<list_attr/>", "/list_attr[1]",
+     [](const void* o) { return as<ud_type_keyless_list>(o).list_attr.count == 1; }},
+    {"simple_choice", "<val_discr-u_int_attr>9</val_discr-u_int_attr>", "/val_discr-u_int_attr",
+     [](const void* o) { return *as<simple_choice>(o).u_int_attr == 9; }},
+    {"wrapped_union", "<deep_union_attr><val_discr><EN_VAL_2/></val_discr></deep_union_attr>",
+     "/deep_union_attr/val_discr/EN_VAL_2",
+     [](const void* o) { return as<wrapped_union>(o).deep_union_attr.val_discr.value == 2; }},
+};
+
+/// The document's one element, with a name that makes the path of what is below it so long.
+std::string stretched(size_t length, const deep_element& each) {
+    return std::string(length - strlen(each.below) - 1, 'e');
+}
+
+class DeepElement : public ::testing::TestWithParam<deep_element> {};
+
+TEST_P(DeepElement, IsFoundWithinTheBound) {
+    const database plain;
+    const named_type type(GetParam().type);
+    for (size_t length = 240; length <= 260; ++length) {
+        const std::string name = stretched(length, GetParam());
+        void* object = type.create(plain, domain);
+        EXPECT_EQ(from_xml(GetParam().type, plain, "<" + name + ">" + GetParam().content + "</" + name + ">",
+                           object, "/" + name),
+                  0u);
+        EXPECT_EQ(GetParam().found(object), length <= 255) << length;
+        type.destroy(plain, domain, object);
+    }
+}
+INSTANTIATE_TEST_SUITE_P(XmlForm, DeepElement, ::testing::ValuesIn(deep_elements), [](const auto& info) {
+    std::string name = info.param.type + std::string(info.param.below);
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return isalnum(c) == 0; }, '_');
+    return name;
+});
+
+TEST(XmlForm, TheWholeFailingPathIsTold) {
+    const database plain;
+    struct {
+        const char* type;
+        const char* content;
+        const char* below; // to the element that a text stands in
+        const char* told;  // to the element that the message names
+        uint32_t error;
+    } const cases[] = {
+        {"const_default_type", "<int_attr>many</int_attr>", "/int_attr", "/int_attr", 22},
+        {"ud_type_with_arr", "<b_arr_att>1</b_arr_att><b_arr_att>256</b_arr_att>", "/b_arr_att[2]",
+         "/b_arr_att[2]", 22},
+        // Of members and bits the element around them is told.
+        {"ud_enum_custom_val", "<EN_VAL_56>%s</EN_VAL_56>", "/EN_VAL_56", "", 28},
+        {"ud_flag_64", "<UD_64_FLG2>%s</UD_64_FLG2>", "/UD_64_FLG2", "", 28},
+    };
+    for (const auto& each : cases) {
+        const named_type type(each.type);
+        for (size_t length = 240; length <= 260; ++length) {
+            SCOPED_TRACE(each.type + std::to_string(length));
+            const std::string name(length - strlen(each.below) - 1, 'e');
+            std::string content = each.content;
+            if (const size_t at = content.find("%s"); at != std::string::npos)
+                content.replace(at, 2, std::string(128, 'x')); // one more than there is room for
+            void* object = type.create(plain, domain);
+            std::string message;
+            EXPECT_EQ(from_xml(each.type, plain, "<" + name + ">" + content + "</" + name + ">", object,
+                               "/" + name, &message),
+                      length <= 255 ? each.error : 0u);
+            EXPECT_EQ(message, length <= 255 ? "Failed xpath: /" + name + each.told : "");
+            type.destroy(plain, domain, object);
+        }
+    }
 }
 
 TEST(XmlForm, EnumerationsAndFlagSets) {

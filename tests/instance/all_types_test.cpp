@@ -1,6 +1,7 @@
 // Every type of the catalogue through its whole life: made, filled, read back, copied, compared, moved, ended.
 // With tracking absent, off and on, in each kind of database, for each variant that a peer may speak; every store
 // must have been announced, no block may be left, and as many objects must end as were made.
+#include "tests/support/forms.h"
 #include "tests/support/typed.h"
 
 #include <gtest/gtest.h>
@@ -84,15 +85,6 @@ std::string joined(const std::vector<std::string>& faults) {
     return text;
 }
 
-struct peer_limit {
-    loom_peer* peer;
-    peer_limit(test_handle& handle, const char* type, int variant) : peer(loom_peer_create_same_build("older")) {
-        loom_peer_limit(peer, type, variant);
-        loom_set_peer(handle, peer);
-    }
-    ~peer_limit() { loom_peer_release(peer); }
-};
-
 class every_record : public ::testing::TestWithParam<setting> {
   protected:
     static handle_options options() {
@@ -133,7 +125,7 @@ class life {
         walk(const_cast<void*>(object), false, seed, when);
     }
     void* clone_of(const void* object) {
-        std::vector<std::byte> workspace(size_t{driver_.len(handle_, domain, object)} + 64);
+        std::vector<std::byte> workspace(size_t{driver_.len(handle_, domain, object)} + 1);
         void* copy = nullptr;
         u32 error = 0;
         driver_.clone(handle_, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()),
@@ -335,12 +327,11 @@ TEST_P(every_record, lives_its_whole_life_under_older_peers) {
     for (const record_driver& driver : all_records()) {
         for (int variant = -1; variant < driver.newest; ++variant) {
             test_handle handle(options());
-            peer_limit limit(handle, driver.name, variant);
+            const older_peer limit(handle, driver.name, variant);
             if (variant < 0)
                 live_through_without_variant(driver, handle);
             else
                 live_through(driver, handle, variant, ++seed);
-            loom_set_peer(handle, nullptr);
             if (HasFailure()) return;
         }
     }
@@ -357,7 +348,7 @@ TEST_P(every_record, outlives_its_peer) {
             void* newer = on.made();
             on.fill(newer, newer_seed);
             const std::vector<std::byte> wire = on.wire_form_of(newer);
-            peer_limit limit(handle, driver.name, variant);
+            const older_peer limit(handle, driver.name, variant);
             void* older = on.made();
             void* reader = on.made();
             EXPECT_EQ(variant_of(older), variant);
@@ -411,7 +402,7 @@ TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
             on.fill(newest, seed);
             const std::vector<std::byte> newest_wire = on.wire_form_of(newest);
             {
-                peer_limit limit(handle, driver.name, layout);
+                const older_peer limit(handle, driver.name, layout);
                 void* object = on.made();
                 older_layout made(driver, handle, object, layout);
                 loom_set_peer(handle, nullptr);
@@ -510,7 +501,7 @@ TEST_P(every_compact_type, lives_its_whole_life) {
             options.unfollowed = GetParam().unfollowed;
             options.check_stores = !options.unfollowed;
             test_handle handle(options);
-            peer_limit limit(handle, driver.name, variant);
+            const older_peer limit(handle, driver.name, variant);
             auto* const set_value = exported_address(std::string(driver.name) + "_set_value");
             auto* const get_value = exported_address(std::string(driver.name) + "_get_value");
             driver.destroy(handle, test_handle::domain, driver.create(handle, test_handle::domain));
@@ -565,7 +556,6 @@ TEST_P(every_compact_type, lives_its_whole_life) {
             EXPECT_EQ(handle.take_violations(), "");
             EXPECT_EQ(handle.live_blocks(), blocks);
             EXPECT_EQ(living_objects(handle), living);
-            loom_set_peer(handle, nullptr);
         }
     }
 }

@@ -826,6 +826,22 @@ TEST_F(edges, copies) {
     rec_parent_with_sing_child_destroy(*h, domain, rec);
 }
 
+/// Whatever a handle's workspace can hold, the copy is whole or there is none: only the last state may be missing.
+TEST(workspace, of_every_size) {
+    test_handle handle({.tracking = LOOM_TRACKING_ON});
+    string_key* key = string_key_create(handle, domain);
+    const u32 whole = string_key_len(handle, domain, key);
+    for (u32 size = 1; size <= whole; ++size) {
+        loom_set_workspace_size(handle, size);
+        string_key* copy = string_key_clone_cr(handle, key);
+        EXPECT_EQ(copy != nullptr, size + 1 >= whole) << size;
+        EXPECT_EQ(handle->last_error, copy != nullptr ? 0u : 90u);
+        string_key_destroy(handle, domain, copy);
+        handle->last_error = 0;
+    }
+    string_key_destroy(handle, domain, key);
+}
+
 TEST_F(edges, references_are_counted_where_they_stand) {
     auto* rec = rec_parent_with_sing_child_create(*h, domain);
     EXPECT_EQ(rec_parent_with_sing_child_child_sing_oid_get_by_ref(*h, domain, rec, &error), nullptr);

@@ -1,12 +1,12 @@
 // Action messages: making and ending them, their forms, dispatch to callbacks and handlers, message bundles and
 // recording. The test defines the handler of `note` and none of `ping` and `lost`.
+#include "tests/support/forms.h"
 #include "tests/support/test_handle.h"
 
 #include <table_forms/table_forms.h>
 
 #include <loom/loom.h>
 #include <loom_runtime/runtime.h>
-#include <loom_runtime/xml.h>
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,10 @@ using trellis::i32;
 using trellis::u32;
 using trellis::u64;
 using trellis::u8;
+using trellis::testing::hexadecimal;
+using trellis::testing::older_peer;
 using trellis::testing::test_handle;
+using trellis::testing::xml_text;
 
 namespace {
 note_action_message* handled = nullptr;
@@ -54,15 +57,7 @@ class messages : public ::testing::Test {
         number_row_id_set_value(h(), d, message->number_row, id, &err);
         return message;
     }
-    std::string hex(u32 from, u32 count) const {
-        std::string text;
-        for (u32 i = from; i < from + count; ++i) {
-            char two[3];
-            snprintf(two, sizeof two, "%02x", wire[i]);
-            text += two;
-        }
-        return text;
-    }
+    std::string hex(u32 from, u32 count) const { return hexadecimal(wire + from, count); }
     u32 marshal(note_action_message* message, i32 room = sizeof wire) {
         return note_action_message_marshal(h(), d, wire, message, room, &err);
     }
@@ -241,9 +236,7 @@ TEST_F(messages, say_why_they_were_not_sent) {
               "says 7 Error present in call to message marshal: Message too long\n");
     EXPECT_EQ(err, 90u);
     EXPECT_EQ(note_action_message_is_valid_cr(h()) != 0, true);
-    loom_peer* peer = loom_peer_create_same_build("the neighbour");
-    loom_peer_limit(peer, "note", -1);
-    loom_set_peer(h(), peer);
+    const older_peer peer(h(), "note", -1, "the neighbour");
     err = 0;
     memset(wire, 0xEE, sizeof wire);
     EXPECT_EQ(log_of([&] { EXPECT_EQ(marshal(message), 0u); }),
@@ -253,8 +246,6 @@ TEST_F(messages, say_why_they_were_not_sent) {
     EXPECT_EQ(hex(0, 1), "ee");
     h()->last_error = 0;
     EXPECT_EQ(note_action_message_is_valid_cr(h()), 0u);
-    loom_set_peer(h(), nullptr);
-    loom_peer_release(peer);
 }
 
 TEST_F(messages, without_their_payload_are_not_sent) {
@@ -468,10 +459,7 @@ TEST_F(messages, print_and_render) {
 
 TEST_F(messages, are_read_from_xml) {
     const auto read = [&](const char* text, char* complaint = nullptr, u32 size = 0) {
-        loom_xml_document* document = loom_xml_parse(text, strlen(text), nullptr);
-        note_action_message* message = note_action_message_from_xml(h(), d, document, &err, complaint, size);
-        loom_xml_free(document);
-        return message;
+        return note_action_message_from_xml(h(), d, xml_text(text), &err, complaint, size);
     };
     note_action_message* message = read("<any><number_row><id>9</id></number_row></any>");
     ASSERT_NE(message, nullptr);
@@ -488,9 +476,7 @@ TEST_F(messages, are_read_from_xml) {
     EXPECT_EQ(read("<any/>"), nullptr);
     EXPECT_EQ(err, 12u);
     err = 0;
-    loom_xml_document* document = loom_xml_parse("<x/>", 4, nullptr);
-    EXPECT_NE(ping_action_message_from_xml(h(), d, document, &err, nullptr, 0), nullptr);
-    loom_xml_free(document);
+    EXPECT_NE(ping_action_message_from_xml(h(), d, xml_text("<x/>"), &err, nullptr, 0), nullptr);
 }
 
 } // namespace

@@ -10,9 +10,8 @@
 #include "tests/skew/carrier.h"
 #include "tests/skew/rules.h"
 #include "tests/support/database.h"
+#include "tests/support/forms.h"
 #include "tools/loom/manifest.h"
-
-#include <loom_runtime/xml.h>
 
 #include <algorithm>
 #include <array>
@@ -134,29 +133,13 @@ enum class awareness {
 };
 constexpr const char* awareness_names[] = {"unaware", "aware late", "aware early"};
 
-struct tracking_pair {
-    uint32_t writer, reader;
-};
-constexpr tracking_pair tracking_pairs[] = {{LOOM_TRACKING_NONE, LOOM_TRACKING_NONE},
-                                            {LOOM_TRACKING_OFF, LOOM_TRACKING_ON},
-                                            {LOOM_TRACKING_ON, LOOM_TRACKING_OFF},
-                                            {LOOM_TRACKING_ON, LOOM_TRACKING_ON}};
-
 std::vector<uint8_t> bytes_of(const std::string& digits) {
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i + 1 < digits.size(); i += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
     return bytes;
 }
-std::string digits_of(const std::vector<uint8_t>& bytes) {
-    std::string digits;
-    for (const uint8_t byte : bytes) {
-        char two[3];
-        std::snprintf(two, sizeof two, "%02x", byte);
-        digits += two;
-    }
-    return digits;
-}
+std::string digits_of(const std::vector<uint8_t>& bytes) { return hexadecimal(bytes.data(), bytes.size()); }
 
 /// The step that this end is at, for a process that aborts as well.
 std::string current_step = "start";
@@ -394,14 +377,6 @@ class build {
 
     // ---- XML -----------------------------------------------------------------------------------------------
 
-    struct parsed {
-        loom_xml_document* document;
-        explicit parsed(const std::string& text) : document(loom_xml_parse(text.data(), text.size(), nullptr)) {
-            if (document == nullptr) throw std::runtime_error("no XML: " + text.substr(0, 4000));
-        }
-        ~parsed() { loom_xml_free(document); }
-        parsed(const parsed&) = delete;
-    };
     void expect_shared(const json& written, const json& read, const std::string& text) {
         if (!holds_shared(written, read))
             fail("objects read from XML differ; from written to read: " +
@@ -430,7 +405,7 @@ class build {
             }
             const json message = receive();
             const std::string text = message.at("text");
-            here.operations.from_xml(own, domain, "//root", parsed(text).document, here.object, &error);
+            here.operations.from_xml(own, domain, "//root", xml_text(text), here.object, &error);
             expect_equal("error of the XML reader", 0u, error);
             expect_shared(message.at("form"), shared_form(schema_, others_, type, here.view()), text);
         }
@@ -596,7 +571,7 @@ class build {
         const std::string text = message.at("text");
         carrier target(type, own, domain);
         uint32_t error = 0;
-        target.from_xml(parsed(text).document, &error);
+        target.from_xml(xml_text(text), &error);
         expect_equal("error of the XML reader", 0u, error);
         for (size_t i = 0; i < type.parts.size(); ++i)
             expect_shared(message.at("forms").at(i),

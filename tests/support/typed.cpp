@@ -50,6 +50,21 @@ void make_address(number_source& numbers, Address& value) {
 
 } // namespace
 
+type_operations::type_operations(const char* type, i8 newest_variant, loom_type_info* (*info)())
+    : name(type), newest(newest_variant), type_info(info) {
+    const auto find_into = [type]<class Function>(Function*& function, const char* operation) {
+        function = exported<Function>(std::string(type) + operation);
+    };
+    find_into(create, "_create");
+    find_into(destroy, "_destroy");
+    find_into(marshal, "_marshal");
+    find_into(unmarshal, "_unmarshal");
+    find_into(len, "_len");
+    find_into(compare, "_compare");
+    find_into(hash, "_hash");
+    find_into(set, "_set");
+}
+
 registration::registration(std::vector<record_driver> more) { add_sorted(records(), std::move(more)); }
 registration::registration(std::vector<compact_driver> more) { add_sorted(compact_types(), std::move(more)); }
 

@@ -111,44 +111,39 @@ struct object_walk {
     }
 };
 
-/// Operations of a record, without its type.
-struct record_driver {
+/// Operations that every type has, by their exported names.
+struct type_operations {
     const char* name;
-    u32 base_size;
-    u32 tracking_size; // of the newest layout
     i8 newest;
     loom_type_info* (*type_info)();
     void* (*create)(loom_handle*, u32);
     void (*destroy)(loom_handle*, u32, void*);
-    void (*walk)(object_walk&, void*);
-    void (*clone)(loom_handle*, u32, const void*, void**, void*, i32, u32*);
     u32 (*marshal)(loom_handle*, u32, void*, const void*, i32, u32*);
     u32 (*unmarshal)(loom_handle*, u32, const void*, void*, i32, u32, u32*);
     u32 (*len)(loom_handle*, u32, const void*);
     i32 (*compare)(const void*, const void*);
     u32 (*hash)(const void*, u32);
     void (*set)(loom_handle*, u32, void*, void*, u32*);
+
+    type_operations(const char* type, i8 newest_variant, loom_type_info* (*info)());
+};
+
+/// A record.
+struct record_driver : type_operations {
+    using type_operations::type_operations;
+    u32 base_size = 0;
+    u32 tracking_size = 0; // of the newest layout
+    void (*walk)(object_walk&, void*) = nullptr;
+    void (*clone)(loom_handle*, u32, const void*, void**, void*, i32, u32*) = nullptr;
     /// Names of the record types in place, each with the variant that introduced it; arrays count each element.
     std::vector<std::pair<const char*, i8>> nested;
-    /// The exported names of its attributes' accessors, by what each attribute is.
-    std::vector<std::string> accessors;
 };
 
 /// An enumeration or flag set.
-struct compact_driver {
-    const char* name;
-    bool is_flag_set;
-    u32 size;
-    i8 newest;
-    loom_type_info* (*type_info)();
-    void* (*create)(loom_handle*, u32);
-    void (*destroy)(loom_handle*, u32, void*);
-    u32 (*marshal)(loom_handle*, u32, void*, const void*, i32, u32*);
-    u32 (*unmarshal)(loom_handle*, u32, const void*, void*, i32, u32, u32*);
-    u32 (*len)(loom_handle*, u32, const void*);
-    i32 (*compare)(const void*, const void*);
-    u32 (*hash)(const void*, u32);
-    void (*set)(loom_handle*, u32, void*, const void*, u32*);
+struct compact_driver : type_operations {
+    using type_operations::type_operations;
+    bool is_flag_set = false;
+    u32 size = 0;
     /// Members' user values with their variants, or bit numbers.
     std::vector<std::pair<i32, i8>> members;
 };
@@ -877,74 +872,15 @@ void walk_record(object_walk& w, void* at) {
 
 // ---- Registration ------------------------------------------------------------------------------------------
 
-/// What an attribute's accessors are called behind `<type>_<attribute>_`.
-template <class A>
-std::vector<const char*> accessor_endings() {
-    std::vector<const char*> endings;
-    const auto add = [&](std::initializer_list<const char*> more) { endings.insert(endings.end(), more); };
-    if constexpr (is_length<A>) return {"get", "get_value"};
-    add({"state_flag_get", "state_flag_set"});
-    if constexpr (is_oid<A>) {
-        add({"get_by_ref", "get_by_ref_cr", "set_by_ref", "set_by_ref_cr"});
-        return endings;
-    } else if constexpr (is_list<A>) {
-        add({"add_cr", "get_count", "get_cr", "get_first", "get_last", "get_next", "get_prev", "remove",
-             "remove_cr", "set_after", "set_before", "set_first", "set_last"});
-        return endings;
-    } else {
-        add({"get", "set"});
-        if constexpr (is_plain<A>) add({"get_value", "set_value"});
-        if constexpr (is_counted_string<A> || is_fixed_string<A>) add({"set_cr"});
-        if constexpr (is_arm<A>) add({"get_detach", "set_cr"});
-        if constexpr (is_array<A>)
-            add({"state_flag_get_arr", "state_flag_set_arr", "state_flag_whole_get", "state_flag_whole_set"});
-        if constexpr (is_array_of_values<A>) add({"get_value", "get_mem", "set_value", "set_mem", "set_mem_cr"});
-        if constexpr (is_variable_array<A>) add({"set_cr", "remove_elements"});
-        return endings;
-    }
-}
-
 template <class M>
 record_driver driver_of() {
-    using facade = typename M::type;
-    using object = typename M::object;
-    record_driver made{};
-    made.name = M::name;
+    record_driver made(M::name, M::newest, M::type::type_info);
     made.base_size = M::base_size;
-    made.tracking_size = facade::tracking_size;
-    made.newest = M::newest;
-    made.type_info = facade::type_info;
-    made.create = [](loom_handle* h, u32 d) -> void* { return facade::create(h, d); };
-    made.destroy = [](loom_handle* h, u32 d, void* o) { facade::destroy(h, d, static_cast<object*>(o)); };
+    made.tracking_size = M::type::tracking_size;
     made.walk = walk_record<M>;
-    made.clone = [](loom_handle* h, u32 d, const void* from, void** out, void* workspace, i32 size, u32* err) {
-        static auto* const clone = exported<void(loom_handle*, u32, const void*, void**, void*, i32, u32*)>(
-            std::string(M::name) + "_clone");
-        clone(h, d, from, out, workspace, size, err);
-    };
-    made.marshal = [](loom_handle* h, u32 d, void* buffer, const void* o, i32 length, u32* err) {
-        return facade::marshal(h, d, buffer, static_cast<const object*>(o), length, err);
-    };
-    made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
-        return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
-    };
-    made.len = [](loom_handle* h, u32 d, const void* o) {
-        return facade::len(h, d, static_cast<const object*>(o));
-    };
-    made.compare = [](const void* a, const void* b) {
-        return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
-    };
-    made.hash = [](const void* o, u32 seed) { return facade::hash(static_cast<const object*>(o), seed); };
-    made.set = [](loom_handle* h, u32 d, void* to, void* from, u32* err) {
-        static auto* const set =
-            exported<void(loom_handle*, u32, void*, void*, u32*)>(std::string(M::name) + "_set");
-        set(h, d, to, from, err);
-    };
+    made.clone =
+        exported<void(loom_handle*, u32, const void*, void**, void*, i32, u32*)>(std::string(M::name) + "_clone");
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        for (const char* ending : accessor_endings<A>())
-            made.accessors.push_back(std::string(M::name) + "_" + A::name + "_" + ending);
-        if constexpr (is_list<A>)
-            made.accessors.push_back(std::string(A::type::name) + "_" + A::name + "_get_parent");
         if constexpr (is_nested_record<A>) made.nested.emplace_back(A::type::name, A::at.since);
         if constexpr (is_fixed_array<A>)
             if constexpr (is_array_of_records<A>)
@@ -956,33 +892,10 @@ record_driver driver_of() {
 
 template <class M>
 compact_driver compact_driver_of() {
-    using facade = typename M::type;
-    using object = typename M::object;
-    compact_driver made{};
-    made.name = M::name;
-    made.is_flag_set = facade::category == value_category::flag_set;
-    made.size = sizeof(object);
-    made.newest = M::newest;
-    made.type_info = facade::type_info;
-    made.create = [](loom_handle* h, u32 d) -> void* { return facade::create(h, d); };
-    made.destroy = [](loom_handle* h, u32 d, void* o) { facade::destroy(h, d, static_cast<object*>(o)); };
-    made.marshal = [](loom_handle* h, u32 d, void* buffer, const void* o, i32 length, u32* err) {
-        return facade::marshal(h, d, buffer, static_cast<const object*>(o), length, err);
-    };
-    made.unmarshal = [](loom_handle* h, u32 d, const void* buffer, void* o, i32 length, u32 existing, u32* err) {
-        return facade::unmarshal(h, d, buffer, static_cast<object*>(o), length, existing, err);
-    };
-    made.len = [](loom_handle* h, u32 d, const void* o) {
-        return facade::len(h, d, static_cast<const object*>(o));
-    };
-    made.compare = [](const void* a, const void* b) {
-        return facade::compare(static_cast<const object*>(a), static_cast<const object*>(b));
-    };
-    made.hash = [](const void* o, u32 seed) { return facade::hash(static_cast<const object*>(o), seed); };
-    made.set = [](loom_handle* h, u32 d, void* to, const void* from, u32* err) {
-        facade::set(h, d, static_cast<object*>(to), static_cast<const object*>(from), err);
-    };
-    if constexpr (facade::category == value_category::flag_set) {
+    compact_driver made(M::name, M::newest, M::type::type_info);
+    made.is_flag_set = M::type::category == value_category::flag_set;
+    made.size = sizeof(typename M::object);
+    if constexpr (M::type::category == value_category::flag_set) {
         i32 bit = 0;
         for (const auto& each : M::bits)
             made.members.emplace_back(bit++, each.since);

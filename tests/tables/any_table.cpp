@@ -1,10 +1,9 @@
 #include "any_table.h"
-
-#include <loom/loom.h>
-#include <loom_runtime/xml.h>
+#include "tests/support/forms.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <loom/loom.h>
 
 #include <stdexcept>
 
@@ -76,11 +75,10 @@ loom_table* any_table::open(const char* name) {
 
 loom_table_record* any_table::from_xml(unsigned number) {
     const std::string text = is_.document(number);
-    loom_xml_document* document = loom_xml_parse(text.data(), text.size(), nullptr);
+    const trellis::testing::xml_text document(text);
     auto* record = call<loom_table_record*>("table_record_from_xml", handle.get(), test_handle::domain,
                                             static_cast<const loom_xml_document*>(document), &err,
                                             static_cast<char*>(nullptr), 0u);
-    loom_xml_free(document);
     if (record == nullptr) throw std::runtime_error(text + " gives no record: error " + std::to_string(err));
     return record;
 }

@@ -1,12 +1,14 @@
 // Table records as bytes, text and XML, and their keys alone: frames, short buffers, missing fields, and peers
 // that do not know the table.
 #include "forms.h"
-
-#include <loom_runtime/xml.h>
+#include "tests/support/forms.h"
 
 #include <cstring>
 
 using namespace table_tests;
+using trellis::testing::hexadecimal;
+using trellis::testing::older_peer;
+using trellis::testing::xml_text;
 
 namespace {
 
@@ -37,20 +39,9 @@ class record_codec : public forms_test {
         memset(wire, 0xEE, sizeof wire);
         return pair_tbl_table_record_marshal(h(), d, wire, record, room, &err);
     }
-    std::string hex(u32 from, u32 count) const {
-        std::string text;
-        for (u32 i = from; i < from + count; ++i) {
-            char two[3];
-            snprintf(two, sizeof two, "%02x", wire[i]);
-            text += two;
-        }
-        return text;
-    }
+    std::string hex(u32 from, u32 count) const { return hexadecimal(wire + from, count); }
     pair_tbl_table_record* from_xml(const char* text, char* message = nullptr, u32 size = 0) {
-        loom_xml_document* document = loom_xml_parse(text, strlen(text), nullptr);
-        pair_tbl_table_record* read = pair_tbl_table_record_from_xml(h(), d, document, &err, message, size);
-        loom_xml_free(document);
-        return read;
+        return pair_tbl_table_record_from_xml(h(), d, xml_text(text), &err, message, size);
     }
 
     pair_tbl_table_record* record;
@@ -136,16 +127,12 @@ TEST_F(record_codec, empty_fields_stop_the_marshal) {
 }
 
 TEST_F(record_codec, unknown_tables_are_not_sent) {
-    loom_peer* peer = loom_peer_create_same_build("the neighbour");
-    loom_peer_limit(peer, "pair_tbl", -1);
-    loom_set_peer(h(), peer);
+    const older_peer peer(h(), "pair_tbl", -1, "the neighbour");
     EXPECT_EQ(log_of([&] { EXPECT_EQ(marshal(sizeof wire), 0u); }),
               std::string("says 3 domainfail: Table pair_tbl (") + table_pair_tbl_luid_text +
                   ") is not allowed for the current domain (the neighbour)\nepoch error 52\n");
     EXPECT_EQ(err, 52u);
     EXPECT_EQ(hex(0, 1), "ee");
-    loom_set_peer(h(), nullptr);
-    loom_peer_release(peer);
 }
 
 TEST_F(record_codec, reads_into_new_and_existing_records) {
@@ -295,6 +282,10 @@ TEST_F(record_codec, writes_and_reads_xml) {
     ASSERT_NE(read, nullptr);
     EXPECT_EQ(read->pair_key->part, 0u) << "a missing payload leaves the key unread";
     EXPECT_EQ(err, 0u);
+    err = h()->last_error = 9;
+    read = from_xml("<t><value_row/></t>");
+    EXPECT_NE(read, nullptr) << "a record is made whatever is pending";
+    EXPECT_EQ(err, 0u) << "and what was is gone";
     char message[128] = {};
     EXPECT_EQ(from_xml("<t><value_row/><pair_key><part>six</part></pair_key></t>", message, sizeof message),
               nullptr);

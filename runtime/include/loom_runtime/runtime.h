@@ -92,7 +92,8 @@ uint32_t loom_database_mark_shared(loom_handle* handle, uint32_t shared);
 void loom_set_tracking(loom_handle* handle, uint32_t tracking);
 void loom_set_cr_domain(loom_handle* handle, uint32_t domain);
 void loom_set_header_tag(loom_handle* handle, uint32_t tag);
-/** The scratch buffer of loomlib_get_handle_ws, in bytes. Ends the validity of the present one. */
+/** The scratch buffer of loomlib_get_handle_ws, in bytes; one more is there behind it, which marshal may store to.
+ *  Ends the validity of the present one. */
 void loom_set_workspace_size(loom_handle* handle, uint32_t size);
 /** Marshal failures of this handle are expected and traced at level 7. */
 void loom_set_suppress_messages(loom_handle* handle, uint32_t suppress);
