@@ -306,20 +306,6 @@ TEST(Skew, VanishedRecordIsAFrame) {
     EXPECT_EQ(records.object->duration, 0u);
 }
 
-TEST(Reader, JumpOnlyMovesForwardAndIsNotHeldToTheBuffer) {
-    const database plain;
-    string_key* object = string_key_create(plain, domain);
-    const auto read = [&](std::vector<uint8_t> bytes) {
-        uint32_t error = 0;
-        return string_key_unmarshal(plain, domain, bytes.data(), object, static_cast<int32_t>(bytes.size()), 0,
-                                    &error);
-    };
-    EXPECT_EQ(read({0, 0, 0, 0, 0, 2, 0, 0, 0, 0}), 10u) << "behind the position: ignored";
-    EXPECT_EQ(read({0, 0, 0, 0, 1, 0, 0, 0, 0, 0}), 2u + 256u);
-    EXPECT_EQ(read({0, 0, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0}), 10u) << "compared as signed";
-    string_key_destroy(plain, domain, object);
-}
-
 TEST(Reader, ArrayLongerThanTheBytesIsCutWithoutError) {
     const database plain;
     ud_type_with_arr* source = ud_type_with_arr_create(plain, domain);
@@ -394,21 +380,6 @@ TEST(Reader, ListsOfAnotherLengthAreReplacedAndThoseOfTheSameAreKept) {
     EXPECT_EQ(object->list_attr.count, 4u) << "appended";
     rec_with_list_destroy(plain, domain, object);
     rec_with_list_destroy(plain, domain, source);
-}
-
-TEST(ReaderDeathTest, TrackingHandleWithUntrackedInstanceEnds) {
-    const database plain, on(LOOM_TRACKING_ON);
-    string_key* object = string_key_create(plain, domain);
-    const std::vector<uint8_t> bytes = {0, 0, 0, 0, 0, 8, 0, 0, 0, 0};
-    uint32_t error = 0;
-    EXPECT_EXIT(string_key_unmarshal(on, domain, bytes.data(), object, 10, 0, &error),
-                ::testing::KilledBySignal(SIGABRT), "");
-    on.handle()->sttr_block->sttr_mode = 5;
-    EXPECT_EXIT(string_key_len(on, domain, object), ::testing::KilledBySignal(SIGABRT), "");
-    uint8_t buffer[2];
-    EXPECT_EXIT(string_key_marshal(on, domain, buffer, object, 1, &error), ::testing::KilledBySignal(SIGABRT), "");
-    on.handle()->sttr_block->sttr_mode = LOOM_STTR_ON;
-    string_key_destroy(plain, domain, object);
 }
 
 } // namespace

@@ -420,28 +420,6 @@ free rec
     handle().forget_blocks();
 }
 
-TEST_F(order, of_moving_a_record) {
-    open(LOOM_DB_PRIVATE, LOOM_TRACKING_ON);
-    auto* from = named(simple_union_create(handle(), domain), "from", 68);
-    auto* to = named(simple_union_create(handle(), domain), "to", 68);
-    uint32_t* arm = u_int32_create(handle(), domain);
-    simple_union_int_attr_set(handle(), domain, from, arm, &error);
-    handle().end_operation();
-    // The object as a whole, the tracking area as a whole, then the source's arms, selected or not.
-    expect(R"(
-hook to 64 to
-hook to+64 4 to+64
-hook from+32 8 from
-hook from+40 8 from
-hook from+48 8 from
-)",
-           [&] { simple_union_set(handle(), domain, to, from, &error); });
-    EXPECT_EQ(to->int_attr, arm);
-    EXPECT_EQ(from->int_attr, nullptr);
-    simple_union_destroy(handle(), domain, from);
-    simple_union_destroy(handle(), domain, to);
-}
-
 // ---- Arms --------------------------------------------------------------------------------------------------
 
 TEST_F(order, of_arms) {
