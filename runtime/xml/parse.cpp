@@ -54,14 +54,6 @@ pugi::xml_node stray_text(const pugi::xml_document& tree) {
     return {};
 }
 
-/// The element behind the document's only one, or nothing.
-pugi::xml_node second_root(const pugi::xml_document& tree) {
-    pugi::xml_node node = tree.document_element().next_sibling();
-    while (node && node.type() != pugi::node_element)
-        node = node.next_sibling();
-    return node;
-}
-
 /// The first element that is nested too deep, or nothing.
 pugi::xml_node too_deep(const pugi::xml_document& tree) {
     u32 depth = 1;
@@ -100,8 +92,6 @@ LOOM_EXPORT loom_xml_document* loom_xml_parse(const void* text, size_t length, l
         return refuse_at(error, source, place_of(stray, source), "Text outside of any element");
     if (!document->tree.document_element())
         return refuse_at(error, source, static_cast<ptrdiff_t>(source.size()), "The document has no element");
-    if (const pugi::xml_node second = second_root(document->tree))
-        return refuse_at(error, source, place_of(second, source), "A second element outside of any element");
     if (const pugi::xml_node deep = too_deep(document->tree))
         return refuse_at(error, source, place_of(deep, source), "Elements are nested too deep");
     return document.release();

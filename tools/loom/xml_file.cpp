@@ -223,12 +223,31 @@ void collect_leaves(pugi::xml_node node, const std::string& prefix,
 
 } // namespace
 
+namespace {
+/// A document may hold several elements, a file of records has one.
+void refuse_second_root(const std::string& path, const std::string& text, const pugi::xml_document& document) {
+    pugi::xml_node second = document.document_element().next_sibling();
+    while (second && !is_element(second))
+        second = second.next_sibling();
+    if (!second) return;
+    // The node's place is its name's, behind the bracket.
+    const auto offset = static_cast<std::size_t>(std::max<std::ptrdiff_t>(second.offset_debug() - 1, 0));
+    const std::string before = text.substr(0, offset);
+    const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+    const std::size_t column = offset - (before.rfind('\n') + 1) + 1;
+    throw failure(path + ":" + std::to_string(line) + ":" + std::to_string(column) +
+                      ": A second element outside of any element",
+                  "put all records into one root element");
+}
+} // namespace
+
 std::vector<record_element> read_record_elements(const std::string& path) {
     const std::string text = contents_of(path);
     check_well_formed(path, text);
     pugi::xml_document document;
     if (const auto result = document.load_buffer(text.data(), text.size(), parse_raw); !result)
         throw failure(path + ": cannot be read as XML: " + result.description());
+    refuse_second_root(path, text, document);
 
     std::vector<record_element> elements;
     std::size_t line = 1, seen = 0;
