@@ -221,9 +221,6 @@ void collect_leaves(pugi::xml_node node, const std::string& prefix,
     }
 }
 
-} // namespace
-
-namespace {
 /// A document may hold several elements, a file of records has one.
 void refuse_second_root(const std::string& path, const std::string& text, const pugi::xml_document& document) {
     pugi::xml_node second = document.document_element().next_sibling();
@@ -239,6 +236,7 @@ void refuse_second_root(const std::string& path, const std::string& text, const 
                       ": A second element outside of any element",
                   "put all records into one root element");
 }
+
 } // namespace
 
 std::vector<record_element> read_record_elements(const std::string& path) {
