@@ -209,9 +209,12 @@ TEST_P(AllTypes, BuffersOfEveryLength) {
     }
 }
 
+/// Damaged counts ask for gigabytes: a reader of damaged bytes has this much memory.
+constexpr uint64_t little = 16u << 20;
+
 TEST_P(AllTypes, DamagedBytesDoNoHarm) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
-        const database writing(tracking), reading(tracking);
+        const database writing(tracking), reading(tracking, LOOM_DB_PRIVATE, little);
         for (uint32_t seed = 0; seed < 20; ++seed) {
             std::mt19937 random(seed);
             subject source(GetParam(), writing);
@@ -233,7 +236,6 @@ TEST_P(AllTypes, DamagedBytesDoNoHarm) {
 
 TEST_P(AllTypes, JumpsFarBehindTheEndDoNoHarm) {
     constexpr uint8_t far[] = {0x7f, 0xff, 0xff, 0xf0};
-    constexpr uint64_t little = 16u << 20; // the same bytes as a count ask for memory that is not to be had
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking, LOOM_DB_PRIVATE, little),
             skipping(LOOM_TRACKING_NONE, LOOM_DB_PRIVATE, little);
