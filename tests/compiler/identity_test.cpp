@@ -3,8 +3,6 @@
 
 #include "schema/compiler/md5.h"
 
-#include <set>
-
 namespace trellis::schema::testing {
 namespace {
 
@@ -57,27 +55,6 @@ TEST(Identity, ATableAndItsRowsAreTwoTypes) {
     const auto b = model_of(base);
     EXPECT_NE(b->tables[0]->luid_text, b->tables[0]->record_luid_text);
     EXPECT_NE(b->tables[0]->definition_hash, b->tables[0]->record_definition_hash);
-}
-
-TEST(Identity, IsUniqueInTheCatalogue) {
-    std::set<std::string> luids;
-    const auto add = [&](const std::string& luid) { EXPECT_TRUE(luids.insert(luid).second) << luid; };
-    for (const auto& r : catalogue().records)
-        add(r->luid_text);
-    for (const auto& e : catalogue().enumerations)
-        add(e->luid_text);
-    for (const auto& f : catalogue().flag_sets)
-        add(f->luid_text);
-    for (const auto& t : catalogue().tables) {
-        add(t->luid_text);
-        add(t->record_luid_text);
-    }
-    for (const auto& m : catalogue().messages)
-        add(m->luid_text);
-    for (const auto& i : catalogue().imports)
-        for (const foreign_table& t : i->tables)
-            add(t.luid_text);
-    EXPECT_EQ(luids.size(), 223u + 23u);
 }
 
 } // namespace
