@@ -1,17 +1,15 @@
 // Bounded printing, tags, and the text forms of character arrays.
+#include "documents.h"
 #include "watched_memory.h"
 
 #include <loom/text.h>
-#include <loom_runtime/xml.h>
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <regex>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -19,8 +17,6 @@ namespace {
 
 constexpr uint32_t domain = watched_memory::domain;
 constexpr char canary = '#';
-
-using document_pointer = std::unique_ptr<loom_xml_document, void (*)(loom_xml_document*)>;
 
 class TextHelpers : public testing::Test {
   protected:
@@ -138,7 +134,7 @@ TEST_F(TextHelpers, CharacterArraysReadBackTheirXml) {
             return null_string_to_xml(handle, domain, "f", buffer, fixed, length, sizeof fixed, 0, err);
         });
         const std::string whole = "<r>" + counted + terminated + "</r>";
-        const document_pointer document(loom_xml_parse(whole.data(), whole.size(), nullptr), loom_xml_free);
+        const auto document = parse(whole);
         ASSERT_NE(document, nullptr) << whole;
 
         uint32_t needed = 99;
@@ -164,8 +160,7 @@ TEST_F(TextHelpers, CharacterArraysReadBackTheirXml) {
 }
 
 TEST_F(TextHelpers, CharacterArraysRefuseWhatTheyCannotHold) {
-    const std::string text = "<r><s>12345</s></r>";
-    const document_pointer document(loom_xml_parse(text.data(), text.size(), nullptr), loom_xml_free);
+    const auto document = parse("<r><s>12345</s></r>");
     char array[6] = "#####";
     char message[64] = "";
     null_string_from_xml(handle, domain, "r/s", document.get(), array, 4, err, message, sizeof message);

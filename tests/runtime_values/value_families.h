@@ -79,12 +79,9 @@ void randomise(watched_memory&, random_bits& random, T* value) {
     }
 }
 
-inline void randomise(watched_memory&, random_bits& random, ipv4_addr* value) {
-    fill_bytes(random, value, sizeof *value);
-}
-inline void randomise(watched_memory&, random_bits& random, loom_mac_addr* value) {
-    fill_bytes(random, value, sizeof *value);
-}
+template <class T>
+requires std::is_same_v<T, ipv4_addr> || std::is_same_v<T, loom_mac_addr>
+void randomise(watched_memory&, random_bits& random, T* value) { fill_bytes(random, value, sizeof *value); }
 inline void randomise(watched_memory&, random_bits& random, ipv6_addr* value) {
     fill_bytes(random, value, sizeof *value);
     if (below(random, 2)) std::memset(value->octets + below(random, 8), 0, below(random, 9));
@@ -134,7 +131,7 @@ requires requires(T value) {
     value->length = static_cast<uint32_t>(text.size());
 }
 
-#define VALUE_FAMILY(T, C)                                                                                        \
+#define VALUE_MEMBERS(T, C)                                                                                       \
     using type = C;                                                                                               \
     static constexpr const char* name = #T;                                                                       \
     static constexpr auto len = &T##_len;                                                                         \
@@ -151,102 +148,62 @@ requires requires(T value) {
     static constexpr auto destroy_internal = &T##_destroy_internal;                                               \
     static constexpr auto width = &T##_sizeof;
 
-#define PLAIN_FAMILY(T, C)                                                                                        \
-    VALUE_FAMILY(T, C)                                                                                            \
+#define PLAIN_MEMBERS(T, C)                                                                                       \
+    VALUE_MEMBERS(T, C)                                                                                           \
     static constexpr auto get_value = &T##_get_value;                                                             \
     static constexpr auto set_value = &T##_set_value;
 
-#define EMBEDDED_FAMILY(T)                                                                                        \
+#define EMBEDDED_MEMBERS(T)                                                                                       \
     static constexpr auto compare = &T##_compare;                                                                 \
     static constexpr auto initialize = &T##_initialize;                                                           \
     static constexpr auto set_instance_embedded = &T##_set_instance_embedded;                                     \
     static constexpr loom_type_info* type_info = &_##T##_type_info_internal;
 
-#define OBJECT_FAMILY(T)                                                                                          \
-    VALUE_FAMILY(T, T)                                                                                            \
-    EMBEDDED_FAMILY(T)                                                                                            \
-    static constexpr auto clone_internal = &T##_clone_internal;                                                   \
-    static constexpr auto get_oid_count = &T##_get_oid_count;                                                     \
-    static constexpr auto get_object_references = &T##_get_object_references;                                     \
-    static constexpr auto post_copyout_cleanup = &T##_post_copyout_cleanup;                                       \
-    static constexpr auto set_all_state_tracking_flag = &T##_set_all_state_tracking_flag;
+#define PLAIN_FAMILY(NAME, T, C)                                                                                  \
+    struct NAME {                                                                                                 \
+        PLAIN_MEMBERS(T, C)                                                                                       \
+    };
+
+#define OBJECT_FAMILY(NAME, T)                                                                                    \
+    struct NAME {                                                                                                 \
+        VALUE_MEMBERS(T, T)                                                                                       \
+        EMBEDDED_MEMBERS(T)                                                                                       \
+        static constexpr auto clone_internal = &T##_clone_internal;                                               \
+        static constexpr auto get_oid_count = &T##_get_oid_count;                                                 \
+        static constexpr auto get_object_references = &T##_get_object_references;                                 \
+        static constexpr auto post_copyout_cleanup = &T##_post_copyout_cleanup;                                   \
+        static constexpr auto set_all_state_tracking_flag = &T##_set_all_state_tracking_flag;                     \
+    };
 
 namespace family {
-struct u_int8 {
-    PLAIN_FAMILY(u_int8, uint8_t)
-};
-struct u_int16 {
-    PLAIN_FAMILY(u_int16, uint16_t)
-};
-struct u_int32 {
-    PLAIN_FAMILY(u_int32, uint32_t)
-};
-struct u_int64 {
-    PLAIN_FAMILY(u_int64, uint64_t)
-};
-struct int8 {
-    PLAIN_FAMILY(int8, int8_t)
-};
-struct int16 {
-    PLAIN_FAMILY(int16, int16_t)
-};
-struct int32 {
-    PLAIN_FAMILY(int32, int32_t)
-};
-struct int64 {
-    PLAIN_FAMILY(int64, int64_t)
-};
-struct character {
-    PLAIN_FAMILY(char, char)
-};
-struct double_precision {
-    PLAIN_FAMILY(double, double)
-};
-struct single_precision {
-    PLAIN_FAMILY(float, float)
-};
+PLAIN_FAMILY(u_int8, u_int8, uint8_t)
+PLAIN_FAMILY(u_int16, u_int16, uint16_t)
+PLAIN_FAMILY(u_int32, u_int32, uint32_t)
+PLAIN_FAMILY(u_int64, u_int64, uint64_t)
+PLAIN_FAMILY(int8, int8, int8_t)
+PLAIN_FAMILY(int16, int16, int16_t)
+PLAIN_FAMILY(int32, int32, int32_t)
+PLAIN_FAMILY(int64, int64, int64_t)
+PLAIN_FAMILY(character, char, char)
+PLAIN_FAMILY(double_precision, double, double)
+PLAIN_FAMILY(single_precision, float, float)
 struct boolean {
-    PLAIN_FAMILY(loom_boolean, loom_boolean) EMBEDDED_FAMILY(loom_boolean)
+    PLAIN_MEMBERS(loom_boolean, loom_boolean)
+    EMBEDDED_MEMBERS(loom_boolean)
 };
-struct address {
-    OBJECT_FAMILY(ip_address)
-};
-struct prefix {
-    OBJECT_FAMILY(ip_prefix)
-};
-struct ipv4 {
-    OBJECT_FAMILY(ipv4_addr)
-};
-struct ipv6 {
-    OBJECT_FAMILY(ipv6_addr)
-};
-struct mac {
-    OBJECT_FAMILY(loom_mac_addr)
-};
-struct calendar {
-    OBJECT_FAMILY(calendar_time)
-};
-struct stamp {
-    OBJECT_FAMILY(timestamp)
-};
-struct vstring {
-    OBJECT_FAMILY(loom_vstring)
-};
-struct bytestr {
-    OBJECT_FAMILY(nexa_bytestr)
-};
-struct physical {
-    OBJECT_FAMILY(loom_phys_addr)
-};
-struct aes {
-    OBJECT_FAMILY(loom_aes_vstring)
-};
-struct password {
-    OBJECT_FAMILY(loom_aes_password_vstring)
-};
-struct username {
-    OBJECT_FAMILY(loom_username_vstring)
-};
+OBJECT_FAMILY(address, ip_address)
+OBJECT_FAMILY(prefix, ip_prefix)
+OBJECT_FAMILY(ipv4, ipv4_addr)
+OBJECT_FAMILY(ipv6, ipv6_addr)
+OBJECT_FAMILY(mac, loom_mac_addr)
+OBJECT_FAMILY(calendar, calendar_time)
+OBJECT_FAMILY(stamp, timestamp)
+OBJECT_FAMILY(vstring, loom_vstring)
+OBJECT_FAMILY(bytestr, nexa_bytestr)
+OBJECT_FAMILY(physical, loom_phys_addr)
+OBJECT_FAMILY(aes, loom_aes_vstring)
+OBJECT_FAMILY(password, loom_aes_password_vstring)
+OBJECT_FAMILY(username, loom_username_vstring)
 } // namespace family
 
 using all_families =

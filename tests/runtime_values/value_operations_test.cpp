@@ -1,10 +1,8 @@
 // What every value type owes its holders: forms that read back, bounds, announced stores, private copies.
+#include "documents.h"
 #include "value_families.h"
 
-#include <loom_runtime/xml.h>
-
 #include <functional>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -12,16 +10,6 @@ namespace {
 
 constexpr uint32_t domain = watched_memory::domain;
 constexpr uint8_t canary = 0xcd;
-
-using document_pointer = std::unique_ptr<loom_xml_document, void (*)(loom_xml_document*)>;
-
-document_pointer parse(const std::string& text) {
-    loom_xml_error error{};
-    document_pointer document(loom_xml_parse(text.data(), text.size(), &error), loom_xml_free);
-    EXPECT_NE(document, nullptr) << error.reason << " in line " << error.line << " column " << error.column << ": "
-                                 << text;
-    return document;
-}
 
 /// A block of exactly `size` bytes, so that a sanitizer sees what lies beyond; null for none.
 std::unique_ptr<uint8_t[]> exact_block(const void* bytes, size_t size) {
@@ -36,17 +24,25 @@ class ValueOperations : public testing::Test {
     using type = typename F::type;
     static constexpr uint32_t rounds = 300;
 
-    type* random_value() {
-        type* value = memory.place<type>();
-        randomise(memory, random, value);
+    struct ending {
+        loom_handle* handle;
+        void operator()(type* value) const { F::destroy_internal(handle, domain, value, 1); }
+    };
+    /// A value in instance memory, ended with its scope.
+    struct held : std::unique_ptr<type, ending> {
+        using std::unique_ptr<type, ending>::unique_ptr;
+        operator type*() const { return this->get(); }
+    };
+    held empty_value() { return {memory.place<type>(), ending{handle}}; }
+    held random_value() {
+        held value = empty_value();
+        randomise(memory, random, value.get());
         return value;
     }
-    void end(type* value) { F::destroy_internal(memory.handle(), domain, value, 1); }
 
     std::vector<uint8_t> wire(const type* value) {
-        std::vector<uint8_t> bytes(F::len(memory.handle(), domain, value));
-        EXPECT_EQ(F::marshal(memory.handle(), domain, bytes.data(), value, static_cast<int32_t>(bytes.size()),
-                             &memory.error),
+        std::vector<uint8_t> bytes(F::len(handle, domain, value));
+        EXPECT_EQ(F::marshal(handle, domain, bytes.data(), value, static_cast<int32_t>(bytes.size()), err),
                   bytes.size());
         EXPECT_EQ(memory.error, 0u);
         return bytes;
@@ -54,8 +50,8 @@ class ValueOperations : public testing::Test {
 
     std::string xml(const type* value, uint8_t state = 0) {
         std::vector<char> buffer(8192);
-        const uint32_t size = F::to_xml(memory.handle(), domain, "value", buffer.data(), value,
-                                        static_cast<int32_t>(buffer.size()), state, &memory.error);
+        const uint32_t size = F::to_xml(handle, domain, "value", buffer.data(), value,
+                                        static_cast<int32_t>(buffer.size()), state, err);
         EXPECT_EQ(memory.error, 0u);
         return std::string(buffer.data(), size);
     }
@@ -72,75 +68,70 @@ class ValueOperations : public testing::Test {
 
     void expect_error(uint32_t number) {
         EXPECT_EQ(memory.error, number);
-        EXPECT_EQ(memory.handle()->last_error, number);
+        EXPECT_EQ(handle->last_error, number);
         memory.error = 0;
-        memory.handle()->last_error = 0;
+        handle->last_error = 0;
     }
 
     random_bits random{test_seed()};
     watched_memory memory;
+    loom_handle* const handle = memory.handle();
+    uint32_t* const err = &memory.error;
 };
 TYPED_TEST_SUITE(ValueOperations, all_families, family_names);
 
 TYPED_TEST(ValueOperations, ReadBackWhatTheyMarshal) {
     using F = TypeParam;
     for (uint32_t i = 0; i < this->rounds; ++i) {
-        auto* value = this->random_value();
-        auto* copy = this->random_value(); // existing contents are replaced and given back
+        const auto value = this->random_value();
+        const auto copy = this->random_value(); // existing contents are replaced and given back
         const auto bytes = this->wire(value);
         const auto block = exact_block(bytes.data(), bytes.size());
-        EXPECT_EQ(F::unmarshal(this->memory.handle(), domain, block.get(), copy,
-                               static_cast<int32_t>(bytes.size()), i % 2, &this->memory.error),
+        EXPECT_EQ(F::unmarshal(this->handle, domain, block.get(), copy, static_cast<int32_t>(bytes.size()), i % 2,
+                               this->err),
                   bytes.size());
         EXPECT_EQ(this->memory.error, 0u);
         EXPECT_TRUE(this->same(value, copy));
         EXPECT_EQ(this->wire(copy), bytes);
-        this->end(value);
-        this->end(copy);
     }
 }
 
 TYPED_TEST(ValueOperations, StayWithinAShortWireBuffer) {
     using F = TypeParam;
     for (int i = 0; i < 20; ++i) {
-        auto* value = this->random_value();
-        auto* target = this->random_value();
+        const auto value = this->random_value();
+        const auto target = this->random_value();
         const auto bytes = this->wire(value);
         for (int32_t length = -1; length < static_cast<int32_t>(bytes.size()); ++length) {
             std::vector<uint8_t> buffer(bytes.size() + 1, canary);
-            EXPECT_EQ(F::marshal(this->memory.handle(), domain, buffer.data(), value, length, &this->memory.error),
-                      0u);
+            EXPECT_EQ(F::marshal(this->handle, domain, buffer.data(), value, length, this->err), 0u);
             this->expect_error(LOOM_EMSGSIZE);
             EXPECT_EQ(buffer, std::vector<uint8_t>(bytes.size() + 1, canary));
 
             const uint64_t allocations = this->memory.allocations();
             const auto block = exact_block(bytes.data(), length > 0 ? static_cast<size_t>(length) : 0);
             this->memory.watch();
-            EXPECT_EQ(
-                F::unmarshal(this->memory.handle(), domain, block.get(), target, length, 1, &this->memory.error),
-                0u);
+            EXPECT_EQ(F::unmarshal(this->handle, domain, block.get(), target, length, 1, this->err), 0u);
             this->expect_error(LOOM_EMSGSIZE);
             EXPECT_TRUE(this->memory.unchanged());
             EXPECT_EQ(this->memory.allocations(), allocations);
         }
-        this->end(value);
-        this->end(target);
     }
 }
 
 TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
     using F = TypeParam;
     for (uint32_t i = 0; i < 4 * this->rounds; ++i) {
-        auto* source = this->random_value();
+        const auto source = this->random_value();
         auto bytes = this->wire(source);
         bytes.resize(bytes.size() + below(this->random, 4));
         for (uint64_t changes = below(this->random, 4) + 1; changes && !bytes.empty(); --changes)
             bytes[below(this->random, bytes.size())] = static_cast<uint8_t>(this->random());
         const auto block = exact_block(bytes.data(), bytes.size());
-        auto* value = this->memory.template place<typename F::type>();
+        const auto value = this->empty_value();
         const uint64_t allocated = this->memory.allocated_bytes();
-        const uint32_t read = F::unmarshal(this->memory.handle(), domain, block.get(), value,
-                                           static_cast<int32_t>(bytes.size()), 0, &this->memory.error);
+        const uint32_t read = F::unmarshal(this->handle, domain, block.get(), value,
+                                           static_cast<int32_t>(bytes.size()), 0, this->err);
         EXPECT_LE(this->memory.allocated_bytes() - allocated, bytes.size() + 1);
         if (this->memory.error) {
             EXPECT_TRUE(this->memory.error == LOOM_EMSGSIZE || this->memory.error == LOOM_EINVAL);
@@ -150,37 +141,32 @@ TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
             // What was accepted is a value: it has one wire form, and that is what was read.
             EXPECT_EQ(this->wire(value), std::vector<uint8_t>(bytes.begin(), bytes.begin() + read));
         }
-        this->end(value);
-        this->end(source);
     }
 }
 
 TYPED_TEST(ValueOperations, ReadBackTheirXml) {
     using F = TypeParam;
     for (uint32_t i = 0; i < this->rounds; ++i) {
-        auto* value = this->random_value();
-        auto* copy = this->random_value();
+        const auto value = this->random_value();
+        const auto copy = this->random_value();
         const auto state = static_cast<uint8_t>(i % 3 ? 0 : this->random());
         const std::string element = this->xml(value, state);
         EXPECT_EQ(element.find(" state=\"" + std::to_string(state) + "\"") != std::string::npos, state != 0);
         const auto document = parse("<record>\n  " + element + "\n</record>\n");
-        F::from_xml(this->memory.handle(), domain, "record/value[1]", document.get(), copy, &this->memory.error,
-                    nullptr, 0);
+        F::from_xml(this->handle, domain, "record/value[1]", document.get(), copy, this->err, nullptr, 0);
         EXPECT_EQ(this->memory.error, 0u) << element;
         EXPECT_TRUE(this->same(value, copy)) << element;
         EXPECT_EQ(this->xml(copy, state), element);
-        this->end(value);
-        this->end(copy);
     }
 }
 
 TYPED_TEST(ValueOperations, StayWithinAShortTextBuffer) {
     using F = TypeParam;
     for (int i = 0; i < 12; ++i) {
-        auto* value = this->random_value();
-        loom_handle* handle = this->memory.handle();
+        const auto value = this->random_value();
+        loom_handle* const handle = this->handle;
         const auto print = [&](char* buffer, int32_t length) {
-            return F::print(handle, domain, buffer, 3, "some_name", value, length, &this->memory.error);
+            return F::print(handle, domain, buffer, 3, "some_name", value, length, this->err);
         };
         std::vector<char> buffer(8192, static_cast<char>(canary));
         const int32_t size = print(buffer.data(), static_cast<int32_t>(buffer.size()));
@@ -205,14 +191,13 @@ TYPED_TEST(ValueOperations, StayWithinAShortTextBuffer) {
         for (int32_t length = -1; length <= static_cast<int32_t>(element.size()) + 1; ++length) {
             std::fill(buffer.begin(), buffer.end(), static_cast<char>(canary));
             const uint32_t written =
-                F::to_xml(handle, domain, "value", buffer.data(), value, length, 2, &this->memory.error);
+                F::to_xml(handle, domain, "value", buffer.data(), value, length, 2, this->err);
             const bool fits = length >= static_cast<int32_t>(element.size());
             EXPECT_EQ(written, fits ? element.size() : 0);
             EXPECT_EQ(std::string(buffer.data(), written), fits ? element : "");
             EXPECT_EQ(buffer[static_cast<size_t>(std::max(0, length))], static_cast<char>(canary));
             this->expect_error(fits ? 0 : LOOM_EMSGSIZE);
         }
-        this->end(value);
     }
 }
 
@@ -221,11 +206,11 @@ TYPED_TEST(ValueOperations, SayWhichElementTheyCannotRead) {
     const auto document =
         parse("<record><bad>no such value</bad><coded encoding=\"hex\">0g</coded><odd encoding=\"rot13\">x</odd>"
               "</record>");
-    auto* value = this->random_value();
+    const auto value = this->random_value();
     this->memory.watch();
     char message[64] = "untouched";
     const auto read = [&](const char* path, char* text, uint32_t size) {
-        F::from_xml(this->memory.handle(), domain, path, document.get(), value, &this->memory.error, text, size);
+        F::from_xml(this->handle, domain, path, document.get(), value, this->err, text, size);
     };
     read("record/absent", message, sizeof message);
     this->expect_error(LOOM_ENOENT);
@@ -245,19 +230,18 @@ TYPED_TEST(ValueOperations, SayWhichElementTheyCannotRead) {
         EXPECT_STREQ(message, "Failed xpath: record/bad");
     }
     EXPECT_TRUE(this->memory.unchanged());
-    this->end(value);
 }
 
 TYPED_TEST(ValueOperations, DoNothingWithAnErrorPending) {
     using F = TypeParam;
     using type = typename F::type;
-    loom_handle* handle = this->memory.handle();
-    auto* value = this->random_value();
-    auto* other = this->random_value();
+    loom_handle* const handle = this->handle;
+    const auto value = this->random_value();
+    const auto other = this->random_value();
     const auto bytes = this->wire(other);
     const auto document = parse("<r>" + this->xml(other) + "</r>");
     const uint64_t allocations = this->memory.allocations();
-    uint32_t* err = &this->memory.error;
+    uint32_t* const err = this->err;
     *err = LOOM_EIDRM;
     this->memory.watch();
 
@@ -287,16 +271,14 @@ TYPED_TEST(ValueOperations, DoNothingWithAnErrorPending) {
     EXPECT_EQ(std::string(buffer, sizeof buffer), std::string(sizeof buffer, static_cast<char>(canary)));
     EXPECT_EQ(*err, static_cast<uint32_t>(LOOM_EIDRM));
     EXPECT_EQ(handle->last_error, 0u);
-    this->end(value);
-    this->end(other);
 }
 
 TYPED_TEST(ValueOperations, TakeNullForWhatItStandsFor) {
     using F = TypeParam;
     using type = typename F::type;
-    loom_handle* handle = this->memory.handle();
-    uint32_t* err = &this->memory.error;
-    auto* empty = this->memory.template place<type>();
+    loom_handle* const handle = this->handle;
+    uint32_t* const err = this->err;
+    const auto empty = this->empty_value();
     EXPECT_EQ(F::len(handle, domain, nullptr), this->wire(empty).size());
     EXPECT_EQ(F::hash(nullptr, 1234), 1234u);
     EXPECT_EQ(F::get(handle, domain, nullptr, err), nullptr);
@@ -331,16 +313,15 @@ TYPED_TEST(ValueOperations, TakeNullForWhatItStandsFor) {
         EXPECT_EQ(clone, nullptr);
         EXPECT_EQ(F::get_oid_count(handle, domain, empty, err), 0u);
     }
-    this->end(empty);
 }
 
 TYPED_TEST(ValueOperations, AnnounceEveryStore) {
     using F = TypeParam;
-    loom_handle* handle = this->memory.handle();
-    uint32_t* err = &this->memory.error;
+    loom_handle* const handle = this->handle;
+    uint32_t* const err = this->err;
     for (uint32_t i = 0; i < this->rounds; ++i) {
-        auto* value = this->random_value();
-        auto* other = this->random_value();
+        const auto value = this->random_value();
+        const auto other = this->random_value();
         const auto bytes = this->wire(other);
         const auto document = parse("<r>" + this->xml(other) + "</r>");
         this->memory.watch();
@@ -368,27 +349,25 @@ TYPED_TEST(ValueOperations, AnnounceEveryStore) {
         const auto hook = std::exchange(handle->write_hook, nullptr);
         F::set(handle, domain, value, other, err);
         handle->write_hook = hook;
-        this->end(value);
-        this->end(other);
     }
 }
 
 TYPED_TEST(ValueOperations, CopyPrivately) {
     using F = TypeParam;
     using type = typename F::type;
-    loom_handle* handle = this->memory.handle();
-    uint32_t* err = &this->memory.error;
+    loom_handle* const handle = this->handle;
+    uint32_t* const err = this->err;
     for (uint32_t i = 0; i < this->rounds; ++i) {
-        auto* value = this->random_value();
-        auto* copy = this->random_value();
+        auto value = this->random_value();
+        const auto copy = this->random_value();
         const auto bytes = this->wire(value);
         F::set(handle, domain, copy, copy, err); // onto itself
         F::set(handle, domain, copy, value, err);
         EXPECT_EQ(this->wire(copy), bytes);
         if constexpr (is_object<F>) {
             // A block copy shares what lies outside until it is cleaned up; also through _set.
-            auto* block_copy = this->memory.template place<type>();
-            std::memcpy(static_cast<void*>(block_copy), value, sizeof *value);
+            const auto block_copy = this->empty_value();
+            std::memcpy(static_cast<void*>(block_copy.get()), value, sizeof *value);
             if (i % 2)
                 F::post_copyout_cleanup(handle, domain, block_copy, value, err);
             else
@@ -400,13 +379,11 @@ TYPED_TEST(ValueOperations, CopyPrivately) {
             ASSERT_NE(clone, nullptr);
             EXPECT_EQ(this->wire(block_copy), bytes);
             EXPECT_EQ(this->wire(clone), bytes);
-            this->end(block_copy);
             F::destroy(handle, domain, clone);
         }
-        this->end(value);
+        value.reset();
         EXPECT_EQ(this->wire(copy), bytes);
         EXPECT_EQ(*err, 0u);
-        this->end(copy);
     }
 }
 
@@ -425,10 +402,10 @@ void with_each_allocation_failing(watched_memory& memory, Operation operation) {
 TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
     using F = TypeParam;
     using type = typename F::type;
-    loom_handle* handle = this->memory.handle();
-    uint32_t* err = &this->memory.error;
+    loom_handle* const handle = this->handle;
+    uint32_t* const err = this->err;
     for (int i = 0; i < 40; ++i) {
-        auto* source = this->random_value();
+        const auto source = this->random_value();
         const auto bytes = this->wire(source);
         const auto size = static_cast<int32_t>(bytes.size());
         const auto document = parse("<r>" + this->xml(source) + "</r>");
@@ -438,7 +415,7 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
             [&](type* value) { F::from_xml(handle, domain, "r/value", document.get(), value, err, nullptr, 0); },
         };
         for (const auto& way : ways) {
-            auto* value = this->random_value();
+            const auto value = this->random_value();
             with_each_allocation_failing(this->memory, [&] {
                 this->memory.watch();
                 way(value);
@@ -449,7 +426,6 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
                 }
             });
             EXPECT_TRUE(this->same(value, source));
-            this->end(value);
         }
         with_each_allocation_failing(this->memory, [&] {
             if (type* value = F::create(handle, domain)) {
@@ -470,11 +446,11 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
                 F::destroy(handle, domain, clone);
             });
             with_each_allocation_failing(this->memory, [&] {
-                auto* block_copy = this->memory.template place<type>();
-                std::memcpy(static_cast<void*>(block_copy), source, sizeof *source);
+                auto block_copy = this->empty_value();
+                std::memcpy(static_cast<void*>(block_copy.get()), source, sizeof *source);
                 F::post_copyout_cleanup(handle, domain, block_copy, source, err);
                 if (this->memory.error) this->expect_error(LOOM_ENOMEM);
-                this->end(block_copy); // may be empty, but owns nothing of the source
+                block_copy.reset(); // may be empty, but owns nothing of the source
                 EXPECT_EQ(this->wire(source), bytes);
             });
             type* clone = nullptr;
@@ -483,20 +459,19 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
             EXPECT_EQ(clone, nullptr);
             this->expect_error(LOOM_EMSGSIZE);
         }
-        this->end(source);
     }
 }
 
 TYPED_TEST(ValueOperations, HashAndOrderAgree) {
     using F = TypeParam;
     if constexpr (has_order<F>) {
-        std::vector<typename F::type*> values;
+        std::vector<typename TestFixture::held> values;
         for (int i = 0; i < 60; ++i)
             values.push_back(this->random_value());
         const uint64_t allocations = this->memory.allocations();
         this->memory.watch();
-        for (auto* a : values) {
-            for (auto* b : values) {
+        for (const auto& a : values) {
+            for (const auto& b : values) {
                 const int32_t result = F::compare(a, b);
                 EXPECT_TRUE(result >= -1 && result <= 1);
                 EXPECT_EQ(result, -F::compare(b, a));
@@ -506,7 +481,7 @@ TYPED_TEST(ValueOperations, HashAndOrderAgree) {
                 if (result == 0) {
                     EXPECT_EQ(F::hash(a, 5), F::hash(b, 5));
                 }
-                for (auto* c : values)
+                for (const auto& c : values)
                     if (result <= 0 && F::compare(b, c) <= 0) {
                         EXPECT_LE(F::compare(a, c), 0);
                     }
@@ -514,29 +489,25 @@ TYPED_TEST(ValueOperations, HashAndOrderAgree) {
         }
         EXPECT_TRUE(this->memory.unchanged());
         EXPECT_EQ(this->memory.allocations(), allocations);
-        for (auto* value : values)
-            this->end(value);
     }
-    auto* value = this->random_value();
+    const auto value = this->random_value();
     EXPECT_NE(F::hash(value, 1), F::hash(value, 2));
-    this->end(value);
 }
 
 TYPED_TEST(ValueOperations, TakeTheirToldPlaceInAHolder) {
     using F = TypeParam;
     using type = typename F::type;
-    loom_handle* handle = this->memory.handle();
+    loom_handle* const handle = this->handle;
     EXPECT_EQ(F::width(handle, domain), sizeof(type));
     if constexpr (has_order<F>) {
-        auto* value = this->memory.template place<type>();
+        const auto value = this->empty_value();
         this->memory.watch();
-        F::initialize(handle, domain, value, F::type_info, 1, 0, OBJ_NESTED, nullptr, &this->memory.error);
+        F::initialize(handle, domain, value, F::type_info, 1, 0, OBJ_NESTED, nullptr, this->err);
         F::set_instance_embedded(handle, domain, value);
         if constexpr (is_object<F>) F::set_all_state_tracking_flag(handle, domain, value, 2);
         F::destroy_internal(handle, domain, value, 0);
         EXPECT_TRUE(this->memory.unchanged());
         EXPECT_EQ(this->memory.error, 0u);
-        this->memory.give_back(value);
     }
 }
 

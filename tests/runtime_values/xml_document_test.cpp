@@ -1,19 +1,11 @@
 // Documents: what is parsed and what refused, elements by path, and that reading a document by paths is linear.
-#include <loom_runtime/xml.h>
+#include "documents.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <memory>
-#include <string>
 
 namespace {
-
-using document_pointer = std::unique_ptr<loom_xml_document, void (*)(loom_xml_document*)>;
-
-document_pointer parse(const std::string& text, loom_xml_error* error = nullptr) {
-    return document_pointer(loom_xml_parse(text.data(), text.size(), error), loom_xml_free);
-}
 
 /// The value at the path, or "error N".
 std::string value_at(const document_pointer& document, const std::string& path) {
