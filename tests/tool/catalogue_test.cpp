@@ -21,13 +21,8 @@ class catalogue : public tool_fixture {
     /// A database made from the export holds the same, and says so. A union whose selected arm was never made gets
     /// one from its element, so it is the export of that database which must come back whole.
     void expect_to_come_back(const std::string& db, const std::string& verdict) {
-        const std::string first = file("first.db"), second = file("second.db"), xml = file("second.xml");
-        loom_good({"create", first});
-        loom_good({"import", first, written("first.xml", loom_good({"export", db}).out)});
-        EXPECT_EQ(loom_good({"export", first, "--output", xml}).err, "");
-        loom_good({"create", second});
-        loom_good({"import", second, xml});
-        EXPECT_EQ(loom_good({"compare", first, second}).out, verdict);
+        const std::string first = imported("first.db", written("first.xml", loom_good({"export", db}).out));
+        EXPECT_EQ(loom_good({"compare", first, copy_through_xml(first, "second.db")}).out, verdict);
     }
 };
 
@@ -38,7 +33,7 @@ TEST_F(catalogue, every_table_takes_a_record_and_gives_it_back) {
     const std::map<std::string, std::string> ordered = {
         {"tbl_child_ordered_parent_ordered", "rec_child_ordered_parent_ordered"},
         {"tbl_top_level_ordered_with_ordered_child", "rec_parent_with_ordered_child"}};
-    std::string xml = "<all>";
+    std::string xml;
     for (const std::string& name : names) {
         const auto payload = ordered.find(name);
         xml += "<" + name + ">";
@@ -47,9 +42,7 @@ TEST_F(catalogue, every_table_takes_a_record_and_gives_it_back) {
                    payload->second + ">";
         xml += "</" + name + ">";
     }
-    const std::string db = file("a.db");
-    loom_good({"create", db});
-    loom_good({"import", db, written("all.xml", xml + "</all>")});
+    const std::string db = database_of("a.db", xml);
     expect_to_come_back(db, "equal: 47 records of 47 tables\n");
     for (const std::string& name : names) {
         EXPECT_EQ(lines_of(loom_good({"walk", db, name}).out).size(), 1u) << name;
@@ -68,9 +61,7 @@ std::ostream& operator<<(std::ostream& out, const key_case& each) { return out <
 class keys : public catalogue, public testing::WithParamInterface<key_case> {};
 
 TEST_P(keys, are_walked_in_order_and_found) {
-    const std::string db = file("a.db"), table = GetParam().table;
-    loom_good({"create", db});
-    loom_good({"import", db, written("records.xml", std::string("<all>") + GetParam().records + "</all>")});
+    const std::string db = database_of("a.db", GetParam().records), table = GetParam().table;
     std::string expected;
     for (const char* key : GetParam().walk)
         expected += std::string(key) + "\n";
@@ -131,25 +122,20 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.table; });
 
 TEST_F(catalogue, a_misspelt_member_is_no_key) {
-    const std::string db = file("a.db");
-    loom_good({"create", db});
-    loom_good({"import", db, written("all.xml", "<all><tbl_top_level_enum_key/></all>")});
-    const outcome found = loom({"find", db, "tbl_top_level_enum_key", "enum_key=EN_VAL_33"});
-    EXPECT_EQ(found.status, 1);
-    EXPECT_TRUE(contains(found.err, "'EN_VAL_33' is no value of enum_key"));
+    const std::string db = database_of("a.db", "<tbl_top_level_enum_key/>");
+    expect_refused({"find", db, "tbl_top_level_enum_key", "enum_key=EN_VAL_33"},
+                   {"'EN_VAL_33' is no value of enum_key"});
 }
 
 TEST_F(catalogue, unions_arrays_lists_and_flags_come_back) {
     const std::string records =
-        "<all><tbl_top_level_rec_with_keyless_list><ud_type_keyless_list><uint32_key>4</uint32_key>"
+        "<tbl_top_level_rec_with_keyless_list><ud_type_keyless_list><uint32_key>4</uint32_key>"
         "<list_attr/><list_attr/></ud_type_keyless_list></tbl_top_level_rec_with_keyless_list>"
         "<tbl_top_level_comp_key><rec_type><flg_attr><UD_FLG1/><UD_FLG8/></flg_attr>"
         "<b_arr_attr>1</b_arr_attr><b_arr_attr>2</b_arr_attr><ud_arr_attr/><ud_arr_attr/>"
         "<fixed_len_char_arr_attr>sixteen or less</fixed_len_char_arr_attr></rec_type>"
-        "<comp_key><s_key>k</s_key><ip_key>2001:db8::5</ip_key></comp_key></tbl_top_level_comp_key></all>";
-    const std::string db = file("a.db");
-    loom_good({"create", db});
-    loom_good({"import", db, written("records.xml", records)});
+        "<comp_key><s_key>k</s_key><ip_key>2001:db8::5</ip_key></comp_key></tbl_top_level_comp_key>";
+    const std::string db = database_of("a.db", records);
     const std::string out = loom_good({"export", db}).out;
     EXPECT_TRUE(contains(out, "<UD_FLG8/>"));
     EXPECT_TRUE(contains(out, "<ip_key>2001:db8::5</ip_key>"));
@@ -162,21 +148,15 @@ TEST_F(catalogue, too_many_elements_for_an_array_are_told) {
         xml += "<b_fixed_arr_attr>1</b_fixed_arr_attr>"; // has room for three
     const std::string db = file("a.db");
     loom_good({"create", db});
-    const outcome import =
-        loom({"import", db, written("r.xml", xml + "</rec_type></tbl_top_level_comp_key></all>")});
-    EXPECT_EQ(import.status, 1);
-    EXPECT_TRUE(contains(import.err, "no place for the element rec_type/b_fixed_arr_attr[4]"));
+    expect_refused({"import", db, written("r.xml", xml + "</rec_type></tbl_top_level_comp_key></all>")},
+                   {"no place for the element rec_type/b_fixed_arr_attr[4]"});
 }
 
 TEST_F(catalogue, the_campus_comes_back_whole) {
-    const std::string db = file("a.db"), other = file("b.db"), out = file("out.xml");
+    const std::string db = file("a.db");
     loom_good({"create", db});
-    const outcome import = loom_good({"import", db, CAMPUS_FILE});
-    EXPECT_TRUE(contains(import.out, "radio_operation_tbl: "));
-    EXPECT_EQ(loom_good({"export", db, "--output", out}).err, "");
-    loom_good({"create", other});
-    loom_good({"import", other, out});
-    EXPECT_TRUE(contains(loom_good({"compare", db, other}).out, "records of 3 tables"));
+    EXPECT_TRUE(contains(loom_good({"import", db, CAMPUS_FILE}).out, "radio_operation_tbl: "));
+    EXPECT_TRUE(contains(loom_good({"compare", db, copy_through_xml(db, "b.db")}).out, "records of 3 tables"));
 
     const std::vector<std::string> keys = lines_of(loom_good({"walk", db, "radio_operation_tbl"}).out);
     EXPECT_GE(keys.size(), 100u);
@@ -193,9 +173,7 @@ TEST_F(catalogue, the_bytes_of_a_radio_are_explained_to_the_last) {
     for (const auto& entry : std::filesystem::directory_iterator(SCHEMA_DIRECTORY))
         if (entry.path().extension() == ".trellis") words.push_back(entry.path().string());
     const std::string model = written("model.json", running_program(directory(), words).wait().out);
-    const std::string db = file("a.db");
-    loom_good({"create", db});
-    loom_good({"import", db, CAMPUS_FILE});
+    const std::string db = imported("a.db", CAMPUS_FILE);
     const std::string bytes = loom_good({"show", db, "radio_operation_tbl", "wtp_mac=00:00:5e:00:53:0c",
                                          "radio_slot_id=1", "--bytes", "--schema", model})
                                   .out;

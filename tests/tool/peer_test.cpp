@@ -61,26 +61,21 @@ TEST_F(peers, a_whole_table_goes_into_another_database) {
 
 TEST_F(peers, a_receiver_refuses_what_it_has) {
     const std::string db = greenhouse_database("a.db"), other = greenhouse_database("b.db");
-    const outcome sent = loom({"send", db, "bed_tbl", "--exec", LOOM_PROGRAM, "receive", "--into", other});
-    EXPECT_EQ(sent.status, 1);
-    EXPECT_TRUE(contains(sent.err, "the receiver refused bed_tbl house=1 row=1: error 17 (File exists)"));
+    expect_refused({"send", db, "bed_tbl", "--exec", LOOM_PROGRAM, "receive", "--into", other},
+                   {"the receiver refused bed_tbl house=1 row=1: error 17 (File exists)"});
 }
 
 TEST_F(peers, a_receiver_without_the_table_gets_nothing) {
     const std::string db = greenhouse_database("a.db");
     const std::string sibling =
         (std::filesystem::path(GREENHOUSE_LIBRARY).parent_path() / "libnexa_comm.so").string();
-    const outcome sent = loom({"send", db, "bed_tbl", "--exec", LOOM_PROGRAM, "receive", "--bundle", sibling});
-    EXPECT_EQ(sent.status, 1);
-    EXPECT_TRUE(contains(sent.err, "error 52"));
+    expect_refused({"send", db, "bed_tbl", "--exec", LOOM_PROGRAM, "receive", "--bundle", sibling}, {"error 52"});
 }
 
 TEST_F(peers, nobody_there) {
     const std::string db = greenhouse_database("a.db");
-    const outcome sent = loom({"send", db, "bed_tbl", "--socket", file("socket")});
-    EXPECT_EQ(sent.status, 1);
-    EXPECT_TRUE(contains(sent.err, "nobody answers"));
-    EXPECT_EQ(loom({"send", db, "bed_tbl", "--exec", "/no/such/program"}).status, 1);
+    expect_refused({"send", db, "bed_tbl", "--socket", file("socket")}, {"nobody answers"});
+    expect_refused({"send", db, "bed_tbl", "--exec", "/no/such/program"}, {});
     EXPECT_TRUE(contains(loom({"receive"}).err, "the standard input is no socket"));
 }
 
@@ -99,21 +94,20 @@ outcome told(const std::filesystem::path& directory, const std::string& bytes) {
 }
 
 TEST_F(peers, what_is_no_record_is_refused) {
-    const outcome garbage = told(directory(), std::string(100, 'x'));
-    EXPECT_EQ(garbage.status, 1);
-    EXPECT_TRUE(contains(garbage.err, "its header is wrong"));
-    const outcome nothing = told(directory(), "");
-    EXPECT_EQ(nothing.status, 1);
-    EXPECT_TRUE(contains(nothing.err, "before it sent a record"));
-    const outcome cut = told(directory(), std::string("\xBC", 1) + std::string(6, '\xFF'));
-    EXPECT_EQ(cut.status, 1);
-    EXPECT_TRUE(contains(cut.err, "7 of 43 bytes"));
+    const std::string begin = "\xBC" + std::string(6, '\xFF'), header = begin + std::string(5, '\0');
     // A header that promises more than follows, and one of a table that nobody knows.
-    std::string header = std::string("\xBC", 1) + std::string(6, '\xFF') + std::string(5, '\0');
     const std::string promise = header + std::string("\0\0\1\0", 4) + std::string(11 + 16 + 20, '\0');
-    EXPECT_TRUE(contains(told(directory(), promise).err, "20 of 213 bytes"));
     const std::string unknown = header + std::string("\0\0\0\x2F", 4) + std::string(11 + 16 + 4, '\0');
-    EXPECT_TRUE(contains(told(directory(), unknown).err, "no loaded bundle knows"));
+    const std::pair<std::string, const char*> samples[] = {{std::string(100, 'x'), "its header is wrong"},
+                                                           {"", "before it sent a record"},
+                                                           {begin, "7 of 43 bytes"},
+                                                           {promise, "20 of 213 bytes"},
+                                                           {unknown, "no loaded bundle knows"}};
+    for (const auto& [bytes, said] : samples) {
+        const outcome ended = told(directory(), bytes);
+        EXPECT_EQ(ended.status, 1) << said;
+        EXPECT_TRUE(contains(ended.err, said));
+    }
 }
 
 } // namespace

@@ -94,15 +94,40 @@ std::string tool_fixture::written(const std::string& name, const std::string& co
     return file(name);
 }
 
-std::string tool_fixture::greenhouse_database(const std::string& name) const {
+std::string tool_fixture::imported(const std::string& name, const std::string& xml_file) const {
     loom_good({"create", file(name)});
-    loom_good({"import", file(name), BEDS_FILE});
+    loom_good({"import", file(name), xml_file});
     return file(name);
+}
+
+std::string tool_fixture::database_of(const std::string& name, const std::string& records) const {
+    return imported(name, written(name + ".records", "<all>" + records + "</all>"));
+}
+
+std::string tool_fixture::greenhouse_database(const std::string& name) const { return imported(name, BEDS_FILE); }
+
+std::string tool_fixture::copy_through_xml(const std::string& db, const std::string& name) const {
+    EXPECT_EQ(loom_good({"export", db, "--output", file(name + ".xml")}).err, "");
+    return imported(name, file(name + ".xml"));
+}
+
+void tool_fixture::expect_refused(const std::vector<std::string>& words,
+                                  const std::vector<std::string>& said) const {
+    SCOPED_TRACE(testing::PrintToString(words));
+    const outcome result = loom(words);
+    EXPECT_EQ(result.status, 1);
+    for (const std::string& part : said)
+        EXPECT_TRUE(contains(result.err, part));
 }
 
 testing::AssertionResult contains(const std::string& text, const std::string& part) {
     if (text.find(part) != std::string::npos) return testing::AssertionSuccess();
     return testing::AssertionFailure() << "'" << part << "' is not in:\n" << text;
+}
+
+std::string bed(int house, int row, const std::string& inside, const std::string& attributes) {
+    return "<bed_tbl" + attributes + "><bed>" + inside + "</bed><bed_key><house>" + std::to_string(house) +
+           "</house><row>" + std::to_string(row) + "</row></bed_key></bed_tbl>";
 }
 
 } // namespace tool_test

@@ -52,8 +52,17 @@ class tool_fixture : public testing::Test {
     std::string file(const std::string& name) const { return (directory_ / name).string(); }
     /// Writes a file and returns its path.
     std::string written(const std::string& name, const std::string& contents) const;
+    /// The path of a new database with the records of a file.
+    std::string imported(const std::string& name, const std::string& xml_file) const;
+    /// The same with the records of a text, which an element is put around.
+    std::string database_of(const std::string& name, const std::string& records) const;
     /// A database with the beds of the example.
     std::string greenhouse_database(const std::string& name) const;
+    /// A new database with what another one exports, which does so without a remark; the export stays in
+    /// `name`.xml.
+    std::string copy_through_xml(const std::string& db, const std::string& name) const;
+    /// Runs `loom`, which is to end with 1 and to say all these parts.
+    void expect_refused(const std::vector<std::string>& words, const std::vector<std::string>& said) const;
 
     const std::filesystem::path& directory() const { return directory_; }
 
@@ -62,5 +71,8 @@ class tool_fixture : public testing::Test {
 };
 
 testing::AssertionResult contains(const std::string& text, const std::string& part);
+
+/// The element of a record of beds.
+std::string bed(int house, int row, const std::string& inside = "", const std::string& attributes = "");
 
 } // namespace tool_test
