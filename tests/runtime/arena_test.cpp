@@ -7,27 +7,14 @@
 namespace {
 using namespace runtime_test;
 
-class arena : public testing::TestWithParam<memory_kind> {
+class arena : public on_database {
   protected:
-    void* alloc(std::size_t size) { return handle->alloc(handle->alloc_ctx, 1, size); }
-    void free(void* block) { handle->free(handle->alloc_ctx, 1, block); }
-    void announce(const void* address, std::size_t size) {
-        handle->write_hook(handle.get(), address, size, 1, nullptr);
-    }
-    loom_arena_usage usage() {
-        loom_arena_usage now{};
-        loom_arena_usage_get(handle.get(), &now);
-        return now;
-    }
-    void verify() { ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text(); }
-
-    scratch_directory directory;
-    handle_ptr handle = open_kind(GetParam(), directory);
+    void announce(const void* address, std::size_t size) { handle->write_hook(handle, address, size, 1, nullptr); }
 };
 INSTANTIATE_TEST_SUITE_P(kinds, arena,
                          testing::Values(memory_kind::private_memory, memory_kind::manifested_memory,
                                          memory_kind::shared_file, memory_kind::exclusive_file),
-                         [](const auto& each) { return name_of(each.param); });
+                         name_of_kind);
 
 struct live_block {
     std::size_t size;
@@ -54,7 +41,7 @@ TEST_P(arena, blocks_never_overlap_and_come_back) {
     random_source random(11);
     live_blocks blocks;
     const loom_arena_usage before = usage();
-    loom_write_begin(handle.get()); // one section instead of one per allocation
+    loom_write_begin(handle); // one section instead of one per allocation
     for (int round = 0; round < 8000; ++round) {
         if (blocks.empty() || random() % 100 < (round < 5000 ? 60u : 40u)) {
             const std::size_t size = random_size(random);
@@ -71,14 +58,14 @@ TEST_P(arena, blocks_never_overlap_and_come_back) {
             free(victim->first);
             blocks.erase(victim);
         }
-        if (round % 1000 == 0) verify();
+        if (round % 1000 == 0) expect_sound(handle);
     }
     expect_contents(blocks);
-    loom_write_commit(handle.get());
+    loom_write_commit(handle);
     expect_contents(blocks);
     for (const auto& [block, each] : blocks)
         free(block);
-    verify();
+    expect_sound(handle);
     EXPECT_EQ(usage().blocks, before.blocks);
     EXPECT_EQ(usage().bytes, before.bytes);
 }
@@ -89,7 +76,7 @@ TEST_P(arena, an_aborted_section_leaves_no_trace) {
     random_source random(12);
     live_blocks kept;
     for (int round = 0; round < 30; ++round) {
-        ASSERT_EQ(loom_write_begin(handle.get()), 0u);
+        ASSERT_EQ(loom_write_begin(handle), 0u);
         live_blocks now = kept;
         for (int step = 0; step < 400; ++step) {
             const unsigned choice = random() % 100;
@@ -113,29 +100,29 @@ TEST_P(arena, an_aborted_section_leaves_no_trace) {
         }
         const bool commit = random() % 3 == 0;
         if (commit) {
-            ASSERT_EQ(loom_write_commit(handle.get()), 0u);
+            ASSERT_EQ(loom_write_commit(handle), 0u);
             kept = now;
         } else {
-            ASSERT_EQ(loom_write_abort(handle.get()), 0u);
+            ASSERT_EQ(loom_write_abort(handle), 0u);
         }
-        verify();
+        expect_sound(handle);
         expect_contents(kept);
     }
     for (const auto& [block, each] : kept)
         free(block);
-    verify();
+    expect_sound(handle);
 }
 
 TEST_P(arena, grows_over_many_megabytes) {
     std::vector<void*> blocks;
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     for (int i = 0; i < 60; ++i) {
         blocks.push_back(alloc(1u << 20));
         ASSERT_NE(blocks.back(), nullptr);
         std::memset(blocks.back(), i, 1u << 20);
     }
-    loom_write_commit(handle.get());
-    verify();
+    loom_write_commit(handle);
+    expect_sound(handle);
     for (void* each : blocks)
         free(each);
     // What came back is used again before the arena grows further.
@@ -144,13 +131,13 @@ TEST_P(arena, grows_over_many_megabytes) {
     EXPECT_NE(large, nullptr);
     EXPECT_EQ(usage().extent, extent);
     free(large);
-    verify();
+    expect_sound(handle);
 }
 
 TEST_P(arena, a_request_beyond_the_reservation_is_refused) {
     EXPECT_EQ(alloc(~std::size_t{0}), nullptr);
     EXPECT_EQ(alloc(std::size_t{1} << 45), nullptr);
-    verify();
+    expect_sound(handle);
 }
 
 TEST(small_arena, is_used_up_and_given_back_entirely) {
@@ -170,11 +157,11 @@ TEST(small_arena, is_used_up_and_given_back_entirely) {
             blocks.push_back(block);
             total += size;
         }
-        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        expect_sound(handle);
         largest = std::max(largest, total);
         for (void* each : blocks)
             handle->free(handle->alloc_ctx, 1, each);
-        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        expect_sound(handle);
         // However it was cut up before, all of it comes together again.
         void* whole = handle->alloc(handle->alloc_ctx, 1, 1u << 20);
         ASSERT_TRUE(whole) << round;
@@ -184,13 +171,13 @@ TEST(small_arena, is_used_up_and_given_back_entirely) {
 }
 
 TEST_P(arena, allocation_fails_on_demand) {
-    loom_arena_fail_after(handle.get(), 2);
+    loom_arena_fail_after(handle, 2);
     void* first = alloc(8);
     void* second = alloc(8);
     EXPECT_TRUE(first && second);
     EXPECT_EQ(alloc(8), nullptr);
     EXPECT_EQ(alloc(8), nullptr);
-    loom_arena_fail_after(handle.get(), UINT64_MAX);
+    loom_arena_fail_after(handle, UINT64_MAX);
     free(first);
     free(second);
     free(alloc(8));
@@ -208,18 +195,18 @@ TEST_P(arena, named_roots_are_found_and_replaced) {
     EXPECT_EQ(arbor_set_key(handle->alloc_ctx, "root 3", blocks[7]), 1u);
     EXPECT_EQ(arbor_get_key(handle->alloc_ctx, "root 3"), blocks[7]);
     EXPECT_EQ(arbor_set_key(nullptr, "root", blocks[0]), 0u);
-    verify();
+    expect_sound(handle);
 }
 
 TEST_P(arena, knows_its_range_and_the_roots_that_were_taken_back) {
     int outside = 0;
     EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, &outside));
     EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, nullptr));
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     void* root = alloc(32);
     ASSERT_EQ(arbor_set_key(handle->alloc_ctx, "cached by a bundle", root), 1u);
     EXPECT_TRUE(arbor_in_range(handle->alloc_ctx, root));
-    loom_write_abort(handle.get());
+    loom_write_abort(handle);
     EXPECT_EQ(arbor_get_key(handle->alloc_ctx, "cached by a bundle"), nullptr);
     void* filler = alloc(4096); // the address is inside the arena again, but it is not that root any more
     EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, root));
@@ -269,10 +256,10 @@ TEST(private_memory, is_watched_by_the_address_sanitizer) {
     EXPECT_DEATH(block[50] = 1, "use-after-poison");
     // An abort brings back what its section has freed.
     block = alloc(100);
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     free(block);
     EXPECT_DEATH(block[50] = 1, "use-after-poison");
-    loom_write_abort(handle.get());
+    loom_write_abort(handle);
     block[50] = 1;
     free(block);
 }
@@ -291,99 +278,97 @@ TEST_P(arena, debugging_finds_stores_without_a_notice) {
     auto* block = static_cast<unsigned char*>(alloc(100));
     std::memset(block, 0, 100);
     found_stores found;
-    ASSERT_EQ(loom_debug_arena_start(handle.get(), found_stores::add, &found), 0u);
-    ASSERT_EQ(loom_write_begin(handle.get()), 0u);
+    ASSERT_EQ(loom_debug_arena_start(handle, found_stores::add, &found), 0u);
+    ASSERT_EQ(loom_write_begin(handle), 0u);
     announce(block + 10, 4);
     std::memset(block + 10, 1, 4);
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
+    EXPECT_EQ(loom_debug_arena_check(handle), 0u);
 
     std::memset(block + 12, 2, 4); // the notice of before the check is used up
     block[40] = 3;
-    ASSERT_EQ(loom_debug_arena_check(handle.get()), 2u);
+    ASSERT_EQ(loom_debug_arena_check(handle), 2u);
     ASSERT_EQ(found.stores.size(), 2u);
     EXPECT_EQ(found.stores[0].address, block + 12);
     EXPECT_EQ(found.stores[0].length, 4u);
     EXPECT_EQ(found.stores[0].block, block);
     EXPECT_GE(found.stores[0].block_size, 100u);
     EXPECT_EQ(found.stores[1].address, block + 40);
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
+    EXPECT_EQ(loom_debug_arena_check(handle), 0u);
 
     block[50] = 4; // announced too late
     announce(block + 48, 8);
     ASSERT_EQ(found.stores.size(), 3u);
     EXPECT_EQ(found.stores[2].at_notice, 1u);
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 1u);
-    loom_write_commit(handle.get());
+    EXPECT_EQ(loom_debug_arena_check(handle), 1u);
+    loom_write_commit(handle);
 }
 
 TEST_P(arena, debugging_leaves_fresh_memory_alone_until_the_check) {
     ASSERT_EQ(loom_debug_arena_start(
-                  handle.get(), [](const loom_unannounced_store*, void*) {}, nullptr),
+                  handle, [](const loom_unannounced_store*, void*) {}, nullptr),
               0u);
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     auto* block = static_cast<unsigned char*>(alloc(64));
     std::memset(block, 9, 64);
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
+    EXPECT_EQ(loom_debug_arena_check(handle), 0u);
     block[0] = 1;
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 1u);
-    loom_debug_arena_exempt(handle.get(), block, 1, 1);
+    EXPECT_EQ(loom_debug_arena_check(handle), 1u);
+    loom_debug_arena_exempt(handle, block, 1, 1);
     block[0] = 2;
-    EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
-    loom_write_commit(handle.get());
+    EXPECT_EQ(loom_debug_arena_check(handle), 0u);
+    loom_write_commit(handle);
 }
 
 TEST_P(arena, debugging_tells_the_tag_of_a_block) {
     found_stores found;
-    ASSERT_EQ(loom_debug_arena_start(handle.get(), found_stores::add, &found), 0u);
-    loom_write_begin(handle.get());
+    ASSERT_EQ(loom_debug_arena_start(handle, found_stores::add, &found), 0u);
+    loom_write_begin(handle);
     umber_set_callsite_tag(4711);
     auto* tagged = static_cast<unsigned char*>(alloc(24));
     auto* plain = static_cast<unsigned char*>(alloc(24));
-    loom_debug_arena_check(handle.get());
+    loom_debug_arena_check(handle);
     tagged[3] ^= 1;
     plain[3] ^= 1;
-    loom_debug_arena_check(handle.get());
+    loom_debug_arena_check(handle);
     ASSERT_EQ(found.stores.size(), 2u);
     EXPECT_EQ(found.stores[0].block_tag + found.stores[1].block_tag, 4711u);
-    loom_write_commit(handle.get());
+    loom_write_commit(handle);
 }
 
 /// The runtime's own records are announced like everything else.
 TEST_P(arena, the_runtime_itself_announces_every_store) {
     load_fake_bundle();
-    ASSERT_EQ(loom_debug_arena_start(handle.get(), nullptr, nullptr), 0u);
-    std::uint32_t err = 0;
+    ASSERT_EQ(loom_debug_arena_start(handle, nullptr, nullptr), 0u);
     const auto step = [&](auto work) {
-        loom_write_begin(handle.get());
+        loom_write_begin(handle);
         work();
-        EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
-        loom_write_commit(handle.get());
-        EXPECT_EQ(loom_debug_arena_check(handle.get()), 0u);
+        EXPECT_EQ(loom_debug_arena_check(handle), 0u);
+        loom_write_commit(handle);
+        EXPECT_EQ(loom_debug_arena_check(handle), 0u);
     };
     loom_table* table = nullptr;
     std::vector<fake_record*> records;
-    step([&] { table = fake_table_open(handle.get(), 1, "debug/table", &err); });
+    step([&] { table = fake_table_open(handle, 1, "debug/table", &err); });
     step([&] {
-        loom_table_set_replication(handle.get(), 1, table, 1, 1);
+        loom_table_set_replication(handle, 1, table, 1, 1);
         for (std::uint32_t key = 0; key < 200; ++key)
-            records.push_back(fake_table_add(handle.get(), 1, table, key, &err));
+            records.push_back(fake_table_add(handle, 1, table, key, &err));
     });
     step([&] {
         for (fake_record* each : records) {
-            loomdb_request_record_destroy(handle.get(), 1, &each->record, &err);
-            loom_record_set_location(handle.get(), 1, &each->record, each->key % 2 ? "here" : "there");
-            loomdb_update_tenant_counter(handle.get(), 1, table, 1, static_cast<std::uint16_t>(each->key % 30), 1,
-                                         &err);
-            loomlib_record_dereference_loc(handle.get(), 1, &each->record, &err);
+            loomdb_request_record_destroy(handle, 1, &each->record, &err);
+            loom_record_set_location(handle, 1, &each->record, each->key % 2 ? "here" : "there");
+            loomdb_update_tenant_counter(handle, 1, table, 1, static_cast<std::uint16_t>(each->key % 30), 1, &err);
+            loomlib_record_dereference_loc(handle, 1, &each->record, &err);
         }
-        loom_table_advance_read_cursor(handle.get(), table, 100);
+        loom_table_advance_read_cursor(handle, table, 100);
     });
-    step([&] { loom_gc_run(handle.get(), nullptr); });
-    step([&] { loom_table_advance_read_cursor(handle.get(), table, 200); });
-    step([&] { loom_gc_run(handle.get(), nullptr); });
-    step([&] { loomdb_database_toc_delete(handle.get(), 1, table, &err); });
-    step([&] { loom_gc_run(handle.get(), nullptr); });
+    step([&] { loom_gc_run(handle, nullptr); });
+    step([&] { loom_table_advance_read_cursor(handle, table, 200); });
+    step([&] { loom_gc_run(handle, nullptr); });
+    step([&] { loomdb_database_toc_delete(handle, 1, table, &err); });
+    step([&] { loom_gc_run(handle, nullptr); });
     EXPECT_EQ(err, 0u);
-    verify();
+    expect_sound(handle);
 }
 } // namespace

@@ -21,7 +21,7 @@ struct database_file : testing::Test {
     handle_ptr make() {
         load_fake_bundle();
         handle_ptr handle = open_mapped(path);
-        loom_write_begin(handle.get());
+        loom_write_begin(handle);
         auto* cells = static_cast<std::uint64_t*>(handle->alloc(handle->alloc_ctx, 1, 800));
         std::memset(cells, 0, 800);
         arbor_set_key(handle->alloc_ctx, "cells", cells);
@@ -29,20 +29,12 @@ struct database_file : testing::Test {
         std::memset(spare, 's', 3000);
         arbor_set_key(handle->alloc_ctx, "spare", spare);
         std::uint32_t err = 0;
-        loom_table* table = fake_table_open(handle.get(), 1, "old/table", &err);
+        loom_table* table = fake_table_open(handle, 1, "old/table", &err);
         for (std::uint32_t key = 0; key < 10; ++key)
-            fake_table_add(handle.get(), 1, table, key, &err);
+            fake_table_add(handle, 1, table, key, &err);
         EXPECT_EQ(err, 0u);
-        EXPECT_EQ(loom_write_commit(handle.get()), 0u);
+        EXPECT_EQ(loom_write_commit(handle), 0u);
         return handle;
-    }
-    static std::uint64_t* cells_of(const handle_ptr& handle) {
-        return static_cast<std::uint64_t*>(arbor_get_key(handle->alloc_ctx, "cells"));
-    }
-    static void set_cell(const handle_ptr& handle, std::size_t cell, std::uint64_t value) {
-        std::uint64_t* place = cells_of(handle) + cell;
-        handle->write_hook(handle.get(), place, sizeof *place, 1, nullptr);
-        *place = value;
     }
     std::string reason(std::uint32_t flags = 0) const {
         handle_ptr handle(loom_open_mapped(path.c_str(), flags));
@@ -65,23 +57,23 @@ TEST_F(database_file, keeps_its_contents_and_its_address) {
     {
         handle_ptr handle = make();
         place = cells_of(handle);
-        loom_write_begin(handle.get());
+        loom_write_begin(handle);
         set_cell(handle, 5, 55);
-        loom_write_commit(handle.get());
-        loom_database_identity(handle.get(), identity);
+        loom_write_commit(handle);
+        loom_database_identity(handle, identity);
         EXPECT_STREQ(handle->db_name, "test");
-        EXPECT_EQ(loom_database_sync(handle.get()), 0u);
+        EXPECT_EQ(loom_database_sync(handle), 0u);
     }
     handle_ptr handle = open_mapped(path, 0);
     EXPECT_EQ(cells_of(handle), place);
     EXPECT_EQ(cells_of(handle)[5], 55u);
-    loom_database_identity(handle.get(), again);
+    loom_database_identity(handle, again);
     EXPECT_EQ(std::memcmp(identity, again, 16), 0);
     std::uint32_t err = 0;
-    loom_table* table = fake_table_open(handle.get(), 1, "old/table", &err);
+    loom_table* table = fake_table_open(handle, 1, "old/table", &err);
     ASSERT_TRUE(table);
     EXPECT_EQ(table->record_count, 10u);
-    EXPECT_EQ(loom_arena_verify(handle.get()), 0u);
+    expect_sound(handle);
 }
 
 TEST_F(database_file, says_what_is_wrong_with_a_file) {
@@ -135,10 +127,9 @@ TEST_F(database_file, opens_no_damaged_header) {
 
 TEST_F(database_file, names_what_is_in_the_way) {
     handle_ptr handle = make();
-    loom_arena_usage usage{};
-    loom_arena_usage_get(handle.get(), &usage);
+    const std::uint64_t base = usage_of(handle).base;
     handle.reset();
-    void* obstacle = mmap(reinterpret_cast<void*>(usage.base + (1 << 20)), 4096, PROT_READ,
+    void* obstacle = mmap(reinterpret_cast<void*>(base + (1 << 20)), 4096, PROT_READ,
                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     ASSERT_NE(obstacle, MAP_FAILED);
     EXPECT_NE(reason().find("is taken by memory without a name"), std::string::npos) << loom_error_text();
@@ -169,7 +160,7 @@ TEST_F(database_file, exclusive_use_shuts_others_out) {
     EXPECT_EQ(loomlib_db_is_shared(), 0u);
     handle = open_mapped(path, LOOM_OPEN_EXCLUSIVE);
     EXPECT_EQ(loomlib_db_is_shared(), 0u);
-    EXPECT_NE(loomlib_database_is_write_locked(handle.get()), 0u);
+    EXPECT_NE(loomlib_database_is_write_locked(handle), 0u);
     EXPECT_NE(reason().find("in use exclusively"), std::string::npos);
     child_process other({"open", path});
     EXPECT_NE(other.line().find("in use exclusively"), std::string::npos);
@@ -179,48 +170,45 @@ TEST_F(database_file, exclusive_use_shuts_others_out) {
 TEST_F(database_file, sections_do_not_nest_and_know_their_handle) {
     handle_ptr handle = make();
     handle_ptr second = open_mapped(path, 0);
-    EXPECT_EQ(loomlib_database_is_write_locked(handle.get()), 0u);
-    EXPECT_EQ(loom_write_begin(handle.get()), 0u);
-    EXPECT_NE(loomlib_database_is_write_locked(handle.get()), 0u);
-    EXPECT_EQ(loomlib_database_is_write_locked(second.get()), 0u);
-    EXPECT_EQ(loom_write_begin(handle.get()), std::uint32_t{EBUSY});
-    EXPECT_EQ(loom_read_begin(handle.get()), std::uint32_t{EBUSY});
-    EXPECT_EQ(loom_write_begin(second.get()), std::uint32_t{EDEADLK});
-    EXPECT_EQ(loom_read_begin(second.get()), std::uint32_t{EDEADLK});
+    EXPECT_EQ(loomlib_database_is_write_locked(handle), 0u);
+    EXPECT_EQ(loom_write_begin(handle), 0u);
+    EXPECT_NE(loomlib_database_is_write_locked(handle), 0u);
+    EXPECT_EQ(loomlib_database_is_write_locked(second), 0u);
+    EXPECT_EQ(loom_write_begin(handle), std::uint32_t{EBUSY});
+    EXPECT_EQ(loom_read_begin(handle), std::uint32_t{EBUSY});
+    EXPECT_EQ(loom_write_begin(second), std::uint32_t{EDEADLK});
+    EXPECT_EQ(loom_read_begin(second), std::uint32_t{EDEADLK});
     EXPECT_EQ(second->alloc(second->alloc_ctx, 1, 8), nullptr);
-    EXPECT_EQ(loom_read_end(handle.get()), std::uint32_t{EINVAL});
-    EXPECT_EQ(loom_write_commit(handle.get()), 0u);
-    EXPECT_EQ(loom_write_commit(handle.get()), std::uint32_t{EINVAL});
-    EXPECT_EQ(loom_read_begin(handle.get()), 0u);
-    EXPECT_EQ(loom_read_begin(second.get()), 0u); // readers share
-    EXPECT_EQ(loom_read_end(second.get()), 0u);
-    EXPECT_EQ(loom_read_end(handle.get()), 0u);
+    EXPECT_EQ(loom_read_end(handle), std::uint32_t{EINVAL});
+    EXPECT_EQ(loom_write_commit(handle), 0u);
+    EXPECT_EQ(loom_write_commit(handle), std::uint32_t{EINVAL});
+    EXPECT_EQ(loom_read_begin(handle), 0u);
+    EXPECT_EQ(loom_read_begin(second), 0u); // readers share
+    EXPECT_EQ(loom_read_end(second), 0u);
+    EXPECT_EQ(loom_read_end(handle), 0u);
 }
 
 TEST_F(database_file, objects_made_while_reading_are_the_processes_own) {
     handle_ptr handle = make();
     auto* before = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 50));
-    loom_arena_usage start{}, end{};
-    loom_arena_usage_get(handle.get(), &start);
-    loom_read_begin(handle.get());
+    const std::uint64_t blocks = usage_of(handle).blocks;
+    loom_read_begin(handle);
     auto* temporary = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 100));
     ASSERT_TRUE(temporary);
     std::memset(temporary, 1, 100);
     EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, temporary));
     EXPECT_EQ(arbor_set_range(handle->alloc_ctx, temporary, 8, 1), 1u);
     handle->free(handle->alloc_ctx, 1, before); // is carried out when the database may be changed
-    loom_arena_usage_get(handle.get(), &end);
-    EXPECT_EQ(start.blocks, end.blocks);
+    EXPECT_EQ(usage_of(handle).blocks, blocks);
     EXPECT_EQ(arbor_set_key(handle->alloc_ctx, "refused", temporary), 0u);
-    loom_read_end(handle.get());
-    loom_arena_usage_get(handle.get(), &end);
-    EXPECT_EQ(start.blocks, end.blocks + 1);
+    loom_read_end(handle);
+    EXPECT_EQ(usage_of(handle).blocks, blocks - 1);
     handle->free(handle->alloc_ctx, 1, temporary);
 }
 
 TEST_F(database_file, closing_inside_a_section_aborts_it) {
     handle_ptr handle = make();
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     set_cell(handle, 3, 33);
     handle.reset();
     handle = open_mapped(path, 0);
@@ -237,12 +225,12 @@ TEST_F(database_file, many_processes_and_threads_count_together) {
         threads.emplace_back([&] {
             handle_ptr own = open_mapped(path, 0);
             for (int round = 0; round < 100; ++round) {
-                ASSERT_EQ(loom_write_begin(own.get()), 0u);
+                ASSERT_EQ(loom_write_begin(own), 0u);
                 set_cell(own, 0, cells_of(own)[0] + 1);
-                ASSERT_EQ(loom_write_commit(own.get()), 0u);
-                ASSERT_EQ(loom_read_begin(own.get()), 0u);
+                ASSERT_EQ(loom_write_commit(own), 0u);
+                ASSERT_EQ(loom_read_begin(own), 0u);
                 ASSERT_EQ(cells_of(own)[1], 0u);
-                ASSERT_EQ(loom_read_end(own.get()), 0u);
+                ASSERT_EQ(loom_read_end(own), 0u);
                 // Objects outside sections come and go beside other handles' sections.
                 own->free(own->alloc_ctx, 1, own->alloc(own->alloc_ctx, 1, 24));
             }
@@ -251,44 +239,40 @@ TEST_F(database_file, many_processes_and_threads_count_together) {
         each.join();
     for (auto& each : children)
         EXPECT_EQ(WEXITSTATUS(each->wait()), 0);
-    loom_read_begin(handle.get());
+    loom_read_begin(handle);
     EXPECT_EQ(cells_of(handle)[0], 800u);
-    EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
-    loom_read_end(handle.get());
+    expect_sound(handle);
+    loom_read_end(handle);
 }
 
 TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
     handle_ptr handle = make();
     const std::vector<char> before = bytes();
-    loom_arena_usage start{}, end{};
-    loom_arena_usage_get(handle.get(), &start);
+    const loom_arena_usage start = usage_of(handle);
     for (const bool by_reading : {false, true}) {
         child_process child({"die_in_section", path});
         const int status = child.wait();
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
         EXPECT_EQ(cells_of(handle)[7], 0xDEADu); // the store itself did happen
         if (by_reading)
-            loom_read_begin(handle.get());
+            loom_read_begin(handle);
         else
-            loom_write_begin(handle.get());
+            loom_write_begin(handle);
         EXPECT_EQ(cells_of(handle)[7], 0u);
-        EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
-        loom_arena_usage_get(handle.get(), &end);
-        EXPECT_EQ(start.blocks, end.blocks);
-        EXPECT_EQ(start.bytes, end.bytes);
+        expect_sound(handle);
+        EXPECT_EQ(usage_of(handle).blocks, start.blocks);
+        EXPECT_EQ(usage_of(handle).bytes, start.bytes);
         const auto* spare = static_cast<const char*>(arbor_get_key(handle->alloc_ctx, "spare"));
         EXPECT_EQ(std::string(spare, 3000), std::string(3000, 's'));
         std::uint32_t err = 0;
-        const auto* luid = fake_table_type.info.luid;
-        EXPECT_FALSE(loomdb_database_toc_get_table_root(handle.get(), 1, "left/behind", 11, 0, luid, 16, 1, &err));
-        loom_table* old =
-            loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0, luid, 16, 1, &err);
+        EXPECT_FALSE(fake_table_find(handle, 1, "left/behind", &err));
+        loom_table* old = fake_table_find(handle, 1, "old/table", &err);
         ASSERT_TRUE(old);
         EXPECT_EQ(old->record_count, 10u);
         if (by_reading)
-            loom_read_end(handle.get());
+            loom_read_end(handle);
         else
-            loom_write_commit(handle.get());
+            loom_write_commit(handle);
     }
 }
 
@@ -296,8 +280,7 @@ TEST_F(database_file, a_writer_that_dies_leaves_nothing_behind) {
 /// sums that every section keeps must hold afterwards.
 TEST_F(database_file, processes_may_be_killed_at_any_moment) {
     handle_ptr handle = make();
-    loom_arena_usage start{}, end{};
-    loom_arena_usage_get(handle.get(), &start);
+    const loom_arena_usage start = usage_of(handle);
     random_source random(2);
     for (int round = 0; round < 40; ++round) {
         {
@@ -305,28 +288,26 @@ TEST_F(database_file, processes_may_be_killed_at_any_moment) {
             ASSERT_EQ(child.line(), "working");
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
         } // killed here
-        ASSERT_EQ(loom_read_begin(handle.get()), 0u);
-        ASSERT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+        ASSERT_EQ(loom_read_begin(handle), 0u);
+        expect_sound(handle);
         std::uint64_t sum = 0;
         for (std::size_t cell = 0; cell < 50; ++cell)
             sum += cells_of(handle)[cell];
         ASSERT_EQ(sum, 0u);
         std::uint32_t err = 0;
-        loom_table* table = loomdb_database_toc_get_table_root(handle.get(), 1, "old/table", 9, 0,
-                                                               fake_table_type.info.luid, 16, 1, &err);
+        loom_table* table = fake_table_find(handle, 1, "old/table", &err);
         ASSERT_EQ(table->record_count, 10 + cells_of(handle)[51]);
         std::uint64_t records = 0;
         for (e_avl_node* node = e_avl_get_first(table->avl_root); node;
              node = e_avl_get_next(table->avl_root, node, nullptr))
             ++records;
         ASSERT_EQ(records, table->record_count);
-        loom_arena_usage_get(handle.get(), &end);
-        ASSERT_EQ(end.blocks, start.blocks + cells_of(handle)[50] + cells_of(handle)[51]);
-        ASSERT_EQ(loom_read_end(handle.get()), 0u);
+        ASSERT_EQ(usage_of(handle).blocks, start.blocks + cells_of(handle)[50] + cells_of(handle)[51]);
+        ASSERT_EQ(loom_read_end(handle), 0u);
     }
-    loom_read_begin(handle.get());
+    loom_read_begin(handle);
     EXPECT_GT(cells_of(handle)[51], 0u); // some sections did commit
-    loom_read_end(handle.get());
+    loom_read_end(handle);
 }
 
 TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
@@ -335,7 +316,7 @@ TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
     child.wait();
     handle_ptr handle = open_mapped(path, 0);
     EXPECT_EQ(cells_of(handle)[7], 0u);
-    EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
+    expect_sound(handle);
 }
 
 /// A log of tens of megabytes outgrows the addresses that it begins with, in the process that writes it and in one
@@ -343,21 +324,21 @@ TEST_F(database_file, a_dead_writer_is_cleaned_up_by_the_next_open) {
 TEST_F(database_file, a_long_section_is_put_back) {
     handle_ptr handle = make();
     const std::vector<char> expected(large_size, 'L');
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     void* block = handle->alloc(handle->alloc_ctx, 1, large_size);
     std::memcpy(block, expected.data(), large_size);
     arbor_set_key(handle->alloc_ctx, "large", block);
-    ASSERT_EQ(loom_write_commit(handle.get()), 0u);
+    ASSERT_EQ(loom_write_commit(handle), 0u);
 
     child_process({"die_in_long_section", path}).wait();
     EXPECT_GT(std::filesystem::file_size(path + ".undo"), 11 * large_size);
-    ASSERT_EQ(loom_read_begin(handle.get()), 0u) << loom_error_text();
+    ASSERT_EQ(loom_read_begin(handle), 0u) << loom_error_text();
     EXPECT_EQ(std::memcmp(block, expected.data(), large_size), 0);
-    loom_read_end(handle.get());
+    loom_read_end(handle);
 
-    loom_write_begin(handle.get());
-    overwrite_large(handle.get(), 20);
-    ASSERT_EQ(loom_write_abort(handle.get()), 0u);
+    loom_write_begin(handle);
+    overwrite_large(handle, 20);
+    ASSERT_EQ(loom_write_abort(handle), 0u);
     EXPECT_EQ(std::memcmp(block, expected.data(), large_size), 0);
 }
 
@@ -421,8 +402,8 @@ TEST_F(database_file, a_dead_reader_blocks_nobody) {
     handle_ptr handle = make();
     child_process child({"die_reading", path});
     child.wait();
-    EXPECT_EQ(loom_write_begin(handle.get()), 0u);
-    EXPECT_EQ(loom_write_commit(handle.get()), 0u);
+    EXPECT_EQ(loom_write_begin(handle), 0u);
+    EXPECT_EQ(loom_write_commit(handle), 0u);
 }
 
 TEST_F(database_file, a_writer_waits_for_readers_and_readers_for_the_writer) {
@@ -432,9 +413,9 @@ TEST_F(database_file, a_writer_waits_for_readers_and_readers_for_the_writer) {
     std::atomic<bool> written{false};
     std::thread writer([&] {
         handle_ptr own = open_mapped(path, 0);
-        loom_write_begin(own.get());
+        loom_write_begin(own);
         set_cell(own, 0, 5);
-        loom_write_commit(own.get());
+        loom_write_commit(own);
         written = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -447,9 +428,9 @@ TEST_F(database_file, a_writer_waits_for_readers_and_readers_for_the_writer) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         holder.go_on();
     });
-    loom_read_begin(handle.get());
+    loom_read_begin(handle);
     EXPECT_EQ(cells_of(handle)[0], 77u);
-    loom_read_end(handle.get());
+    loom_read_end(handle);
     release.join();
 }
 
@@ -457,12 +438,12 @@ TEST_F(database_file, what_another_process_adds_is_there_at_once) {
     handle_ptr handle = make();
     child_process other({"grow", path});
     ASSERT_EQ(other.line(), "grown");
-    loom_read_begin(handle.get());
+    loom_read_begin(handle);
     const auto* block = static_cast<const char*>(arbor_get_key(handle->alloc_ctx, "grown"));
     ASSERT_TRUE(block);
     EXPECT_EQ(block[0], 'g');
     EXPECT_EQ(block[(8u << 20) - 1], 'g');
-    loom_read_end(handle.get());
+    loom_read_end(handle);
     other.go_on();
     EXPECT_EQ(WEXITSTATUS(other.wait()), 0);
 }
@@ -473,14 +454,14 @@ TEST_F(database_file, an_object_of_one_handle_outlives_the_abort_of_another) {
     std::memset(own, 0, 64);
     std::thread([&] {
         handle_ptr other = open_mapped(path, 0);
-        loom_write_begin(other.get());
+        loom_write_begin(other);
         set_cell(other, 0, 9);
         // Not in a section: this handle's notices are not part of the other one's.
         std::thread([&] {
-            handle->write_hook(handle.get(), own, 8, 1, nullptr);
+            handle->write_hook(handle, own, 8, 1, nullptr);
             *own = 42;
         }).join();
-        loom_write_abort(other.get());
+        loom_write_abort(other);
     }).join();
     EXPECT_EQ(*own, 42u);
     EXPECT_EQ(cells_of(handle)[0], 0u);
@@ -513,45 +494,45 @@ TEST(handle, shows_its_settings_to_bundles) {
     EXPECT_EQ(handle->header_tag, 77u);
     ASSERT_TRUE(handle->sttr_block);
     EXPECT_EQ(handle->sttr_block->sttr_mode, LOOM_STTR_ON);
-    loom_set_tracking(handle.get(), LOOM_TRACKING_OFF);
+    loom_set_tracking(handle, LOOM_TRACKING_OFF);
     EXPECT_EQ(handle->sttr_block->sttr_mode, LOOM_STTR_OFF);
-    loom_set_tracking(handle.get(), LOOM_TRACKING_NONE);
+    loom_set_tracking(handle, LOOM_TRACKING_NONE);
     EXPECT_FALSE(handle->sttr_block);
     void* workspace = nullptr;
     std::uint32_t size = 0;
-    loomlib_get_handle_ws(handle.get(), &workspace, &size);
+    loomlib_get_handle_ws(handle, &workspace, &size);
     EXPECT_EQ(size, 5000u);
     std::memset(workspace, 1, size);
-    loom_set_workspace_size(handle.get(), 10000);
-    loomlib_get_handle_ws(handle.get(), &workspace, &size);
+    loom_set_workspace_size(handle, 10000);
+    loomlib_get_handle_ws(handle, &workspace, &size);
     EXPECT_EQ(size, 10000u);
     std::memset(workspace, 1, size);
-    loom_set_suppress_messages(handle.get(), 1);
-    EXPECT_EQ(loomlib_suppress_messages_enabled(handle.get()), 1u);
+    loom_set_suppress_messages(handle, 1);
+    EXPECT_EQ(loomlib_suppress_messages_enabled(handle), 1u);
 }
 
 TEST(handle, shows_reports_to_its_observer_and_counts_them) {
     handle_ptr handle = open_private();
     std::vector<loom_report> seen;
     loom_set_containment(
-        handle.get(), 1,
+        handle, 1,
         [](loom_handle*, const loom_report* report, void* context) {
             static_cast<std::vector<loom_report>*>(context)->push_back(*report);
         },
         &seen);
     EXPECT_EQ(handle->containment, 1u);
     int value = 0, parent = 0;
-    loomdb_record_containment2(handle.get(), 3, &value, &parent, 1);
-    loomdb_record_containment(handle.get(), 3, 4, &value, nullptr, 1);
-    loomdb_plat_set_dirty(handle.get(), 3, &value);
-    loomdb_plat_set_destroy(handle.get(), 3, &value);
-    loomdb_plat_set_detach(handle.get(), 3, &value, 1);
+    loomdb_record_containment2(handle, 3, &value, &parent, 1);
+    loomdb_record_containment(handle, 3, 4, &value, nullptr, 1);
+    loomdb_plat_set_dirty(handle, 3, &value);
+    loomdb_plat_set_destroy(handle, 3, &value);
+    loomdb_plat_set_detach(handle, 3, &value, 1);
     ASSERT_EQ(seen.size(), 5u);
     EXPECT_EQ(seen[0].parent, &parent);
     EXPECT_EQ(seen[1].subject_kind, 4u);
     EXPECT_EQ(seen[4].kind, LOOM_REPORT_DETACH);
     EXPECT_EQ(seen[4].arm, 1u);
-    EXPECT_EQ(loom_report_count(handle.get(), LOOM_REPORT_CONTAINMENT), 2u);
-    EXPECT_EQ(loom_report_count(handle.get(), LOOM_REPORT_DESTROY), 1u);
+    EXPECT_EQ(loom_report_count(handle, LOOM_REPORT_CONTAINMENT), 2u);
+    EXPECT_EQ(loom_report_count(handle, LOOM_REPORT_DESTROY), 1u);
 }
 } // namespace

@@ -14,48 +14,48 @@ struct message_bundles : testing::Test {
     handle_ptr handle = open_private();
     std::uint32_t err = 0;
     void add(const std::uint8_t* luid, const char* name) {
-        bundle_message_validate_add(handle.get(), 1, luid, name, &err);
-        bundle_message_increment_count(handle.get(), luid, &err);
+        bundle_message_validate_add(handle, 1, luid, name, &err);
+        bundle_message_increment_count(handle, luid, &err);
     }
 };
 
 TEST_F(message_bundles, hold_and_count_messages) {
-    EXPECT_EQ(loom_message_bundle_open(handle.get(), "update"), 0u);
+    EXPECT_EQ(loom_message_bundle_open(handle, "update"), 0u);
     EXPECT_EQ(handle->bundle_active, 1u);
-    EXPECT_EQ(loom_message_bundle_open(handle.get(), "second"), std::uint32_t{EEXIST});
+    EXPECT_EQ(loom_message_bundle_open(handle, "second"), std::uint32_t{EEXIST});
     add(first_luid, "first");
     add(first_luid, "first");
     add(second_luid, "second");
     EXPECT_EQ(err, 0u);
-    EXPECT_EQ(loom_message_bundle_count(handle.get(), first_luid), 2u);
-    EXPECT_EQ(loom_message_bundle_count(handle.get(), nullptr), 3u);
+    EXPECT_EQ(loom_message_bundle_count(handle, first_luid), 2u);
+    EXPECT_EQ(loom_message_bundle_count(handle, nullptr), 3u);
     std::string all;
     loom_message_bundle_each(
-        handle.get(),
+        handle,
         [](const std::uint8_t*, const char* name, std::uint64_t count, void* context) {
             *static_cast<std::string*>(context) += name + std::string("=") + std::to_string(count) + " ";
         },
         &all);
     EXPECT_EQ(all, "first=2 second=1 ");
-    EXPECT_EQ(loom_message_bundle_close(handle.get()), 0u);
+    EXPECT_EQ(loom_message_bundle_close(handle), 0u);
     EXPECT_EQ(handle->bundle_active, 0u);
-    EXPECT_EQ(loom_message_bundle_close(handle.get()), std::uint32_t{ENOENT});
+    EXPECT_EQ(loom_message_bundle_close(handle), std::uint32_t{ENOENT});
 }
 
 TEST_F(message_bundles, refuse_what_they_were_not_told_of) {
-    bundle_message_validate_add(handle.get(), 1, first_luid, "first", &err);
+    bundle_message_validate_add(handle, 1, first_luid, "first", &err);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_ENOENT});
-    loom_message_bundle_open(handle.get(), "narrow");
-    bundle_message_increment_count(handle.get(), first_luid, &err);
+    loom_message_bundle_open(handle, "narrow");
+    bundle_message_increment_count(handle, first_luid, &err);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_ENOENT});
-    loom_message_bundle_allow(handle.get(), first_luid);
-    bundle_message_validate_add(handle.get(), 1, second_luid, "second", &err);
+    loom_message_bundle_allow(handle, first_luid);
+    bundle_message_validate_add(handle, 1, second_luid, "second", &err);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EPERM});
     EXPECT_EQ(handle->last_error, std::uint32_t{LOOM_EPERM});
-    loom_message_bundle_limit(handle.get(), 1);
+    loom_message_bundle_limit(handle, 1);
     add(first_luid, "first");
     EXPECT_EQ(err, 0u);
-    bundle_message_validate_add(handle.get(), 1, first_luid, "first", &err);
+    bundle_message_validate_add(handle, 1, first_luid, "first", &err);
     EXPECT_EQ(err, std::uint32_t{LOOM_ENOSPC});
 }
 
@@ -93,10 +93,10 @@ TEST(registry, finds_bundles_types_and_tables) {
     EXPECT_STREQ(loom_bundle_module(bundle)->name, "fake_bundle");
     const loom_table_vft* vft = nullptr;
     std::uint32_t err = 0;
-    loom_bundle_table_get_vft(bundle)(handle.get(), 1, fake_table_type.info.luid, &vft, &err);
+    loom_bundle_table_get_vft(bundle)(handle, 1, fake_table_type.info.luid, &vft, &err);
     EXPECT_EQ(vft, &fake_table_vft);
-    EXPECT_EQ(loom_find_table_vft(handle.get(), fake_table_type.info.luid), &fake_table_vft);
-    EXPECT_FALSE(loom_find_table_vft(handle.get(), first_luid));
+    EXPECT_EQ(loom_find_table_vft(handle, fake_table_type.info.luid), &fake_table_vft);
+    EXPECT_FALSE(loom_find_table_vft(handle, first_luid));
     EXPECT_EQ(loom_find_type("fake_table"), &fake_table_type.info);
     EXPECT_FALSE(loom_find_type("no_such_type"));
     EXPECT_TRUE(loom_bundle_symbol(bundle, "fake_bundle_fetch_table_get_vft"));

@@ -9,36 +9,25 @@ extern "C" unsigned put_off_objects_destroyed;
 namespace {
 using namespace runtime_test;
 
-class references : public testing::TestWithParam<memory_kind> {
+class references : public in_write_section {
   protected:
-    void SetUp() override {
-        load_fake_bundle();
-        loom_write_begin(handle.get());
-    }
-    void TearDown() override {
-        EXPECT_EQ(loom_write_commit(handle.get()), 0u);
-        EXPECT_EQ(loom_arena_verify(handle.get()), 0u) << loom_error_text();
-    }
-    fake_object* object(fake_type& of) { return new_object(handle.get(), &of.info); }
+    fake_object* object(fake_type& of) { return new_object(handle, &of.info); }
     loom_oid oid_of(void* target, std::uint32_t counted) {
         loom_oid oid;
-        loom_handle_to_oid(&oid, handle.get(), 1, target, 1, counted, &err);
+        loom_handle_to_oid(&oid, handle, 1, target, 1, counted, &err);
         return oid;
     }
     loom_oid_state state_of(const void* target) {
         loom_oid_state state{};
-        loom_oid_mapping_state(handle.get(), target, &state);
+        loom_oid_mapping_state(handle, target, &state);
         return state;
     }
 
-    scratch_directory directory;
-    handle_ptr handle = open_kind(GetParam(), directory);
     fake_type type{"referenced"};
     fake_type ending{"put_off_type"};
-    std::uint32_t err = 0;
 };
 INSTANTIATE_TEST_SUITE_P(kinds, references, testing::Values(memory_kind::private_memory, memory_kind::shared_file),
-                         [](const auto& each) { return name_of(each.param); });
+                         name_of_kind);
 
 TEST_P(references, are_unique_and_never_zero) {
     std::set<std::string> ids;
@@ -46,10 +35,10 @@ TEST_P(references, are_unique_and_never_zero) {
         fake_object* each = object(type);
         // Some references are asked for; the runtime's own choice goes round them.
         const std::uint64_t wanted = i % 5 == 0 ? i + 3 : 0;
-        const std::uint64_t given = loom_oid_mapping_create(handle.get(), 1, each, 1, 0, wanted, &err);
+        const std::uint64_t given = loom_oid_mapping_create(handle, 1, each, 1, 0, wanted, &err);
         if (wanted && given == 0) {
             EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EEXIST});
-            loom_oid_mapping_create(handle.get(), 1, each, 1, 0, 0, &err);
+            loom_oid_mapping_create(handle, 1, each, 1, 0, 0, &err);
         } else if (wanted) {
             EXPECT_EQ(given, wanted);
         }
@@ -59,20 +48,20 @@ TEST_P(references, are_unique_and_never_zero) {
         EXPECT_FALSE(loom_oid_id_is_zero(oid.id));
         EXPECT_TRUE(ids.insert(std::string(reinterpret_cast<const char*>(oid.id), 16)).second);
         std::uint8_t identity[16];
-        loom_database_identity(handle.get(), identity);
+        loom_database_identity(handle, identity);
         EXPECT_EQ(std::memcmp(oid.source, identity, 16), 0);
-        EXPECT_EQ(loom_oid_to_handle(handle.get(), 1, &oid, &err), each);
+        EXPECT_EQ(loom_oid_to_handle(handle, 1, &oid, &err), each);
     }
-    EXPECT_EQ(loom_oid_mapping_count(handle.get()), 400u);
+    EXPECT_EQ(loom_oid_mapping_count(handle), 400u);
 }
 
 TEST_P(references, one_object_has_one_mapping) {
     fake_object* each = object(type);
-    EXPECT_NE(loom_oid_mapping_create(handle.get(), 1, each, 1, 1, 0, &err), 0u);
-    EXPECT_EQ(loom_oid_mapping_create(handle.get(), 1, each, 1, 0, 0, &err), 0u);
+    EXPECT_NE(loom_oid_mapping_create(handle, 1, each, 1, 1, 0, &err), 0u);
+    EXPECT_EQ(loom_oid_mapping_create(handle, 1, each, 1, 0, 0, &err), 0u);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EEXIST});
     EXPECT_EQ(state_of(each).dynamic, 1u);
-    EXPECT_EQ(loom_oid_mapping_create(handle.get(), 1, nullptr, 1, 0, 0, &err), 0u);
+    EXPECT_EQ(loom_oid_mapping_create(handle, 1, nullptr, 1, 0, 0, &err), 0u);
     EXPECT_EQ(err, std::uint32_t{LOOM_EINVAL});
 }
 
@@ -83,23 +72,23 @@ TEST_P(references, are_counted_only_when_asked_for) {
     loom_oid counted = oid_of(each, 1);
     EXPECT_EQ(state_of(each).count, 1u);
     EXPECT_GE(counted.object, 256u);
-    loom_oid_mapping* mapping = loomlib_oid_id_mapping_get(handle.get(), 1, &counted, &err);
+    loom_oid_mapping* mapping = loomlib_oid_id_mapping_get(handle, 1, &counted, &err);
     ASSERT_TRUE(mapping);
-    EXPECT_FALSE(loomlib_oid_id_mapping_get(handle.get(), 1, &plain, &err));
-    loomlib_update_oid_ref_count(handle.get(), 1, mapping, 1, &err);
-    loomlib_lookup_and_update_oid_ref_count(handle.get(), 1, each, 1, &err);
+    EXPECT_FALSE(loomlib_oid_id_mapping_get(handle, 1, &plain, &err));
+    loomlib_update_oid_ref_count(handle, 1, mapping, 1, &err);
+    loomlib_lookup_and_update_oid_ref_count(handle, 1, each, 1, &err);
     EXPECT_EQ(state_of(each).count, 3u);
-    loomlib_lookup_and_update_oid_ref_count(handle.get(), 1, each, 0, &err);
-    loomlib_update_oid_ref_count(handle.get(), 1, mapping, 0, &err);
+    loomlib_lookup_and_update_oid_ref_count(handle, 1, each, 0, &err);
+    loomlib_update_oid_ref_count(handle, 1, mapping, 0, &err);
     loom_oid value = counted;
-    loomlib_oid_release_internal(handle.get(), 1, &value, &err);
+    loomlib_oid_release_internal(handle, 1, &value, &err);
     EXPECT_EQ(std::memcmp(&value, &counted, sizeof value), 0);
     EXPECT_EQ(state_of(each).count, 0u);
     EXPECT_EQ(err, 0u);
-    loomlib_update_oid_ref_count(handle.get(), 1, mapping, 0, &err);
+    loomlib_update_oid_ref_count(handle, 1, mapping, 0, &err);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EINVAL});
     loom_oid copy = plain;
-    loomlib_oid_release_internal(handle.get(), 1, &copy, &err);
+    loomlib_oid_release_internal(handle, 1, &copy, &err);
     EXPECT_EQ(err, 0u);
 }
 
@@ -108,18 +97,18 @@ TEST_P(references, a_copy_over_the_wire_holds_nothing) {
     const loom_oid counted = oid_of(each, 1);
     std::uint8_t wire[40];
     loom_oid copy{};
-    EXPECT_EQ(loomlib_oid_len(handle.get(), 1, &counted), 40u);
-    EXPECT_EQ(loomlib_oid_marshal(handle.get(), 1, wire, &counted, 40, &err), 40u);
+    EXPECT_EQ(loomlib_oid_len(handle, 1, &counted), 40u);
+    EXPECT_EQ(loomlib_oid_marshal(handle, 1, wire, &counted, 40, &err), 40u);
     EXPECT_LT(wire[0], 128); // nobody else can know of the count
-    EXPECT_EQ(loomlib_oid_unmarshal(handle.get(), 1, wire, &copy, 40, 0, &err), 40u);
+    EXPECT_EQ(loomlib_oid_unmarshal(handle, 1, wire, &copy, 40, 0, &err), 40u);
     EXPECT_LT(copy.object >> 63, 1u);
     EXPECT_EQ(loomlib_oid_compare(&copy, &counted), 0);
-    EXPECT_EQ(loom_oid_to_handle(handle.get(), 1, &copy, &err), each);
-    loomlib_oid_release_internal(handle.get(), 1, &copy, &err);
+    EXPECT_EQ(loom_oid_to_handle(handle, 1, &copy, &err), each);
+    loomlib_oid_release_internal(handle, 1, &copy, &err);
     EXPECT_EQ(state_of(each).count, 1u);
-    EXPECT_EQ(loomlib_oid_marshal(handle.get(), 1, wire, &counted, 39, &err), 0u);
+    EXPECT_EQ(loomlib_oid_marshal(handle, 1, wire, &counted, 39, &err), 0u);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EMSGSIZE});
-    EXPECT_EQ(loomlib_oid_unmarshal(handle.get(), 1, wire, &copy, 39, 0, &err), 0u);
+    EXPECT_EQ(loomlib_oid_unmarshal(handle, 1, wire, &copy, 39, 0, &err), 0u);
     EXPECT_EQ(err, std::uint32_t{LOOM_EMSGSIZE});
 }
 
@@ -127,20 +116,20 @@ TEST_P(references, raw_empty_and_foreign_ones_lead_nowhere) {
     loom_oid raw = oid_of(LOOM_OID_RAW_TARGET, 1);
     EXPECT_EQ(err, 0u);
     EXPECT_LT(raw.object, 256u);
-    EXPECT_FALSE(loom_oid_to_handle(handle.get(), 1, &raw, &err));
+    EXPECT_FALSE(loom_oid_to_handle(handle, 1, &raw, &err));
     fake_object* each = object(type);
     loom_oid foreign = oid_of(each, 1);
     foreign.source[3] ^= 1;
-    EXPECT_FALSE(loom_oid_to_handle(handle.get(), 1, &foreign, &err));
-    loomlib_oid_release_internal(handle.get(), 1, &foreign, &err);
+    EXPECT_FALSE(loom_oid_to_handle(handle, 1, &foreign, &err));
+    loomlib_oid_release_internal(handle, 1, &foreign, &err);
     loom_oid empty{};
     EXPECT_TRUE(loom_oid_id_is_zero(empty.id));
-    EXPECT_FALSE(loom_oid_to_handle(handle.get(), 1, &empty, &err));
-    loomlib_oid_release_internal(handle.get(), 1, &empty, &err);
-    loomlib_lookup_and_update_oid_ref_count(handle.get(), 1, nullptr, 0, &err);
+    EXPECT_FALSE(loom_oid_to_handle(handle, 1, &empty, &err));
+    loomlib_oid_release_internal(handle, 1, &empty, &err);
+    loomlib_lookup_and_update_oid_ref_count(handle, 1, nullptr, 0, &err);
     EXPECT_EQ(err, 0u);
     EXPECT_EQ(state_of(each).count, 1u);
-    loomlib_lookup_and_update_oid_ref_count(handle.get(), 1, &empty, 0, &err);
+    loomlib_lookup_and_update_oid_ref_count(handle, 1, &empty, 0, &err);
     EXPECT_EQ(err, std::uint32_t{LOOM_ENOENT});
 }
 
@@ -148,24 +137,24 @@ TEST_P(references, the_last_one_ends_an_object_that_was_put_off) {
     put_off_objects_destroyed = 0;
     fake_object* each = object(ending);
     loom_oid first = oid_of(each, 1), second = oid_of(each, 1);
-    EXPECT_EQ(loom_request_oid_mapping_destroy(handle.get(), 1, each, &err), 0u);
-    EXPECT_EQ(loom_request_oid_mapping_destroy(handle.get(), 1, each, &err), 0u); // asking twice changes nothing
+    EXPECT_EQ(loom_request_oid_mapping_destroy(handle, 1, each, &err), 0u);
+    EXPECT_EQ(loom_request_oid_mapping_destroy(handle, 1, each, &err), 0u); // asking twice changes nothing
     EXPECT_EQ(state_of(each).destroy_pending, 1u);
-    loomlib_oid_release_internal(handle.get(), 1, &first, &err);
+    loomlib_oid_release_internal(handle, 1, &first, &err);
     EXPECT_EQ(put_off_objects_destroyed, 0u);
-    loomlib_oid_release_internal(handle.get(), 1, &second, &err);
+    loomlib_oid_release_internal(handle, 1, &second, &err);
     EXPECT_EQ(put_off_objects_destroyed, 1u);
-    EXPECT_EQ(loom_oid_mapping_count(handle.get()), 0u);
-    EXPECT_FALSE(loom_oid_to_handle(handle.get(), 1, &second, &err));
+    EXPECT_EQ(loom_oid_mapping_count(handle), 0u);
+    EXPECT_FALSE(loom_oid_to_handle(handle, 1, &second, &err));
     EXPECT_EQ(err, 0u);
 }
 
 TEST_P(references, an_object_without_references_goes_at_once) {
     fake_object* each = object(type);
-    loom_oid_mapping_create(handle.get(), 1, each, 1, 0, 0, &err);
-    EXPECT_NE(loom_request_oid_mapping_destroy(handle.get(), 1, each, &err), 0u);
-    EXPECT_NE(loom_request_oid_mapping_destroy(handle.get(), 1, each, &err), 0u);
-    EXPECT_EQ(loom_oid_mapping_count(handle.get()), 0u);
+    loom_oid_mapping_create(handle, 1, each, 1, 0, 0, &err);
+    EXPECT_NE(loom_request_oid_mapping_destroy(handle, 1, each, &err), 0u);
+    EXPECT_NE(loom_request_oid_mapping_destroy(handle, 1, each, &err), 0u);
+    EXPECT_EQ(loom_oid_mapping_count(handle), 0u);
 }
 
 TEST_P(references, an_unknown_type_waits_until_somebody_knows_how_to_end_it) {
@@ -173,11 +162,11 @@ TEST_P(references, an_unknown_type_waits_until_somebody_knows_how_to_end_it) {
     ended = 0;
     fake_object* each = object(type);
     loom_oid only = oid_of(each, 1);
-    loom_request_oid_mapping_destroy(handle.get(), 1, each, &err);
-    loomlib_oid_release_internal(handle.get(), 1, &only, &err);
+    loom_request_oid_mapping_destroy(handle, 1, each, &err);
+    loomlib_oid_release_internal(handle, 1, &only, &err);
     EXPECT_EQ(state_of(each).destroy_pending, 1u);
     loom_gc_result result{};
-    loom_gc_run(handle.get(), &result);
+    loom_gc_run(handle, &result);
     EXPECT_EQ(result.objects_waiting, 1u);
     EXPECT_EQ(loom_register_destroyer("short", nullptr), std::uint32_t{EINVAL});
     loom_register_destroyer(type.info.luid_text, [](loom_handle* own, std::uint32_t domain, void* object) {
@@ -186,7 +175,7 @@ TEST_P(references, an_unknown_type_waits_until_somebody_knows_how_to_end_it) {
         own->free(own->alloc_ctx, domain, object);
         ++ended;
     });
-    loom_gc_run(handle.get(), &result);
+    loom_gc_run(handle, &result);
     loom_register_destroyer(type.info.luid_text, nullptr);
     EXPECT_EQ(result.objects_destroyed, 1u);
     EXPECT_EQ(ended, 1u);
@@ -196,15 +185,15 @@ TEST_P(references, print_and_compare_as_texts_and_values) {
     fake_object* each = object(type);
     loom_oid oid = oid_of(each, 0);
     char id[33], source[33];
-    EXPECT_EQ(loomlib_oid_id_print(handle.get(), 1, oid.id, id, sizeof id, &err), 32);
-    EXPECT_EQ(loomlib_oid_src_print(handle.get(), 1, oid.source, source, sizeof source, &err), 32);
+    EXPECT_EQ(loomlib_oid_id_print(handle, 1, oid.id, id, sizeof id, &err), 32);
+    EXPECT_EQ(loomlib_oid_src_print(handle, 1, oid.source, source, sizeof source, &err), 32);
     EXPECT_EQ(std::string(id).substr(0, 16), "0000000000000001");
     EXPECT_EQ(std::string(id).substr(16), std::string(source).substr(0, 16));
-    EXPECT_EQ(loomlib_oid_id_print(handle.get(), 1, oid.id, id, 32, &err), 0);
+    EXPECT_EQ(loomlib_oid_id_print(handle, 1, oid.id, id, 32, &err), 0);
     EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EMSGSIZE});
     char line[200] = "";
     const std::string expected = "  child_oid@oid:" + std::string(id) + "/" + source + "\n";
-    EXPECT_EQ(loom_oid_print(handle.get(), 1, line, 2, "child_oid", &oid, sizeof line, &err),
+    EXPECT_EQ(loom_oid_print(handle, 1, line, 2, "child_oid", &oid, sizeof line, &err),
               static_cast<int>(expected.size()));
     EXPECT_EQ(line, expected);
     loom_oid greater = oid;

@@ -66,16 +66,6 @@ void say(const std::string& text) {
 }
 void wait_for_parent() { static_cast<void>(!std::getc(stdin)); }
 
-std::uint64_t* cells_of(loom_handle* handle) {
-    return static_cast<std::uint64_t*>(arbor_get_key(handle->alloc_ctx, "cells"));
-}
-
-void set_cell(loom_handle* handle, std::size_t cell, std::uint64_t value) {
-    std::uint64_t* cells = cells_of(handle);
-    handle->write_hook(handle, &cells[cell], sizeof cells[cell], 1, nullptr);
-    cells[cell] = value;
-}
-
 /// Changes much of everything inside a section that never ends.
 void change_a_lot(loom_handle* handle) {
     std::uint32_t err = 0;
@@ -139,47 +129,47 @@ int run_child(const std::vector<std::string>& arguments) {
     }
     if (operation == "count") {
         for (int i = 0; i < 200; ++i) {
-            if (loom_write_begin(handle.get())) return 3;
-            const std::uint64_t value = cells_of(handle.get())[0];
-            set_cell(handle.get(), 1, 1); // the others must never see the two cells apart
-            set_cell(handle.get(), 0, value + 1);
-            set_cell(handle.get(), 1, 0);
-            if (loom_write_commit(handle.get())) return 3;
+            if (loom_write_begin(handle)) return 3;
+            const std::uint64_t value = cells_of(handle)[0];
+            set_cell(handle, 1, 1); // the others must never see the two cells apart
+            set_cell(handle, 0, value + 1);
+            set_cell(handle, 1, 0);
+            if (loom_write_commit(handle)) return 3;
         }
     } else if (operation == "die_in_section") {
-        loom_write_begin(handle.get());
-        change_a_lot(handle.get());
+        loom_write_begin(handle);
+        change_a_lot(handle);
         kill(getpid(), SIGKILL);
     } else if (operation == "die_in_long_section") {
-        loom_write_begin(handle.get());
-        overwrite_large(handle.get(), 12);
+        loom_write_begin(handle);
+        overwrite_large(handle, 12);
         kill(getpid(), SIGKILL);
     } else if (operation == "work_until_killed") {
         say("working");
-        work_for_ever(handle.get());
+        work_for_ever(handle);
     } else if (operation == "die_reading") {
-        loom_read_begin(handle.get());
+        loom_read_begin(handle);
         kill(getpid(), SIGKILL);
     } else if (operation == "hold_write") {
-        loom_write_begin(handle.get());
-        set_cell(handle.get(), 0, 77);
+        loom_write_begin(handle);
+        set_cell(handle, 0, 77);
         say("held");
         wait_for_parent();
-        loom_write_commit(handle.get());
+        loom_write_commit(handle);
     } else if (operation == "hold_read") {
-        loom_read_begin(handle.get());
-        say(std::to_string(cells_of(handle.get())[0]));
+        loom_read_begin(handle);
+        say(std::to_string(cells_of(handle)[0]));
         wait_for_parent();
-        loom_read_end(handle.get());
+        loom_read_end(handle);
     } else if (operation == "open") {
         say("open");
         wait_for_parent();
     } else if (operation == "grow") {
-        loom_write_begin(handle.get());
+        loom_write_begin(handle);
         auto* block = static_cast<char*>(handle->alloc(handle->alloc_ctx, 1, 8u << 20));
         std::memset(block, 'g', 8u << 20);
         arbor_set_key(handle->alloc_ctx, "grown", block);
-        loom_write_commit(handle.get());
+        loom_write_commit(handle);
         say("grown");
         wait_for_parent();
     } else {

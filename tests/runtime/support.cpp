@@ -61,6 +61,23 @@ handle_ptr open_kind(memory_kind kind, const scratch_directory& directory) {
     }
 }
 
+loom_arena_usage usage_of(loom_handle* handle) {
+    loom_arena_usage usage{};
+    loom_arena_usage_get(handle, &usage);
+    return usage;
+}
+
+void expect_sound(loom_handle* handle) { EXPECT_EQ(loom_arena_verify(handle), 0u) << loom_error_text(); }
+
+void in_write_section::SetUp() {
+    load_fake_bundle();
+    loom_write_begin(handle);
+}
+void in_write_section::TearDown() {
+    EXPECT_EQ(loom_write_commit(handle), 0u);
+    expect_sound(handle);
+}
+
 fake_type::fake_type(const char* name, const char* kind, std::int8_t variants, const char* module) {
     info.magic = LOOM_TYPE_INFO_MAGIC;
     for (std::size_t i = 0; i < 16; ++i)
@@ -164,13 +181,17 @@ void fake_table_get_vft(loom_handle*, std::uint32_t, const std::uint8_t* luid, c
 
 const loom_table_vft fake_table_vft = make_vft();
 
+loom_table* fake_table_find(loom_handle* handle, std::uint32_t domain, const std::string& name,
+                            std::uint32_t* err) {
+    return loomdb_database_toc_get_table_root(handle, domain, name.c_str(),
+                                              static_cast<std::uint32_t>(name.size()), 0,
+                                              fake_table_type.info.luid, 16, 1, err);
+}
+
 loom_table* fake_table_open(loom_handle* handle, std::uint32_t domain, const char* name, std::uint32_t* err) {
     loom_table_list* list = loomlib_database_table_toc_create(handle, LOOM_DOMAIN_NONE, err);
     loomdb_database_toc_open(handle, domain, err);
-    if (loom_table* found =
-            loomdb_database_toc_get_table_root(handle, domain, name, static_cast<std::uint32_t>(std::strlen(name)),
-                                               0, fake_table_type.info.luid, 16, 1, err))
-        return found;
+    if (loom_table* found = fake_table_find(handle, domain, name, err)) return found;
     auto* table = static_cast<loom_table*>(handle->alloc(handle->alloc_ctx, domain, sizeof(loom_table)));
     if (!table || *err) return nullptr;
     std::memset(static_cast<void*>(table), 0, sizeof *table);
@@ -218,6 +239,14 @@ fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_tabl
     if (loomdb_table_implicit_write_cursor_enabled(handle, domain, table, err))
         loomdb_enq_rec_move_write_cursor_internal(handle, domain, table, &made->record, err);
     return made;
+}
+
+std::uint64_t* cells_of(loom_handle* handle) {
+    return static_cast<std::uint64_t*>(arbor_get_key(handle->alloc_ctx, "cells"));
+}
+
+void set_cell(loom_handle* handle, std::size_t cell, std::uint64_t value) {
+    hooked(handle, cells_of(handle)[cell], value);
 }
 
 void overwrite_large(loom_handle* handle, std::size_t times) {

@@ -19,7 +19,11 @@ namespace runtime_test {
 struct close_handle {
     void operator()(loom_handle* handle) const { loom_close(handle); }
 };
-using handle_ptr = std::unique_ptr<loom_handle, close_handle>;
+/// A handle that is closed with its scope.
+struct handle_ptr : std::unique_ptr<loom_handle, close_handle> {
+    using std::unique_ptr<loom_handle, close_handle>::unique_ptr;
+    operator loom_handle*() const { return get(); }
+};
 
 /// A directory that goes with its test.
 class scratch_directory {
@@ -51,6 +55,29 @@ class random_source {
 enum class memory_kind { private_memory, manifested_memory, shared_file, exclusive_file };
 std::string name_of(memory_kind kind);
 handle_ptr open_kind(memory_kind kind, const scratch_directory& directory);
+
+loom_arena_usage usage_of(loom_handle* handle);
+/// Fails the test when the arena's records contradict each other.
+void expect_sound(loom_handle* handle);
+
+/// A test on an open database of the parameter's kind.
+class on_database : public testing::TestWithParam<memory_kind> {
+  protected:
+    void* alloc(std::size_t size) { return handle->alloc(handle->alloc_ctx, 1, size); }
+    void free(void* block) { handle->free(handle->alloc_ctx, 1, block); }
+    loom_arena_usage usage() const { return usage_of(handle); }
+
+    scratch_directory directory;
+    handle_ptr handle = open_kind(GetParam(), directory);
+    std::uint32_t err = 0;
+};
+/// The same, with the fake bundle and inside a write section, which is committed in the end.
+class in_write_section : public on_database {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+inline std::string name_of_kind(const testing::TestParamInfo<memory_kind>& info) { return name_of(info.param); }
 
 /// Another process: this program with "--child <operation> arguments...". See processes.cpp.
 class child_process {
@@ -88,6 +115,10 @@ struct fake_object {
 };
 fake_object* new_object(loom_handle* handle, loom_type_info* info);
 
+/// The numbers that a database keeps under the name "cells".
+std::uint64_t* cells_of(loom_handle* handle);
+void set_cell(loom_handle* handle, std::size_t cell, std::uint64_t value);
+
 /// Size of the block that a database keeps under the name "large".
 constexpr std::size_t large_size = 8u << 20;
 /// Announces that block and overwrites it, so many times, a byte less each time.
@@ -100,6 +131,9 @@ struct fake_record {
 };
 extern fake_type fake_table_type;
 extern const loom_table_vft fake_table_vft;
+/// The table of this name, or null.
+loom_table* fake_table_find(loom_handle* handle, std::uint32_t domain, const std::string& name,
+                            std::uint32_t* err);
 loom_table* fake_table_open(loom_handle* handle, std::uint32_t domain, const char* name, std::uint32_t* err);
 fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_table* table, std::uint32_t key,
                             std::uint32_t* err);

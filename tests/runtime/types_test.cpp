@@ -30,21 +30,18 @@ void initialize(loom_handle* handle, std::uint32_t domain, std::uint32_t* err) {
     loom_update_variant_info(handle, domain, info, &source, created);
 }
 
-class manifested : public testing::TestWithParam<memory_kind> {
+class manifested : public on_database {
   protected:
     loom_type_info* get(fake_type& type) {
         initialized_type = &type;
-        return loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize);
+        return loom_type_info_ptr_get(handle, 1, &type.info, initialize);
     }
     bool inside(const void* address) { return arbor_in_range(handle->alloc_ctx, address); }
-
-    scratch_directory directory;
-    handle_ptr handle = open_kind(GetParam(), directory);
 };
 INSTANTIATE_TEST_SUITE_P(kinds, manifested,
                          testing::Values(memory_kind::manifested_memory, memory_kind::shared_file,
                                          memory_kind::exclusive_file),
-                         [](const auto& each) { return name_of(each.param); });
+                         name_of_kind);
 
 TEST_P(manifested, records_hold_no_pointer_into_the_process) {
     fake_type type("some_type", "type", 3);
@@ -61,47 +58,41 @@ TEST_P(manifested, records_hold_no_pointer_into_the_process) {
     }
     EXPECT_EQ(get(type), info);
     EXPECT_EQ(initializations, 1u);
-    EXPECT_EQ(loom_type_info_map_count(handle.get()), 1u);
+    EXPECT_EQ(loom_type_info_map_count(handle), 1u);
 }
 
 TEST_P(manifested, a_second_run_of_the_initialiser_allocates_nothing) {
     fake_type type("some_type", "type", 2);
     get(type);
-    loom_arena_usage before{}, after{};
-    loom_arena_usage_get(handle.get(), &before);
-    std::uint32_t err = 0;
-    initialize(handle.get(), 1, &err);
-    loom_arena_usage_get(handle.get(), &after);
-    EXPECT_EQ(before.allocations, after.allocations);
-    EXPECT_EQ(before.blocks, after.blocks);
+    const loom_arena_usage before = usage();
+    initialize(handle, 1, &err);
+    EXPECT_EQ(usage().allocations, before.allocations);
+    EXPECT_EQ(usage().blocks, before.blocks);
 }
 
 TEST_P(manifested, newer_code_adds_its_variants_and_older_code_takes_none_away) {
     fake_type old_code("growing", "type", 2), new_code("growing", "type", 4);
     new_code.entries[0].alloc_slop = 24;
     loom_type_info* info = get(old_code);
-    std::uint32_t err = 0;
-    loomlib_type_stats_create_object(handle.get(), 1, info, &info->variant_table->entries[1].objects_created,
-                                     &err);
+    loomlib_type_stats_create_object(handle, 1, info, &info->variant_table->entries[1].objects_created, &err);
     initialized_type = &new_code;
-    initialize(handle.get(), 1, &err);
+    initialize(handle, 1, &err);
     EXPECT_EQ(info->variant_table->n_variants, 4);
     EXPECT_EQ(info->variant_table->entries[3].used_length, new_code.entries[3].used_length);
     EXPECT_EQ(info->variant_table->entries[0].alloc_slop, 24u);
     EXPECT_EQ(info->variant_table->entries[1].objects_created, 1u);
     initialized_type = &old_code;
-    initialize(handle.get(), 1, &err);
+    initialize(handle, 1, &err);
     EXPECT_EQ(info->variant_table->n_variants, 4);
 }
 
 TEST_P(manifested, out_of_memory_leaves_a_state_that_a_later_call_completes) {
     fake_type type("scarce", "type", 2);
-    std::uint32_t err = 0;
     initialized_type = &type;
-    loom_arena_fail_after(handle.get(), 0);
-    initialize(handle.get(), 1, &err);
+    loom_arena_fail_after(handle, 0);
+    initialize(handle, 1, &err);
     EXPECT_EQ(err, std::uint32_t{LOOM_ENOMEM});
-    loom_arena_fail_after(handle.get(), UINT64_MAX);
+    loom_arena_fail_after(handle, UINT64_MAX);
     loom_type_info* info = get(type);
     ASSERT_TRUE(info);
     EXPECT_EQ(info->variant_table->n_variants, 2);
@@ -109,13 +100,13 @@ TEST_P(manifested, out_of_memory_leaves_a_state_that_a_later_call_completes) {
 
 TEST_P(manifested, a_record_of_an_aborted_section_is_made_again) {
     fake_type type("aborted");
-    loom_write_begin(handle.get());
+    loom_write_begin(handle);
     get(type);
-    loom_write_abort(handle.get());
-    EXPECT_EQ(loom_type_info_map_count(handle.get()), 0u);
+    loom_write_abort(handle);
+    EXPECT_EQ(loom_type_info_map_count(handle), 0u);
     loom_type_info* info = get(type);
     ASSERT_TRUE(info);
-    EXPECT_EQ(loom_type_info_map_count(handle.get()), 1u);
+    EXPECT_EQ(loom_type_info_map_count(handle), 1u);
     EXPECT_EQ(handle->tinfo_lookup(handle->tinfo_ctx, 1, type.info.luid_text), info);
 }
 
@@ -138,20 +129,20 @@ TEST(manifested_while_reading, type_information_stays_in_the_process) {
     handle_ptr handle = open_mapped(directory.file("db"));
     fake_type type("late");
     initialized_type = &type;
-    loom_read_begin(handle.get());
-    loom_type_info* info = loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize);
+    loom_read_begin(handle);
+    loom_type_info* info = loom_type_info_ptr_get(handle, 1, &type.info, initialize);
     ASSERT_TRUE(info);
     EXPECT_FALSE(arbor_in_range(handle->alloc_ctx, info));
-    EXPECT_EQ(loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize), info);
-    loom_read_end(handle.get());
-    loom_type_info* stored = loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize);
+    EXPECT_EQ(loom_type_info_ptr_get(handle, 1, &type.info, initialize), info);
+    loom_read_end(handle);
+    loom_type_info* stored = loom_type_info_ptr_get(handle, 1, &type.info, initialize);
     EXPECT_TRUE(arbor_in_range(handle->alloc_ctx, stored));
 }
 
 TEST(type_information, of_a_private_database_is_the_static_one) {
     handle_ptr handle = open_private();
     fake_type type("plain");
-    EXPECT_EQ(loom_type_info_ptr_get(handle.get(), 1, &type.info, initialize), &type.info);
+    EXPECT_EQ(loom_type_info_ptr_get(handle, 1, &type.info, initialize), &type.info);
 }
 
 // ----------------------------------------------------------------------------------------------------- peers
@@ -162,17 +153,17 @@ struct peers : testing::Test {
     fake_type other{"other_type", "type", 2};
     std::uint32_t err = 0;
     int variant(const fake_type& of) {
-        return loom_domain_lookup_variant(handle.get(), &handle->domain_state, &of.info, &err);
+        return loom_domain_lookup_variant(handle, &handle->domain_state, &of.info, &err);
     }
     void set(loom_peer* peer) {
-        loom_set_peer(handle.get(), peer);
+        loom_set_peer(handle, peer);
         loom_peer_release(peer);
     }
 };
 
 TEST_F(peers, none_is_this_build) {
     EXPECT_EQ(variant(type), 3);
-    EXPECT_TRUE(loom_domain_lookup_table_ok(handle.get(), &handle->domain_state, &type.info, &err));
+    EXPECT_TRUE(loom_domain_lookup_table_ok(handle, &handle->domain_state, &type.info, &err));
 }
 
 TEST_F(peers, speak_what_their_manifest_says) {
@@ -187,7 +178,7 @@ TEST_F(peers, speak_what_their_manifest_says) {
     EXPECT_EQ(variant(type), 2);
     EXPECT_EQ(variant(type), 2); // from the cache
     EXPECT_EQ(variant(other), -1);
-    EXPECT_FALSE(loom_domain_lookup_message_ok(handle.get(), &handle->domain_state, &other.info, &err));
+    EXPECT_FALSE(loom_domain_lookup_message_ok(handle, &handle->domain_state, &other.info, &err));
     set(nullptr);
     EXPECT_EQ(variant(type), 3);
 }
@@ -224,7 +215,7 @@ TEST_F(peers, are_limited_by_name_and_by_luid) {
 }
 
 TEST_F(peers, raise_instances_within_all_limits_and_never_lower_them) {
-    fake_object* object = new_object(handle.get(), &type.info);
+    fake_object* object = new_object(handle, &type.info);
     object->header.loom_layout_variant = 2;
     std::vector<const void*> hooked;
     static std::vector<const void*>* hooks = &hooked;
@@ -234,7 +225,7 @@ TEST_F(peers, raise_instances_within_all_limits_and_never_lower_them) {
         hooks->push_back(address);
     };
     const auto adjust = [&](int newest) {
-        loomlib_adjust_variant(handle.get(), 1, object, &type.info, newest, &err);
+        loomlib_adjust_variant(handle, 1, object, &type.info, newest, &err);
         return int{object->header.loom_variant};
     };
     loom_peer* peer = loom_peer_create_same_build("older");
@@ -255,7 +246,7 @@ TEST_F(peers, raise_instances_within_all_limits_and_never_lower_them) {
     object->header.loom_variant = 0;
     EXPECT_EQ(adjust(3), 0);
     err = 0;
-    loomlib_adjust_variant(handle.get(), 1, nullptr, nullptr, 3, &err);
+    loomlib_adjust_variant(handle, 1, nullptr, nullptr, 3, &err);
     EXPECT_EQ(err, 0u);
     handle->free(handle->alloc_ctx, 1, object);
 }
@@ -265,7 +256,7 @@ TEST_F(peers, raise_instances_within_all_limits_and_never_lower_them) {
 TEST(headers, tell_luid_variant_and_flags) {
     handle_ptr handle = open_private();
     fake_type type("headed");
-    fake_object* object = new_object(handle.get(), &type.info);
+    fake_object* object = new_object(handle, &type.info);
     object->header.loom_variant = -3;
     object->header.loom_flags = OBJ_NESTED;
     EXPECT_EQ(loom_get_instance_variant(object, 1, 0), -3);
@@ -278,46 +269,43 @@ TEST(headers, tell_luid_variant_and_flags) {
     EXPECT_EQ(loomlib_validate_object_flags(object, 0, 1), 0u);
     std::uint8_t luid[16];
     std::uint32_t err = 0;
-    loom_get_luid(handle.get(), 1, object, luid, &err);
+    loom_get_luid(handle, 1, object, luid, &err);
     EXPECT_EQ(std::memcmp(luid, type.info.luid, 16), 0);
-    loom_get_luid(handle.get(), 1, nullptr, luid, &err);
+    loom_get_luid(handle, 1, nullptr, luid, &err);
     EXPECT_EQ(err, std::uint32_t{LOOM_EINVAL});
     EXPECT_EQ(handle->last_error, std::uint32_t{LOOM_EINVAL});
     handle->free(handle->alloc_ctx, 1, object);
 }
 
-class tracking : public testing::TestWithParam<memory_kind> {};
+class tracking : public on_database {};
 INSTANTIATE_TEST_SUITE_P(kinds, tracking,
                          testing::Values(memory_kind::private_memory, memory_kind::shared_file,
                                          memory_kind::exclusive_file),
-                         [](const auto& each) { return name_of(each.param); });
+                         name_of_kind);
 
 TEST_P(tracking, offsets_are_kept_per_object_wherever_it_lies) {
-    scratch_directory directory;
-    handle_ptr handle = open_kind(GetParam(), directory);
     fake_type type("tracked");
     std::vector<fake_object*> objects;
     for (std::uint32_t i = 0; i < 300; ++i) {
-        objects.push_back(new_object(handle.get(), &type.info));
-        loomlib_update_sttr_offset(handle.get(), 1, objects.back(), i * 3);
+        objects.push_back(new_object(handle, &type.info));
+        loomlib_update_sttr_offset(handle, 1, objects.back(), i * 3);
         EXPECT_EQ(objects.back()->header.loom_flags, OBJ_STTR_OFFSET);
     }
     fake_object outside{};
-    loomlib_update_sttr_offset(handle.get(), 1, &outside, static_cast<std::uint32_t>(-40));
-    loomlib_update_sttr_offset(handle.get(), 1, objects[7], 1000);
-    std::uint32_t err = 0;
-    loom_hd_mapping_destroy(handle.get(), 1, objects[9], &err);
-    loom_hd_mapping_destroy(handle.get(), 1, objects[9], &err);
+    loomlib_update_sttr_offset(handle, 1, &outside, static_cast<std::uint32_t>(-40));
+    loomlib_update_sttr_offset(handle, 1, objects[7], 1000);
+    loom_hd_mapping_destroy(handle, 1, objects[9], &err);
+    loom_hd_mapping_destroy(handle, 1, objects[9], &err);
     EXPECT_EQ(err, 0u);
     for (std::uint32_t i = 0; i < 300; ++i)
-        EXPECT_EQ(loomlib_get_sttr_offset(handle.get(), 1, objects[i]), i == 7 ? 1000u : i == 9 ? 0u : i * 3);
-    EXPECT_EQ(loomlib_get_sttr_offset(handle.get(), 1, &outside), static_cast<std::uint32_t>(-40));
-    EXPECT_EQ(loom_tracking_map_count(handle.get()), GetParam() == memory_kind::private_memory ? 300u : 299u);
+        EXPECT_EQ(loomlib_get_sttr_offset(handle, 1, objects[i]), i == 7 ? 1000u : i == 9 ? 0u : i * 3);
+    EXPECT_EQ(loomlib_get_sttr_offset(handle, 1, &outside), static_cast<std::uint32_t>(-40));
+    EXPECT_EQ(loom_tracking_map_count(handle), GetParam() == memory_kind::private_memory ? 300u : 299u);
     for (fake_object* each : objects) {
-        loom_hd_mapping_destroy(handle.get(), 1, each, &err);
+        loom_hd_mapping_destroy(handle, 1, each, &err);
         handle->free(handle->alloc_ctx, 1, each);
     }
-    EXPECT_EQ(loom_arena_verify(handle.get()), 0u);
+    expect_sound(handle);
 }
 
 TEST(statistics, are_raised_behind_the_counter_hook) {
@@ -328,10 +316,10 @@ TEST(statistics, are_raised_behind_the_counter_hook) {
         value_at_hook = *static_cast<const std::uint64_t*>(address) * 10 + one;
     };
     std::uint32_t err = 0;
-    loomlib_type_stats_create_object(handle.get(), 1, &type.info, &type.entries[0].objects_created, &err);
-    loomlib_type_stats_create_object(handle.get(), 1, &type.info, &type.entries[0].objects_created, &err);
+    loomlib_type_stats_create_object(handle, 1, &type.info, &type.entries[0].objects_created, &err);
+    loomlib_type_stats_create_object(handle, 1, &type.info, &type.entries[0].objects_created, &err);
     EXPECT_EQ(value_at_hook, 11u);
-    loomlib_type_stats_destroy_object(handle.get(), 1, &type.info, &type.entries[0].objects_created, &err);
+    loomlib_type_stats_destroy_object(handle, 1, &type.info, &type.entries[0].objects_created, &err);
     EXPECT_EQ(value_at_hook, 1u);
     EXPECT_EQ(type.entries[0].objects_created, 2u);
     EXPECT_EQ(type.entries[0].objects_destroyed, 1u);

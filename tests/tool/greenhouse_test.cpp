@@ -122,6 +122,12 @@ TEST_F(greenhouse, compare_sees_a_missing_table) {
     EXPECT_EQ(loom({"compare", db, db}).status, 0);
 }
 
+TEST_F(greenhouse, compare_reads_a_copy_of_the_file) {
+    const std::string db = greenhouse_database("a.db"), copy = file("copy.db");
+    std::filesystem::copy_file(db, copy); // which wants the same addresses
+    EXPECT_EQ(loom_good({"compare", db, copy}).out, "equal: 3 records of 1 tables\n");
+}
+
 TEST_F(greenhouse, named_and_numbered_tables_sources_and_tenants_come_back) {
     std::string beds;
     for (const char* attributes :
