@@ -25,6 +25,14 @@ std::string text_at(const std::string& strings, std::uint64_t offset) {
 
 } // namespace
 
+std::string hexadecimal(const std::string& bytes) {
+    std::string text;
+    for (const char byte : bytes)
+        for (const int digit : {byte >> 4 & 15, byte & 15})
+            text += "0123456789abcdef"[digit];
+    return text;
+}
+
 elf_file::elf_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream contents;

@@ -7,6 +7,9 @@
 
 namespace trellis::test {
 
+/// Two digits for each byte.
+std::string hexadecimal(const std::string& bytes);
+
 struct elf_section {
     std::string name;
     std::uint64_t address = 0; // 0 in sections that are not loaded

@@ -1,5 +1,8 @@
 #include "tests/frame/fake_runtime.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -8,6 +11,20 @@ namespace trellis::test {
 journal& the_journal() {
     static journal the;
     return the;
+}
+
+std::vector<std::string> listed_modules(std::size_t skip) {
+    std::vector<std::string> names;
+    loom_module_node** back = &loom_module_tot_root.first;
+    for (loom_module_node* node = loom_module_tot_root.first; node != nullptr; node = node->next) {
+        EXPECT_EQ(node->previous, back) << node->name;
+        back = &node->next;
+        names.emplace_back(node->name);
+    }
+    EXPECT_EQ(loom_module_tot_root.last, back);
+    EXPECT_EQ(loom_module_tot_root.count, names.size());
+    names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(std::min(skip, names.size())));
+    return names;
 }
 
 namespace {

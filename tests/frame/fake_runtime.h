@@ -29,6 +29,9 @@ struct journal {
 };
 journal& the_journal();
 
+/// The names on the module list behind the first `skip` of them; its links and its count have to agree.
+std::vector<std::string> listed_modules(std::size_t skip = 0);
+
 /// A handle over a map of manifested type information; blocks are kept until it ends.
 class database {
   public:

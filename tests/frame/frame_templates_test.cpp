@@ -32,21 +32,6 @@ struct small_frame {
 
 // ---- Module list -----------------------------------------------------------------------------------------------
 
-std::vector<std::string> listed(std::size_t skip) {
-    std::vector<std::string> names;
-    loom_module_node** back = &loom_module_tot_root.first;
-    for (loom_module_node* node = loom_module_tot_root.first; node != nullptr; node = node->next) {
-        EXPECT_EQ(node->previous, back) << node->name;
-        back = &node->next;
-        if (skip != 0)
-            --skip;
-        else
-            names.emplace_back(node->name);
-    }
-    EXPECT_EQ(loom_module_tot_root.last, back);
-    return names;
-}
-
 TEST(module_list, nodes_leave_from_front_middle_and_end) {
     const u32 before = loom_module_tot_root.count;
     for (const std::array<int, 3>& leaving : {std::array{0, 1, 2}, {1, 0, 2}, {2, 0, 1}, {2, 1, 0}}) {
@@ -56,13 +41,13 @@ TEST(module_list, nodes_leave_from_front_middle_and_end) {
         std::array<u8, 3> linked{};
         for (std::size_t i = 0; i < nodes.size(); ++i)
             frame::link_module(nodes[i], linked[i]);
-        EXPECT_EQ(listed(before), (std::vector<std::string>{"a", "b", "c"}));
+        EXPECT_EQ(listed_modules(before), (std::vector<std::string>{"a", "b", "c"}));
         std::vector<std::string> left = {"a", "b", "c"};
         for (const int place : leaving) {
             const auto index = static_cast<std::size_t>(place);
             frame::unlink_module(nodes[index]);
             std::erase(left, nodes[index].name);
-            EXPECT_EQ(listed(before), left);
+            EXPECT_EQ(listed_modules(before), left);
             EXPECT_EQ(nodes[index].next, nullptr);
             EXPECT_EQ(nodes[index].previous, nullptr);
         }
@@ -83,7 +68,7 @@ TEST(module_list, a_node_is_linked_once_in_its_life) {
     frame::unlink_module(node);
     frame::link_module(node, linked);
     EXPECT_EQ(loom_module_tot_root.count, before);
-    EXPECT_TRUE(listed(before).empty());
+    EXPECT_TRUE(listed_modules(before).empty());
 }
 
 // ---- Type information ------------------------------------------------------------------------------------------

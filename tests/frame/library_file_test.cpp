@@ -35,16 +35,6 @@ const std::string& section_bytes(const std::string& name) {
     return section == nullptr ? nothing : section->bytes;
 }
 
-std::string hexadecimal(const std::string& bytes) {
-    std::string text;
-    char pair[3];
-    for (const char byte : bytes) {
-        std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-        text += pair;
-    }
-    return text;
-}
-
 // ---- Trace store -----------------------------------------------------------------------------------------------
 
 std::vector<const elf_section*> units() {

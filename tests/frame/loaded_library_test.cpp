@@ -59,19 +59,6 @@ class loaded_library : public testing::Test {
 
 // ---- Module list -----------------------------------------------------------------------------------------------
 
-std::vector<std::string> listed_modules() {
-    std::vector<std::string> names;
-    loom_module_node** back = &loom_module_tot_root.first;
-    for (loom_module_node* node = loom_module_tot_root.first; node != nullptr; node = node->next) {
-        EXPECT_EQ(node->previous, back) << node->name;
-        back = &node->next;
-        names.emplace_back(node->name);
-    }
-    EXPECT_EQ(loom_module_tot_root.last, back);
-    EXPECT_EQ(loom_module_tot_root.count, names.size());
-    return names;
-}
-
 TEST(module_list_of_loaded_libraries, follows_loading_and_unloading) {
     const std::vector<std::string> before = listed_modules();
     for (int round = 0; round < 2; ++round) {
@@ -133,11 +120,8 @@ TEST_F(loaded_library, all_types_describe_themselves) {
         EXPECT_EQ(each->runtime_slot, -1);
         EXPECT_EQ(each->manifested_kind, 0u);
         EXPECT_EQ(each->reserved1 + each->reserved2, 0u);
-        char text[33];
-        for (int i = 0; i < 16; ++i)
-            std::snprintf(text + 2 * i, 3, "%02x", static_cast<unsigned>(each->luid[i]));
-        EXPECT_STREQ(each->luid_text, text);
-        luids.insert(text);
+        EXPECT_EQ(each->luid_text, hexadecimal({each->luid, each->luid + 16}));
+        luids.insert(each->luid_text);
         ++kinds[each->kind];
         ASSERT_NE(each->variant_table, nullptr);
         ++variants[each->variant_table->n_variants];
@@ -398,13 +382,7 @@ TEST_F(loaded_library, the_runtime_reaches_tables_through_one_name) {
     ASSERT_EQ(the_journal().traces.size(), 2u);
     EXPECT_EQ(the_journal().traces[1].index, 0u);
     EXPECT_EQ(the_journal().traces[1].argument, bundle_name);
-    const std::string unit = the_journal().traces[1].unit;
-    std::string section = ".spoor_luids_";
-    for (const char byte : unit) {
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
-        section += pair;
-    }
+    const std::string section = ".spoor_luids_" + hexadecimal(the_journal().traces[1].unit);
     const elf_file file(TRELLIS_CATALOGUE_LIBRARY);
     ASSERT_NE(file.section(section), nullptr) << section;
     EXPECT_EQ(file.section(section)->bytes[2], 4) << "the unit of the registry";

@@ -98,6 +98,25 @@ fake_type::fake_type(const char* name, const char* kind, std::int8_t variants, c
     }
 }
 
+void manifest_type(loom_handle* handle, std::uint32_t domain, const fake_type& type, std::uint32_t* err) {
+    const loom_type_info& source = type.info;
+    auto* info = static_cast<loom_type_info*>(handle->tinfo_lookup(handle->tinfo_ctx, domain, source.luid_text));
+    const bool created = !info;
+    if (created) {
+        info = static_cast<loom_type_info*>(
+            handle->shared_alloc(handle->shared_alloc_ctx, LOOM_DOMAIN_NONE, LOOM_MANIFESTED_TYPE_INFO_SIZE));
+        if (!info) {
+            *err = LOOM_ENOMEM;
+            return;
+        }
+        std::memset(static_cast<void*>(info), 0, LOOM_MANIFESTED_TYPE_INFO_SIZE);
+        *info = source;
+        info->manifested_kind = handle->db_kind;
+        handle->tinfo_insert(handle->tinfo_ctx, domain, info->luid_text, info);
+    }
+    loom_update_variant_info(handle, domain, info, &source, created);
+}
+
 fake_object* new_object(loom_handle* handle, loom_type_info* info) {
     auto* object = static_cast<fake_object*>(handle->alloc(handle->alloc_ctx, 1, sizeof(fake_object)));
     if (!object) return nullptr;
@@ -196,19 +215,8 @@ loom_table* fake_table_open(loom_handle* handle, std::uint32_t domain, const cha
     if (!table || *err) return nullptr;
     std::memset(static_cast<void*>(table), 0, sizeof *table);
     table->header.loom_tinfo = loom_type_info_ptr_get(
-        handle, domain, &fake_table_type.info, [](loom_handle* h, std::uint32_t d, std::uint32_t* e) {
-            auto* made = static_cast<loom_type_info*>(
-                h->shared_alloc(h->shared_alloc_ctx, LOOM_DOMAIN_NONE, LOOM_MANIFESTED_TYPE_INFO_SIZE));
-            if (!made) {
-                *e = LOOM_ENOMEM;
-                return;
-            }
-            std::memset(static_cast<void*>(made), 0, LOOM_MANIFESTED_TYPE_INFO_SIZE);
-            *made = fake_table_type.info;
-            made->manifested_kind = h->db_kind;
-            h->tinfo_insert(h->tinfo_ctx, d, made->luid_text, made);
-            loom_update_variant_info(h, d, made, &fake_table_type.info, 1);
-        });
+        handle, domain, &fake_table_type.info,
+        [](loom_handle* h, std::uint32_t d, std::uint32_t* e) { manifest_type(h, d, fake_table_type, e); });
     std::strncpy(table->table_name, name, sizeof table->table_name - 1);
     table->toc_prev = list->last;
     arbor_set_range(handle->alloc_ctx, list->last, sizeof *list->last, domain);

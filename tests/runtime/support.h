@@ -108,6 +108,9 @@ struct fake_type {
     loom_type_info info{};
 };
 
+/// What a bundle's initialiser does for one type: its record in the database, made when it is missing there.
+void manifest_type(loom_handle* handle, std::uint32_t domain, const fake_type& type, std::uint32_t* err);
+
 /// An object with room for attributes, as instances lie in memory.
 struct fake_object {
     loom_object header;

@@ -9,25 +9,9 @@ using namespace runtime_test;
 fake_type* initialized_type = nullptr;
 unsigned initializations = 0;
 
-/// What a bundle's initialiser does for one type.
 void initialize(loom_handle* handle, std::uint32_t domain, std::uint32_t* err) {
     ++initializations;
-    const loom_type_info& source = initialized_type->info;
-    auto* info = static_cast<loom_type_info*>(handle->tinfo_lookup(handle->tinfo_ctx, domain, source.luid_text));
-    const bool created = !info;
-    if (created) {
-        info = static_cast<loom_type_info*>(
-            handle->shared_alloc(handle->shared_alloc_ctx, LOOM_DOMAIN_NONE, LOOM_MANIFESTED_TYPE_INFO_SIZE));
-        if (!info) {
-            *err = LOOM_ENOMEM;
-            return;
-        }
-        std::memset(static_cast<void*>(info), 0, LOOM_MANIFESTED_TYPE_INFO_SIZE);
-        *info = source;
-        info->manifested_kind = handle->db_kind;
-        handle->tinfo_insert(handle->tinfo_ctx, domain, info->luid_text, info);
-    }
-    loom_update_variant_info(handle, domain, info, &source, created);
+    manifest_type(handle, domain, *initialized_type, err);
 }
 
 class manifested : public on_database {
