@@ -296,6 +296,7 @@ inline bool read_element(reader& r, value_of<A>* element) {
 template <class A>
 inline bool append_elements(reader& r, holder_of<A>* object, u32 count) {
     const call& c = r.c;
+    if (count != 0) A::model::bundle::trace_init();
     for (u32 i = 0; i < count; ++i) {
         value_of<A>* element = A::type::create_internal(c.handle, c.domain);
         if (element == nullptr) {

@@ -41,18 +41,20 @@ consteval u32 longest_name(const Named (&all)[N]) {
     return longest;
 }
 
-/// Asks for the element of a name below `path` and stores the result as the error. True when it is there; absence
-/// is cleared, another error is named in the message and stays.
+/// Asks for the element of a name below `path` and stores the result as the error. True when it is there, or when
+/// the runtime clears the error that it is told of; absence is cleared, another error is named in the message and
+/// stays.
 inline bool find_named_element(const xml_reader& r, const char* name) {
     const call& c = r.c;
     xml_path path;
     path.below(r.parent, name);
     char value[128];
     u32 needed = 0;
-    *c.error = path.cut ? u32{LOOM_ENOENT}
-                        : xml_get_element_value(r.document, path.text, value, sizeof value, &needed);
+    *c.error =
+        path.cut ? u32{LOOM_ENOENT} : xml_get_element_value(r.document, path.text, value, sizeof value, &needed);
     if (*c.error == 0) return true;
     loom_store_err(c.handle, *c.error);
+    if (*c.error == 0) return true;
     if (*c.error == LOOM_ENOENT)
         *c.error = 0;
     else if (r.message != nullptr)

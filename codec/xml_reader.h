@@ -40,13 +40,11 @@ struct xml_reader {
         else
             Type::from_xml(c.handle, c.domain, path.text, document, v, c.error, message, message_length);
     }
-    /// Fails with error 2 when the element is absent, or with the error of the search.
-    bool find(const char* path) const {
+    /// 0 when the element is there, 2 when it is absent, or the error of the search.
+    u32 search(const char* path) const {
         u32 count = 0;
-        u32 error = xml_get_element_nodecount(document, path, &count);
-        if (error == 0 && count == 0) error = LOOM_ENOENT;
-        if (error != 0) c.fail(error);
-        return error == 0;
+        const u32 error = xml_get_element_nodecount(document, path, &count);
+        return error == 0 && count == 0 ? u32{LOOM_ENOENT} : error;
     }
     /// An absent element is no error: cleared. False when another error is pending.
     bool absence_forgiven() const {
@@ -62,7 +60,7 @@ inline void read_repeated(const xml_reader& r, const xml_path& path, value_of<A>
     constexpr value_category category = A::type::category;
     if (r.c.pending()) return;
     if constexpr (is_any_enumeration(category) || category == value_category::flag_set)
-        if (!path.cut && !r.find(path.text)) return;
+        if (const u32 error = path.cut ? 0 : r.search(path.text); error != 0) return r.c.fail(error);
     r.template value<typename A::type>(path, value);
 }
 
@@ -124,6 +122,9 @@ inline void parse_counted_string(const xml_reader& r, holder_of<A>* object) {
 template <class A>
 inline void parse_list(const xml_reader& r, holder_of<A>* object) {
     const call& c = r.c;
+    // A list looks for its holder's element by itself.
+    if (r.search(r.parent) != 0) return c.fail(LOOM_ENOENT);
+    A::model::bundle::trace_init();
     xml_path path;
     for (u32 i = 1; !c.pending(); ++i) {
         value_of<A>* element = A::type::create_internal(c.handle, c.domain);
@@ -197,7 +198,8 @@ void from_xml(loom_handle* handle, u32 domain, const char* path, const loom_xml_
     const call c{handle, domain, err};
     if (!c.enter()) return;
     const codec::xml_reader r{c, path, document, message, message_length};
-    if (!r.find(path)) return;
+    // Whatever keeps the record's own element from being found, it counts as absent.
+    if (r.search(path) != 0) return c.fail(LOOM_ENOENT);
     all_attributes(typename M::attributes{},
                    [&]<class A>() { return has_room_for<A>(object) && codec::parse_attribute<A>(r, object); });
 }

@@ -22,7 +22,7 @@ inline loom_type_info* manifest_type_info(loom_handle* handle, u32 domain, const
     memset(made + 1, 0, LOOM_MANIFESTED_TYPE_INFO_SIZE - sizeof *made);
     made->manifested_kind = handle->db_kind;
     made->runtime_slot = -1;
-    handle->tinfo_insert(handle->tinfo_ctx, domain, from->luid_text, made);
+    handle->tinfo_insert(handle->tinfo_ctx, domain, made->luid_text, made);
     return made;
 }
 

@@ -188,19 +188,9 @@ inline void release_replaced_flags(const call& c, typename M::object* to, const 
     });
 }
 
-/// Lets go of the reference that `to` holds. Equal oids are two references, unless `to` was made of `from` by the
-/// block copy that moves their holder.
-template <class A>
-inline void release_replaced_reference(const call& c, holder_of<A>* to, const holder_of<A>* from) {
-    if (!refers(*oid_of<A>(to))) return;
-    const bool block_copy = (header_of(from)->loom_flags & OBJ_NESTED) != 0;
-    if (block_copy && memcmp(oid_of<A>(to), oid_of<A>(from), sizeof(loom_oid)) == 0) return;
-    tear_down<A>(c, to);
-}
-
 /// What `to` holds outside and does not share with `from` goes back: before a block copy overwrites `to`, and for
 /// elements that a block copy has moved away. Values go by their own operations, without statistics; elements,
-/// arms and list elements are objects and count as ended. References are let go of.
+/// arms and list elements are objects and count as ended. References are let go of; equal oids are two references.
 template <class M>
 void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, const typename M::object* from) {
     u32 error = 0;
@@ -223,7 +213,7 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
             void* first = first_of(list_of<A>(to));
             if (first != nullptr && first != first_of(list_of<A>(from))) tear_down<A>(c, to);
         } else if constexpr (is_oid<A>) {
-            release_replaced_reference<A>(c, to, from);
+            if (refers(*oid_of<A>(to))) tear_down<A>(c, to);
         }
     });
 }
@@ -265,10 +255,15 @@ inline void move_list(const call& c, holder_of<A>* destination, holder_of<A>* so
 }
 
 /// The destination's value takes a private copy. Every value does, also behind one that found no memory: two
-/// objects must never be left with one block. The first error counts.
+/// objects must never be left with one block. The first error counts. References were counted once, for the
+/// source, and move.
 template <class A>
 inline void take_private_copy(const call& c, value_of<A>* to, value_of<A>* from) {
     u32 error = 0;
+    if constexpr (A::type::category == value_category::record) {
+        constexpr bool may_refer = A::type::oid_count != 0 || A::type::has_nested_records;
+        if constexpr (may_refer) A::type::forget_references(c.handle, c.domain, to, true);
+    }
     A::type::set(c.handle, c.domain, to, from, &error);
     if (error != 0 && !c.pending()) *c.error = error;
 }

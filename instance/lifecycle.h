@@ -267,7 +267,8 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
         diag::say<M, says::create_internal_failed>(static_cast<const char*>(strerror(static_cast<int>(error))));
         if constexpr (M::type::has_nested_records) { // their places in the side table go with them
             u32 unused = 0;
-            M::type::offset_remove(handle, domain, object, &unused);
+            if (c.mode() == tracking_mode::on && handle->hd_map != nullptr)
+                M::type::offset_remove(handle, domain, object, &unused);
         }
         c.release(object);
         return nullptr;
@@ -321,7 +322,8 @@ template <class A>
     return true;
 }
 
-/// Ends an in-place attribute that may own storage or references. False stops the destroy.
+/// Ends an in-place attribute that may own storage or references. False stops the destroy. References of a record
+/// are dropped here, so that its own end must find none.
 template <class A>
 inline bool tear_down_object(const call& c, value_of<A>* value) {
     using enum diag::attribute_kind;
@@ -332,6 +334,8 @@ inline bool tear_down_object(const call& c, value_of<A>* value) {
         if (direct::ends_without_trace<typename A::type>(value)) return true;
         const u32 count = direct::get_oid_count<typename A::type>(c, value);
         if (count != 0 && !drop_references<A>(c, value, count)) return false;
+        if constexpr (trace_kind_of<A>() == far_record)
+            if (count != 0) A::type::forget_references(c.handle, c.domain, value, false);
     }
     end_inside<typename A::type>(c, value);
     return true;

@@ -200,5 +200,22 @@ void get_object_references(loom_handle* handle, u32 domain, const typename M::ob
     });
 }
 
+/// Clears the oids of an object, and of the records inside it if `inside` is set: others account for the
+/// references that they stood for.
+template <class M>
+void forget_references(loom_handle* handle, u32 domain, typename M::object* object, bool inside) {
+    u32 unused = 0;
+    const call c{handle, domain, &unused};
+    for_each_attribute(typename M::attributes{}, [&]<class A>() {
+        if (!has_room_for<A>(object)) return;
+        if constexpr (is_oid<A>) {
+            if (refers(*oid_of<A>(object))) c.store<loom_oid>(oid_of<A>(object), loom_oid{}, object);
+        } else if constexpr (is_nested_record<A> || (is_fixed_array<A> && is_array_of_records<A>)) {
+            for (u32 i = 0; inside && i < values_in_place<A>; ++i)
+                A::type::forget_references(handle, domain, cell_of<A>(object) + i, true);
+        }
+    });
+}
+
 } // namespace record
 } // namespace trellis

@@ -140,8 +140,9 @@ concept has_part_model = requires {
     static void initialize_alone(loom_handle* h, u32 d, c_type* v, u32* err) {                                    \
         ::T##_initialize(h, d, v, type_info(), 1, 0, 0, nullptr, err);                                            \
     }                                                                                                             \
-    /* Workers of the type's own unit: see record::release_replaced, and the straight path in the codecs. */      \
+    /* Workers of the type's own unit, for the functions of these names in record, some in the codecs. */         \
     static void release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from);                          \
+    static void forget_references(loom_handle* h, u32 d, c_type* v, bool inside);                                 \
     static u32 len_straight(loom_handle* h, u32 d, const c_type* v);                                              \
     static u32 marshal_straight(loom_handle* h, u32 d, u8* buffer, const c_type* v, i32 length, u32* err);        \
     static u32 unmarshal_straight(loom_handle* h, u32 d, const u8* buffer, c_type* v, i32 length, u32 existing,   \

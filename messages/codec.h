@@ -203,7 +203,7 @@ object_of<M>* from_xml(loom_handle* handle, u32 domain, const loom_xml_document*
         return nullptr;
     }
     c.clear_last_error();
-    object_of<M>* message = create_internal<M>(handle, domain);
+    object_of<M>* message = create<M>(handle, domain);
     if (message == nullptr) {
         c.fail(LOOM_ENOMEM);
         return nullptr;

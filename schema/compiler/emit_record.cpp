@@ -507,6 +507,10 @@ type_text emit_record(emission& run, const record& type) {
                     "::release_replaced(loom_handle* h, u32 d, c_type* to, const c_type* from) {\n"
                     "    trellis::record::release_replaced<models::" +
                     type.name + ">(h, d, to, from);\n}\n";
+    text.exports += "void types::" + type.name +
+                    "::forget_references(loom_handle* h, u32 d, c_type* v, bool inside) {\n"
+                    "    trellis::record::forget_references<models::" +
+                    type.name + ">(h, d, v, inside);\n}\n";
     text.exports += "u32 types::" + type.name +
                     "::len_straight(loom_handle* h, u32 d, const c_type* v) {\n"
                     "    return trellis::record::len_straight<models::" +

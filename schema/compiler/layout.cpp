@@ -195,7 +195,9 @@ diag::attribute_kind trace_kind_of(const record& holder, const attribute& a) {
     }
     if (a.type.of_flag_set != nullptr) return flag_set;
     if (a.type.of_record == nullptr) return value_object;
-    return a.type.of_record->trace_unit == holder.trace_unit ? near_record : far_record;
+    // Whoever holds references is taken apart as a record of another unit is, with more to say.
+    const record& inner = *a.type.of_record;
+    return inner.trace_unit == holder.trace_unit && inner.oid_count == 0 ? near_record : far_record;
 }
 
 void lay_out(bundle& b, diagnostics& out) {

@@ -171,6 +171,12 @@ TEST(XmlForm, AbsentRecordAndUnreadableValue) {
     const_default_type* object = const_default_type_create(plain, domain);
     EXPECT_EQ(from_xml("const_default_type", plain, "<other/>", object), 2u);
     EXPECT_EQ(plain.handle()->last_error, 2u);
+    for (const char* no_path : {"/e[", "/e[0]"})
+        EXPECT_EQ(from_xml("const_default_type", plain, "<e/>", object, no_path), 2u)
+            << "an element that cannot be looked for is absent: " << no_path;
+    uint32_t error = 0;
+    const_default_type_from_xml(plain, domain, "/e", nullptr, object, &error, nullptr, 0);
+    EXPECT_EQ(error, 2u);
     std::string message;
     EXPECT_EQ(from_xml("const_default_type", plain,
                        "<e><bool_attr>true</bool_attr><int_attr>many</int_attr><pd_attr>4</pd_attr></e>", object,
