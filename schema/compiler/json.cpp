@@ -176,14 +176,22 @@ class json_reader {
         try {
             return json::parse(text);
         } catch (const json::parse_error& error) {
-            const std::string_view before = text.substr(0, error.byte == 0 ? 0 : error.byte - 1);
-            location where = where_;
-            where.line += static_cast<int>(std::count(before.begin(), before.end(), '\n'));
-            where.column = static_cast<int>(before.size() - (before.rfind('\n') + 1)) + 1;
-            out_.add(where, "this is no JSON", "write the file with trellisc json");
-            file_.is_text = false;
-            return nullptr;
+            return refused(text, error.byte == 0 ? 0 : error.byte - 1, "this is no JSON");
+        } catch (const json::out_of_range& error) { // names the number, not its place
+            const std::string_view said = error.what();
+            const std::size_t begin = said.find('\'') + 1;
+            const std::string_view number = said.substr(begin, said.rfind('\'') - begin);
+            return refused(text, std::min(text.find(number), text.size()), "the number is too large");
         }
+    }
+    json refused(std::string_view text, std::size_t offset, std::string what) {
+        const std::string_view before = text.substr(0, offset);
+        location where = where_;
+        where.line += static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+        where.column = static_cast<int>(before.size() - (before.rfind('\n') + 1)) + 1;
+        out_.add(where, std::move(what), "write the file with trellisc json");
+        file_.is_text = false;
+        return nullptr;
     }
 
     void wrong(std::string what) { out_.add(where_, std::move(what), "write the file with trellisc json"); }

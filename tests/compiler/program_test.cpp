@@ -75,6 +75,9 @@ TEST_F(Program, FilesThatAreNoSchemaAreToldOnce) {
     const std::string cut = file("cut.json", "{\n  \"bundle\": \"s\",\n  \"records\": [");
     EXPECT_EQ(trellisc("check " + cut).output,
               cut + ":3:15: this is no JSON; write the file with trellisc json\n1 mistake\n");
+    const std::string huge = file("huge.json", "{\"bundle\": \"s\",\n \"records\": [7e7777]}");
+    EXPECT_EQ(trellisc("check " + huge).output,
+              huge + ":2:14: the number is too large; write the file with trellisc json\n1 mistake\n");
     EXPECT_EQ(trellisc("check " + file("marked.trellis", std::string("\xef\xbb\xbf") + small)).status, 0);
 }
 
