@@ -369,7 +369,8 @@ constexpr table_operation of_tables[] = {
     {"$table_table_record_from_xml", "table_record_from_xml", "struct $table_table_record*",
      "$H, const loom_xml_document* document, $e, char* message, uint32_t message_length",
      "A new record from the first payload and key elements of the document, or null. Missing elements leave "
-     "defaults. An error that is pending in `*err` is cleared, as by create_record. A text that is no value writes its path into `message`, if there is one.",
+     "defaults. An error that is pending in `*err` is cleared, as by create_record. A text that is no value "
+     "writes its path into `message`, if there is one.",
      all},
 };
 

@@ -16,8 +16,8 @@ namespace {
 
 constexpr u32 domain = test_handle::domain;
 
-/// The allocation that fails next: each, one by one. A record takes up to some hundreds, and the walk is as long as
-/// their square; under a sanitizer it takes each of the first 40 and then steps that grow with the way gone.
+/// The allocation that fails next: each, one by one. A record takes up to some hundreds, and the walk is as long
+/// as their square; under a sanitizer it takes each of the first 40 and then steps that grow with the way gone.
 u64 following(u64 nth) { return !under_sanitizer || nth < 40 ? nth + 1 : nth + nth / 8; }
 
 std::string joined(const std::vector<std::string>& faults) {
