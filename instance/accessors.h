@@ -210,8 +210,9 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
         } else if constexpr (is_variable_array<A> || is_counted_string<A> || is_arm<A>) {
             if (pointer_of<A>(from) != pointer_of<A>(to)) tear_down<A>(c, to);
         } else if constexpr (is_list<A>) {
-            void* first = first_of(list_of<A>(to));
-            if (first != nullptr && first != first_of(list_of<A>(from))) tear_down<A>(c, to);
+            // The copy of an empty head points at the head that it was copied of, which is no element.
+            const loom_list_head* head = list_of<A>(to);
+            if (first_of(head) != nullptr && head->first != list_of<A>(from)->first) tear_down<A>(c, to);
         } else if constexpr (is_oid<A>) {
             if (refers(*oid_of<A>(to))) tear_down<A>(c, to);
         }

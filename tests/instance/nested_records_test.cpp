@@ -10,13 +10,13 @@ namespace {
 
 constexpr u32 domain = test_handle::domain;
 
-class nested_references : public ::testing::TestWithParam<u32> {
+class nested_records : public ::testing::TestWithParam<u32> {
   protected:
-    nested_references() : handle_(options_for(GetParam())) {
+    nested_records() : handle_(options_for(GetParam())) {
         table_ = everything_tbl_table_open(handle_, domain, "targets", 0, &error_);
         handle_.end_operation();
     }
-    ~nested_references() override {
+    ~nested_records() override {
         EXPECT_EQ(references(), 0u) << "all holders are gone";
         handle_.end_operation();
         EXPECT_EQ(handle_.take_violations(), "");
@@ -55,6 +55,22 @@ class nested_references : public ::testing::TestWithParam<u32> {
         append(holder);
         append(holder);
     }
+    /// Links two elements at the end.
+    void link(referrers* holder) {
+        for (const u64 value : {1u, 2u}) {
+            chained* element = chained_create(handle_, domain);
+            chained_value_set(handle_, domain, element, &value, &error_);
+            referrers_links_set_last(handle_, domain, holder, element, &error_);
+            ASSERT_EQ(error_, 0u);
+        }
+    }
+    std::vector<u64> linked(referrers* holder) {
+        std::vector<u64> values;
+        for (chained* each = referrers_links_get_first(handle_, domain, holder, &error_); each != nullptr;
+             each = referrers_links_get_next(handle_, domain, holder, each, &error_))
+            values.push_back(each->value);
+        return values;
+    }
     outer_referrers* filled() {
         outer_referrers* made = outer_referrers_create(handle_, domain);
         fill(&made->inside);
@@ -74,14 +90,14 @@ class nested_references : public ::testing::TestWithParam<u32> {
     u32 error_ = 0;
 };
 
-TEST_P(nested_references, end_with_their_holder) {
+TEST_P(nested_records, end_with_their_holder) {
     outer_referrers* object = filled();
     EXPECT_EQ(references(), 6u);
     EXPECT_TRUE(all_resolve(object));
     outer_referrers_destroy(handle_, domain, object);
 }
 
-TEST_P(nested_references, move_with_their_holder) {
+TEST_P(nested_records, move_with_their_holder) {
     outer_referrers* from = filled();
     outer_referrers* to = filled();
     EXPECT_EQ(references(), 12u);
@@ -96,7 +112,7 @@ TEST_P(nested_references, move_with_their_holder) {
 
 /// The header comes along with what is moved into a holder, so a nested record may look like one that stands
 /// alone.
-TEST_P(nested_references, move_again_from_where_they_were_moved) {
+TEST_P(nested_records, move_again_from_where_they_were_moved) {
     referrers* alone = referrers_create(handle_, domain);
     fill(alone);
     outer_referrers* middle = outer_referrers_create(handle_, domain);
@@ -114,7 +130,24 @@ TEST_P(nested_references, move_again_from_where_they_were_moved) {
     outer_referrers_destroy(handle_, domain, last);
 }
 
-INSTANTIATE_TEST_SUITE_P(tracking, nested_references,
+/// An empty list's head points at itself, wherever the block that holds it was copied from.
+TEST_P(nested_records, lists_move_along) {
+    outer_referrers* none = outer_referrers_create(handle_, domain);
+    outer_referrers* two = outer_referrers_create(handle_, domain);
+    link(&two->inside);
+    outer_referrers* to = outer_referrers_create(handle_, domain);
+    for (outer_referrers* from : {none, two, none}) {
+        const std::vector<u64> expected = linked(&from->inside);
+        outer_referrers_set(handle_, domain, to, from, &error_);
+        EXPECT_EQ(error_, 0u);
+        EXPECT_EQ(linked(&to->inside), expected);
+        EXPECT_EQ(linked(&from->inside), std::vector<u64>{});
+    }
+    for (outer_referrers* each : {none, two, to})
+        outer_referrers_destroy(handle_, domain, each);
+}
+
+INSTANTIATE_TEST_SUITE_P(tracking, nested_records,
                          ::testing::Values(LOOM_TRACKING_NONE, LOOM_TRACKING_OFF, LOOM_TRACKING_ON),
                          [](const auto& info) {
                              return info.param == LOOM_TRACKING_NONE  ? "absent"
@@ -124,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(tracking, nested_references,
 
 /// A record with references is far from its holder in the same unit: what stands behind it in the statement store
 /// stays in its place.
-TEST(nested_references_trace, tells_of_every_attribute) {
+TEST(nested_records_trace, tells_of_every_attribute) {
     add_trace_texts_of(reinterpret_cast<const void*>(&referrers_create));
     test_handle handle;
     referrers* object = referrers_create(handle, domain);
