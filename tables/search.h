@@ -90,18 +90,11 @@ class search_record {
         using type = typename T::key::type;
         if constexpr (is_any_enumeration(type::category)) {
             memset(&(payload->*T::key::member), 0, sizeof(key_cell<T>));
-            (payload->*T::key::member).value = user_value(key);
+            (payload->*T::key::member).value = type::map_to_user_value(key);
         } else {
             payload->*T::key::member = key;
         }
         record_.*T::payload_field = payload;
-    }
-
-    static i32 user_value(i32 value) {
-        if constexpr (T::key::type::category == value_category::enumeration)
-            return T::key::type::map_to_user_value(value);
-        else
-            return value;
     }
 
     record_of<T> record_{};
