@@ -126,17 +126,19 @@ inline void parse_list(const xml_reader& r, holder_of<A>* object) {
     if (r.search(r.parent) != 0) return c.fail(LOOM_ENOENT);
     A::model::bundle::trace_init();
     xml_path path;
-    for (u32 i = 1; !c.pending(); ++i) {
+    for (u32 i = 1;; ++i) {
         value_of<A>* element = A::type::create_internal(c.handle, c.domain);
         if (element == nullptr) {
             c.fail(LOOM_ENOMEM);
             return;
         }
         path.below(r.parent, A::name, i);
-        r.template value<typename A::type>(path, element);
-        if (!c.pending()) accessor::set_last<A>(c.handle, c.domain, object, element, c.error);
-        // An element that is not linked ends here, the sentinel untouched.
-        if (c.pending()) A::type::destroy(c.handle, c.domain, element);
+        read_repeated<A>(r, path, element);
+        const bool found = !c.pending();
+        if (found) accessor::set_last<A>(c.handle, c.domain, object, element, c.error);
+        // Linking can report an error and link all the same: the element's owner tells whose it is.
+        if (links_of(element)->owner == nullptr) A::type::destroy(c.handle, c.domain, element);
+        if (!found) return;
     }
 }
 

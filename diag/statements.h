@@ -3,321 +3,18 @@
 // compiled, and the schema compiler writes the trace store's entries and texts from it. How an index becomes a
 // call stands in diag/trace.h.
 //
+// An enumerator stands twice, in its enumeration and in front of its statement, and a list whose rows stand in
+// another order does not compile.
+//
 // A type's statements take consecutive indexes in its unit: first those without kinds, in the order below, each
 // as often as `copies` says; then, attribute by attribute, those whose kinds include the attribute's.
 #pragma once
 
-#include "frame/basic_types.h"
-
-#include <cstddef>
+#include "diag/message_statements.h"
+#include "diag/record_statements.h"
+#include "diag/table_statements.h"
 
 namespace trellis::diag {
-
-/// Statements of a table; <iterator> would cost every unit more than the rest of this header.
-template <class T, std::size_t N>
-consteval std::size_t length_of(const T (&)[N]) {
-    return N;
-}
-
-/// What an attribute is, as far as its trace statements go. Lengths have none.
-enum class attribute_kind : u8 {
-    plain,        // scalar, boolean, enumeration
-    value_object, // string, address, time, byte string, opaque value
-    near_record,  // record, union or choice whose statements stand in the same unit
-    far_record,   // one whose statements stand in another unit
-    flag_set,
-    counted_string,
-    fixed_string,
-    oid,
-    arm,
-    fixed_values, // fixed array of scalars or booleans
-    fixed_objects,
-    variable_values,
-    variable_objects, // variable array of values with storage of their own, or enumerations
-    variable_records,
-    list,
-    length,
-};
-
-using kind_set = u32;
-constexpr kind_set only(attribute_kind kind) { return kind_set{1} << static_cast<unsigned>(kind); }
-constexpr kind_set operator|(attribute_kind a, attribute_kind b) { return only(a) | only(b); }
-constexpr kind_set operator|(kind_set a, attribute_kind b) { return a | only(b); }
-
-namespace kinds {
-using enum attribute_kind;
-constexpr kind_set of_type = 0; // a statement of the type itself
-constexpr kind_set arrays = fixed_values | fixed_objects | variable_values | variable_objects | variable_records;
-constexpr kind_set variable = variable_values | variable_objects | variable_records;
-constexpr kind_set arrays_of_values = fixed_values | variable_values;
-/// Attributes whose `_set` is no array worker.
-constexpr kind_set settable = plain | value_object | near_record | far_record | flag_set | counted_string |
-                              fixed_string | arm | fixed_values | fixed_objects;
-constexpr kind_set valued = plain | fixed_values | variable_values;
-/// Attributes with `_state_flag_get` and `_state_flag_set`.
-constexpr kind_set flagged = arrays | plain | value_object | near_record | far_record | flag_set | counted_string |
-                             fixed_string | oid | arm | list;
-} // namespace kinds
-
-/// What a table's or message's statement depends on.
-enum class table_trait : u8 { any, key_object, ordered };
-enum class message_trait : u8 { any, with_payload };
-
-/// The arguments of a statement, one member per emit function.
-enum class arguments : u8 {
-    none,
-    text,
-    number,
-    text_text,
-    text_number,
-    number_number,
-    pointer_text,
-    text_text_text,
-    number_number_number,
-};
-
-/// Levels in the order of the level word's top byte; 0 goes on to abort.
-constexpr u8 fatal = 0, error = 3, information = 6, diagnostic = 7, frequent = 8;
-
-/// One statement. `text` may hold <bundle>, <type>, <attribute>, <table>, <keytext>, <payload>, <key>,
-/// <message>, <name> and <p>, which the schema compiler replaces.
-struct statement {
-    const char* function;
-    u8 level;
-    arguments takes;
-    u8 copies;
-    kind_set kinds; // or the table_trait or message_trait
-    const char* text;
-};
-
-/// Statements of the record family.
-enum class record_says : u16 {
-    create_internal_corrupted_handle,
-    create_internal_failed,
-    initialize_corrupted_handle,
-    initialize_no_variant_table,
-    initialize_variant_beyond_table,
-    initialize_no_tracking_base,
-    set_instance_embedded_null_object,
-    get_oid_count_error_pending,
-    get_oid_count_null_object,
-    get_object_references_error_pending,
-    get_object_references_null_object,
-    sizeof_corrupted_handle,
-    sizeof_internal_corrupted_handle,
-    destroy_internal_mapping_not_removed,
-    destroy_internal_still_referenced,
-    destroy_internal_mapping_removed,
-    destroy_internal_references_unreadable,
-    destroy_internal_reference_not_dropped,
-    destroy_internal_references_unreadable_far_record,
-    destroy_internal_reference_not_dropped_far_record,
-    destroy_internal_corrupted_tinfo,
-    destroy_internal_no_variant_table,
-    destroy_internal_variant_beyond_table,
-    set_corrupted_handle,
-    set_not_tracked,
-    len_corrupted_handle,
-    marshal_internal_corrupted_handle,
-    unmarshal_corrupted_handle,
-    unmarshal_tracking_mismatch,
-    unmarshal_jump_skips,
-    to_xml_corrupted_handle,
-    attribute_set_corrupted_handle,
-    attribute_set_not_tracked,
-    attribute_state_flag_get_corrupted_handle,
-    attribute_state_flag_get_not_tracked,
-    attribute_state_flag_set_corrupted_handle,
-    attribute_state_flag_set_not_tracked,
-    attribute_set_value_corrupted_handle,
-    attribute_set_value_not_tracked,
-    attribute_set_worker_corrupted_handle,
-    attribute_set_worker_not_tracked,
-    attribute_set_worker_reallocating,
-    attribute_set_mem_corrupted_handle,
-    attribute_set_mem_not_tracked,
-    attribute_set_mem_corrupted_handle_variable_values,
-    attribute_state_flag_get_arr_corrupted_handle,
-    attribute_state_flag_get_arr_not_tracked,
-    attribute_state_flag_set_arr_corrupted_handle,
-    attribute_state_flag_set_arr_not_tracked,
-    attribute_state_flag_whole_get_corrupted_handle,
-    attribute_state_flag_whole_get_not_tracked,
-    attribute_state_flag_whole_set_corrupted_handle,
-    attribute_state_flag_whole_set_not_tracked,
-    attribute_set_worker_value_not_tracked,
-    attribute_get_detach_corrupted_handle,
-    attribute_get_detach_not_tracked,
-    get_object_references_reference_unresolved,
-    destroy_internal_oid_not_released,
-    attribute_set_by_ref_old_id_unresolved,
-    attribute_set_by_ref_old_not_dropped,
-    attribute_set_by_ref_no_old_mapping,
-    attribute_set_by_ref_target_refused,
-    attribute_set_by_ref_old_mapping_unreadable,
-    attribute_set_by_ref_old_count_not_updated,
-    attribute_set_by_ref_no_old_entry,
-    attribute_set_by_ref_oid_not_made,
-    attribute_set_by_ref_corrupted_handle,
-    attribute_set_by_ref_not_tracked,
-    unmarshal_element_failed,
-    unmarshal_arena_refused,
-    post_copyout_cleanup_arena_refused,
-    attribute_set_first_arena_refused,
-    attribute_set_first_corrupted_handle,
-    attribute_set_first_not_tracked,
-    attribute_set_first_value_not_tracked,
-    attribute_set_last_arena_refused,
-    attribute_set_last_corrupted_handle,
-    attribute_set_last_not_tracked,
-    attribute_set_last_value_not_tracked,
-    attribute_set_before_arena_refused,
-    attribute_set_before_corrupted_handle,
-    attribute_set_before_not_tracked,
-    attribute_set_before_value_not_tracked,
-    attribute_set_after_arena_refused,
-    attribute_set_after_corrupted_handle,
-    attribute_set_after_not_tracked,
-    attribute_set_after_value_not_tracked,
-    attribute_remove_arena_refused,
-    attribute_remove_corrupted_handle,
-    attribute_remove_not_tracked,
-    attribute_get_cr_invalid_flag,
-    attribute_add_cr_invalid_flag,
-    count,
-};
-inline constexpr statement record_statements[] = {
-    {"_create_internal", fatal, arguments::none, 2, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_create_internal", error, arguments::text, 1, kinds::of_type, "error in <type> create: %s"},
-    {"_initialize", fatal, arguments::none, 2, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_initialize", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_initialize", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_initialize", error, arguments::none, 1, kinds::of_type,
-     "sttr_base can not be NULL in NESTED case. Please check the parent object and provide the correct state "
-     "tracking base pointer"},
-    {"_set_instance_embedded", error, arguments::none, 1, kinds::of_type,
-     "Invalid object pointer passed in to set instance flag"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Error already present in call to get object oid count"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Invalid object passed in to get object oid count"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Error present in call to get table references from object"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Cannot get table references. Invalid object passed on"},
-    {"_sizeof", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_sizeof_internal", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_destroy_internal", error, arguments::text, 2, kinds::of_type,
-     "<type> destroy: Failed to remove oid mapping for object. Error %s"},
-    {"_destroy_internal", information, arguments::none, 1, kinds::of_type,
-     "<type> destroy: Object has references and will be cleaned up when all of them are released"},
-    {"_destroy_internal", diagnostic, arguments::none, 1, kinds::of_type,
-     "<type> destroy: Successfully removed OID mapping"},
-    {"_destroy_internal", error, arguments::text, 1, only(kinds::value_object),
-     "<type> destroy: Failed to get oid references from object. Error %s"},
-    {"_destroy_internal", error, arguments::pointer_text, 1, only(kinds::value_object),
-     "<type> destroy: Failed to decrement ref count of oid %p. Error %s"},
-    {"_destroy_internal", error, arguments::text, 1, only(kinds::far_record),
-     "<type> destroy: Failed to get oid references from object. Error %s"},
-    {"_destroy_internal", error, arguments::pointer_text, 1, only(kinds::far_record),
-     "<type> destroy: Failed to decrement ref count of oid %p. Error %s"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "tinfo is null or corrupted"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_destroy_internal", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_set", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_set", error, arguments::none, 1, kinds::of_type, "The object is not state tracked"},
-    {"_len", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_marshal_internal", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_unmarshal", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_unmarshal", fatal, arguments::none, 1, kinds::of_type, "LOOM handle and object state tracking mis-match"},
-    {"_unmarshal", diagnostic, arguments::number_number_number, 1, kinds::of_type,
-     "offset_jump read_len %d offset_jump_base %d _loom_variant_jump %d"},
-    {"_to_xml", fatal, arguments::none, 1, kinds::of_type, "Corrupted LOOM Handle"},
-    {"_<attribute>_set", fatal, arguments::none, 1, kinds::settable, "Corrupted LOOM Handle"},
-    {"_<attribute>_set", error, arguments::none, 1, kinds::settable, "The object is not state tracked"},
-    {"_<attribute>_state_flag_get", fatal, arguments::none, 1, kinds::flagged, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_get", error, arguments::none, 1, kinds::flagged, "The object is non state tracked"},
-    {"_<attribute>_state_flag_set", fatal, arguments::none, 1, kinds::flagged, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_set", error, arguments::none, 1, kinds::flagged, "The object is not state tracked"},
-    {"_<attribute>_set_value", fatal, arguments::none, 1, kinds::valued, "Corrupted LOOM Handle"},
-    {"_<attribute>_set_value", error, arguments::none, 1, kinds::valued, "The object is not state tracked"},
-    {"_<attribute>_set (worker)", fatal, arguments::none, 2, kinds::variable, "Corrupted LOOM Handle"},
-    {"_<attribute>_set (worker)", error, arguments::none, 1, kinds::variable, "The object is not state tracked"},
-    {"_<attribute>_set (worker)", information, arguments::none, 1, kinds::variable,
-     "Reallocating resource for <type>"},
-    {"_<attribute>_set_mem", fatal, arguments::none, 1, kinds::arrays_of_values, "Corrupted LOOM Handle"},
-    {"_<attribute>_set_mem", error, arguments::none, 1, kinds::arrays_of_values,
-     "The object is not state tracked"},
-    {"_<attribute>_set_mem", fatal, arguments::none, 1, only(kinds::variable_values), "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_get_arr", fatal, arguments::none, 1, kinds::arrays, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_get_arr", error, arguments::none, 1, kinds::arrays,
-     "The object is non state tracked"},
-    {"_<attribute>_state_flag_set_arr", fatal, arguments::none, 1, kinds::arrays, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_set_arr", error, arguments::none, 1, kinds::arrays,
-     "The object is not state tracked"},
-    {"_<attribute>_state_flag_whole_get", fatal, arguments::none, 1, kinds::arrays, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_whole_get", error, arguments::none, 1, kinds::arrays,
-     "The object is non state tracked"},
-    {"_<attribute>_state_flag_whole_set", fatal, arguments::none, 1, kinds::arrays, "Corrupted LOOM Handle"},
-    {"_<attribute>_state_flag_whole_set", error, arguments::none, 1, kinds::arrays,
-     "The object is not state tracked"},
-    {"_<attribute>_set (worker)", error, arguments::none, 1, only(kinds::variable_records),
-     "The val object is not state tracked"},
-    {"_<attribute>_get_detach", fatal, arguments::none, 1, only(kinds::arm), "Corrupted LOOM Handle"},
-    {"_<attribute>_get_detach", error, arguments::none, 1, only(kinds::arm), "The object is not state tracked"},
-    {"_get_object_references", error, arguments::none, 1, only(kinds::oid),
-     "Failed to obtain resolve existing oid reference from object"},
-    {"_destroy_internal", error, arguments::text, 1, only(kinds::oid),
-     "<type> destroy: Failed to release oid reference for <attribute> oid. Error %s"},
-    {"_<attribute>_set_by_ref", error, arguments::text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Failed to resolve existing oid id. Error %s"},
-    {"_<attribute>_set_by_ref", error, arguments::text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Failed to decrement ref count on earlier reference. Error %s"},
-    {"_<attribute>_set_by_ref", information, arguments::text_text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Could not get oid id mapping for object %s/%s"},
-    {"_<attribute>_set_by_ref", error, arguments::none, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Cannot set reference to this object"},
-    {"_<attribute>_set_by_ref", error, arguments::text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Failed to obtain existing oid mapping of object. Error %s"},
-    {"_<attribute>_set_by_ref", error, arguments::text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Failed to update ref count on earlier reference. Error %s"},
-    {"_<attribute>_set_by_ref", error, arguments::none, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Could not get oid mapping entry using oid id"},
-    {"_<attribute>_set_by_ref", error, arguments::text, 1, only(kinds::oid),
-     "<type> <attribute> set by ref: Handle to oid failed with error code %s"},
-    {"_<attribute>_set_by_ref", fatal, arguments::none, 1, only(kinds::oid), "Corrupted LOOM Handle"},
-    {"_<attribute>_set_by_ref", error, arguments::none, 1, only(kinds::oid), "The object is not state tracked"},
-    {"_unmarshal", error, arguments::text, 1, only(kinds::list), "Error %s while unmarshalling list element"},
-    {"_unmarshal", fatal, arguments::none, 4, only(kinds::list), "arbor internal error"},
-    {"_post_copyout_cleanup", fatal, arguments::none, 2, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_set_first", fatal, arguments::none, 5, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_set_first", fatal, arguments::none, 1, only(kinds::list), "Corrupted LOOM Handle"},
-    {"_<attribute>_set_first", error, arguments::none, 1, only(kinds::list), "The object is not state tracked"},
-    {"_<attribute>_set_first", error, arguments::none, 1, only(kinds::list),
-     "The val object is not state tracked"},
-    {"_<attribute>_set_last", fatal, arguments::none, 5, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_set_last", fatal, arguments::none, 1, only(kinds::list), "Corrupted LOOM Handle"},
-    {"_<attribute>_set_last", error, arguments::none, 1, only(kinds::list), "The object is not state tracked"},
-    {"_<attribute>_set_last", error, arguments::none, 1, only(kinds::list), "The val object is not state tracked"},
-    {"_<attribute>_set_before", fatal, arguments::none, 5, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_set_before", fatal, arguments::none, 1, only(kinds::list), "Corrupted LOOM Handle"},
-    {"_<attribute>_set_before", error, arguments::none, 1, only(kinds::list), "The object is not state tracked"},
-    {"_<attribute>_set_before", error, arguments::none, 1, only(kinds::list),
-     "The val object is not state tracked"},
-    {"_<attribute>_set_after", fatal, arguments::none, 5, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_set_after", fatal, arguments::none, 1, only(kinds::list), "Corrupted LOOM Handle"},
-    {"_<attribute>_set_after", error, arguments::none, 1, only(kinds::list), "The object is not state tracked"},
-    {"_<attribute>_set_after", error, arguments::none, 1, only(kinds::list),
-     "The val object is not state tracked"},
-    {"_<attribute>_remove", fatal, arguments::none, 5, only(kinds::list), "arbor internal error"},
-    {"_<attribute>_remove", fatal, arguments::none, 1, only(kinds::list), "Corrupted LOOM Handle"},
-    {"_<attribute>_remove", error, arguments::none, 1, only(kinds::list), "The object is not state tracked"},
-    {"_<attribute>_get_cr", error, arguments::number, 1, only(kinds::list), "invalid list get flag %d"},
-    {"_<attribute>_add_cr", error, arguments::number, 1, only(kinds::list), "invalid list add flag %d"},
-};
-static_assert(length_of(record_statements) == static_cast<std::size_t>(record_says::count));
 
 /// Statements of the enumeration family.
 enum class enumeration_says : u16 {
@@ -335,29 +32,38 @@ enum class enumeration_says : u16 {
     destroy_internal_variant_beyond_table,
     count,
 };
-inline constexpr statement enumeration_statements[] = {
-    {"_create_internal", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_create_internal", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_initialize", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_initialize", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_set_instance_embedded", error, arguments::none, 1, kinds::of_type,
-     "Invalid object handle passed to set embedded flag"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Error already present in call to get object oid count"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Invalid object passed in to get object oid count"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Error present in call to get table references from object"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Cannot get table references. Invalid object passed on"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "tinfo is null or corrupted"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_destroy_internal", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-};
-static_assert(length_of(enumeration_statements) == static_cast<std::size_t>(enumeration_says::count));
+inline constexpr auto enumeration_statements = [] {
+    using enum enumeration_says;
+    using enum arguments;
+    using namespace kinds;
+    return in_order<enumeration_says>({
+        {create_internal_no_variant_table, {"_create_internal", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {create_internal_variant_beyond_table,
+         {"_create_internal", information, number_number, 1, of_type,
+          "variant %u requested only %u variants present"}},
+        {initialize_no_variant_table, {"_initialize", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {initialize_variant_beyond_table,
+         {"_initialize", information, number_number, 1, of_type, "variant %u requested only %u variants present"}},
+        {set_instance_embedded_null_object,
+         {"_set_instance_embedded", error, none, 1, of_type, "Invalid object handle passed to set embedded flag"}},
+        {get_oid_count_error_pending,
+         {"_get_oid_count", error, none, 1, of_type, "Error already present in call to get object oid count"}},
+        {get_oid_count_null_object,
+         {"_get_oid_count", error, none, 1, of_type, "Invalid object passed in to get object oid count"}},
+        {get_object_references_error_pending,
+         {"_get_object_references", error, none, 1, of_type,
+          "Error present in call to get table references from object"}},
+        {get_object_references_null_object,
+         {"_get_object_references", error, none, 1, of_type,
+          "Cannot get table references. Invalid object passed on"}},
+        {destroy_internal_corrupted_tinfo,
+         {"_destroy_internal", fatal, none, 1, of_type, "tinfo is null or corrupted"}},
+        {destroy_internal_no_variant_table, {"_destroy_internal", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {destroy_internal_variant_beyond_table,
+         {"_destroy_internal", information, number_number, 1, of_type,
+          "variant %u requested only %u variants present"}},
+    });
+}();
 
 /// Statements of the flag set family.
 enum class flag_set_says : u16 {
@@ -376,134 +82,57 @@ enum class flag_set_says : u16 {
     unmarshal_jump_skips,
     count,
 };
-inline constexpr statement flag_set_statements[] = {
-    {"_create_internal", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_create_internal", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_initialize", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_initialize", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_set_instance_embedded", error, arguments::none, 1, kinds::of_type,
-     "Invalid object handle passed to set embedded flag"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Error already present in call to get object oid count"},
-    {"_get_oid_count", error, arguments::none, 1, kinds::of_type,
-     "Invalid object passed in to get object oid count"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Error present in call to get table references from object"},
-    {"_get_object_references", error, arguments::none, 1, kinds::of_type,
-     "Cannot get table references. Invalid object passed on"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "tinfo is null or corrupted"},
-    {"_destroy_internal", fatal, arguments::none, 1, kinds::of_type, "varinfo is NULL"},
-    {"_destroy_internal", information, arguments::number_number, 1, kinds::of_type,
-     "variant %u requested only %u variants present"},
-    {"_unmarshal", diagnostic, arguments::number_number_number, 1, kinds::of_type,
-     "offset_jump read_len %d offset_jump_base %d _loom_variant_jump %d"},
-};
-static_assert(length_of(flag_set_statements) == static_cast<std::size_t>(flag_set_says::count));
+inline constexpr auto flag_set_statements = [] {
+    using enum flag_set_says;
+    using enum arguments;
+    using namespace kinds;
+    return in_order<flag_set_says>({
+        {create_internal_no_variant_table, {"_create_internal", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {create_internal_variant_beyond_table,
+         {"_create_internal", information, number_number, 1, of_type,
+          "variant %u requested only %u variants present"}},
+        {initialize_no_variant_table, {"_initialize", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {initialize_variant_beyond_table,
+         {"_initialize", information, number_number, 1, of_type, "variant %u requested only %u variants present"}},
+        {set_instance_embedded_null_object,
+         {"_set_instance_embedded", error, none, 1, of_type, "Invalid object handle passed to set embedded flag"}},
+        {get_oid_count_error_pending,
+         {"_get_oid_count", error, none, 1, of_type, "Error already present in call to get object oid count"}},
+        {get_oid_count_null_object,
+         {"_get_oid_count", error, none, 1, of_type, "Invalid object passed in to get object oid count"}},
+        {get_object_references_error_pending,
+         {"_get_object_references", error, none, 1, of_type,
+          "Error present in call to get table references from object"}},
+        {get_object_references_null_object,
+         {"_get_object_references", error, none, 1, of_type,
+          "Cannot get table references. Invalid object passed on"}},
+        {destroy_internal_corrupted_tinfo,
+         {"_destroy_internal", fatal, none, 1, of_type, "tinfo is null or corrupted"}},
+        {destroy_internal_no_variant_table, {"_destroy_internal", fatal, none, 1, of_type, "varinfo is NULL"}},
+        {destroy_internal_variant_beyond_table,
+         {"_destroy_internal", information, number_number, 1, of_type,
+          "variant %u requested only %u variants present"}},
+        {unmarshal_jump_skips,
+         {"_unmarshal", diagnostic, number_number_number, 1, of_type,
+          "offset_jump read_len %d offset_jump_base %d _loom_variant_jump %d"}},
+    });
+}();
 
 /// Statements of the frame family.
 enum class frame_says : u16 {
     type_variant_dump_no_variant_table,
     count,
 };
-inline constexpr statement frame_statements[] = {
-    {"<bundle>_type_variant_dump", error, arguments::none, 1, kinds::of_type,
-     "type variant cached info is NULL during usage dump"},
-};
-static_assert(length_of(frame_statements) == static_cast<std::size_t>(frame_says::count));
-
-/// Statements of the message family.
-enum class message_says : u16 {
-    create_shallow_corrupted_tinfo,
-    create_shallow_no_variant_table,
-    create_shallow_variant_beyond_table,
-    create_shallow_corrupted_handle,
-    create_internal_corrupted_tinfo,
-    create_internal_no_variant_table,
-    create_internal_variant_beyond_table,
-    create_internal_corrupted_handle,
-    destroy_internal_corrupted_tinfo,
-    destroy_internal_no_variant_table,
-    destroy_internal_variant_beyond_table,
-    marshal_internal_error_pending,
-    marshal_internal_unknown_to_peer,
-    marshal_internal_not_valid_for_bundle,
-    marshal_internal_failed_suppressed,
-    marshal_internal_failed,
-    marshal_internal_not_in_bundle,
-    unmarshal_only_error_pending,
-    unmarshal_error_pending,
-    unmarshal_recorder_no_memory,
-    unmarshal_recorder_no_stream,
-    unmarshal_not_recorded,
-    unmarshal_recording_failed,
-    unmarshal_no_handler,
-    print_error_pending,
-    to_xml_error_pending,
-    from_xml_error_pending,
-    payload_get_error_pending,
-    payload_get_detach_error_pending,
-    payload_set_error_pending,
-    payload_free_and_set_error_pending,
-    count,
-};
-inline constexpr statement message_statements[] = {
-    {"_create_shallow", fatal, arguments::none, 1, kind_set(message_trait::any), "tinfo is null or corrupted"},
-    {"_create_shallow", fatal, arguments::none, 1, kind_set(message_trait::any), "varinfo is NULL"},
-    {"_create_shallow", information, arguments::number_number, 1, kind_set(message_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_create_shallow", fatal, arguments::none, 2, kind_set(message_trait::any), "Corrupted LOOM Handle"},
-    {"_create_internal", fatal, arguments::none, 1, kind_set(message_trait::any), "tinfo is null or corrupted"},
-    {"_create_internal", fatal, arguments::none, 1, kind_set(message_trait::any), "varinfo is NULL"},
-    {"_create_internal", information, arguments::number_number, 1, kind_set(message_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_create_internal", fatal, arguments::none, 2, kind_set(message_trait::any), "Corrupted LOOM Handle"},
-    {"_destroy_internal", fatal, arguments::none, 1, kind_set(message_trait::any), "tinfo is null or corrupted"},
-    {"_destroy_internal", fatal, arguments::none, 1, kind_set(message_trait::any), "varinfo is NULL"},
-    {"_destroy_internal", information, arguments::number_number, 1, kind_set(message_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_marshal_internal", diagnostic, arguments::text, 1, kind_set(message_trait::any),
-     "Error present in call to message marshal: %s"},
-    {"_marshal_internal", error, arguments::text_text_text, 1, kind_set(message_trait::any),
-     "domainfail: Message %s (%s) is not allowed for the current domain (%s)"},
-    {"_marshal_internal", error, arguments::text_text, 1, kind_set(message_trait::any),
-     "Message %s is not valid for bundle: %s"},
-    {"_marshal_internal", diagnostic, arguments::text_text, 1, kind_set(message_trait::any),
-     "Message %s failed to marshal: %s"},
-    {"_marshal_internal", error, arguments::text_text, 1, kind_set(message_trait::any),
-     "Message %s failed to marshal: %s"},
-    {"_marshal_internal", error, arguments::text_text, 1, kind_set(message_trait::any),
-     "Message %s instance is not present in bundle %s"},
-    {"_unmarshal_only", diagnostic, arguments::text_text, 1, kind_set(message_trait::any),
-     "Error present in call to %s unmarshal: %s"},
-    {"_unmarshal", diagnostic, arguments::text_text, 1, kind_set(message_trait::any),
-     "Error present in call to %s message unmarshal: %s"},
-    {"_unmarshal", fatal, arguments::none, 1, kind_set(message_trait::any), "LOOM record - malloc failed"},
-    {"_unmarshal", error, arguments::none, 1, kind_set(message_trait::any),
-     "LOOM record - NULL file handle for message <message>"},
-    {"_unmarshal", error, arguments::number_number, 1, kind_set(message_trait::any),
-     "Error %d <message>_action message not recorded, xml len %d"},
-    {"_unmarshal", error, arguments::number, 1, kind_set(message_trait::any),
-     "Error %d in recording <message>_action message"},
-    {"_unmarshal", information, arguments::none, 1, kind_set(message_trait::any),
-     "default <bundle>_<message>_action_message handler called"},
-    {"_print", diagnostic, arguments::text, 1, kind_set(message_trait::any),
-     "Already have error when printing <name>: %s"},
-    {"_to_xml", diagnostic, arguments::text, 1, kind_set(message_trait::any),
-     "Already have error when rendering XML for <name>: %s"},
-    {"_from_xml", diagnostic, arguments::text, 1, kind_set(message_trait::any),
-     "Already have error when rendering <name> to XML: %s"},
-    {"_<p>_get", diagnostic, arguments::text, 1, kind_set(message_trait::with_payload),
-     "Error present when getting value for <p>: %s"},
-    {"_<p>_get_detach", diagnostic, arguments::text, 1, kind_set(message_trait::with_payload),
-     "Error present getting detached <p> value for <message>: %s"},
-    {"_<p>_set", diagnostic, arguments::text, 1, kind_set(message_trait::with_payload),
-     "Error present when setting value for <p>: %s"},
-    {"_<p>_free_and_set", diagnostic, arguments::text, 1, kind_set(message_trait::with_payload),
-     "Error present when freeing and setting value for <p>: %s"},
-};
-static_assert(length_of(message_statements) == static_cast<std::size_t>(message_says::count));
+inline constexpr auto frame_statements = [] {
+    using enum frame_says;
+    using enum arguments;
+    using namespace kinds;
+    return in_order<frame_says>({
+        {type_variant_dump_no_variant_table,
+         {"<bundle>_type_variant_dump", error, none, 1, of_type,
+          "type variant cached info is NULL during usage dump"}},
+    });
+}();
 
 /// Statements of the registry family.
 enum class registry_says : u16 {
@@ -511,218 +140,25 @@ enum class registry_says : u16 {
     get_vft_error_pending,
     count,
 };
-inline constexpr statement registry_statements[] = {
-    {"<bundle>_table_vft_init (worker shared with _get_vft)", diagnostic, arguments::text, 1, kinds::of_type,
-     "Initializing table vft for %s"},
-    {"<bundle>_table_get_vft", diagnostic, arguments::none, 1, kinds::of_type,
-     "Error already set when requesting <bundle> table vft"},
-};
-static_assert(length_of(registry_statements) == static_cast<std::size_t>(registry_says::count));
+inline constexpr auto registry_statements = [] {
+    using enum registry_says;
+    using enum arguments;
+    using namespace kinds;
+    return in_order<registry_says>({
+        {init_initializing,
+         {"<bundle>_table_vft_init (worker shared with _get_vft)", diagnostic, text, 1, of_type,
+          "Initializing table vft for %s"}},
+        {get_vft_error_pending,
+         {"<bundle>_table_get_vft", diagnostic, none, 1, of_type,
+          "Error already set when requesting <bundle> table vft"}},
+    });
+}();
 
-/// Statements of the table family.
-enum class table_says : u16 {
-    table_open_internal_create_without_lock,
-    table_open_internal_no_table_list,
-    table_open_internal_toc_failed,
-    table_open_internal_no_toc_root_to_write,
-    table_open_internal_no_toc_root,
-    table_open_internal_reader_without_id_root,
-    table_open_internal_id_root_key_refused,
-    table_open_internal_lookup_failed,
-    table_open_internal_arena_refused,
-    table_open_internal_no_mapping,
-    table_open_internal_toc_insert_failed,
-    table_open_internal_corrupted_tinfo,
-    table_open_internal_no_variant_table,
-    table_open_internal_variant_beyond_table,
-    table_free_no_toc_root,
-    table_free_toc_delete_failed,
-    table_free_wrong_call,
-    table_free_mapping_not_removed,
-    table_free_mapping_removed,
-    table_free_arena_refused,
-    table_free_still_on_gc_list,
-    table_free_gc_list_failed,
-    table_free_corrupted_tinfo,
-    table_free_no_variant_table,
-    table_free_variant_beyond_table,
-    request_table_free_not_shared,
-    request_table_free_no_toc_root,
-    request_table_free_toc_delete_failed,
-    request_table_free_destroy_failed,
-    create_record_internal_corrupted_tinfo,
-    create_record_internal_no_variant_table,
-    create_record_internal_variant_beyond_table,
-    destroy_record_internal_delete_failed,
-    destroy_record_internal_corrupted_tinfo,
-    destroy_record_internal_no_variant_table,
-    destroy_record_internal_variant_beyond_table,
-    destroy_record_internal_mapping_not_removed,
-    destroy_record_internal_location_not_released,
-    request_record_destroy_failed,
-    payload_set_field_value_refused,
-    payload_free_and_set_field_value_refused,
-    insert_internal_exists,
-    delete_internal_replicated,
-    delete_internal_not_found,
-    delete_internal_count_already_zero,
-    pkey_delete_replicated,
-    get_cr_invalid_flag,
-    record_walk_cr_unknown_key,
-    table_record_create_cb_called,
-    table_record_modify_cb_called,
-    table_record_delete_cb_called,
-    table_record_create_dm_cb_called,
-    table_record_delete_dm_cb_called,
-    table_record_grouping_cb_called,
-    table_record_free_cb_called,
-    table_record_marshal_internal_error_pending,
-    table_record_marshal_internal_unknown_to_peer,
-    table_record_marshal_internal_payload_empty,
-    table_record_unmarshal_error_pending,
-    table_pkey_marshal_error_pending,
-    table_pkey_unmarshal_error_pending,
-    key_set_field_value_refused,
-    key_free_and_set_field_value_refused,
-    table_record_marshal_internal_key_empty,
-    insert_internal_sequence_end_in_batch,
-    insert_internal_sequence_out_of_range,
-    delete_internal_sequence_not_found,
-    seq_compact_batch_start_already_in_batch,
-    seq_compact_batch_end_not_in_batch,
-    count,
-};
-inline constexpr statement table_statements[] = {
-    {"_table_open_internal", fatal, arguments::none, 1, kind_set(table_trait::any),
-     "Opening table <table> in create mode while not holding a write lock"},
-    {"_table_open_internal", information, arguments::text, 1, kind_set(table_trait::any),
-     "Could not find table TOC in DB %s, while opening table <table>"},
-    {"_table_open_internal", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to open TOC for table <table>. Error %s"},
-    {"_table_open_internal", fatal, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to open toc root for table <table>, database %s"},
-    {"_table_open_internal", information, arguments::text_number, 1, kind_set(table_trait::any),
-     "Could not find TOC root for table <table> DB %s. Lock type: RD_LOCK, Open type: %u"},
-    {"_table_open_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "reader cannot allocate table <table> ID root"},
-    {"_table_open_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "Setting tbi root for table <table> failed"},
-    {"_table_open_internal", error, arguments::text, 2, kind_set(table_trait::any),
-     "loom database toc find table <table> in error: %s"},
-    {"_table_open_internal", fatal, arguments::none, 5, kind_set(table_trait::any), "arbor internal error"},
-    {"_table_open_internal", fatal, arguments::none, 1, kind_set(table_trait::any),
-     "Failed to create mapping for <table> table"},
-    {"_table_open_internal", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to insert %s table <table> into the TOC"},
-    {"_table_open_internal", fatal, arguments::none, 1, kind_set(table_trait::any), "tinfo is null or corrupted"},
-    {"_table_open_internal", fatal, arguments::none, 1, kind_set(table_trait::any), "varinfo is NULL"},
-    {"_table_open_internal", information, arguments::number_number, 1, kind_set(table_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to get toc root while freeing table. Error %s"},
-    {"_table_free", error, arguments::text, 2, kind_set(table_trait::any),
-     "<table> table free: Failed to delete table entry from TOC. Error: %s"},
-    {"_table_free", diagnostic, arguments::none, 1, kind_set(table_trait::any),
-     "APPLICATION ERROR! Table <table> in SHARED DB should be freed by requesting table free by the GC. Please "
-     "free the table via toc delete or mark the DB as non-shared"},
-    {"_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "<table> table free: Failed to request oid mapping destroy for table. Error %s"},
-    {"_table_free", diagnostic, arguments::none, 1, kind_set(table_trait::any),
-     "<table> table free: Successfully removed OID mapping for <table>"},
-    {"_table_free", fatal, arguments::none, 3, kind_set(table_trait::any), "arbor internal error"},
-    {"_table_free", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table> table free: Table being freed is still on the GC list!"},
-    {"_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "<table> table free: Failed to remove table from the GC list. Error: %s"},
-    {"_table_free", fatal, arguments::none, 1, kind_set(table_trait::any), "tinfo is null or corrupted"},
-    {"_table_free", fatal, arguments::none, 1, kind_set(table_trait::any), "varinfo is NULL"},
-    {"_table_free", information, arguments::number_number, 1, kind_set(table_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_request_table_free", error, arguments::none, 1, kind_set(table_trait::any),
-     "APPLICATION ERROR! LOOm_REQUEST_TABLE_FREE should only be used for SHARED databases"},
-    {"_request_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to get TOC root while freeing table. Error %s"},
-    {"_request_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to perform toc delete for table <table>. Error %s"},
-    {"_request_table_free", error, arguments::text, 1, kind_set(table_trait::any),
-     "Failed to destroy <table> table, Error %s"},
-    {"_create_record_internal", fatal, arguments::none, 1, kind_set(table_trait::any),
-     "tinfo is null or corrupted"},
-    {"_create_record_internal", fatal, arguments::none, 1, kind_set(table_trait::any), "varinfo is NULL"},
-    {"_create_record_internal", information, arguments::number_number, 1, kind_set(table_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_destroy_record_internal", error, arguments::number, 1, kind_set(table_trait::any),
-     "Error %d deleting <table> record when destroying"},
-    {"_destroy_record_internal", fatal, arguments::none, 1, kind_set(table_trait::any),
-     "tinfo is null or corrupted"},
-    {"_destroy_record_internal", fatal, arguments::none, 1, kind_set(table_trait::any), "varinfo is NULL"},
-    {"_destroy_record_internal", information, arguments::number_number, 1, kind_set(table_trait::any),
-     "variant %u requested only %u variants present"},
-    {"_destroy_record_internal", error, arguments::text, 1, kind_set(table_trait::any),
-     "<table> destroy: Failed to remove oid mapping for object. Error %s"},
-    {"_destroy_record_internal", error, arguments::text, 1, kind_set(table_trait::any),
-     "<table> destroy: Failed to dereference location: %s"},
-    {"_request_record_destroy", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table> request destroy record failed"},
-    {"_<payload>_set_field", error, arguments::none, 1, kind_set(table_trait::any),
-     "Object is either nested or already embedded. Cannot set such objects into the record"},
-    {"_<payload>_free_and_set_field", error, arguments::none, 1, kind_set(table_trait::any),
-     "Object is either nested or already embedded in a record. Cannot set such objects into the record"},
-    {"_insert_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table> insert record exists for <keytext>"},
-    {"_delete_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table>_delete() cannot be direclty used when the table is marked for replication"},
-    {"_delete_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table> delete, record not found for <keytext>"},
-    {"_delete_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table> delete: record count already 0!"},
-    {"_pkey_delete", error, arguments::none, 1, kind_set(table_trait::any),
-     "<table>_delete() cannot be direclty used when the table is marked for replication"},
-    {"<k>_get_cr", error, arguments::number, 1, kind_set(table_trait::any), "invalid record get flag %d"},
-    {"_record_walk_cr", error, arguments::number, 1, kind_set(table_trait::any), "unknow key:%d"},
-    {"_table_record_create_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record create handler called"},
-    {"_table_record_modify_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record modify handler called"},
-    {"_table_record_delete_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record delete handler called"},
-    {"_table_record_create_dm_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record create DM handler called"},
-    {"_table_record_delete_dm_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record delete DM handler called"},
-    {"_table_record_grouping_cb", frequent, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record grouping handler called"},
-    {"_table_record_free_cb", information, arguments::none, 1, kind_set(table_trait::any),
-     "default <bundle>_<table>_record free handler called"},
-    {"_table_record_marshal_internal", diagnostic, arguments::text, 1, kind_set(table_trait::any),
-     "Error present in call to table marshal: %s"},
-    {"_table_record_marshal_internal", error, arguments::text_text_text, 1, kind_set(table_trait::any),
-     "domainfail: Table %s (%s) is not allowed for the current domain (%s)"},
-    {"_table_record_marshal_internal", error, arguments::none, 1, kind_set(table_trait::any),
-     "Failed to marshal <table> record: Field <payload> is empty"},
-    {"_table_record_unmarshal", diagnostic, arguments::text_text, 1, kind_set(table_trait::any),
-     "Error present in call to %s unmarshal: %s"},
-    {"_table_pkey_marshal", diagnostic, arguments::text, 1, kind_set(table_trait::any),
-     "Error present in call to table marshal: %s"},
-    {"_table_pkey_unmarshal", diagnostic, arguments::text_text, 1, kind_set(table_trait::any),
-     "Error present in call to %s pkey unmarshal: %s"},
-    {"_<key>_set_field", error, arguments::none, 1, kind_set(table_trait::key_object),
-     "Object is either nested or already embedded. Cannot set such objects into the record"},
-    {"_<key>_free_and_set_field", error, arguments::none, 1, kind_set(table_trait::key_object),
-     "Object is either nested or already embedded in a record. Cannot set such objects into the record"},
-    {"_table_record_marshal_internal", error, arguments::none, 1, kind_set(table_trait::key_object),
-     "Failed to marshal <table> record: Field <key> is empty"},
-    {"_insert_internal", error, arguments::none, 1, kind_set(table_trait::ordered),
-     "<table> insert record rejected: UINT32_MAX can not be used in sequence batch mode"},
-    {"_insert_internal", error, arguments::none, 1, kind_set(table_trait::ordered),
-     "<table> insert record rejected: seq out of range."},
-    {"_delete_internal", error, arguments::none, 1, kind_set(table_trait::ordered),
-     "<table> delete record failed: seq number not found."},
-    {"_seq_compact_batch_start", error, arguments::none, 1, kind_set(table_trait::ordered),
-     "It's already in Sequence Batch Mode"},
-    {"_seq_compact_batch_end", error, arguments::none, 1, kind_set(table_trait::ordered),
-     "We are not in Sequence Batch Mode"},
-};
-static_assert(length_of(table_statements) == static_cast<std::size_t>(table_says::count));
+/// The list of a family whose types all have the same statements of their own.
+constexpr const auto& list_of(record_says) { return record_statements; }
+constexpr const auto& list_of(enumeration_says) { return enumeration_statements; }
+constexpr const auto& list_of(flag_set_says) { return flag_set_statements; }
+constexpr const auto& list_of(frame_says) { return frame_statements; }
+constexpr const auto& list_of(registry_says) { return registry_statements; }
 
 } // namespace trellis::diag

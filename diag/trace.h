@@ -17,28 +17,26 @@ namespace trellis::diag {
 void the_statement_has_fewer_entries();
 void the_statement_does_not_apply_here();
 
-/// Slot of statement `wanted` among those of kind `of` (0: of the type itself), `copy` counting its entries.
-template <std::size_t N>
-consteval u32 slot_of(const statement (&statements)[N], std::size_t wanted, u32 copy, kind_set of) {
-    if (copy >= statements[wanted].copies) the_statement_has_fewer_entries();
-    const bool type_level = of == kinds::of_type;
-    if (type_level != (statements[wanted].kinds == kinds::of_type) ||
-        (!type_level && (statements[wanted].kinds & of) == 0))
-        the_statement_does_not_apply_here();
+/// Slot of statement `wanted` among those for which `applies` holds, `copy` counting its entries.
+template <class Says, std::size_t N, class Applies>
+consteval u32 slot_among(const statement_list<Says, N>& list, Says wanted, u32 copy, Applies applies) {
+    if (copy >= list[wanted].copies) the_statement_has_fewer_entries();
+    if (!applies(list[wanted])) the_statement_does_not_apply_here();
     u32 slot = copy;
-    for (std::size_t i = 0; i < wanted; ++i)
-        if (type_level ? statements[i].kinds == kinds::of_type : (statements[i].kinds & of) != 0)
-            slot += statements[i].copies;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(wanted); ++i)
+        if (applies(list[i])) slot += list[i].copies;
     return slot;
 }
 
-/// Entries that a type (of 0) or an attribute of one kind takes.
-template <std::size_t N>
-constexpr u32 entries_of(const statement (&statements)[N], kind_set of) {
-    u32 count = 0;
-    for (const statement& s : statements)
-        if (of == kinds::of_type ? s.kinds == kinds::of_type : (s.kinds & of) != 0) count += s.copies;
-    return count;
+/// Slot of a statement of the type itself.
+template <class Says, std::size_t N>
+consteval u32 slot_of(const statement_list<Says, N>& list, Says wanted, u32 copy) {
+    return slot_among(list, wanted, copy, [](const statement& each) { return each.kinds == kinds::of_type; });
+}
+/// Slot of a statement of attributes of one kind.
+template <class Says, std::size_t N>
+consteval u32 slot_of(const statement_list<Says, N>& list, Says wanted, u32 copy, trace_kind of) {
+    return slot_among(list, wanted, copy, [of](const statement& each) { return (each.kinds & only(of)) != 0; });
 }
 
 /// The raw call, its emit function chosen by the argument kinds.
@@ -66,94 +64,25 @@ inline void emit(const u8* unit, u32 index, u16 module, u8 level, Argument... ar
         __SPf_444(unit, index, module, word, static_cast<u32>(argument)...);
 }
 
-template <class Owner, const auto& Statements, std::size_t Which, u32 Index, class... Argument>
+template <class Owner, const auto& Statements, auto What, u32 Index, class... Argument>
 inline void emit_indexed(Argument... argument) {
-    emit<Statements[Which].takes>(Owner::bundle::template trace_unit<Owner::trace_unit>(), Index,
-                                  Owner::bundle::trace_module(), Statements[Which].level, argument...);
+    emit<Statements[What].takes>(Owner::bundle::template trace_unit<Owner::trace_unit>(), Index,
+                                 Owner::bundle::trace_module(), Statements[What].level, argument...);
 }
 
-/// A statement of a record type. Level 0 statements are followed by abort: use `die`.
-template <class Model, record_says What, u32 Copy = 0, class... Argument>
+/// A statement of a type, or of the frame or the registry, which stand first in their units. Level 0 statements
+/// are followed by abort: use `die`. Tables and messages, whose statements depend on their traits, have their own.
+template <class Owner, auto What, u32 Copy = 0, class... Argument>
 inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<Model, record_statements, which,
-                 Model::trace_base + slot_of(record_statements, which, Copy, kinds::of_type)>(argument...);
+    constexpr const auto& list = list_of(What);
+    emit_indexed<Owner, list, What, Owner::trace_base + slot_of(list, What, Copy)>(argument...);
 }
 
 /// A statement of an attribute (see trace_kind_of in instance/attribute.h for Kind).
-template <class Attribute, attribute_kind Kind, record_says What, u32 Copy = 0, class... Argument>
+template <class Attribute, trace_kind Kind, record_says What, u32 Copy = 0, class... Argument>
 inline void say_of(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<typename Attribute::model, record_statements, which,
-                 Attribute::at.trace + slot_of(record_statements, which, Copy, only(Kind))>(argument...);
-}
-
-template <class Model, enumeration_says What, u32 Copy = 0, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<Model, enumeration_statements, which,
-                 Model::trace_base + slot_of(enumeration_statements, which, Copy, kinds::of_type)>(argument...);
-}
-
-template <class Model, flag_set_says What, u32 Copy = 0, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<Model, flag_set_statements, which,
-                 Model::trace_base + slot_of(flag_set_statements, which, Copy, kinds::of_type)>(argument...);
-}
-
-/// The frame's and the registry's own statements stand first in their units.
-template <class Frame, frame_says What, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<Frame, frame_statements, which,
-                 Frame::trace_base + slot_of(frame_statements, which, 0, kinds::of_type)>(argument...);
-}
-
-template <class Registry, registry_says What, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    emit_indexed<Registry, registry_statements, which,
-                 Registry::trace_base + slot_of(registry_statements, which, 0, kinds::of_type)>(argument...);
-}
-
-/// Tables and messages take their statements trait by trait: first those of all, then those of key objects, then
-/// those of ordered tables; of messages those with a payload last. Model is a table's or message's model, with
-/// `has_key_object` and `ordered`, or `has_payload`.
-template <class Model>
-consteval u32 first_slot_of(table_trait trait) {
-    if (trait == table_trait::any) return 0;
-    const u32 any = entries_of(table_statements, kind_set(table_trait::any));
-    if (trait == table_trait::key_object) {
-        if (!Model::has_key_object) the_statement_does_not_apply_here();
-        return any;
-    }
-    if (!Model::ordered) the_statement_does_not_apply_here();
-    return any + (Model::has_key_object ? entries_of(table_statements, kind_set(table_trait::key_object)) : 0);
-}
-template <class Model>
-consteval u32 first_slot_of(message_trait trait) {
-    if (trait == message_trait::any) return 0;
-    if (!Model::has_payload) the_statement_does_not_apply_here();
-    return entries_of(message_statements, kind_set(message_trait::any));
-}
-
-template <class Model, table_says What, u32 Copy = 0, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    constexpr kind_set trait = table_statements[which].kinds;
-    emit_indexed<Model, table_statements, which,
-                 Model::trace_base + first_slot_of<Model>(table_trait(trait)) +
-                     slot_of(table_statements, which, Copy, trait)>(argument...);
-}
-
-template <class Model, message_says What, u32 Copy = 0, class... Argument>
-inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    constexpr kind_set trait = message_statements[which].kinds;
-    emit_indexed<Model, message_statements, which,
-                 Model::trace_base + first_slot_of<Model>(message_trait(trait)) +
-                     slot_of(message_statements, which, Copy, trait)>(argument...);
+    emit_indexed<typename Attribute::model, record_statements, What,
+                 Attribute::at.trace + slot_of(record_statements, What, Copy, Kind)>(argument...);
 }
 
 /// A fatal statement of a type: traced at level 0, then the process ends.

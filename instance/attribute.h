@@ -1,5 +1,5 @@
-// The shapes an attribute can have. The schema compiler describes each attribute of a record by one of these
-// templates; every family of operations has one piece of code per shape. Nothing here does anything.
+// What an attribute of each shape (attribute_shape.h) consists of. The schema compiler describes each attribute of
+// a record by one of these templates. Nothing here does anything.
 //
 // A generated model reads:
 //
@@ -24,6 +24,7 @@
 
 #include "diag/statements.h"
 #include "frame/basic_types.h"
+#include "instance/attribute_shape.h"
 #include "instance/value_types.h"
 
 namespace trellis {
@@ -42,98 +43,85 @@ struct place {
     u32 trace;  // index of its first trace statement in the type's unit
 };
 
-enum class shape : u8 {
-    plain,          // scalar, boolean, enumeration (discriminators too), in place
-    object,         // string, address, time, flag set, record, in place
-    fixed_array,    // N values in place
-    variable_array, // pointer to a block, behind a length attribute
-    length,         // count of the variable array or counted string that follows
-    counted_string, // pointer to terminated characters, behind a length attribute
-    fixed_string,   // N characters in place
-    oid,            // type word and oid value
-    arm,            // pointer, null until set
-    list,           // head of a chain
-};
-
 namespace shapes {
 
-template <class Model, class Type, place P, shape S>
+template <class Model, class Type, place P, attribute_shape S>
 struct attribute {
     using model = Model;
     using type = Type; // facade of the value or element type
     static constexpr place at = P;
-    static constexpr shape kind = S;
+    static constexpr attribute_shape shape = S;
 };
 
 template <class Model, class Type, place P>
-struct plain : attribute<Model, Type, P, shape::plain> {};
+struct plain : attribute<Model, Type, P, attribute_shape::plain> {};
 
 template <class Model, class Type, place P>
-struct object : attribute<Model, Type, P, shape::object> {};
+struct object : attribute<Model, Type, P, attribute_shape::object> {};
 
 template <class Model, class Type, u32 N, place P>
-struct fixed_array : attribute<Model, Type, P, shape::fixed_array> {
+struct fixed_array : attribute<Model, Type, P, attribute_shape::fixed_array> {
     static constexpr u32 extent = N;
     static constexpr u32 track_elements = P.track + 1; // N flag bytes, then N nested areas for records
 };
 
 /// Type is the facade of the length's own integer type.
 template <class Model, class Type, place P>
-struct length : attribute<Model, Type, P, shape::length> {};
+struct length : attribute<Model, Type, P, attribute_shape::length> {};
 
 template <class Model, class Type, class Length, place P>
-struct variable_array : attribute<Model, Type, P, shape::variable_array> {
+struct variable_array : attribute<Model, Type, P, attribute_shape::variable_array> {
     using length = Length;                                      // the attribute with the count
     static constexpr u32 track_block = (P.track + 1 + 7) & ~7u; // pointer to one flag byte per element
 };
 
 template <class Model, class Length, place P>
-struct counted_string : attribute<Model, types::char_, P, shape::counted_string> {
+struct counted_string : attribute<Model, types::char_, P, attribute_shape::counted_string> {
     using length = Length;
 };
 
 template <class Model, u32 N, place P>
-struct fixed_string : attribute<Model, types::char_, P, shape::fixed_string> {
+struct fixed_string : attribute<Model, types::char_, P, attribute_shape::fixed_string> {
     static constexpr u32 extent = N;
 };
 
 /// The generated attribute adds `static loom_type_info* target();`, the referred table's static record.
 /// The type word lies at the offset, the oid value 8 bytes behind it.
 template <class Model, place P>
-struct oid : attribute<Model, types::oid, P, shape::oid> {};
+struct oid : attribute<Model, types::oid, P, attribute_shape::oid> {};
 
 /// Discriminator is the attribute that selects the arm, Case its user value.
 template <class Model, class Type, class Discriminator, i32 Case, place P>
-struct arm : attribute<Model, Type, P, shape::arm> {
+struct arm : attribute<Model, Type, P, attribute_shape::arm> {
     using discriminator = Discriminator;
     static constexpr i32 selected_by = Case;
 };
 
 template <class Model, class Type, place P>
-struct list : attribute<Model, Type, P, shape::list> {};
+struct list : attribute<Model, Type, P, attribute_shape::list> {};
 
 } // namespace shapes
 
 template <class A>
-concept is_plain = A::kind == shape::plain;
+concept is_plain = A::shape == attribute_shape::plain;
 template <class A>
-concept is_object = A::kind == shape::object;
+concept is_object = A::shape == attribute_shape::object;
 template <class A>
-concept is_fixed_array = A::kind == shape::fixed_array;
+concept is_fixed_array = A::shape == attribute_shape::fixed_array;
 template <class A>
-concept is_variable_array = A::kind == shape::variable_array;
+concept is_variable_array = A::shape == attribute_shape::variable_array;
 template <class A>
-concept is_length = A::kind == shape::length;
+concept is_length = A::shape == attribute_shape::length;
 template <class A>
-concept is_counted_string = A::kind == shape::counted_string;
+concept is_counted_string = A::shape == attribute_shape::counted_string;
 template <class A>
-concept is_fixed_string = A::kind == shape::fixed_string;
+concept is_fixed_string = A::shape == attribute_shape::fixed_string;
 template <class A>
-concept is_oid = A::kind == shape::oid;
+concept is_oid = A::shape == attribute_shape::oid;
 template <class A>
-concept is_arm = A::kind == shape::arm;
+concept is_arm = A::shape == attribute_shape::arm;
 template <class A>
-concept is_list = A::kind == shape::list;
+concept is_list = A::shape == attribute_shape::list;
 template <class A>
 concept is_array = is_fixed_array<A> || is_variable_array<A>;
 
@@ -160,8 +148,8 @@ constexpr bool all_attributes(type_list<A...>, Body&& body) {
 
 /// What an attribute is to its trace statements.
 template <class A>
-consteval diag::attribute_kind trace_kind_of() {
-    using enum diag::attribute_kind;
+consteval diag::trace_kind trace_kind_of() {
+    using enum diag::trace_kind;
     if constexpr (is_plain<A>)
         return plain;
     else if constexpr (is_fixed_array<A>)

@@ -236,8 +236,8 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
 
 /// What a chain gets instead of a new object; the slot keeps an earlier error.
 template <class M>
-inline typename M::object* fall_back_to_sentinel(loom_handle* handle) {
-    if (handle->last_error == 0) loom_store_err(handle, LOOM_ENOMEM);
+inline typename M::object* fall_back_to_sentinel(loom_handle* handle, u32 error = LOOM_ENOMEM) {
+    if (handle->last_error == 0) loom_store_err(handle, error);
     return sentinel<M>();
 }
 
@@ -271,7 +271,7 @@ typename M::object* create_internal(loom_handle* handle, u32 domain) {
                 M::type::offset_remove(handle, domain, object, &unused);
         }
         c.release(object);
-        return nullptr;
+        return handle->cr_active != 0 ? fall_back_to_sentinel<M>(handle, error) : nullptr;
     }
     return report_created<M>(c, object);
 }
@@ -299,7 +299,7 @@ template <class A>
 [[gnu::noinline]] bool drop_references(const call& c, value_of<A>* value, u32 count) {
     void** references = static_cast<void**>(__builtin_alloca(count * sizeof(void*)));
     A::type::get_object_references(c.handle, c.domain, value, references, count, c.error);
-    constexpr bool is_value = trace_kind_of<A>() == diag::attribute_kind::value_object;
+    constexpr bool is_value = trace_kind_of<A>() == diag::trace_kind::value_object;
     if (c.pending()) {
         const char* text = strerror(static_cast<int>(*c.error));
         if constexpr (is_value)
@@ -326,7 +326,7 @@ template <class A>
 /// are dropped here, so that its own end must find none.
 template <class A>
 inline bool tear_down_object(const call& c, value_of<A>* value) {
-    using enum diag::attribute_kind;
+    using enum diag::trace_kind;
     if constexpr (trace_kind_of<A>() == near_record) {
         // The type is known to hold no references; only the test of the error word remains.
         if (c.pending()) diag::say<typename A::model, says::get_oid_count_error_pending>();

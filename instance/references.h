@@ -6,6 +6,10 @@
 
 #include <loom/oid.h>
 
+#include <stdio.h>
+
+extern "C" void loom_explain_err(loom_handle* handle, uint32_t number, const char* text) __attribute__((weak));
+
 namespace trellis {
 
 namespace accessor {
@@ -99,12 +103,22 @@ inline bool drop_old_reference(const call& c, const loom_oid* oid) {
     return false;
 }
 
+/// A target that is no table of the attribute's type: nothing is traced, but the runtime may keep words for it.
+[[gnu::noinline]] inline void refuse_target(const call& c, const char* type, const char* attribute,
+                                            const char* table) {
+    c.fail(LOOM_EINVAL);
+    if (loom_explain_err == nullptr) return;
+    char text[256];
+    snprintf(text, sizeof text,
+             "%s.%s refers to a table %s: the target is none (a record of the table is none either)", type,
+             attribute, table);
+    loom_explain_err(c.handle, LOOM_EINVAL, text);
+}
+
 template <class A>
 inline void set_counted_reference(const call& c, holder_of<A>* object, void* target) {
-    if (loom_get_manifested_type_info(target) != target_word_of<A>(object)) {
-        c.fail(LOOM_EINVAL);
-        return;
-    }
+    if (loom_get_manifested_type_info(target) != target_word_of<A>(object))
+        return refuse_target(c, A::model::name, A::name, A::target()->name);
     if (loomlib_validate_object_flags(target, 0, 1) != 0) {
         say_of<A, says::attribute_set_by_ref_target_refused>();
         c.fail(LOOM_EPERM);

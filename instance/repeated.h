@@ -275,7 +275,10 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
     const value_of<A>* block = pointer_of<A>(object);
     if (block == nullptr || index >= static_cast<u32>(count_of<A>(object))) {
         if (block != nullptr) note_reallocation<A>();
+        const u32 earlier = *c.error; // of the holder's variant: whether the array grows is another question
+        *c.error = 0;
         if (!grow<A>(c, object, index + 1, tracked)) return;
+        if (earlier != 0) c.fail(earlier);
     }
     if (value != nullptr) {
         value_of<A>* slot = pointer_of<A>(object) + index;

@@ -8,21 +8,24 @@ namespace trellis::message {
 
 // ---- Making --------------------------------------------------------------------------------------------------
 
-/// Type, count, header and tracking mode of a zeroed message.
+/// Type, count, header and tracking mode of a zeroed message. False, and nothing is counted, when the database has
+/// no room for the type's description.
 template <class M, says Corrupted, says NoTable, says Beyond, says CorruptedHandle>
-inline void set_up(const call& c, object_of<M>* message) {
+inline bool set_up(const call& c, object_of<M>* message) {
     message->loom_tinfo = c.handle->db_kind == 0 ? M::type_info()
                                                  : loom_type_info_ptr_get(c.handle, c.domain, M::type_info(),
                                                                           M::bundle::typeinfo_initialize);
+    if (message->loom_tinfo == nullptr) return false;
     loom_variant_entry* statistics = statistics_of<M, Corrupted, NoTable, Beyond>(message->loom_tinfo);
     announce_and_count(c, message->loom_tinfo, &statistics->objects_created);
     message->msg_header.hdr_magic = LOOM_MESSAGE_HEADER_MAGIC;
     memset(message->msg_header.hdr_reserved, 0xFF, sizeof message->msg_header.hdr_reserved);
     const tracking_mode mode = c.mode();
     if (mode == tracking_mode::corrupted) die<M, CorruptedHandle>();
-    if (mode != tracking_mode::on) return;
+    if (mode != tracking_mode::on) return true;
     message->loom_flags = static_cast<u8>(message->loom_flags | OBJ_STATE_TRACKED);
     message->msg_header.hdr_sttr = 1;
+    return true;
 }
 
 /// Zeroed memory of a message, or null.
@@ -39,9 +42,32 @@ object_of<M>* create_shallow(loom_handle* handle, u32 domain) {
     M::bundle::trace_init();
     object_of<M>* message = allocate_message<M>(c);
     if (message == nullptr) return nullptr;
-    set_up<M, says::create_shallow_corrupted_tinfo, says::create_shallow_no_variant_table,
-           says::create_shallow_variant_beyond_table, says::create_shallow_corrupted_handle>(c, message);
-    return message;
+    if (set_up<M, says::create_shallow_corrupted_tinfo, says::create_shallow_no_variant_table,
+               says::create_shallow_variant_beyond_table, says::create_shallow_corrupted_handle>(c, message))
+        return message;
+    c.release(message);
+    return nullptr;
+}
+
+/// What a chain of calls gets when it cannot or must not allocate; the slot keeps an earlier error.
+template <class M>
+inline object_of<M>* fall_back_to_sentinel(const call& c) {
+    if (!c.pending()) loom_store_err(c.handle, LOOM_ENOMEM);
+    return sentinel<M>();
+}
+
+/// Ends a message that cannot be set up. A chain of calls gets the sentinel, with the payload.
+template <class M>
+inline object_of<M>* give_up(const call& c, object_of<M>* message) {
+    const bool chain = c.handle->cr_active != 0;
+    if constexpr (has_payload<M>) {
+        if (chain)
+            payload_in<M>(sentinel<M>()) = payload_in<M>(message);
+        else
+            M::payload::destroy(c.handle, c.domain, payload_in<M>(message));
+    }
+    c.release(message);
+    return chain ? fall_back_to_sentinel<M>(c) : nullptr;
 }
 
 /// Worker: a chain of calls gets the sentinel, with a payload of its own, when it cannot or must not allocate.
@@ -52,8 +78,7 @@ object_of<M>* create_internal(loom_handle* handle, u32 domain) {
     object_of<M>* message = chain && c.pending() ? nullptr : allocate_message<M>(c);
     if (message == nullptr) {
         if (!chain) return nullptr;
-        if (!c.pending()) loom_store_err(handle, LOOM_ENOMEM);
-        message = sentinel<M>();
+        message = fall_back_to_sentinel<M>(c);
     }
     if constexpr (has_payload<M>) {
         payload_in<M>(message) = M::payload::create(handle, domain);
@@ -63,9 +88,10 @@ object_of<M>* create_internal(loom_handle* handle, u32 domain) {
         }
     }
     if (message == sentinel<M>()) return message;
-    set_up<M, says::create_internal_corrupted_tinfo, says::create_internal_no_variant_table,
-           says::create_internal_variant_beyond_table, says::create_internal_corrupted_handle>(c, message);
-    return message;
+    if (set_up<M, says::create_internal_corrupted_tinfo, says::create_internal_no_variant_table,
+               says::create_internal_variant_beyond_table, says::create_internal_corrupted_handle>(c, message))
+        return message;
+    return give_up<M>(c, message);
 }
 
 template <class M>

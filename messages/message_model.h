@@ -45,23 +45,16 @@ inline object_of<M>* sentinel() {
 
 using says = diag::message_says;
 
+/// A message has the statements of all messages, and with a payload those of its payload.
 template <class M>
-consteval u32 slot_of(std::size_t wanted, u32 copy) {
-    const auto applies = [](const diag::statement& statement) {
-        return has_payload<M> || static_cast<diag::message_trait>(statement.kinds) == diag::message_trait::any;
-    };
-    if (!applies(diag::message_statements[wanted])) diag::the_statement_does_not_apply_here();
-    if (copy >= diag::message_statements[wanted].copies) diag::the_statement_has_fewer_entries();
-    u32 slot = copy;
-    for (std::size_t i = 0; i < wanted; ++i)
-        if (applies(diag::message_statements[i])) slot += diag::message_statements[i].copies;
-    return slot;
+consteval bool has_statement(const diag::statement& statement) {
+    return has_payload<M> || static_cast<diag::message_trait>(statement.kinds) == diag::message_trait::any;
 }
 
 template <class M, says What, u32 Copy = 0, class... Argument>
 inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    diag::emit_indexed<M, diag::message_statements, which, M::trace_base + slot_of<M>(which, Copy)>(argument...);
+    constexpr u32 slot = diag::slot_among(diag::message_statements, What, Copy, has_statement<M>);
+    diag::emit_indexed<M, diag::message_statements, What, M::trace_base + slot>(argument...);
 }
 /// A fatal statement: traced at level 0, then the process ends.
 template <class M, says What, u32 Copy = 0>

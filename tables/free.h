@@ -88,7 +88,7 @@ inline void unlink_from_list(const call& c, loom_table_list* list, loom_table* t
 template <class T>
 void table_free(loom_handle* handle, u32 domain, loom_table* table, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return;
+    if (!enter_table(c, table)) return;
     if (!leave_contents<T>(c, table) || !leave_mapping<T>(c, table)) return;
     if (table->open_mode != static_cast<u32>(open_mode::by_name) && !give_back_id<T>(c)) return;
     loom_table_list* list = loomlib_database_table_toc_create(handle, LOOM_DOMAIN_NONE, err);
@@ -116,7 +116,7 @@ void table_free(loom_handle* handle, u32 domain, loom_table* table, u32* err) {
 template <class T>
 void request_table_free(loom_handle* handle, u32 domain, loom_table* table, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return;
+    if (!enter_table(c, table)) return;
     if (loomlib_db_is_shared() == 0) say<T, says::request_table_free_not_shared>();
     if (loomdb_database_toc_open(handle, domain, err) == nullptr || c.pending()) {
         say<T, says::request_table_free_no_toc_root>(error_text(*err));

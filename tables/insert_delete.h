@@ -6,10 +6,11 @@
 
 namespace trellis::table {
 
-/// Enters or removes a record in the counters of its tenant; the default tenant has none.
+/// Enters or removes a record in the counters of its tenant; the default tenant has none. The record's own tenant,
+/// as in the order of the tree: whoever takes it out, under whatever tenant, the counts agree with what is there.
 inline void count_for_tenant(const call& c, loom_table* table, const loom_table_record& head, u32 up) {
-    const u16 tenant = current_tenant();
-    if (tenant != 0) loomdb_update_tenant_counter(c.handle, c.domain, table, up, tenant, head.src, c.error);
+    if (head.tenant_id != 0)
+        loomdb_update_tenant_counter(c.handle, c.domain, table, up, head.tenant_id, head.src, c.error);
 }
 
 inline void count_inserted(const call& c, loom_table* table, const loom_table_record& head) {
@@ -43,7 +44,7 @@ void insert_internal(loom_handle* handle, u32 domain, loom_table* table, record_
         c.fail(LOOM_EEXIST);
         return;
     }
-    if (!c.enter()) return;
+    if (!enter_table(c, table)) return;
     loom_table_record& head = record->loom_record;
     const u32 old_flags = head.record_flags;
     if constexpr (T::ordered) {
@@ -72,7 +73,7 @@ void insert_internal(loom_handle* handle, u32 domain, loom_table* table, record_
 /// Entry of both deletes: a table marked for replication is left to the garbage collector.
 template <class T, says Replicated>
 inline bool enter_delete(const call& c, loom_table* table) {
-    if (!c.enter()) return false;
+    if (!enter_table(c, table)) return false;
     if (loomdb_table_are_cursors_enabled(c.handle, c.domain, table, c.error) == 0 || c.handle->gc_context != 0)
         return true;
     say<T, Replicated>();

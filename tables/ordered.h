@@ -128,6 +128,7 @@ bool leave_sequence(const call& c, loom_table* table, record_of<T>* record) {
 template <class T>
 void seq_compact_batch_start(loom_handle* handle, u32 domain, loom_table* table, u32* err) {
     const call c{handle, domain, err};
+    if (table == nullptr) return c.fail(LOOM_ENOENT);
     if (table->seq_batch_mode == 0) {
         c.store<u32>(&table->seq_batch_mode, 1, nullptr);
         return;
@@ -140,6 +141,7 @@ void seq_compact_batch_start(loom_handle* handle, u32 domain, loom_table* table,
 template <class T>
 void seq_compact_batch_end(loom_handle* handle, u32 domain, loom_table* table, u32* err) {
     const call c{handle, domain, err};
+    if (table == nullptr) return c.fail(LOOM_ENOENT);
     if (table->seq_batch_mode == 0) {
         say<T, says::seq_compact_batch_end_not_in_batch>();
         c.fail(LOOM_EINVAL);

@@ -27,13 +27,36 @@ inline u64* creations_of(const loom_type_info* tinfo) {
                 ->objects_created;
 }
 
-/// Memory of a new record: without any left, a chain of calls gets the sentinel and others null.
+/// Zeroes a record and gives it its type. False when the database has no room for the type's description.
 template <class T>
-inline record_of<T>* allocate_record(const call& c) {
-    auto* record = static_cast<record_of<T>*>(c.allocate(sizeof(record_of<T>)));
-    if (record != nullptr || c.handle->cr_active == 0) return record;
+inline bool begin_record(const call& c, record_of<T>* record) {
+    memset(record, 0, sizeof(record_of<T>));
+    loom_type_info*& word = record->loom_record.loom_tinfo;
+    c.announce(&word, sizeof word, nullptr);
+    word = resident_type_info<typename T::bundle>(c, T::record_type_info());
+    return word != nullptr;
+}
+
+/// What there is instead of a new record: in a chain of calls the sentinel, elsewhere null with error 12. An
+/// earlier error stands, and the handle's slot is left to the chain.
+template <class T>
+inline record_of<T>* record_without_room(const call& c) {
+    if (c.handle->cr_active == 0) {
+        if (!c.pending()) *c.error = LOOM_ENOMEM;
+        return nullptr;
+    }
     if (c.handle->last_error == 0) loom_store_err(c.handle, LOOM_ENOMEM);
+    if (!begin_record<T>(c, sentinel<T>())) sentinel<T>()->loom_record.loom_tinfo = T::record_type_info();
     return sentinel<T>();
+}
+
+template <class T>
+inline record_of<T>* begun_record(const call& c) {
+    auto* record = static_cast<record_of<T>*>(c.allocate(sizeof(record_of<T>)));
+    if (record == nullptr) return record_without_room<T>(c);
+    if (begin_record<T>(c, record)) return record;
+    c.release(record);
+    return record_without_room<T>(c);
 }
 
 /// A pending error is no obstacle here, and it is gone afterwards.
@@ -41,15 +64,12 @@ template <class T>
 record_of<T>* create_record_internal(loom_handle* handle, u32 domain, u32 src, u32* err) {
     const call c{handle, domain, err};
     T::bundle::trace_init();
-    record_of<T>* record = allocate_record<T>(c);
+    record_of<T>* record = begun_record<T>(c);
     if (record == nullptr) {
         report(c, subject::record, record, nullptr);
         return nullptr;
     }
-    memset(record, 0, sizeof(record_of<T>));
     loom_table_record& head = record->loom_record;
-    c.announce(&head.loom_tinfo, sizeof head.loom_tinfo, nullptr);
-    head.loom_tinfo = resident_type_info<typename T::bundle>(c, T::record_type_info());
     announce_and_count(c, head.loom_tinfo, creations_of<T>(head.loom_tinfo));
     *err = 0;
     head.ref_count = 1;

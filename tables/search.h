@@ -108,8 +108,8 @@ record_of<T>* keyed_search_internal(loom_handle* handle, u32 domain, loom_table*
                                     u32 nearest, u32 forward, u32 src_word, u32 walk_src_word, u32 skip_pending,
                                     u32 strict, u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return nullptr;
-    if (table == nullptr || key == nullptr) {
+    if (!enter_table(c, table)) return nullptr;
+    if (key == nullptr) {
         c.fail(LOOM_ENOENT);
         return nullptr;
     }

@@ -11,7 +11,7 @@ template <class T>
 record_of<T>* keyed_get_sub_next(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record,
                                  u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return nullptr;
+    if (!enter_table(c, table)) return nullptr;
     record_of<T>* next = step<T, direction::forward>(table, record);
     if (next == nullptr || compare_keys<T>(record, next) != 0) return hand_out_nothing<T>(c, table);
     return hand_out<T>(c, table, next);
@@ -29,7 +29,7 @@ template <class T>
 record_of<T>* keyed_get_next_ignore_src(loom_handle* handle, u32 domain, loom_table* table, record_of<T>* record,
                                         u32* err) {
     const call c{handle, domain, err};
-    if (!c.enter()) return nullptr;
+    if (!enter_table(c, table)) return nullptr;
     const u16 tenant = current_tenant();
     record_of<T>* next = step<T, direction::forward>(table, record);
     if (next == nullptr) return hand_out_nothing<T>(c, table);

@@ -15,7 +15,7 @@ namespace trellis::table {
 
 // ---- Keys ----------------------------------------------------------------------------------------------------
 
-enum class key_form : u8 {
+enum class key_kind : u8 {
     attribute,     // an attribute of the payload
     whole_payload, // the payload itself
     object,        // a second instance beside the payload
@@ -24,25 +24,25 @@ enum class key_form : u8 {
 /// The key is one attribute of the payload; Type is the attribute's facade.
 template <class Type, auto Member>
 struct attribute_key {
-    static constexpr key_form form = key_form::attribute;
+    static constexpr key_kind kind = key_kind::attribute;
     using type = Type;
     static constexpr auto member = Member;
 };
 template <class Type>
 struct payload_key {
-    static constexpr key_form form = key_form::whole_payload;
+    static constexpr key_kind kind = key_kind::whole_payload;
     using type = Type;
 };
 template <class Type>
 struct object_key {
-    static constexpr key_form form = key_form::object;
+    static constexpr key_kind kind = key_kind::object;
     using type = Type;
 };
 
 template <class T>
-concept has_key_object = T::key::form == key_form::object;
+concept has_key_object = T::key::kind == key_kind::object;
 template <class T>
-concept has_key_attribute = T::key::form == key_form::attribute;
+concept has_key_attribute = T::key::kind == key_kind::attribute;
 
 template <class T>
 using record_of = typename T::record;
@@ -141,6 +141,14 @@ inline record_of<T>* sentinel() {
     return &sentinel_storage<T>::record;
 }
 
+/// Entry of what works on a table: false when an earlier error stops it, or with error 2 when there is no table.
+inline bool enter_table(const call& c, const loom_table* table) {
+    if (!c.enter()) return false;
+    if (table != nullptr) return true;
+    c.fail(LOOM_ENOENT);
+    return false;
+}
+
 inline u16 current_tenant() {
     u16 tenant = 0;
     mt_get_tenant_id(&tenant);
@@ -163,20 +171,10 @@ consteval bool has_statement(const diag::statement& statement) {
     default: return T::ordered;
     }
 }
-template <class T>
-consteval u32 slot_of(std::size_t wanted, u32 copy) {
-    if (!has_statement<T>(diag::table_statements[wanted])) diag::the_statement_does_not_apply_here();
-    if (copy >= diag::table_statements[wanted].copies) diag::the_statement_has_fewer_entries();
-    u32 slot = copy;
-    for (std::size_t i = 0; i < wanted; ++i)
-        if (has_statement<T>(diag::table_statements[i])) slot += diag::table_statements[i].copies;
-    return slot;
-}
-
 template <class T, says What, u32 Copy = 0, class... Argument>
 inline void say(Argument... argument) {
-    constexpr std::size_t which = static_cast<std::size_t>(What);
-    diag::emit_indexed<T, diag::table_statements, which, T::trace_base + slot_of<T>(which, Copy)>(argument...);
+    constexpr u32 slot = diag::slot_among(diag::table_statements, What, Copy, has_statement<T>);
+    diag::emit_indexed<T, diag::table_statements, What, T::trace_base + slot>(argument...);
 }
 /// A fatal statement: traced at level 0, then the process ends.
 template <class T, says What, u32 Copy = 0, class... Argument>

@@ -39,7 +39,7 @@ struct filter {
 template <class T, direction Way>
 inline record_of<T>* walk_from(const call& c, loom_table* table, record_of<T>* from, const filter& wanted,
                                bool same_key) {
-    if (!c.enter()) return nullptr;
+    if (!enter_table(c, table)) return nullptr;
     const u16 tenant = current_tenant();
     for (record_of<T>* each = step<T, Way>(table, from); each != nullptr; each = step<T, Way>(table, each)) {
         if (each->loom_record.tenant_id != tenant) return nullptr;
@@ -93,7 +93,7 @@ record_of<T>* keyed_get_prev_not_pending_destroy(loom_handle* handle, u32 domain
 /// Lower tenants lie before the current one's records, higher ones behind: those on this side are passed over.
 template <class T, direction Way>
 inline record_of<T>* walk_from_end(const call& c, loom_table* table, const filter& wanted) {
-    if (!c.enter()) return nullptr;
+    if (!enter_table(c, table)) return nullptr;
     const u16 tenant = current_tenant();
     const auto on_this_side = [tenant](const loom_table_record& record) {
         return Way == direction::forward ? record.tenant_id < tenant : record.tenant_id > tenant;
@@ -254,23 +254,26 @@ i32 keyed_avl_internal_walk(e_avl_node* node, void* context) {
     return each->callback(record_of_node<T>(node), each->user);
 }
 
+/// False when there is no table.
 template <class T>
-inline void walk_all(loom_table* table, visitor<T> callback, void* user) {
+inline bool walk_all(loom_table* table, visitor<T> callback, void* user) {
+    if (table == nullptr) return false;
     visit<T> each{callback, user};
     e_avl_walk(table->avl_root, T::avl_internal_walk, &each);
+    return true;
 }
 
 template <class T>
 void keyed_walk(loom_table* table, visitor<T> callback, void* user, u32* err) {
-    if (*err == 0) walk_all<T>(table, callback, user);
+    if (*err == 0 && !walk_all<T>(table, callback, user)) *err = LOOM_ENOENT;
 }
 
 template <class T>
 void record_walk_cr(loom_handle* handle, loom_table* table, u32 key_index, visitor<T> callback, void* user) {
     if (key_index != 0)
         say<T, says::record_walk_cr_unknown_key>(key_index);
-    else if (handle->last_error == 0)
-        walk_all<T>(table, callback, user);
+    else if (handle->last_error == 0 && !walk_all<T>(table, callback, user))
+        loom_store_err(handle, LOOM_ENOENT);
 }
 
 template <class T>

@@ -106,7 +106,7 @@ void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain, loom_table
 /** Takes the table out of the domain's TOC; 2 when it is not there. */
 void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* err);
 
-/** Non-zero when the table is marked for replication. */
+/** Non-zero when the table is marked for replication; 0 for null. */
 uint32_t loomdb_table_are_cursors_enabled(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* err);
 /** Non-zero when inserts move the table's write cursor by themselves. */
 uint32_t loomdb_table_implicit_write_cursor_enabled(loom_handle* handle, uint32_t domain, loom_table* table,

@@ -14,6 +14,9 @@ typedef void (*loom_typeinfo_initialize_fn)(loom_handle* handle, uint32_t domain
 
 /** Writes `number` to the handle's error slot. */
 void loom_store_err(loom_handle* handle, uint32_t number);
+/** Keeps words, for people, about the failure `number` that the caller has just stored and traces nothing of; the
+ * text is copied. A runtime need not have this function: bundles look for it and do without. */
+void loom_explain_err(loom_handle* handle, uint32_t number, const char* text);
 /** Clears the handle's error slot. */
 void loom_clear_last_error(loom_handle* handle);
 /** Reports what is out of reach for the instance's variant (43) or the peer (52): stores `number` in `*err` and

@@ -23,8 +23,9 @@ uint32_t loom_oid_id_is_zero(const uint8_t* id);
  *  OBJ_OID_MAPPED on objects with flags. 0 on failure. */
 uint64_t loom_oid_mapping_create(loom_handle* handle, uint32_t domain, void* object, uint32_t kind,
                                  uint32_t dynamic, uint64_t ior, uint32_t* err);
-/** Asks to remove an object's mapping: 0 when references remain and the removal is put off (the runtime destroys
- *  the object when the last one goes), non-zero when the mapping is gone. */
+/** Asks to remove an object's mapping: non-zero when the mapping is gone, 0 when references remain. With the last
+ * one the runtime then destroys the object by itself; of tables it ends only those that wait for the garbage
+ * collector, and whoever frees any other asks again later. */
 uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint32_t domain, void* object, uint32_t* err);
 /** Finds the mapping of an oid value, null if there is none. */
 loom_oid_mapping* loomlib_oid_id_mapping_get(loom_handle* handle, uint32_t domain, const loom_oid* oid,

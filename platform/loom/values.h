@@ -4,7 +4,12 @@
  *
  * Rules of all operations: with `*err` non-zero on entry nothing happens and the result is 0; a failure stores
  * an errno number in `*err` and in the handle's error slot. Every store into a value is announced to the
- * handle's write hook, with the value as owner. None of them takes a lock. */
+ * handle's write hook, with the value as owner. None of them takes a lock.
+ *
+ * For who writes a runtime of their own: bundles move objects by block copies. Behind one, two values hold the
+ * same storage, and `_set` from the source to the destination, with an error word of its own that is clear, must
+ * part them whatever happens: the storage that both hold stays the source's, and the destination gets a copy or,
+ * without memory, becomes the empty value. If it kept what it shares, two objects would give back one block. */
 #ifndef LOOM_VALUES_H
 #define LOOM_VALUES_H
 
@@ -118,7 +123,9 @@ typedef struct loom_username_vstring {
     /** Returns `value`, null included. */                                                                        \
     C* T##_get(loom_handle* handle, uint32_t domain, C* value, uint32_t* err);                                    \
     /** Copies `source` into `destination`; outside storage is released and copied, so that both may be ended     \
-     *  independently. Null source: 2. No memory: 12. */                                                          \
+     *  independently. Null source: 2. No memory: 12, and the destination is as it was, unless it holds the very  \
+     *  storage of the source, behind a block copy: that is the source's, is never released here, and without     \
+     *  memory for a copy the destination is left empty. */                                                       \
     void T##_set(loom_handle* handle, uint32_t domain, C* destination, const C* source, uint32_t* err);           \
     /** A new zeroed value, or null. */                                                                           \
     C* T##_create(loom_handle* handle, uint32_t domain);                                                          \
@@ -158,7 +165,8 @@ typedef struct loom_username_vstring {
     uint32_t T##_get_oid_count(loom_handle* handle, uint32_t domain, const C* value, uint32_t* err);              \
     void T##_get_object_references(loom_handle* handle, uint32_t domain, const C* value, void** references,       \
                                    uint32_t count, uint32_t* err);                                                \
-    /** After a block copy: the destination takes a private copy of what it shares with the source. */            \
+    /** After a block copy: the destination takes a private copy of what it shares with the source, or is left    \
+     *  empty with error 12, as by set. */                                                                        \
     void T##_post_copyout_cleanup(loom_handle* handle, uint32_t domain, C* destination, const C* source,          \
                                   uint32_t* err);                                                                 \
     void T##_set_all_state_tracking_flag(loom_handle* handle, uint32_t domain, C* value, uint8_t state)

@@ -29,11 +29,8 @@ LOOM_EXPORT uint32_t arbor_set_key(void* arena, const char* key, void* block) {
     }
     open_handle* handle = of(arena);
     const write_scope scope(*handle);
-    if (!scope) return 0;
-    if (!handle->db->memory.set_root(key, block)) {
-        fail(ENOMEM, "arena: no memory for the root \"%s\"", key);
-        return 0;
-    }
+    if (scope.error()) return 0;
+    if (!handle->db->memory.set_root(key, block)) return 0;
     handle->db->root_was_set(block);
     return 1;
 }
@@ -64,7 +61,7 @@ LOOM_EXPORT void loom_arena_usage_get(loom_handle* handle, loom_arena_usage* usa
 
 LOOM_EXPORT uint32_t loom_arena_verify(loom_handle* handle) {
     const std::string fault = opened(handle)->db->memory.verify();
-    return fault.empty() ? 0 : fail(EINVAL, "%s", fault.c_str());
+    return fault.empty() ? done() : fail(EINVAL, "%s", fault.c_str());
 }
 
 LOOM_EXPORT void loom_arena_fail_after(loom_handle* handle, uint64_t count) {
@@ -90,7 +87,7 @@ LOOM_EXPORT uint32_t loom_debug_arena_start(loom_handle* handle, loom_unannounce
             for (i8 i = 0; table && i < table->n_variants; ++i)
                 db.debug->exempt(db.memory.offset_of(&table->entries[i].objects_created), 3 * sizeof(u64), true);
         });
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint64_t loom_debug_arena_check(loom_handle* handle) {

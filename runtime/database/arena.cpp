@@ -99,7 +99,7 @@ bool arena::note(const void* address, u64 size) {
     if (!log_ || offset >= section_top_) return true;
     known_range& known = known_[slot_of(offset, known_ranges)];
     if (known.section == section_ && known.offset == offset && known.size >= size) return true;
-    if (!log_->append(address, offset, size)) {
+    if (!log_->keep(address, offset, size)) {
         fail(ENOSPC, "arena: the undo log has no room for %llu bytes more; make room on the disk",
              static_cast<unsigned long long>(size));
         return false;
@@ -127,6 +127,7 @@ void arena::open_section(undo_log& log) {
         section_ = 1;
     }
     section_top_ = header().top;
+    reused_.clear();
     log_ = &log;
     listened_ = true;
 }
@@ -142,6 +143,33 @@ void arena::finish_section() {
             merge(piece, size_in(head));
     }
     deferred_.clear();
+}
+
+void merge_ranges(std::vector<value_range>& ranges) {
+    std::sort(ranges.begin(), ranges.end(),
+              [](const value_range& a, const value_range& b) { return a.offset < b.offset; });
+    std::size_t last = 0;
+    for (const value_range& range : ranges) {
+        value_range& before = ranges[last];
+        if (range.offset <= before.offset + before.length)
+            before.length = std::max(before.length, range.offset + range.length - before.offset);
+        else
+            ranges[++last] = range;
+    }
+    if (!ranges.empty()) ranges.resize(last + 1);
+}
+
+bool arena::changed_ranges(bool allocation, std::span<const value_range> others,
+                           std::vector<value_range>& ranges) {
+    const arena_header& h = header();
+    ranges.assign(others.begin(), others.end());
+    if (!log_->each_range(reserve_, [&](const value_range& range) { ranges.push_back(range); })) return false;
+    // Blocks may have been given back and merged since: what lies there now is as good.
+    for (const value_range& taken : reused_)
+        ranges.push_back({taken.offset, allocation ? head_size : taken.length});
+    if (h.top > section_top_) ranges.push_back({section_top_, allocation ? head_size : h.top - section_top_});
+    merge_ranges(ranges);
+    return true;
 }
 
 void arena::close_section() {
@@ -218,12 +246,23 @@ block* arena::take(u64 total) {
 }
 
 void* arena::allocate(u64 size) {
-    if (size > reserve_) return nullptr;
-    const u64 total = block_total(size);
-    block* piece = total <= largest_cached_block ? pop_cached(total) : nullptr;
-    if (!piece) piece = take(total);
-    if (!piece) return nullptr;
-    if (log_) young_[slot_of(offset_of(piece), young_blocks)] = {piece, section_};
+    const u64 total = size > reserve_ ? 0 : block_total(size);
+    block* piece = total && total <= largest_cached_block ? pop_cached(total) : nullptr;
+    if (!piece && total) piece = take(total);
+    if (!piece) {
+        const arena_header& h = header();
+        explain(
+            ENOMEM,
+            "database %s: no room for %llu bytes; it has %llu of at most %llu: make room on the disk, or open it "
+            "with a larger reserve",
+            h.name, static_cast<unsigned long long>(size), static_cast<unsigned long long>(h.extent),
+            static_cast<unsigned long long>(h.reserve));
+        return nullptr;
+    }
+    if (log_) {
+        young_[slot_of(offset_of(piece), young_blocks)] = {piece, section_};
+        if (offset_of(piece) < section_top_) reused_.push_back({offset_of(piece), size_in(head_of(piece))});
+    }
     std::byte* payload = payload_of(piece);
     if (debug_) debug_->allocated(offset_of(payload), size_in(head_of(piece)) - head_size, next_tag_);
     next_tag_ = 0;

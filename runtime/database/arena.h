@@ -1,6 +1,6 @@
 // Arena memory: one range of addresses with an allocator of its own inside. The same code serves private memory
-// and mapped files; what differs is the backing that gives it room. Sections, files and locks are not known here,
-// only the undo log and the debug arena that listen to notices.
+// and images of databases; what differs is the backing that gives it room. Sections, files and locks are not known
+// here, only the undo log and the debug arena that listen to notices.
 //
 //   base                                                                     top          extent        reserve
 //   | arena_header | block | block | ...                                      |  untouched  |  not there yet |
@@ -18,7 +18,7 @@
 
 #include "runtime/database/sanitizer.h"
 
-#include "frame/basic_types.h"
+#include "runtime/store/journal.h"
 
 #include <functional>
 #include <string>
@@ -79,7 +79,7 @@ struct named_root {
 };
 
 inline constexpr char arena_magic[8] = {'L', 'O', 'O', 'M', 'A', 'R', 'N', 'A'};
-inline constexpr u32 arena_version = 2;
+inline constexpr u32 arena_version = 3;
 
 /// The first bytes of every arena, and of every database file.
 struct arena_header {
@@ -110,6 +110,9 @@ static_assert(sizeof(arena_header) <= 4096 - 8 && std::is_trivially_copyable_v<a
 
 /// What fixed_check should be.
 u64 check_of(const arena_header& header);
+
+/// Puts ranges in order and joins those that touch.
+void merge_ranges(std::vector<value_range>& ranges);
 
 class arena {
   public:
@@ -161,6 +164,11 @@ class arena {
     void finish_section();
     /// Notices go nowhere again.
     void close_section();
+    /// The ranges that the open section has changed, in order and without overlap: what was announced, the blocks
+    /// that it took from free lists, and everything above the former top. Of an `allocation`, a section that only
+    /// takes or gives back blocks, the contents of blocks are left out: nobody has stored them yet. `others` are
+    /// ranges that changed outside of sections. False when the log is damaged.
+    bool changed_ranges(bool allocation, std::span<const value_range> others, std::vector<value_range>& ranges);
     /// After a rollback: tells the sanitizer anew which memory is in use.
     void refresh_poison();
     bool in_section() const { return log_ != nullptr; }
@@ -225,8 +233,9 @@ class arena {
     u32 next_tag_ = 0;
     u64 section_top_ = 0;
     std::vector<block*> deferred_;
-    std::vector<known_range> known_; ///< ranges that the open section has logged; may forget
-    std::vector<young_block> young_; ///< blocks that the open section has made; may forget
+    std::vector<value_range> reused_; ///< blocks below section_top_ that the open section has taken, all of them
+    std::vector<known_range> known_;  ///< ranges that the open section has logged; may forget
+    std::vector<young_block> young_;  ///< blocks that the open section has made; may forget
 };
 
 inline void* arena::allocate_cached(u64 size) {

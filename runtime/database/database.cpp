@@ -1,4 +1,4 @@
-// Opening databases and their sections: files, addresses, recovery.
+// Opening databases and their sections: addresses, recovery, commits.
 #include "runtime/database/database.h"
 
 #include "runtime/database/error_text.h"
@@ -29,40 +29,11 @@ constexpr u64 first_extent_of_memory = u64{256} << 10;
 constexpr u64 first_address = 0x7e9000000000;
 constexpr u64 last_address = 0x7ef000000000;
 
-// Bytes of the file that are locked; far behind all contents, so that the locks mean nothing to anybody else.
-constexpr off_t use_byte = off_t{1} << 60;
-constexpr off_t gate_byte = use_byte + 1;
-constexpr off_t section_byte = use_byte + 2;
-
-bool set_lock(int file, short type, off_t byte, bool wait) {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = byte;
-    lock.l_len = 1;
-    int result;
-    do
-        result = fcntl(file, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
-    while (result < 0 && errno == EINTR);
-    return result == 0;
-}
-
-/// The open files of this process, so that each is mapped once.
-struct file_identity {
-    dev_t device;
-    ino_t number;
-    auto operator<=>(const file_identity&) const = default;
-};
-std::mutex open_files_mutex;
-std::map<file_identity, std::weak_ptr<database>>& open_files() {
-    static auto* files = new std::map<file_identity, std::weak_ptr<database>>;
-    return *files;
-}
-
-void fill_identity(u8 identity[16]) {
-    do {
-        if (getrandom(identity, 16, 0) != 16) fatal("no random numbers for a database's identity");
-    } while (std::all_of(identity, identity + 8, [](u8 byte) { return byte == 0; }));
+/// The open databases of this process, so that each is mapped once.
+std::mutex open_databases_mutex;
+std::map<file_identity, std::weak_ptr<database>>& open_databases() {
+    static auto* databases = new std::map<file_identity, std::weak_ptr<database>>;
+    return *databases;
 }
 
 u64 rounded_reserve(u64 wanted, u64 otherwise) {
@@ -134,78 +105,42 @@ std::string name_from_path(const std::string& path) {
     return file.substr(0, file.find_last_of('.') == 0 ? std::string::npos : file.find_last_of('.'));
 }
 
-/// Makes the file of an empty database beside its final name and moves it there when it is whole. False when
-/// another process was faster, which is no failure, or with a text.
-u32 create_file(const std::string& path, const loom_open_options& options) {
-    u8 identity[16];
-    fill_identity(identity);
-    const u64 reserve = rounded_reserve(options.reserve, default_file_reserve);
-    const u64 address = options.address ? options.address : choose_address(identity, reserve);
-    if (!address || address % 4096)
-        return fail(EADDRNOTAVAIL,
-                    "database %s: there is no free address for %" PRIu64
-                    " bytes; name an address, or reserve less",
-                    path.c_str(), reserve);
-    const std::string fresh = path + ".new." + std::to_string(getpid());
-    const int file = open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (file < 0)
-        return fail(static_cast<u32>(errno),
-                    "database %s: cannot be made: %s; name a file in a directory that is there and that you may "
-                    "write to",
-                    path.c_str(), words_of(errno).c_str());
-    arena_header header;
-    arena::format(header, address, reserve, first_extent_of_a_file, identity,
-                  options.name ? options.name : name_from_path(path));
-    u32 result = 0;
-    if (posix_fallocate(file, 0, first_extent_of_a_file) != 0 ||
-        pwrite(file, &header, sizeof header, 0) != sizeof header)
-        result = fail(ENOSPC, "database %s: no room on the disk", path.c_str());
-    else if (unlink((path + ".undo").c_str()) != 0 && errno != ENOENT)
-        result = fail(static_cast<u32>(errno), "database %s: a left-over undo log cannot be removed: %s",
-                      path.c_str(), words_of(errno).c_str());
-    else if (link(fresh.c_str(), path.c_str()) != 0 && errno != EEXIST)
-        result = fail(static_cast<u32>(errno), "database %s: cannot be made: %s", path.c_str(),
-                      words_of(errno).c_str());
-    close(file);
-    unlink(fresh.c_str());
-    return result;
+/// Where and how a new database is made; false, with a text, when there is no place for it.
+bool plan_database(const std::string& path, const loom_open_options& options, store_plan& plan) {
+    u8 random[16];
+    fill_random(random);
+    plan.room = rounded_reserve(options.reserve, default_file_reserve);
+    plan.base = options.address ? options.address : choose_address(random, plan.room);
+    plan.level = options.durability ? static_cast<durability>(options.durability) : durability::ordered;
+    plan.mode = options.mode;
+    plan.name = options.name ? options.name : name_from_path(path);
+    if (plan.base && plan.base % 4096 == 0) return true;
+    fail(EADDRNOTAVAIL,
+         "database %s: there is no free address for %" PRIu64 " bytes; name an address, or reserve less",
+         path.c_str(), plan.room);
+    return false;
 }
 
-/// Reads and judges a file's header; 0, or an error number with a text that says what to do.
-u32 read_header(int file, const std::string& path, arena_header& header) {
-    struct stat status {};
-    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))
-        return fail(EINVAL, "database %s: is no regular file; name the file of a database", path.c_str());
-    const ssize_t read = pread(file, &header, sizeof header, 0);
-    if (read < static_cast<ssize_t>(sizeof header.magic) ||
-        std::memcmp(header.magic, arena_magic, sizeof arena_magic) != 0)
-        return fail(EINVAL, "database %s: is no database; remove the file, or name another one", path.c_str());
-    const auto size = static_cast<u64>(status.st_size);
-    if (read < static_cast<ssize_t>(offsetof(arena_header, base)))
-        return fail(EINVAL, "database %s: is cut short: %" PRIu64 " bytes; restore it from a copy", path.c_str(),
-                    size);
-    if (header.version != arena_version)
+void fill_first_page(const superblock& made, std::span<std::byte> page) {
+    arena::format(*reinterpret_cast<arena_header*>(page.data()), made.base, made.room, first_extent_of_a_file,
+                  made.identity, made.name);
+}
+
+/// Judges the header of an image; 0, or an error number with a text.
+u32 check_header(const arena_header& header, const superblock& fixed, const std::string& path) {
+    if (std::memcmp(header.magic, arena_magic, sizeof arena_magic) != 0 || header.version != arena_version ||
+        header.header_size != sizeof(arena_header))
         return fail(
             EINVAL,
-            "database %s: has format version %u, this runtime reads version %u; use the runtime that wrote it "
+            "database %s: its image has another form than this runtime reads; use the runtime that wrote it "
             "to export its contents",
-            path.c_str(), header.version, arena_version);
-    if (header.header_size != sizeof(arena_header))
-        return fail(EINVAL,
-                    "database %s: its header has %u bytes, this runtime's has %zu: it comes from another kind of "
-                    "machine; use the runtime that wrote it to export its contents",
-                    path.c_str(), header.header_size, sizeof(arena_header));
-    if (read < static_cast<ssize_t>(sizeof header) || size < header.extent)
-        return fail(EINVAL,
-                    "database %s: is cut short: it should have %" PRIu64 " bytes and has %" PRIu64
-                    "; restore it from a copy",
-                    path.c_str(), read < static_cast<ssize_t>(sizeof header) ? sizeof header : header.extent,
-                    size);
+            path.c_str());
     const u64 root = reinterpret_cast<u64>(header.database_root);
-    if (header.fixed_check != check_of(header) || header.base % 4096 || header.reserve % 4096 ||
-        header.reserve > largest_reserve || header.extent > header.reserve || header.top > header.extent ||
+    if (header.fixed_check != check_of(header) || header.base != fixed.base || header.reserve != fixed.room ||
+        header.extent > header.reserve || header.top > header.extent ||
         (root && (root < header.base || root - header.base >= header.top)))
-        return fail(EINVAL, "database %s: its header is damaged; restore it from a copy", path.c_str());
+        return fail(EINVAL, "database %s: the header of its image is damaged; restore it from a backup",
+                    path.c_str());
     return 0;
 }
 } // namespace
@@ -216,28 +151,21 @@ section_lock::~section_lock() {
     if (file_ >= 0) close(file_);
 }
 
-u32 section_lock::open(int database_file) {
+u32 section_lock::open(int lock_file) {
     // Not by the path, which may lead to another file by now.
-    file_ = ::open(("/proc/self/fd/" + std::to_string(database_file)).c_str(), O_RDWR | O_CLOEXEC);
+    file_ = ::open(("/proc/self/fd/" + std::to_string(lock_file)).c_str(), O_RDWR | O_CLOEXEC);
     return file_ >= 0 ? 0 : static_cast<u32>(errno);
 }
 
-bool section_lock::declare_use(bool exclusive) {
-    return set_lock(file_, exclusive ? F_WRLCK : F_RDLCK, use_byte, false);
-}
-
 /// Both kinds pass the gate first, so that readers that keep coming cannot shut a writer out.
-bool section_lock::take(mode wanted) {
-    const short type = wanted == F_WRITE ? F_WRLCK : F_RDLCK;
-    if (!set_lock(file_, type, gate_byte, true)) return false;
-    const bool taken = set_lock(file_, type, section_byte, true);
+bool section_lock::take(bool (*lock)(int, lock_byte, bool)) {
+    if (!lock(file_, lock_byte::gate, true)) return false;
+    const bool taken = lock(file_, lock_byte::section, true);
     const int error = errno;
-    set_lock(file_, F_UNLCK, gate_byte, false);
+    unlock_byte(file_, lock_byte::gate);
     errno = error;
     return taken;
 }
-
-void section_lock::give_up() { set_lock(file_, F_UNLCK, section_byte, false); }
 
 // -------------------------------------------------------------------------------------------------- opening
 
@@ -245,7 +173,7 @@ std::shared_ptr<database> database::make_private(u64 wanted, const std::string& 
     auto made = std::make_shared<database>();
     const u64 reserve = rounded_reserve(wanted, default_private_reserve);
     u8 identity[16];
-    fill_identity(identity);
+    fill_random(identity);
     std::byte* base = reserve_addresses(reserve, hash_of_bytes(identity));
     if (!base) {
         fail(ENOMEM, "private database: no %" PRIu64 " bytes of addresses left", reserve);
@@ -267,75 +195,99 @@ std::shared_ptr<database> database::make_private(u64 wanted, const std::string& 
     return made;
 }
 
-std::shared_ptr<database> database::open_file(const loom_open_options& options) {
+std::shared_ptr<database> database::open_mapped(const loom_open_options& options) {
+    const std::lock_guard guard(open_databases_mutex);
     const std::string path = options.path ? options.path : "";
-    int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0 && errno == ENOENT && (options.flags & LOOM_OPEN_CREATE)) {
-        if (create_file(path, options) != 0) return nullptr;
-        file = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    }
-    if (file < 0) {
-        if (errno == ENOENT)
-            fail(ENOENT, "database %s: there is no such file; name another one, or ask for it to be made",
-                 path.c_str());
-        else
-            fail(static_cast<u32>(errno),
-                 "database %s: cannot be opened: %s; name a file that you may read and write: readers write too, "
-                 "into its undo log when they follow a writer that died",
-                 path.c_str(), words_of(errno).c_str());
-        return nullptr;
-    }
-    struct stat status {};
-    fstat(file, &status);
-    const std::lock_guard guard(open_files_mutex);
-    std::weak_ptr<database>& known = open_files()[{status.st_dev, status.st_ino}];
+    const bool exclusive = options.flags & LOOM_OPEN_EXCLUSIVE;
+    store_plan plan;
+    const bool may_make = options.flags & LOOM_OPEN_CREATE;
+    if (may_make && !plan_database(path, options, plan)) return nullptr;
+    auto files = std::make_unique<store>();
+    if (files->find(path, may_make ? &plan : nullptr, fill_first_page) != 0) return nullptr;
+    if (options.durability) files->strengthen(static_cast<durability>(options.durability));
+    if (options.journal_limit) files->set_journal_limit(options.journal_limit);
+    std::weak_ptr<database>& known = open_databases()[files->identity()];
     if (auto open_already = known.lock()) {
-        close(file);
+        if (exclusive || open_already->exclusive) {
+            fail(EBUSY,
+                 exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
+                           : "database %s: is in use exclusively; close the other handle on it",
+                 path.c_str());
+            return nullptr;
+        }
+        open_already->files->strengthen(files->level());
         return open_already;
     }
-    arena_header header;
-    if (read_header(file, path, header) != 0) {
-        close(file);
-        return nullptr;
-    }
     auto made = std::make_shared<database>();
-    made->file_ = file;
+    made->files = std::move(files);
     made->path = path;
     made->mapped = true;
-    made->exclusive = options.flags & LOOM_OPEN_EXCLUSIVE;
-    // The whole reservation is mapped at once: pages behind the file's end become usable as the file grows, in
-    // every process that has it mapped.
-    void* memory = mmap(reinterpret_cast<void*>(header.base), header.reserve, PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_FIXED_NOREPLACE, file, 0);
+    made->exclusive = exclusive;
+    if (made->files->enter(exclusive) != 0 || made->open_log() != 0 || !made->map_image()) return nullptr;
+    made->files->entered();
+    known = made;
+    return made;
+}
+
+void database::release(std::shared_ptr<database>& used) {
+    // Who opens the database next, in this process, finds it open or closed whole.
+    const std::lock_guard guard(open_databases_mutex);
+    used.reset();
+}
+
+/// The undo log of the image; made when there is none, which it may be when no section was open.
+u32 database::open_log() {
+    log_ = std::make_unique<undo_log>();
+    if (log_->open_file(*files)) return 0;
+    // Without its log a section that was open cannot be put back: the image is made from what was committed. While
+    // others use it, their log is lost or taken away.
+    if (files->has_open_section() || !files->is_only_user())
+        if (const u32 error = files->rebuild()) return error;
+    return log_->make_file(*files);
+}
+
+bool database::map_image() {
+    const superblock& fixed = files->fixed();
+    // All that there will ever be is mapped at once: pages behind the file's end become usable as the file grows,
+    // in every process that has it mapped.
+    void* place = mmap(reinterpret_cast<void*>(fixed.base), fixed.room, PROT_READ | PROT_WRITE,
+                       MAP_SHARED | MAP_FIXED_NOREPLACE, files->image(), 0);
     const int error = errno;
-    if (memory != MAP_FAILED && reinterpret_cast<u64>(memory) != header.base) {
-        munmap(memory, header.reserve);
-        memory = MAP_FAILED;
+    if (place != MAP_FAILED && reinterpret_cast<u64>(place) != fixed.base) {
+        munmap(place, fixed.room);
+        place = MAP_FAILED;
     }
-    if (memory == MAP_FAILED) {
+    if (place == MAP_FAILED) {
         if (error == EEXIST)
             fail(EADDRINUSE,
                  "database %s: must lie at address %" PRIx64
                  ", but that is taken by %s; close what lies there, or open "
                  "the database in a process of its own",
-                 path.c_str(), header.base, taken_by(header.base, header.reserve).c_str());
+                 path.c_str(), fixed.base, taken_by(fixed.base, fixed.room).c_str());
         else
             fail(static_cast<u32>(error), "database %s: cannot be mapped at address %" PRIx64 ": %s", path.c_str(),
-                 header.base, words_of(error).c_str());
-        return nullptr;
+                 fixed.base, words_of(error).c_str());
+        return false;
     }
-    made->reserve_ = header.reserve;
-    made->memory.attach(static_cast<std::byte*>(memory), made.get(), false);
-    if (!made->make_log()) return nullptr;
-    known = made;
-    return made;
+    reserve_ = fixed.room;
+    const arena_header& header = *static_cast<const arena_header*>(place);
+    u32 failed = check_header(header, fixed, path);
+    struct stat status {};
+    if (!failed && fstat(files->image(), &status) == 0 && static_cast<u64>(status.st_size) < header.extent &&
+        posix_fallocate(files->image(), 0, static_cast<off_t>(header.extent)) != 0)
+        failed = fail(ENOSPC, "database %s: no room on the disk for its image of %" PRIu64 " bytes", path.c_str(),
+                      header.extent);
+    if (failed) {
+        munmap(place, fixed.room);
+        return false;
+    }
+    memory.attach(static_cast<std::byte*>(place), this, false);
+    return true;
 }
 
 bool database::make_log() {
     auto log = std::make_unique<undo_log>();
-    if (mapped) {
-        if (log->open_file(path + ".undo", memory.header().identity) != 0) return false;
-    } else if (!log->open_private(reserve_)) {
+    if (!log->open_private(reserve_)) {
         fail(ENOMEM, "private database: no addresses for an undo log");
         return false;
     }
@@ -345,16 +297,26 @@ bool database::make_log() {
 
 database::~database() {
     if (memory.base()) {
+        if (files) close_in_order();
         memory.detach();
         munmap(memory.base(), reserve_);
     }
-    if (file_ >= 0) close(file_);
+}
+
+void database::close_in_order() {
+    // What fails here was told to those who wanted it on the disk, or will be found by the next opener.
+    if (files->level() == durability::volatile_) {
+        files->leave_volatile(memory.base(), memory.header().top);
+    } else {
+        files->flush(files->committed());
+        files->truncate();
+    }
 }
 
 bool database::extend(std::byte* base, u64 old_extent, u64 extent) {
     if (mapped)
-        return posix_fallocate(file_, static_cast<off_t>(old_extent), static_cast<off_t>(extent - old_extent)) ==
-               0;
+        return posix_fallocate(files->image(), static_cast<off_t>(old_extent),
+                               static_cast<off_t>(extent - old_extent)) == 0;
     return mprotect(base, extent, PROT_READ | PROT_WRITE) == 0;
 }
 
@@ -374,20 +336,36 @@ database_root* database::make_root() {
 bool database::recover() {
     // The extent of the arena as the file has it: what the header says may be part of what is to be put back.
     struct stat status {};
-    if (mapped) fstat(file_, &status);
-    return roll_back(mapped ? static_cast<u64>(status.st_size) : reserve_);
+    if (mapped) fstat(files->image(), &status);
+    // Whose entry is in the journal has committed, and only did not come to empty the log.
+    if (mapped && log_->number() != 0 && files->was_committed(log_->number())) {
+        log_->clear();
+        files->end_section();
+        return true;
+    }
+    if (!roll_back(mapped ? static_cast<u64>(status.st_size) : reserve_)) return false;
+    if (mapped) files->end_section();
+    return true;
 }
 
-/// Blocks behind the end of the arena are not logged. In a file they are wiped, so that it is what it was before
+/// Blocks behind the end of the arena are not kept. In a file they are wiped, so that it is what it was before
 /// the section, to the byte; other processes do not look there.
 bool database::roll_back(u64 extent) {
     const u64 used = std::min(memory.header().top, extent);
-    if (!log_->roll_back(memory.base(), extent)) return false;
+    if (!log_->roll_back(memory.base(), extent)) {
+        fail(EIO,
+             "database %s: its undo log is damaged, so a write section that was cut off cannot be taken back; "
+             "close "
+             "the database everywhere: who opens it next gets it as the last commit left it",
+             path.c_str());
+        if (files) files->distrust_image();
+        return false;
+    }
     ++rollbacks;
     const arena_header& header = memory.header();
     if (!mapped) return true;
     if (used > header.top) std::memset(memory.base() + header.top, 0, used - header.top);
-    if (extent > header.extent && ftruncate(file_, static_cast<off_t>(header.extent)) != 0) {
+    if (extent > header.extent && ftruncate(files->image(), static_cast<off_t>(header.extent)) != 0) {
         // A file that stays longer than it needs to be does no harm: the header alone says what is in use.
     }
     return true;
@@ -395,21 +373,37 @@ bool database::roll_back(u64 extent) {
 
 void database::open_section() {
     if (!log_ && !make_log()) fatal("%s", error_text().c_str());
-    log_->refresh();
+    log_->begin(files ? files->begin_section() : 0);
     if (debug && mapped) debug->restart();
     memory.open_section(*log_);
 }
 
-void database::commit_section() {
+u32 database::commit_section(section_purpose purpose, std::span<const value_range> others) {
     memory.finish_section();
     if (debug && mapped) found_by_commits += debug->check();
+    if (files) {
+        if (!memory.changed_ranges(purpose == section_purpose::allocation, others, changed_))
+            fatal("database %s: its undo log is damaged", path.c_str());
+        if (!changed_.empty()) {
+            const bool waits = purpose == section_purpose::changes && files->level() == durability::durable;
+            if (const u32 error = files->commit(changed_, memory.base(), waits)) {
+                const std::string reason = error_text();
+                abort_section();
+                return fail(error, "%s", reason.c_str());
+            }
+        }
+        last_commit_ = files->committed();
+    }
     log_->clear();
+    if (files) files->end_section();
     memory.close_section();
     roots_of_section_.clear();
+    return 0;
 }
 
 void database::abort_section() {
     if (!roll_back(memory.header().extent)) fatal("%s", error_text().c_str());
+    if (files) files->end_section();
     memory.close_section();
     memory.refresh_poison();
     for (const void* root : roots_of_section_)
@@ -424,10 +418,9 @@ void database::root_was_set(const void* address) {
 }
 
 u32 database::sync() {
-    if (!mapped) return 0;
-    if (msync(memory.base(), memory.header().extent, MS_SYNC) == 0 && fsync(file_) == 0) return 0;
-    return fail(static_cast<u32>(errno), "database %s: cannot be written to the disk: %s", path.c_str(),
-                words_of(errno).c_str());
+    if (!files) return 0;
+    if (const u32 error = files->flush(files->committed())) return error;
+    return files->truncate();
 }
 
 } // namespace loom

@@ -6,6 +6,7 @@
 #include "runtime/database/debug_arena.h"
 #include "runtime/database/layout.h"
 #include "runtime/database/undo_log.h"
+#include "runtime/store/store.h"
 
 #include <loom_runtime/runtime.h>
 
@@ -15,7 +16,7 @@
 
 namespace loom {
 
-/// The lock of one handle on a database file. The system's own locks of an open file description are used: they
+/// The lock of one handle on a mapped database. The system's own locks of an open file description are used: they
 /// exclude threads and processes alike and end with their owner.
 class section_lock {
   public:
@@ -23,26 +24,31 @@ class section_lock {
     section_lock(const section_lock&) = delete;
     section_lock& operator=(const section_lock&) = delete;
     ~section_lock();
-    /// Opens the file behind `database_file` once more, for locking; 0 or an error number.
-    u32 open(int database_file);
-    /// Says that the file is in use, by this handle alone or by others too; false when that cannot be.
-    bool declare_use(bool exclusive);
-    bool take_write() { return take(F_WRITE); }
-    bool take_read() { return take(F_READ); }
-    void give_up();
-    int descriptor() const { return file_; }
+    /// Opens the file that the store locks once more; 0 or an error number.
+    u32 open(int lock_file);
+    bool take_write() { return take(lock_byte_for_writing); }
+    bool take_read() { return take(lock_byte_for_reading); }
+    void give_up() { unlock_byte(file_, lock_byte::section); }
 
   private:
-    enum mode { F_READ, F_WRITE };
-    bool take(mode wanted);
+    bool take(bool (*lock)(int, lock_byte, bool));
     int file_ = -1;
+};
+
+/// What a write section is for.
+enum class section_purpose : u8 {
+    changes,   ///< the application's: they return when they last as its level has it
+    upkeep,    ///< the runtime's own, such as type information: they last with the next commit
+    allocation ///< blocks taken or given back outside of a section, whose contents nobody has stored yet
 };
 
 class database : public backing {
   public:
     /// Null with a text on failure.
     static std::shared_ptr<database> make_private(u64 reserve, const std::string& name);
-    static std::shared_ptr<database> open_file(const loom_open_options& options);
+    static std::shared_ptr<database> open_mapped(const loom_open_options& options);
+    /// Gives up a database; its last user in this process closes it in order.
+    static void release(std::shared_ptr<database>& used);
     ~database() override;
 
     bool extend(std::byte* base, u64 old_extent, u64 extent) override;
@@ -57,7 +63,13 @@ class database : public backing {
     bool recover();
 
     void open_section();
-    void commit_section();
+    /// Makes what the section has changed last; `others` are ranges that changed outside of sections. 0 with the
+    /// number of the commit, or an error number with a text: then the section has been aborted.
+    u32 commit_section(section_purpose purpose, std::span<const value_range> others);
+    /// Number of the commit that the latest section of this process has made.
+    u64 last_commit() const { return last_commit_; }
+    /// Waits until that is on the disk. 0, or an error number with a text.
+    u32 flush(u64 commit) { return files ? files->flush(commit) : 0; }
     void abort_section();
     u32 sync();
 
@@ -69,8 +81,8 @@ class database : public backing {
     bool exclusive = false;
     std::string path;
     std::unique_ptr<debug_arena> debug;
-    u64 found_by_commits = 0; ///< unannounced stores that commits have reported
-    int file() const { return file_; }
+    u64 found_by_commits = 0;     ///< unannounced stores that commits have reported
+    std::unique_ptr<store> files; ///< of a mapped database
     /// Counts what makes addresses kept outside the database invalid.
     std::atomic<u64> rollbacks{0};
     /// The thread whose handle has the write lock, to tell a wait for oneself.
@@ -78,12 +90,16 @@ class database : public backing {
 
   private:
     bool make_log();
+    u32 open_log();
+    bool map_image();
     bool roll_back(u64 extent);
+    void close_in_order();
 
     std::unique_ptr<undo_log> log_;
     std::vector<const void*> roots_of_section_;
+    std::vector<value_range> changed_; ///< by the section that is committed; kept for its memory
+    u64 last_commit_ = 0;
     u64 reserve_ = 0;
-    int file_ = -1;
 };
 
 } // namespace loom

@@ -127,7 +127,7 @@ using tenant_table = chain_table<tenant_node, &tenant_node::next, &tenant_node::
 
 /// What the database layer keeps in loom_table::database.
 struct table_words {
-    u64 marks; ///< table_out_of_toc
+    u64 marks; ///< table_out_of_toc, table_left_to_caller
     table_cursors* cursors;
     tenant_table* tenants;
     loom_table* gc_next;
@@ -136,6 +136,8 @@ struct table_words {
 };
 static_assert(sizeof(table_words) == sizeof(loom_table::database));
 inline constexpr u64 table_out_of_toc = 1;
+inline constexpr u64 table_left_to_caller =
+    2; ///< its free was put off since references remain; the caller repeats it
 inline table_words& words_of(loom_table* table) { return *reinterpret_cast<table_words*>(table->database); }
 
 /// What it keeps in loom_table_record::database.

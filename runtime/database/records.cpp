@@ -12,11 +12,6 @@ namespace loom {
 namespace {
 thread_local u16 current_tenant = 0;
 
-void set_error(loom_handle* handle, u32* err, u32 number) {
-    *err = number;
-    loom_store_err(handle, number);
-}
-
 template <class Stored>
 Stored* new_zeroed(arena& memory, std::size_t size = sizeof(Stored)) {
     void* block = memory.allocate(size);
@@ -123,12 +118,12 @@ LOOM_EXPORT uint32_t loom_table_set_replication(loom_handle* handle, uint32_t, l
                                                 uint32_t implicit_write_cursor) {
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return fail(LOOM_EPERM, "a table cannot be marked inside a read section");
+    if (!scope) return scope.error();
     table_cursors* state = open_cursors(*own, table);
-    if (!state) return fail(LOOM_ENOMEM, "no memory for the table's cursors");
+    if (!state) return LOOM_ENOMEM;
     own->db->memory.assign(state->enabled, cursors != 0);
     own->db->memory.assign(state->implicit_write, implicit_write_cursor != 0);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT void loomdb_enq_rec_move_write_cursor_internal(loom_handle* handle, uint32_t, loom_table* table,
@@ -136,7 +131,7 @@ LOOM_EXPORT void loomdb_enq_rec_move_write_cursor_internal(loom_handle* handle, 
     if (*err) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error());
     table_cursors* state = open_cursors(*own, table);
     if (!state) return set_error(handle, err, LOOM_ENOMEM);
     own->db->memory.assign(state->write_place, state->write_place + 1);
@@ -153,11 +148,12 @@ LOOM_EXPORT uint32_t loom_table_advance_read_cursor(loom_handle* handle, loom_ta
     open_handle* own = opened(handle);
     const write_scope scope(*own);
     table_cursors* state = words_of(table).cursors;
-    if (!scope || !state || place < state->read_place || place > state->write_place)
+    if (!scope) return scope.error();
+    if (!state || place < state->read_place || place > state->write_place)
         return fail(LOOM_EINVAL, "the read cursor of the table cannot go to place %llu",
                     static_cast<unsigned long long>(place));
     own->db->memory.assign(state->read_place, place);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_table_each_enqueued(loom_handle*, loom_table* table, uint64_t place,
@@ -170,7 +166,7 @@ LOOM_EXPORT uint32_t loom_table_each_enqueued(loom_handle*, loom_table* table, u
               [](auto* a, auto* b) { return words_of(a).enqueued < words_of(b).enqueued; });
     for (loom_table_record* record : found)
         visit(table, record, words_of(record).enqueued, context);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT void loomrepl_add_to_cache(loom_handle* handle, uint32_t, loom_table* table, loom_table_record* record,
@@ -195,10 +191,11 @@ LOOM_EXPORT void loom_replication_cache_each(loom_handle* handle, loom_record_fn
 LOOM_EXPORT void loomdb_request_record_destroy(loom_handle* handle, uint32_t domain, loom_table_record* record,
                                                uint32_t* err) {
     if (*err) return;
-    if (!record || !record->table) return set_error(handle, err, record ? LOOM_ENOENT : LOOM_EINVAL);
+    if (!record) return fail(handle, err, LOOM_EINVAL, "there is no record");
+    if (!record->table) return fail(handle, err, LOOM_ENOENT, "the record belongs to no table");
     if (record->record_flags & REC_PENDING_DESTROY) return;
     const write_scope scope(*opened(handle));
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error());
     const auto raise = [&](auto& counter) {
         handle->write_hook(handle, &counter, sizeof counter, domain, nullptr);
         ++counter;
@@ -219,11 +216,13 @@ LOOM_EXPORT void loomdb_update_tenant_counter(loom_handle* handle, uint32_t, loo
     if (*err) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error());
     tenant_node* node = up                        ? open_count(*own, table, tenant, src)
                         : words_of(table).tenants ? find_count(*words_of(table).tenants, tenant, src)
                                                   : nullptr;
-    if (!node || (!up && node->count == 0)) return set_error(handle, err, up ? LOOM_ENOMEM : LOOM_ENOENT);
+    if (!up && (!node || node->count == 0))
+        return fail(handle, err, LOOM_ENOENT, "tenant %u has no record of source %u in the table", tenant, src);
+    if (!node) return set_error(handle, err, LOOM_ENOMEM);
     own->db->memory.assign(node->count, up ? node->count + 1 : node->count - 1);
 }
 
@@ -248,13 +247,13 @@ LOOM_EXPORT uint32_t loom_record_set_location(loom_handle* handle, uint32_t doma
                                               const char* location) {
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return fail(LOOM_EPERM, "a location cannot be stored inside a read section");
+    if (!scope) return scope.error();
     location_node* node = location ? open_location(*own, location) : nullptr;
-    if (location && !node) return fail(LOOM_ENOMEM, "no memory for the location");
+    if (location && !node) return LOOM_ENOMEM;
     u32 err = 0;
     if (record->location) loomlib_record_dereference_loc(handle, domain, record, &err);
     own->db->memory.assign(record->location, reinterpret_cast<u64>(node));
-    return err;
+    return done(err);
 }
 LOOM_EXPORT const char* loom_record_location(const loom_table_record* record) {
     return record->location ? reinterpret_cast<const location_node*>(record->location)->text() : nullptr;
@@ -265,10 +264,11 @@ LOOM_EXPORT void loomlib_record_dereference_loc(loom_handle* handle, uint32_t, l
     if (*err || !record->location) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error());
     arena& memory = own->db->memory;
     auto* node = reinterpret_cast<location_node*>(record->location);
-    if (!memory.contains(node) || node->count == 0) return set_error(handle, err, LOOM_EINVAL);
+    if (!memory.contains(node) || node->count == 0)
+        return fail(handle, err, LOOM_EINVAL, "the record's location is none of this database's");
     memory.assign(node->count, node->count - 1);
     memory.assign(record->location, u64{0});
     if (node->count) return;

@@ -2,7 +2,8 @@
 //
 // A TOC remembers the tables that it let go (table_out_of_toc): a second delete of such a table is forgiven, so
 // that a free that was refused halfway can be repeated. In a TOC marked shared, a table that is taken out by
-// anybody but the garbage collector waits for the collector.
+// anybody but the garbage collector waits for the collector, which finds requested ones of other TOCs by their
+// marks.
 #include "runtime/database/gc.h"
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
@@ -12,11 +13,6 @@
 namespace loom {
 namespace {
 constexpr std::size_t longest_path = 207;
-
-void set_error(loom_handle* handle, u32* err, u32 number) {
-    *err = number;
-    loom_store_err(handle, number);
-}
 
 u64 hash_of_path(const char* path, std::size_t length) {
     u64 hash = 14695981039346656037u;
@@ -38,12 +34,16 @@ toc* find_toc(const database_root& root, u32 domain) {
     return each;
 }
 
-toc* open_toc(open_handle& handle, u32 domain) {
+/// Found or made; null with an error.
+toc* open_toc(open_handle& handle, u32 domain, u32* err) {
     database_root& root = *handle.db->root();
     if (toc* found = find_toc(root, domain)) return found;
     const write_scope scope(handle);
     auto* made = scope ? static_cast<toc*>(handle.db->memory.allocate(sizeof(toc))) : nullptr;
-    if (!made) return nullptr;
+    if (!made) {
+        set_error(&handle.view, err, scope ? u32{LOOM_ENOMEM} : scope.error());
+        return nullptr;
+    }
     std::memset(static_cast<void*>(made), 0, sizeof *made);
     made->root.flags = root.shared ? LOOM_TOC_SHARED : 0;
     made->domain = domain;
@@ -87,7 +87,7 @@ LOOM_EXPORT loom_table_list* loomlib_database_table_toc_create(loom_handle* hand
     auto* list =
         scope ? static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list))) : nullptr;
     if (!list) {
-        set_error(handle, err, scope ? LOOM_ENOMEM : LOOM_EPERM);
+        set_error(handle, err, scope ? u32{LOOM_ENOMEM} : scope.error());
         return nullptr;
     }
     *list = {nullptr, &list->first};
@@ -111,21 +111,20 @@ LOOM_EXPORT loom_toc_root* loomdb_database_toc_get(loom_handle* handle, uint32_t
 
 LOOM_EXPORT loom_toc_root* loomdb_database_toc_open(loom_handle* handle, uint32_t domain, uint32_t* err) {
     if (*err) return nullptr;
-    toc* contents = open_toc(*opened(handle), domain);
-    if (!contents) set_error(handle, err, LOOM_ENOMEM);
+    toc* contents = open_toc(*opened(handle), domain, err);
     return contents ? &contents->root : nullptr;
 }
 
 LOOM_EXPORT uint32_t loom_database_mark_shared(loom_handle* handle, uint32_t shared) {
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return EPERM;
+    if (!scope) return scope.error();
     arena& memory = own->db->memory;
     database_root& root = *own->db->root();
     memory.assign(root.shared, shared != 0);
     for (toc* each = root.tocs; each; each = each->next)
         memory.assign(each->root.flags, static_cast<u8>(shared ? LOOM_TOC_SHARED : 0));
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, uint32_t domain, const char* path,
@@ -133,7 +132,8 @@ LOOM_EXPORT loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, 
                                                            uint32_t luid_length, uint32_t by_name, uint32_t* err) {
     if (*err) return nullptr;
     if (luid_length != 16 || !luid || (by_name && (!path || path_length > longest_path))) {
-        set_error(handle, err, LOOM_EINVAL);
+        fail(handle, err, LOOM_EINVAL, "a table is looked for by a luid of 16 bytes and a path of at most %zu",
+             longest_path);
         return nullptr;
     }
     const toc* contents = find_toc(*opened(handle)->db->root(), domain);
@@ -142,7 +142,8 @@ LOOM_EXPORT loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, 
     if (!entry) return nullptr;
     if (std::memcmp(entry->table->header.loom_tinfo->luid, luid, 16) != 0) {
         // A full path can name a table of another type. Its records are not what the caller takes them for.
-        set_error(handle, err, LOOM_EINVAL);
+        fail(handle, err, LOOM_EINVAL, "the table \"%.*s\" is of type %s, not of the type that is asked for",
+             static_cast<int>(path_length), path, entry->table->header.loom_tinfo->name);
         return nullptr;
     }
     return entry->table;
@@ -153,14 +154,17 @@ LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain
     if (*err) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
-    toc* contents = open_toc(*own, domain);
-    if (!contents) return set_error(handle, err, LOOM_ENOMEM);
+    if (!scope) return set_error(handle, err, scope.error());
+    toc* contents = open_toc(*own, domain, err);
+    if (!contents) return;
     const toc_entry* same =
         table->open_mode == 0
             ? find_path(*contents, table->table_name, static_cast<u32>(strnlen(table->table_name, longest_path)))
             : find_id(*contents, table->table_id, table->header.loom_tinfo->luid);
-    if (same) return set_error(handle, err, LOOM_EEXIST);
+    if (same)
+        return fail(handle, err, LOOM_EEXIST,
+                    "a table \"%s\" of id %llu is there already; find it, or name another", table->table_name,
+                    static_cast<unsigned long long>(table->table_id));
     arena& memory = own->db->memory;
     auto* entry = static_cast<toc_entry*>(memory.allocate(sizeof(toc_entry)));
     if (entry) *entry = {nullptr, table, hash_of_table(*table), dynamic != 0, 0};
@@ -169,7 +173,7 @@ LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain
         return set_error(handle, err, LOOM_ENOMEM);
     }
     memory.assign(words_of(table).domain, domain);
-    memory.assign(words_of(table).marks, words_of(table).marks & ~table_out_of_toc);
+    memory.assign(words_of(table).marks, words_of(table).marks & ~(table_out_of_toc | table_left_to_caller));
 }
 
 LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain, loom_table* table,
@@ -178,15 +182,17 @@ LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain
     open_handle* own = opened(handle);
     toc* contents = find_toc(*own->db->root(), domain);
     toc_entry* entry = contents ? find_entry(*contents, table) : nullptr;
-    if (!entry) {
-        if (!(words_of(table).marks & table_out_of_toc)) set_error(handle, err, LOOM_ENOENT);
-        return;
-    }
+    table_words& words = words_of(table);
+    if (!entry && !(words.marks & table_out_of_toc))
+        return fail(handle, err, LOOM_ENOENT, "the table \"%s\" of id %llu is not in the list of domain %u",
+                    table->table_name, static_cast<unsigned long long>(table->table_id), domain);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error());
     arena& memory = own->db->memory;
-    contents->tables.remove(memory, entry);
-    memory.release(entry);
-    memory.assign(words_of(table).marks, words_of(table).marks | table_out_of_toc);
-    if ((contents->root.flags & LOOM_TOC_SHARED) && !handle->gc_context) put_on_gc_list(*own, table);
+    if (entry) {
+        contents->tables.remove(memory, entry);
+        memory.release(entry);
+    }
+    memory.assign(words.marks, (words.marks | table_out_of_toc) & ~table_left_to_caller);
+    if (contents && (contents->root.flags & LOOM_TOC_SHARED) && !handle->gc_context) put_on_gc_list(*own, table);
 }

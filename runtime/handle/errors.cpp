@@ -1,13 +1,19 @@
 // The error slot of a handle, and what an object's header tells.
+#include "runtime/database/error_text.h"
 #include "runtime/export.h"
 
 #include <loom/instance.h>
 
 #include <cstring>
 
+using loom::fail;
+
 LOOM_EXPORT void loom_store_err(loom_handle* handle, uint32_t number) {
+    if (number) loom::note_error(number, handle && handle->last_error == number);
     if (handle) handle->last_error = number;
 }
+
+LOOM_EXPORT void loom_explain_err(loom_handle*, uint32_t number, const char* text) { fail(number, "%s", text); }
 
 LOOM_EXPORT void loom_clear_last_error(loom_handle* handle) {
     if (handle) handle->last_error = 0;
@@ -39,15 +45,15 @@ LOOM_EXPORT void loom_get_luid(loom_handle* handle, uint32_t, const void* object
     loom_clear_last_error(handle);
     const loom_type_info* info = object ? static_cast<const loom_object*>(object)->loom_tinfo : nullptr;
     if (!luid || !info || info->magic != LOOM_TYPE_INFO_MAGIC) {
-        *err = LOOM_EINVAL;
-        loom_store_err(handle, LOOM_EINVAL);
+        loom::fail(handle, err, LOOM_EINVAL, "there is no object with a type, or no place for its luid");
         return;
     }
     std::memcpy(luid, info->luid, sizeof info->luid);
 }
 
 LOOM_EXPORT uint32_t loomlib_validate_object_flags(const void* object, uint32_t, uint32_t strict) {
-    if (!object) return LOOM_EINVAL;
+    if (!object) return loom::explain(LOOM_EINVAL, "there is no object");
     const uint8_t refused = strict ? OBJ_NESTED | OBJ_EMBEDDED : OBJ_NESTED;
-    return static_cast<const loom_object*>(object)->loom_flags & refused ? LOOM_EPERM : 0;
+    if (!(static_cast<const loom_object*>(object)->loom_flags & refused)) return 0;
+    return loom::explain(LOOM_EPERM, "the object lies in another one; take a clone, or an object of its own");
 }

@@ -78,27 +78,28 @@ void fill_view(open_handle& handle, const loom_open_options& options) {
     handle.choose_hooks();
 }
 
+void make_workspace(open_handle& handle) try {
+    handle.workspace.resize(size_t{handle.workspace_size} + 1);
+} catch (const std::bad_alloc&) {
+    explain(ENOMEM, "the process has no memory for a workspace of %u bytes; set a smaller one",
+            handle.workspace_size);
+    loom_store_err(&handle.view, ENOMEM);
+}
+
 /// Locks for a mapped database, and its root.
-u32 prepare_mapped(open_handle& handle, bool exclusive) {
+u32 prepare_mapped(open_handle& handle) {
     database& db = *handle.db;
-    if (const u32 error = handle.lock.open(db.file()))
+    if (const u32 error = handle.lock.open(db.files->lock_file()))
         return fail(error, "database %s: cannot be opened for locking: %s", db.path.c_str(),
                     words_of(static_cast<int>(error)).c_str());
-    if (!handle.lock.declare_use(exclusive))
-        return fail(EBUSY,
-                    exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
-                              : "database %s: is in use exclusively; close the other handle on it",
-                    db.path.c_str());
-    if (handle.db->exclusive != exclusive)
-        return fail(EBUSY, "database %s: is being opened in another way by this process", db.path.c_str());
     if (const u32 error = handle.begin_read()) return error;
     const bool has_root = db.root() != nullptr;
     handle.end_read();
     if (has_root) return 0;
     if (const u32 error = handle.begin_write()) return error;
     const bool made = db.make_root() != nullptr;
-    handle.end_write(made);
-    return made ? 0 : fail(ENOMEM, "database %s: no room on the disk", db.path.c_str());
+    const u32 error = handle.end_write(made);
+    return made ? error : fail(ENOMEM, "database %s: no room on the disk", db.path.c_str());
 }
 } // namespace
 
@@ -113,8 +114,10 @@ void open_handle::choose_hooks() {
         view.counter_hook = followed ? announce_counter_followed : announce_counter_unfollowed;
 }
 
-u32 open_handle::begin_write() {
+u32 open_handle::begin_write(section_purpose purpose) {
     if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
+    if (db->mapped && purpose == section_purpose::changes)
+        if (const u32 error = db->files->check_failure()) return error;
     if (shared()) {
         if (db->writer.load() == std::this_thread::get_id())
             return fail(EDEADLK, "this thread has a write section on the database with another handle");
@@ -134,16 +137,48 @@ u32 open_handle::begin_write() {
     return 0;
 }
 
-u32 open_handle::end_write(bool commit) {
+u32 open_handle::end_write(bool commit, section_purpose purpose) {
     if (section != section_kind::write) return fail(EINVAL, "this handle has no write section");
-    if (commit)
-        db->commit_section();
-    else
+    u32 error = 0;
+    if (!commit) {
         db->abort_section();
+    } else {
+        const bool with_others = purpose != section_purpose::allocation;
+        error = db->commit_section(purpose, with_others ? changed_outside() : std::vector<value_range>{});
+        if (!error && with_others) {
+            blocks_outside.clear();
+            stores_outside.clear();
+        }
+    }
+    const u64 number = db->last_commit();
     section = section_kind::none;
     choose_hooks();
     give_up_write();
-    return 0;
+    // Others may write while this one waits for the disk.
+    if (commit && !error && db->mapped && purpose == section_purpose::changes &&
+        db->files->level() == durability::durable)
+        error = db->flush(number);
+    return error;
+}
+
+void open_handle::remember_store(const void* address, u64 size) {
+    if (!size || !db->memory.contains(address)) return;
+    const u64 offset = db->memory.offset_of(address);
+    auto block = blocks_outside.upper_bound(offset);
+    if (block != blocks_outside.begin()) {
+        --block;
+        if (offset + size <= block->first + block->second) return;
+    }
+    constexpr std::size_t most = 4096;
+    if (stores_outside.size() == most) merge_ranges(stores_outside);
+    stores_outside.push_back({offset, size});
+}
+
+std::vector<value_range> open_handle::changed_outside() const {
+    std::vector<value_range> all(stores_outside);
+    for (const auto& [offset, size] : blocks_outside)
+        all.push_back({offset, size});
+    return all;
 }
 
 void open_handle::give_up_write() {
@@ -191,15 +226,23 @@ u32 open_handle::end_read() {
 void* open_handle::allocate(u64 size) {
     const u32 tag = std::exchange(call_site_tag, 0);
     if (failing_after != ~u64{0}) {
-        if (failing_after == 0) return nullptr;
+        if (failing_after == 0) {
+            explain(ENOMEM, "database %s: allocations fail on demand", db_name.c_str());
+            return nullptr;
+        }
         --failing_after;
     }
     ++allocations;
     if (db->mapped && section == section_kind::read) return scratch_space().memory.allocate(size);
-    const write_scope scope(*this);
-    if (!scope) return nullptr;
+    const bool outside = db->mapped && section == section_kind::none;
+    write_scope scope(*this, section_purpose::allocation);
+    if (scope.error()) return nullptr;
     db->memory.set_next_tag(tag);
-    return db->memory.allocate(size);
+    void* block = db->memory.allocate(size);
+    if (!outside || !block) return block;
+    if (scope.end() != 0) return nullptr;
+    blocks_outside[db->memory.offset_of(block)] = arena::size_of(block);
+    return block;
 }
 
 void open_handle::release(void* block) {
@@ -210,7 +253,8 @@ void open_handle::release(void* block) {
     } else if (db->mapped && section == section_kind::read) {
         frees_put_off.push_back(block);
     } else {
-        const write_scope scope(*this);
+        if (!blocks_outside.empty()) blocks_outside.erase(space.memory.offset_of(block));
+        const write_scope scope(*this, section_purpose::allocation);
         space.memory.release(block);
     }
 }
@@ -223,14 +267,25 @@ database& open_handle::scratch_space() {
     return *scratch;
 }
 
-write_scope::write_scope(open_handle& handle) : handle_(handle) {
+write_scope::write_scope(open_handle& handle, section_purpose purpose) : handle_(handle), purpose_(purpose) {
     if (!handle.db->mapped || handle.section == section_kind::write) return;
-    granted_ = handle.section == section_kind::none && handle.begin_write() == 0;
-    opened_ = granted_;
+    error_ = handle.section == section_kind::read ? u32{EPERM} : handle.begin_write(purpose);
+    opened_ = error_ == 0;
 }
 
-write_scope::~write_scope() {
-    if (opened_) handle_.end_write(true);
+/// Whoever can do without the right inside a read section does not pay for the words.
+u32 write_scope::error() const {
+    if (!error_ || handle_.section != section_kind::read) return error_;
+    return fail(EPERM, "database %s: is not changed inside a read section; end the section first",
+                handle_.db->path.c_str());
+}
+
+write_scope::~write_scope() { end(); }
+
+u32 write_scope::end() {
+    if (!opened_) return 0;
+    opened_ = false;
+    return handle_.end_write(true, purpose_);
 }
 
 } // namespace loom
@@ -238,7 +293,6 @@ write_scope::~write_scope() {
 using namespace loom;
 
 LOOM_EXPORT loom_handle* loom_open(const loom_open_options* options) {
-    error_text().clear();
     if (!options || options->size != sizeof *options || options->kind > LOOM_DB_PRIVATE_MANIFESTED ||
         options->tracking > LOOM_TRACKING_ON) {
         fail(EINVAL, "loom_open: the options are not filled in (size, kind, tracking)");
@@ -246,13 +300,16 @@ LOOM_EXPORT loom_handle* loom_open(const loom_open_options* options) {
     }
     auto handle = std::make_unique<open_handle>();
     const bool mapped = options->kind == LOOM_DB_MAPPED;
-    handle->db = mapped ? database::open_file(*options)
+    handle->db = mapped ? database::open_mapped(*options)
                         : database::make_private(options->reserve, options->name ? options->name : "private");
     if (!handle->db) return nullptr;
-    if (mapped && prepare_mapped(*handle, options->flags & LOOM_OPEN_EXCLUSIVE) != 0) return nullptr;
+    if (mapped && prepare_mapped(*handle) != 0) {
+        database::release(handle->db);
+        return nullptr;
+    }
     fill_view(*handle, *options);
     if (handle->shared()) ++shared_handles;
-    return &handle.release()->view;
+    return done(&handle.release()->view);
 }
 
 LOOM_EXPORT loom_handle* loom_open_private(void) {
@@ -276,16 +333,21 @@ LOOM_EXPORT void loom_close(loom_handle* handle) {
     open_handle* own = opened(handle);
     if (own->section == section_kind::write) own->end_write(false);
     if (own->section == section_kind::read) own->end_read();
+    // What was made outside of sections, and not yet told to the journal.
+    if (own->db->mapped && !(own->blocks_outside.empty() && own->stores_outside.empty()) &&
+        own->begin_write() == 0)
+        own->end_write(true);
     loom_set_peer(handle, nullptr);
     if (own->shared()) --shared_handles;
+    database::release(own->db);
     delete own;
 }
 
-LOOM_EXPORT uint32_t loom_write_begin(loom_handle* handle) { return opened(handle)->begin_write(); }
-LOOM_EXPORT uint32_t loom_write_commit(loom_handle* handle) { return opened(handle)->end_write(true); }
-LOOM_EXPORT uint32_t loom_write_abort(loom_handle* handle) { return opened(handle)->end_write(false); }
-LOOM_EXPORT uint32_t loom_read_begin(loom_handle* handle) { return opened(handle)->begin_read(); }
-LOOM_EXPORT uint32_t loom_read_end(loom_handle* handle) { return opened(handle)->end_read(); }
+LOOM_EXPORT uint32_t loom_write_begin(loom_handle* handle) { return done(opened(handle)->begin_write()); }
+LOOM_EXPORT uint32_t loom_write_commit(loom_handle* handle) { return done(opened(handle)->end_write(true)); }
+LOOM_EXPORT uint32_t loom_write_abort(loom_handle* handle) { return done(opened(handle)->end_write(false)); }
+LOOM_EXPORT uint32_t loom_read_begin(loom_handle* handle) { return done(opened(handle)->begin_read()); }
+LOOM_EXPORT uint32_t loom_read_end(loom_handle* handle) { return done(opened(handle)->end_read()); }
 
 LOOM_EXPORT uint32_t loomlib_db_is_shared(void) { return shared_handles.load() != 0; }
 LOOM_EXPORT uint32_t loomlib_database_is_write_locked(loom_handle* handle) {
@@ -296,7 +358,7 @@ LOOM_EXPORT uint32_t loomlib_database_is_write_locked(loom_handle* handle) {
 LOOM_EXPORT void loom_database_identity(loom_handle* handle, uint8_t identity[16]) {
     std::memcpy(identity, opened(handle)->db->memory.header().identity, 16);
 }
-LOOM_EXPORT uint32_t loom_database_sync(loom_handle* handle) { return opened(handle)->db->sync(); }
+LOOM_EXPORT uint32_t loom_database_sync(loom_handle* handle) { return done(opened(handle)->db->sync()); }
 
 LOOM_EXPORT void loom_set_tracking(loom_handle* handle, uint32_t tracking) {
     open_handle* own = opened(handle);
@@ -319,11 +381,15 @@ LOOM_EXPORT void loom_set_workspace_size(loom_handle* handle, uint32_t size) {
 }
 LOOM_EXPORT void loomlib_get_handle_ws(loom_handle* handle, void** workspace, uint32_t* size) {
     open_handle* own = opened(handle);
-    if (own->workspace.empty()) own->workspace.resize(size_t{own->workspace_size} + 1);
+    if (own->workspace.empty()) make_workspace(*own);
     *workspace = own->workspace.data();
-    *size = own->workspace_size;
+    *size = own->workspace.empty() ? 0 : own->workspace_size;
 }
 
 LOOM_EXPORT void umber_set_callsite_tag(uint32_t tag) { call_site_tag = tag; }
-LOOM_EXPORT void* loomlib_malloc(uint32_t, uint32_t, size_t size) { return std::malloc(size); }
+LOOM_EXPORT void* loomlib_malloc(uint32_t, uint32_t, size_t size) {
+    void* block = std::malloc(size);
+    if (!block) explain(ENOMEM, "the process has no memory for %zu bytes", size);
+    return block;
+}
 LOOM_EXPORT void loomlib_free(uint32_t, uint32_t, void* block) { std::free(block); }

@@ -9,6 +9,7 @@
 #include <loom_runtime/runtime.h>
 
 #include <array>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,11 @@ struct open_handle {
     loom_sttr_block tracking{};
     std::string db_name;
 
+    /// What was stored in the database outside of sections since the last commit of this handle: blocks that it
+    /// has made, by offset, and stores elsewhere. They are told to the journal with the next commit.
+    std::map<u64, u64> blocks_outside;
+    std::vector<value_range> stores_outside;
+
     /// Memory of this process for objects that are made while the database may not be changed.
     std::shared_ptr<database> scratch;
     std::vector<void*> frees_put_off;
@@ -88,17 +94,27 @@ struct open_handle {
 
     bool shared() const { return db->mapped && !db->exclusive; }
 
-    u32 begin_write();
-    u32 end_write(bool commit);
+    u32 begin_write(section_purpose purpose = section_purpose::changes);
+    u32 end_write(bool commit, section_purpose purpose = section_purpose::changes);
     u32 begin_read();
     u32 end_read();
     void give_up_write();
 
     /// Bytes are about to change. Only the owner of a section may add to its log: objects that another handle
     /// builds meanwhile are not part of it. False when there is no room.
-    bool announce(const void* address, u64 size) { return !is_followed() || db->memory.announce(address, size); }
-    /// Somebody wants to know of stores: an undo log, the debug arena.
-    bool is_followed() const { return (!db->mapped || section == section_kind::write) && db->memory.listened(); }
+    bool announce(const void* address, u64 size) {
+        if (db->mapped && section != section_kind::write) {
+            if (section == section_kind::none) remember_store(address, size);
+            return true;
+        }
+        return db->memory.announce(address, size);
+    }
+    /// Somebody wants to know of stores: an undo log, the debug arena; outside of sections, the next commit.
+    bool is_followed() const { return db->mapped ? section != section_kind::read : db->memory.listened(); }
+    /// Bytes outside of a section change, of an object that nobody else can reach yet.
+    void remember_store(const void* address, u64 size);
+    /// All that changed outside of sections.
+    std::vector<value_range> changed_outside() const;
     /// Lets the view say whether stores and counters must be announced; a hook that is not ours stays.
     void choose_hooks();
     void announce_or_end(const void* address, u64 size) {
@@ -126,16 +142,21 @@ inline open_handle* opened(loom_handle* handle) { return static_cast<open_handle
 /// short section of its own otherwise. Inside a read section there is no such right.
 class write_scope {
   public:
-    explicit write_scope(open_handle& handle);
+    explicit write_scope(open_handle& handle, section_purpose purpose = section_purpose::upkeep);
     ~write_scope();
     write_scope(const write_scope&) = delete;
     write_scope& operator=(const write_scope&) = delete;
-    explicit operator bool() const { return granted_; }
+    explicit operator bool() const { return error_ == 0; }
+    /// Why there is no such right, with its text; 0 when there is.
+    u32 error() const;
+    /// Ends it before its time; 0, or an error number with a text: then nothing was changed.
+    u32 end();
 
   private:
     open_handle& handle_;
+    section_purpose purpose_;
     bool opened_ = false;
-    bool granted_ = true;
+    u32 error_ = 0;
 };
 
 } // namespace loom

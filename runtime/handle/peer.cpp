@@ -118,7 +118,7 @@ LOOM_EXPORT uint32_t loom_peer_add_manifest(loom_peer* peer, const char* text, s
     }
     for (const auto& [luid, variant] : read)
         peer->variants[luid] = variant;
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_peer_set_variant(loom_peer* peer, const char* luid_text, int32_t variant) {
@@ -127,14 +127,14 @@ LOOM_EXPORT uint32_t loom_peer_set_variant(loom_peer* peer, const char* luid_tex
         return fail(EINVAL, "peer %s: \"%s\" is no luid text, or %d is no variant", peer->name.c_str(),
                     luid_text ? luid_text : "", variant);
     peer->variants[luid] = static_cast<i8>(variant);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_peer_limit(loom_peer* peer, const char* type_name, int32_t variant) {
     if (!type_name || variant < -1 || variant > 127)
-        return fail(EINVAL, "peer %s: %d is no variant", peer->name.c_str(), variant);
+        return fail(EINVAL, "peer %s: there is no name, or %d is no variant", peer->name.c_str(), variant);
     peer->limits[type_name] = static_cast<i8>(variant);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT void loom_set_peer(loom_handle* handle, loom_peer* peer) {

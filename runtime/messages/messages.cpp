@@ -33,11 +33,6 @@ bool is_allowed(const message_bundle& bundle, const u8* luid) {
            std::find(bundle.allowed.begin(), bundle.allowed.end(), key_of(luid)) != bundle.allowed.end();
 }
 
-void set_error(loom_handle* handle, u32* err, u32 number) {
-    *err = number;
-    loom_store_err(handle, number);
-}
-
 u32 start_recording(std::FILE* stream, bool owned) {
     const std::lock_guard guard(recorder_mutex);
     if (recording) {
@@ -47,7 +42,7 @@ u32 start_recording(std::FILE* stream, bool owned) {
     recorder_owns_stream = owned;
     recorder_stream = stream;
     recording = 1;
-    return 0;
+    return done();
 }
 } // namespace
 } // namespace loom
@@ -60,7 +55,7 @@ LOOM_EXPORT uint32_t loom_message_bundle_open(loom_handle* handle, const char* n
     own->messages = std::make_unique<message_bundle>();
     own->messages->name = name ? name : "";
     handle->bundle_active = 1;
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_message_bundle_close(loom_handle* handle) {
@@ -68,21 +63,21 @@ LOOM_EXPORT uint32_t loom_message_bundle_close(loom_handle* handle) {
     if (!own->messages) return fail(ENOENT, "no message bundle is open");
     own->messages.reset();
     handle->bundle_active = 0;
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_message_bundle_allow(loom_handle* handle, const uint8_t luid[16]) {
     message_bundle* bundle = opened(handle)->messages.get();
     if (!bundle) return fail(ENOENT, "no message bundle is open");
     bundle->allowed.push_back(key_of(luid));
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint32_t loom_message_bundle_limit(loom_handle* handle, uint64_t most) {
     message_bundle* bundle = opened(handle)->messages.get();
     if (!bundle) return fail(ENOENT, "no message bundle is open");
     bundle->most = most;
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint64_t loom_message_bundle_count(loom_handle* handle, const uint8_t* luid) {
@@ -104,9 +99,13 @@ LOOM_EXPORT void bundle_message_validate_add(loom_handle* handle, uint32_t, cons
                                              uint32_t* err) {
     if (*err) return;
     message_bundle* bundle = opened(handle)->messages.get();
-    if (!bundle) return set_error(handle, err, LOOM_ENOENT);
-    if (!is_allowed(*bundle, luid)) return set_error(handle, err, LOOM_EPERM);
-    if (bundle->most && bundle->total >= bundle->most) return set_error(handle, err, LOOM_ENOSPC);
+    if (!bundle) return fail(handle, err, LOOM_ENOENT, "no message bundle is open");
+    if (!is_allowed(*bundle, luid))
+        return fail(handle, err, LOOM_EPERM, "message bundle \"%s\" does not accept %s", bundle->name.c_str(),
+                    name ? name : "this message");
+    if (bundle->most && bundle->total >= bundle->most)
+        return fail(handle, err, LOOM_ENOSPC, "message bundle \"%s\" is full: it takes %llu messages",
+                    bundle->name.c_str(), static_cast<unsigned long long>(bundle->most));
     if (!find_message(*bundle, luid)) bundle->messages.push_back({key_of(luid), name ? name : "", 0});
 }
 
@@ -114,7 +113,7 @@ LOOM_EXPORT void bundle_message_increment_count(loom_handle* handle, const uint8
     if (*err) return;
     message_bundle* bundle = opened(handle)->messages.get();
     bundled_message* message = bundle ? find_message(*bundle, luid) : nullptr;
-    if (!message) return set_error(handle, err, LOOM_ENOENT);
+    if (!message) return fail(handle, err, LOOM_ENOENT, "no message bundle that is open holds this message");
     ++message->count;
     ++bundle->total;
 }

@@ -22,12 +22,6 @@ namespace loom {
 namespace {
 constexpr u32 kind_table = 2;
 
-u32 set_error(loom_handle* handle, u32* err, u32 number) {
-    *err = number;
-    loom_store_err(handle, number);
-    return 0;
-}
-
 database_root& root_of(loom_handle* handle) { return *opened(handle)->db->root(); }
 
 loom_oid_mapping* find_by_reference(const database_root& root, u64 reference) {
@@ -88,6 +82,18 @@ void remove(open_handle& handle, loom_oid_mapping* mapping) {
     memory.release(mapping);
 }
 
+/// The last reference has gone. Objects whose end was put off end now, and so do tables that wait for the
+/// collector (while it runs, by itself); nobody may know how yet, and the collector then tries again. A table that
+/// does not wait for it stays until its caller repeats the free.
+void end_unreferenced(open_handle& handle, loom_oid_mapping* mapping) {
+    if (mapping->kind != kind_table) {
+        if (mapping->destroy_pending) destroy_put_off(&handle.view, mapping);
+        return;
+    }
+    auto* table = static_cast<loom_table*>(mapping->object);
+    if ((table->table_flags & LOOM_TABLE_ON_GC_LIST) && !handle.view.gc_context) end_waiting_table(handle, table);
+}
+
 // ------------------------------------------------------------------------------------------ put-off objects
 
 std::mutex destroyers_mutex;
@@ -112,15 +118,9 @@ bool destroy_put_off(loom_handle* handle, loom_oid_mapping* mapping) {
     const u32 domain = mapping->domain;
     const loom_type_info* info = static_cast<const loom_object*>(object)->loom_tinfo;
     if (!info || info->magic != LOOM_TYPE_INFO_MAGIC) return false;
-    if (mapping->kind == kind_table) {
-        const loom_table_vft* vft = loom_find_table_vft(handle, info->luid);
-        if (!vft) return false;
-        free_waiting_table(*opened(handle), *vft, static_cast<loom_table*>(object), domain);
-    } else {
-        const loom_destroy_fn destroy = destroyer_of(*info);
-        if (!destroy) return false;
-        destroy(handle, domain, object);
-    }
+    const loom_destroy_fn destroy = destroyer_of(*info);
+    if (!destroy) return false;
+    destroy(handle, domain, object);
     return find_by_object(root_of(handle), object) == nullptr;
 }
 } // namespace loom
@@ -135,23 +135,27 @@ LOOM_EXPORT uint32_t loom_register_destroyer(const char* luid_text, loom_destroy
         destroyers()[luid_text] = destroy;
     else
         destroyers().erase(luid_text);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT uint64_t loom_oid_mapping_create(loom_handle* handle, uint32_t domain, void* object, uint32_t kind,
                                              uint32_t dynamic, uint64_t ior, uint32_t* err) {
     if (*err) return 0;
-    if (!object) return set_error(handle, err, LOOM_EINVAL);
+    if (!object) return fail(handle, err, LOOM_EINVAL, "there is no object to map"), 0;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error()), 0;
     arena& memory = own->db->memory;
     database_root& root = *own->db->root();
-    if (find_by_object(root, object)) return set_error(handle, err, LOOM_EEXIST);
+    if (find_by_object(root, object))
+        return fail(handle, err, LOOM_EEXIST, "the object at %p has an oid already", object), 0;
     const u64 reference = free_reference(memory, root, ior);
-    if (!reference) return set_error(handle, err, LOOM_EEXIST);
+    if (!reference)
+        return fail(handle, err, LOOM_EEXIST, "reference %llu is taken; ask for another, or for 0",
+                    static_cast<unsigned long long>(ior)),
+               0;
     auto* mapping = static_cast<loom_oid_mapping*>(memory.allocate(sizeof(loom_oid_mapping)));
-    if (!mapping) return set_error(handle, err, LOOM_ENOMEM);
+    if (!mapping) return set_error(handle, err, LOOM_ENOMEM), 0;
     *mapping = {};
     mapping->object = object;
     mapping->reference = reference;
@@ -160,12 +164,12 @@ LOOM_EXPORT uint64_t loom_oid_mapping_create(loom_handle* handle, uint32_t domai
     mapping->dynamic = dynamic != 0;
     if (!root.oids_by_reference.insert(memory, mapping)) {
         memory.release(mapping);
-        return set_error(handle, err, LOOM_ENOMEM);
+        return set_error(handle, err, LOOM_ENOMEM), 0;
     }
     if (!root.oids_by_object.insert(memory, mapping)) {
         root.oids_by_reference.remove(memory, mapping);
         memory.release(mapping);
-        return set_error(handle, err, LOOM_ENOMEM);
+        return set_error(handle, err, LOOM_ENOMEM), 0;
     }
     mark_mapped(handle, domain, object, kind);
     return reference;
@@ -181,10 +185,7 @@ LOOM_EXPORT void loom_handle_to_oid(loom_oid* out, loom_handle* handle, uint32_t
         std::memcpy(out->source, db.memory.header().identity, 16);
         return;
     }
-    if (!target) {
-        set_error(handle, err, LOOM_EINVAL);
-        return;
-    }
+    if (!target) return fail(handle, err, LOOM_EINVAL, "there is no object to refer to");
     loom_oid_mapping* mapping = find_by_object(*db.root(), target);
     if (!mapping && loom_oid_mapping_create(handle, domain, target, kind, 0, 0, err))
         mapping = find_by_object(*db.root(), target);
@@ -217,12 +218,14 @@ LOOM_EXPORT uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint3
     loom_oid_mapping* mapping = find_by_object(root, object);
     if (!mapping) return 1;
     const write_scope scope(*own);
-    if (!scope) return set_error(handle, err, LOOM_EPERM);
+    if (!scope) return set_error(handle, err, scope.error()), 0;
     if (mapping->count == 0) {
         remove(*own, mapping);
         return 1;
     }
-    if (!mapping->destroy_pending) {
+    if (mapping->kind == kind_table) {
+        if (!handle->gc_context) leave_to_caller(*own, static_cast<loom_table*>(object));
+    } else if (!mapping->destroy_pending) {
         arena& memory = own->db->memory;
         memory.assign(mapping->destroy_pending, u8{1});
         memory.assign(mapping->domain, domain);
@@ -235,19 +238,13 @@ LOOM_EXPORT uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint3
 LOOM_EXPORT void loomlib_update_oid_ref_count(loom_handle* handle, uint32_t, loom_oid_mapping* mapping,
                                               uint32_t up, uint32_t* err) {
     if (*err) return;
-    if (!mapping || (!up && mapping->count == 0)) {
-        set_error(handle, err, LOOM_EINVAL);
-        return;
-    }
+    if (!mapping || (!up && mapping->count == 0))
+        return fail(handle, err, LOOM_EINVAL, "there is no mapping, or no reference on it to drop");
     open_handle* own = opened(handle);
     const write_scope scope(*own);
-    if (!scope) {
-        set_error(handle, err, LOOM_EPERM);
-        return;
-    }
+    if (!scope) return set_error(handle, err, scope.error());
     own->db->memory.assign(mapping->count, up ? mapping->count + 1 : mapping->count - 1);
-    // Nobody may know how to end the object yet; the garbage collector then tries again.
-    if (mapping->count == 0 && mapping->destroy_pending) destroy_put_off(handle, mapping);
+    if (mapping->count == 0) end_unreferenced(*own, mapping);
 }
 
 LOOM_EXPORT void loomlib_lookup_and_update_oid_ref_count(loom_handle* handle, uint32_t domain, void* reference,
@@ -257,7 +254,7 @@ LOOM_EXPORT void loomlib_lookup_and_update_oid_ref_count(loom_handle* handle, ui
     if (mapping)
         loomlib_update_oid_ref_count(handle, domain, mapping, up, err);
     else
-        set_error(handle, err, LOOM_ENOENT);
+        fail(handle, err, LOOM_ENOENT, "the object at %p has no oid", reference);
 }
 
 LOOM_EXPORT void loomlib_oid_release_internal(loom_handle* handle, uint32_t domain, loom_oid* oid, uint32_t* err) {
@@ -270,6 +267,6 @@ LOOM_EXPORT uint32_t loom_oid_mapping_state(loom_handle* handle, const void* obj
     const loom_oid_mapping* mapping = find_by_object(root_of(handle), object);
     if (!mapping) return fail(LOOM_ENOENT, "the object has no oid mapping");
     *state = {mapping->reference, mapping->count, mapping->kind, mapping->dynamic, mapping->destroy_pending, 0};
-    return 0;
+    return done();
 }
 LOOM_EXPORT uint64_t loom_oid_mapping_count(loom_handle* handle) { return root_of(handle).oids_by_reference.size; }

@@ -106,6 +106,13 @@ const loom_table_vft* find_vft(loom_handle* handle, const u8* luid) {
     return nullptr;
 }
 
+std::string luid_text_of(const u8* luid) {
+    char text[33];
+    for (int i = 0; i < 16; ++i)
+        std::snprintf(text + 2 * i, 3, "%02x", luid[i]);
+    return text;
+}
+
 bool is_known(const loom_module_node* node) {
     const std::shared_lock guard(bundles_mutex);
     for (const loom_bundle* bundle : bundles())
@@ -127,7 +134,8 @@ void* find_symbol_of_module(const char* module, const char* symbol) {
 using namespace loom;
 
 LOOM_EXPORT uint32_t table_vft_cpy(loom_table_vft* destination, const loom_table_vft* source, uint32_t count) {
-    if (!destination || !source) return LOOM_EINVAL;
+    if (!destination || !source)
+        return fail(LOOM_EINVAL, "function records: there is no source or no destination");
     std::memcpy(destination, source, count * sizeof *source);
     return 0;
 }
@@ -141,7 +149,7 @@ LOOM_EXPORT loom_bundle* loom_bundle_load(const char* path) {
         return nullptr;
     }
     const loom_module_node* node = find_module_in(object);
-    if (node) return make_bundle(object, node);
+    if (node) return done(make_bundle(object, node));
     fail(EINVAL, "bundle %s: is no bundle: it has put no module on the list", path);
     dlclose(object);
     return nullptr;
@@ -150,7 +158,7 @@ LOOM_EXPORT loom_bundle* loom_bundle_load(const char* path) {
 LOOM_EXPORT loom_bundle* loom_bundle_find(const char* name) {
     const loom_module_node* node = find_module(name);
     void* object = node ? open_object_of(node) : nullptr;
-    if (object) return make_bundle(object, node);
+    if (object) return done(make_bundle(object, node));
     fail(ENOENT, "bundle %s: no such module is loaded", name);
     return nullptr;
 }
@@ -172,7 +180,9 @@ LOOM_EXPORT loom_table_get_vft_fn loom_bundle_table_get_vft(const loom_bundle* b
     return bundle->table_get_vft;
 }
 LOOM_EXPORT void* loom_bundle_symbol(const loom_bundle* bundle, const char* name) {
-    return dlsym(bundle->object, name);
+    void* address = dlsym(bundle->object, name);
+    if (!address) fail(ENOENT, "bundle %s: %s is not exported", bundle->path.c_str(), name);
+    return done(address);
 }
 
 LOOM_EXPORT void* loom_bundle_register_handler(loom_bundle* bundle, void* handler) {
@@ -185,18 +195,19 @@ LOOM_EXPORT void* loom_bundle_unregister_handler(loom_bundle* bundle) {
 }
 
 LOOM_EXPORT uint32_t loom_bundle_manifest(loom_bundle* bundle, loom_handle* handle) {
-    if (handle->db_kind == LOOM_DB_PRIVATE) return 0;
+    if (handle->db_kind == LOOM_DB_PRIVATE) return done();
     const auto initialize = symbol_of<loom_typeinfo_initialize_fn>(bundle, "_typeinfo_initialize");
     if (!initialize)
         return fail(ENOENT, "bundle %s: %s_typeinfo_initialize is not exported", bundle->path.c_str(),
                     bundle->name.c_str());
     const write_scope scope(*opened(handle));
-    if (!scope) return fail(LOOM_EPERM, "type information cannot be entered inside a read section");
+    if (!scope) return scope.error();
     uint32_t err = 0;
     initialize(handle, handle->cr_domain, &err);
-    return err ? fail(err, "bundle %s: its type information does not fit into the database: %s",
-                      bundle->path.c_str(), words_of(static_cast<int>(err)).c_str())
-               : 0;
+    if (!err) return done();
+    note_error(err, true);
+    return fail(err, "bundle %s: its type information does not fit into the database: %s", bundle->path.c_str(),
+                error_text().c_str());
 }
 
 LOOM_EXPORT const loom_table_vft* loom_find_table_vft(loom_handle* handle, const uint8_t luid[16]) {
@@ -206,12 +217,15 @@ LOOM_EXPORT const loom_table_vft* loom_find_table_vft(loom_handle* handle, const
     for (const loom_module_node* node = loom_module_tot_root.first; !found && node; node = node->next)
         if (!is_known(node) && loom_bundle_find(node->name)) found = find_vft(handle, luid);
     handle->last_error = last_error;
-    return found;
+    if (!found)
+        fail(ENOENT, "no loaded bundle has the table %s; load the bundle first", luid_text_of(luid).c_str());
+    return done(found);
 }
 
 LOOM_EXPORT const loom_type_info* loom_find_type(const char* name) {
     for (const loom_module_node* node = loom_module_tot_root.first; node; node = node->next)
         for (loom_type_info* const* info = node->type_infos; info && *info; ++info)
-            if (std::strncmp((*info)->name, name, sizeof(*info)->name) == 0) return *info;
+            if (std::strncmp((*info)->name, name, sizeof(*info)->name) == 0) return done(*info);
+    fail(ENOENT, "no loaded bundle has the type %s; load the bundle first", name);
     return nullptr;
 }

@@ -250,7 +250,7 @@ LOOM_EXPORT uint32_t loom_trace_decoder_add(loom_trace_decoder* decoder, const c
                     store->size());
     for (auto& [hash, unit] : read)
         if (decoder->units.insert_or_assign(hash, std::move(unit)).second) decoder->order.push_back(hash);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT const char* loom_trace_decoder_text(const loom_trace_decoder* decoder, const uint8_t unit[16],

@@ -340,7 +340,8 @@ u32 register_module(const char* name, u16& number) {
             number = static_cast<u16>(i);
             return 0;
         }
-    if (count == most_modules) return ENOSPC;
+    if (count == most_modules)
+        return fail(ENOSPC, "trace module %s: there are %u modules already", name, count - 1);
     table.names[count] = name;
     table.levels[count] = table.default_level.load();
     table.count.store(count + 1, std::memory_order_release);
@@ -362,7 +363,7 @@ struct taken_record {
 using namespace loom;
 
 LOOM_EXPORT uint32_t spoor_module_init_fn(const char* name, uint16_t* module_id, uint32_t* state) {
-    if (!name || !module_id) return EINVAL;
+    if (!name || !module_id) return fail(EINVAL, "a trace module needs a name and a place for its number");
     if (__atomic_load_n(module_id, __ATOMIC_ACQUIRE)) return 0;
     u16 number = 0;
     if (const u32 error = register_module(name, number)) return error;
@@ -428,12 +429,12 @@ LOOM_EXPORT uint32_t loom_trace_set_level(const char* module, uint32_t level) {
         table.default_level = wanted;
         for (auto& each : table.levels)
             each = wanted;
-        return 0;
+        return done();
     }
     for (u32 i = 1; i < count; ++i)
         if (table.names[i] == module) {
             table.levels[i] = wanted;
-            return 0;
+            return done();
         }
     return fail(ENOENT, "trace module %s is not registered", module);
 }
@@ -460,7 +461,7 @@ LOOM_EXPORT uint32_t loom_trace_open(const char* path) {
     std::fwrite(&header, sizeof header, 1, state.file);
     for (u32 i = 1; i < table.count.load(std::memory_order_relaxed); ++i)
         write_module(state.file, static_cast<u16>(i), table.names[i]);
-    return 0;
+    return done();
 }
 
 LOOM_EXPORT void loom_trace_flush(void) {
@@ -533,5 +534,5 @@ LOOM_EXPORT uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit,
         record.module_name = entry.module < most_modules ? names[entry.module].c_str() : "";
         visit(&record, context);
     }
-    return 0;
+    return done();
 }

@@ -24,7 +24,7 @@ LOOM_EXPORT void loomlib_update_sttr_offset(loom_handle* handle, uint32_t domain
     database& space = own->space_of(object);
     const write_scope scope(*own);
     if (&space == own->db.get() && !scope) {
-        loom_store_err(handle, LOOM_EPERM);
+        loom_store_err(handle, scope.error());
         return;
     }
     tracking_table& table = space.root()->tracking;
@@ -44,14 +44,17 @@ LOOM_EXPORT void loomlib_update_sttr_offset(loom_handle* handle, uint32_t domain
     instance->loom_flags |= OBJ_STTR_OFFSET;
 }
 
-LOOM_EXPORT void loom_hd_mapping_destroy(loom_handle* handle, uint32_t, void* object, uint32_t*) {
+LOOM_EXPORT void loom_hd_mapping_destroy(loom_handle* handle, uint32_t, void* object, uint32_t* err) {
     open_handle* own = opened(handle);
     database& space = own->space_of(object);
     tracking_table& table = space.root()->tracking;
     tracking_node* node = find(table, object);
     if (!node) return;
     const write_scope scope(*own);
-    if (&space == own->db.get() && !scope) return;
+    if (&space == own->db.get() && !scope) {
+        if (!*err) set_error(handle, err, scope.error());
+        return;
+    }
     table.remove(space.memory, node);
     space.memory.release(node);
 }

@@ -162,9 +162,9 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     database& space = own->space_of(manifested);
     const write_scope scope(*own);
     if (&space == own->db.get() && !scope) return;
-    const bool done = older ? add_variants(space, *manifested->variant_table, *source)
+    const bool made = older ? add_variants(space, *manifested->variant_table, *source)
                             : make_variant_data(space, *manifested, *source);
-    if (!done) loom_store_err(handle, LOOM_ENOMEM);
+    if (!made) loom_store_err(handle, LOOM_ENOMEM);
 }
 
 LOOM_EXPORT uint64_t loom_type_info_map_count(loom_handle* handle) {

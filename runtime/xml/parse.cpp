@@ -1,4 +1,5 @@
 // Making and ending documents, and what is wrong with a text that is none.
+#include "runtime/database/error_text.h"
 #include "runtime/export.h"
 #include "runtime/xml/document.h"
 
@@ -18,24 +19,31 @@ constexpr unsigned parse_options = pugi::parse_cdata | pugi::parse_escapes | pug
                                    pugi::parse_ws_pcdata_single | // a value may be nothing but blanks
                                    pugi::parse_fragment; // text beside the elements is seen, and refused below
 
-loom_xml_document* refuse(loom_xml_error* error, u32 number, const char* reason) {
-    if (error) {
-        *error = {};
-        error->number = number;
-        std::snprintf(error->reason, sizeof error->reason, "%s", reason);
-    }
+loom_xml_document* refuse(loom_xml_error* error, const loom_xml_error& why) {
+    if (why.line)
+        fail(why.number, "line %u, column %u: %s", why.line, why.column, why.reason);
+    else
+        fail(why.number, "%s", why.reason);
+    if (error) *error = why;
     return nullptr;
+}
+
+loom_xml_document* refuse(loom_xml_error* error, u32 number, const char* reason) {
+    loom_xml_error why{number, 0, 0, {}};
+    std::snprintf(why.reason, sizeof why.reason, "%s", reason);
+    return refuse(error, why);
 }
 
 /// Refuses a text for what stands `offset` bytes behind its start.
 loom_xml_document* refuse_at(loom_xml_error* error, std::string_view text, ptrdiff_t offset, const char* reason) {
-    refuse(error, LOOM_EINVAL, reason);
-    if (!error || offset < 0) return nullptr;
+    if (offset < 0) return refuse(error, LOOM_EINVAL, reason);
     std::string_view before = text.substr(0, std::min(static_cast<size_t>(offset), text.size()));
     if (before.starts_with("\xef\xbb\xbf")) before.remove_prefix(3); // a byte order mark is not seen
-    error->line = static_cast<u32>(1 + std::count(before.begin(), before.end(), '\n'));
-    error->column = static_cast<u32>(before.size() - (before.rfind('\n') + 1) + 1);
-    return nullptr;
+    loom_xml_error why{LOOM_EINVAL, 0, 0, {}};
+    why.line = static_cast<u32>(1 + std::count(before.begin(), before.end(), '\n'));
+    why.column = static_cast<u32>(before.size() - (before.rfind('\n') + 1) + 1);
+    std::snprintf(why.reason, sizeof why.reason, "%s", reason);
+    return refuse(error, why);
 }
 
 /// Where a node begins in the text: an element at its name's bracket, a text at its first visible character.
@@ -94,7 +102,7 @@ LOOM_EXPORT loom_xml_document* loom_xml_parse(const void* text, size_t length, l
         return refuse_at(error, source, static_cast<ptrdiff_t>(source.size()), "The document has no element");
     if (const pugi::xml_node deep = too_deep(document->tree))
         return refuse_at(error, source, place_of(deep, source), "Elements are nested too deep");
-    return document.release();
+    return done(document.release());
 }
 
 LOOM_EXPORT loom_xml_document* loom_xml_parse_file(const char* file_name, loom_xml_error* error) {

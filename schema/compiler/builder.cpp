@@ -291,20 +291,20 @@ class builder {
         into.type.name = type.name.text;
         into.extent = type.extent.value_or(0);
         switch (type.is) {
-        case syntax::form::oid:
-            into.form = shape::oid;
+        case syntax::type_kind::oid:
+            into.shape = attribute_shape::oid;
             into.type.name = "oid";
             into.target_table = type.name.text;
             if (!tables_.contains(type.name.text))
                 unknown(type.name, "table", names_of(tables_), "declare it, or import it from its bundle");
             return;
-        case syntax::form::text:
-            into.form = type.extent ? shape::fixed_string : shape::counted_string;
+        case syntax::type_kind::text:
+            into.shape = type.extent ? attribute_shape::fixed_string : attribute_shape::counted_string;
             into.type.name = "char";
             into.type.value = find_builtin("char");
             break;
-        case syntax::form::list:
-            into.form = shape::list;
+        case syntax::type_kind::list:
+            into.shape = attribute_shape::list;
             resolve_name(type.name, into.type);
             if (into.type.of_record != nullptr) {
                 into.type.of_record->list_element = true;
@@ -314,27 +314,19 @@ class builder {
                          "lists chain records; use an array, " + type.name.text +
                              "[count], or wrap the value in a record");
             return;
-        case syntax::form::array:
-            into.form = type.extent ? shape::fixed_array : shape::variable_array;
+        case syntax::type_kind::array:
+            into.shape = type.extent ? attribute_shape::fixed_array : attribute_shape::variable_array;
             resolve_name(type.name, into.type);
             break;
-        case syntax::form::named:
+        case syntax::type_kind::named:
             resolve_name(type.name, into.type);
-            into.form = is_plain(into.type) ? shape::plain : shape::object;
+            into.shape = is_plain(into.type) ? attribute_shape::plain : attribute_shape::object;
             return;
         }
         if (type.length) resolve_length(*type.length, holder, into);
     }
 
-    static bool is_known(const type_ref& t) {
-        return t.value != nullptr || t.of_record != nullptr || t.of_enumeration != nullptr ||
-               t.of_flag_set != nullptr;
-    }
-    static bool is_plain(const type_ref& t) {
-        if (t.value != nullptr)
-            return t.value->family == builtin_family::scalar || t.value->family == builtin_family::boolean;
-        return t.of_enumeration != nullptr;
-    }
+    static bool is_plain(const type_ref& t) { return is_plain_value(t) || t.of_enumeration != nullptr; }
 
     void resolve_name(const word& name, type_ref& into) {
         into.value = find_builtin(name.text);
@@ -363,10 +355,10 @@ class builder {
             return;
         }
         const bool counts =
-            before->form == shape::plain && before->type.value != nullptr &&
+            before->shape == attribute_shape::plain && before->type.value != nullptr &&
             (before->type.name == "u_int8" || before->type.name == "u_int16" || before->type.name == "u_int32");
         if (!counts) {
-            if (is_known(before->type) || before->form == shape::oid)
+            if (is_known(before->type) || before->shape == attribute_shape::oid)
                 out_.add(before->where, subject + ", which is no unsigned integer",
                          "make it a u_int8, u_int16 or u_int32");
             return;
@@ -374,18 +366,18 @@ class builder {
         if (before->since != array.since)
             out_.add(array.where, subject + " of an earlier variant",
                      "introduce the array and its count in the same variant");
-        before->form = shape::length;
+        before->shape = attribute_shape::length;
     }
 
     void resolve_arm(const syntax::attribute& from, record& holder, attribute& into) {
         into.discriminator = from.discriminator->text;
         into.case_name = from.selected_by->text;
-        if (into.form != shape::plain && into.form != shape::object) {
+        if (into.shape != attribute_shape::plain && into.shape != attribute_shape::object) {
             out_.add(into.where, "the arm " + quoted(into.name) + " is no single value",
                      "wrap arrays, strings, lists and oids in a record of their own");
             return;
         }
-        if (is_known(into.type)) into.form = shape::arm;
+        if (is_known(into.type)) into.shape = attribute_shape::arm;
         const auto found = std::find_if(holder.attributes.begin(), holder.attributes.end(),
                                         [&](const attribute& a) { return a.name == from.discriminator->text; });
         if (found == holder.attributes.end()) {
@@ -395,7 +387,8 @@ class builder {
                      "name an enumeration attribute that stands above");
             return;
         }
-        const enumeration* selector = found->form == shape::plain ? found->type.of_enumeration : nullptr;
+        const enumeration* selector =
+            found->shape == attribute_shape::plain ? found->type.of_enumeration : nullptr;
         if (selector == nullptr || selector->imported_from != nullptr) {
             if (is_known(found->type))
                 out_.add(from.discriminator->where,
@@ -426,9 +419,9 @@ class builder {
         into.ordered = from.ordered;
         if (from.luid) into.told_luid = from.luid->text;
         into.payload = record_named(from.payload);
-        if (from.key == key_form::object) into.key_record = record_named(from.key_name);
-        if (from.key == key_form::whole_payload) into.key_record = into.payload;
-        if (from.key != key_form::attribute) return;
+        if (from.key == key_kind::object) into.key_record = record_named(from.key_name);
+        if (from.key == key_kind::whole_payload) into.key_record = into.payload;
+        if (from.key != key_kind::attribute) return;
         into.key_attribute = from.key_name.text;
         if (into.payload == nullptr) return;
         std::vector<std::string> known;

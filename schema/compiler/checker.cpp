@@ -148,11 +148,6 @@ std::string place(const location& l) {
     return l.file + ":" + std::to_string(l.line) + ":" + std::to_string(l.column);
 }
 
-bool is_known(const type_ref& type) {
-    return type.value != nullptr || type.of_record != nullptr || type.of_enumeration != nullptr ||
-           type.of_flag_set != nullptr;
-}
-
 class checker {
   public:
     checker(const bundle& b, diagnostics& out) : b_(b), out_(out) {}
@@ -309,13 +304,13 @@ class checker {
                 out_.add(a.where, quoted(a.name) + " is a member of every object's header", "choose another name");
             check_arm_variant(r, a);
             for (const attribute& other : r.attributes)
-                if (other.form == shape::oid && a.name == "loom_" + other.name + "_type")
+                if (other.shape == attribute_shape::oid && a.name == "loom_" + other.name + "_type")
                     out_.add(a.where, quoted(a.name) + " is the type word of the oid " + quoted(other.name),
                              "choose another name");
         }
     }
     void check_arm_variant(const record& r, const attribute& a) {
-        if (a.form != shape::arm) return;
+        if (a.shape != attribute_shape::arm) return;
         for (const attribute& d : r.attributes)
             if (d.name == a.discriminator && d.since > a.since)
                 out_.add(a.where, "the arm " + quoted(a.name) + " is older than its discriminator",
@@ -357,7 +352,7 @@ class checker {
         path.push_back(&r);
         int deepest = 0;
         for (const attribute& a : r.attributes) {
-            const bool in_place = a.form == shape::object || a.form == shape::fixed_array;
+            const bool in_place = a.shape == attribute_shape::object || a.shape == attribute_shape::fixed_array;
             const record* nested = in_place ? a.type.of_record : nullptr;
             if (nested == nullptr) continue;
             const auto start = std::find(path.begin(), path.end(), nested);
@@ -395,8 +390,8 @@ class checker {
 
     void check_sequence(const table& t) {
         for (const attribute& a : t.payload->attributes)
-            if (a.name == "reorder_seq_compact_no" && a.form == shape::plain && a.type.name == "u_int32" &&
-                a.since == 0)
+            if (a.name == "reorder_seq_compact_no" && a.shape == attribute_shape::plain &&
+                a.type.name == "u_int32" && a.since == 0)
                 return;
         out_.add(t.where,
                  "the table " + quoted(t.name) + " is ordered but " + quoted(t.payload->name) +
@@ -405,14 +400,14 @@ class checker {
     }
 
     void check_key(const table& t) {
-        if (t.key == key_form::attribute) {
+        if (t.key == key_kind::attribute) {
             if (t.payload == nullptr) return;
             for (const attribute& a : t.payload->attributes)
                 if (a.name == t.key_attribute) check_key_attribute(a, t.key_where, a.type.of_record != nullptr);
             return;
         }
         if (t.key_record == nullptr) return;
-        if (t.key == key_form::object && t.key_record == t.payload)
+        if (t.key == key_kind::object && t.key_record == t.payload)
             out_.add(t.key_where, "the key record of " + quoted(t.name) + " is its payload",
                      "write keyed by itself");
         std::set<const record*> seen;
@@ -422,7 +417,7 @@ class checker {
                           std::size_t depth) {
         if (depth > deepest_nesting || !seen.insert(&r).second) return;
         for (const attribute& a : r.attributes) {
-            if (a.form == shape::object && a.type.of_record != nullptr)
+            if (a.shape == attribute_shape::object && a.type.of_record != nullptr)
                 check_key_record(*a.type.of_record, where, seen, depth + 1);
             else
                 check_key_attribute(a, where, false);
@@ -430,13 +425,13 @@ class checker {
     }
     /// Keys are compared value by value and need a total order.
     void check_key_attribute(const attribute& a, const location& where, bool record_as_attribute) {
-        const bool single = a.form == shape::plain || a.form == shape::object;
+        const bool single = a.shape == attribute_shape::plain || a.shape == attribute_shape::object;
         const bool unordered = a.type.name == "double" || a.type.name == "float";
         const std::string subject = quoted(a.name) + " cannot be a key";
         if (record_as_attribute)
             out_.add(where, subject + ": it is a record",
                      "key the table by a record beside the payload: keyed by record KEY");
-        else if (!single && (is_known(a.type) || a.form == shape::oid))
+        else if (!single && (is_known(a.type) || a.shape == attribute_shape::oid))
             out_.add(where, subject + ": it is no single value",
                      "take an integer, enumeration, string, address or time");
         else if (single && unordered)

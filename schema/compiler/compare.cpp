@@ -18,7 +18,7 @@ const T* named_in(const std::vector<std::unique_ptr<T>>& list, const std::string
 
 std::string meaning(const attribute& a) {
     std::string text = written_type(a);
-    if (a.form == shape::arm) text += " in case " + a.case_name + " of " + a.discriminator;
+    if (a.shape == attribute_shape::arm) text += " in case " + a.case_name + " of " + a.discriminator;
     return text;
 }
 std::string meaning(const enumeration_member& m) { return std::to_string(m.value); }
@@ -26,9 +26,9 @@ std::string meaning(const flag_member&) { return "a bit"; }
 
 std::string key_of(const table& t) {
     switch (t.key) {
-    case key_form::attribute: return t.key_attribute;
-    case key_form::whole_payload: return "itself";
-    case key_form::object: break;
+    case key_kind::attribute: return t.key_attribute;
+    case key_kind::whole_payload: return "itself";
+    case key_kind::object: break;
     }
     return "record " + t.key_record->name;
 }
@@ -180,8 +180,9 @@ class comparison {
     /// Names of members are unique in a bundle.
     bool has_arms(const std::string& member) const {
         return std::any_of(before_.records.begin(), before_.records.end(), [&](const auto& r) {
-            return std::any_of(r->attributes.begin(), r->attributes.end(),
-                               [&](const attribute& a) { return a.form == shape::arm && a.case_name == member; });
+            return std::any_of(r->attributes.begin(), r->attributes.end(), [&](const attribute& a) {
+                return a.shape == attribute_shape::arm && a.case_name == member;
+            });
         });
     }
 

@@ -47,45 +47,58 @@ std::vector<std::vector<const type_text*>> spread(const std::vector<type_text>& 
 
 std::string two_digits(unsigned number) { return (number < 10 ? "0" : "") + std::to_string(number); }
 
-std::string unit_source(const bundle& source, const std::vector<const type_text*>& types) {
+void emit_unit(emission& run, unsigned number, const std::vector<const type_text*>& types) {
     std::vector<std::string> names;
     std::set<std::string> includes;
     for (const type_text* each : types) {
         names.push_back(each->name);
         includes.insert(each->includes.begin(), each->includes.end());
     }
-    std::string text = generated_notice(source, names.empty() ? "No types." : "Exports of " + joined(names) + ".");
-    if (types.empty()) return text;
+    template_writer text = run.writer(names.empty() ? "No types." : "Exports of " + joined(names) + ".");
     for (const std::string& each : includes)
-        text += "#include " + (each.front() == '<' ? each : c_literal(each)) + "\n";
-    text += "\n#include \"codec/codec.h\"\n#include \"frame/export.h\"\n#include \"instance/instance.h\"\n\n"
-            "#include <stddef.h>\n\nnamespace bundle_" +
-            source.name + " {\n";
+        text.add("#include \"$header\"\n", {{"$header", each}});
+    if (!types.empty())
+        text.add(R"(
+#include "codec/codec.h"
+#include "frame/export.h"
+#include "instance/instance.h"
+
+#include <stddef.h>
+
+namespace bundle_$bundle {
+)");
     for (const type_text* each : types)
-        text += "\n// ---- " + each->name + "\n\n" + each->exports;
-    return text + "\n} // namespace bundle_" + source.name + "\n";
+        text.add("\n// ---- $type\n\n", {{"$type", each->name}}).add_plain(each->exports);
+    if (!types.empty()) text.add("\n} // namespace bundle_$bundle\n");
+    run.out.add("src/unit_" + two_digits(number) + ".cpp", text.take());
 }
 
 /// One header for a whole bundle.
-std::string umbrella(const bundle& source, const std::vector<type_text>& types) {
-    const std::string guard = "LOOM_" + source.name + "_H";
-    std::string text = generated_notice(source, "All of the bundle " + source.name + ".");
-    text += doc_comment(source.doc) + "#ifndef " + guard + "\n#define " + guard + "\n\n";
-    const auto include = [&](const std::string& name) {
-        text += "#include <" + source.name + "/" + name + ".h>\n";
-    };
-    include("bundle_frame");
-    include("table_registry");
+void emit_umbrella(emission& run, const std::vector<type_text>& types) {
+    template_writer text = run.writer("All of the bundle $bundle.");
+    text.add_plain(doc_comment(run.source.doc));
+    text.add(R"(#ifndef LOOM_$bundle_H
+#define LOOM_$bundle_H
+
+#include <$bundle/bundle_frame.h>
+#include <$bundle/table_registry.h>
+)");
     for (const type_text& each : types)
-        include(each.name);
-    return text + "\n#endif\n";
+        text.add("#include <$bundle/$type.h>\n", {{"$type", each.name}});
+    text.add("\n#endif\n");
+    run.out.add("include/" + run.source.name + "/" + run.source.name + ".h", text.take());
 }
 
 /// Included by every public header: whoever includes one is built again when the schema changes.
-std::string revision(const bundle& source, const std::string& digest) {
-    const std::string guard = "LOOM_" + source.name + "_REVISION_H";
-    return generated_notice(source, "Tells one revision of the schema from another.") + "#ifndef " + guard +
-           "\n#define " + guard + "\n#define " + source.name + "_schema_revision \"" + digest + "\"\n#endif\n";
+void emit_revision(emission& run) {
+    template_writer text =
+        run.writer("Tells one revision of the schema from another.", {{"$digest", run.out.digest()}});
+    text.add(R"(#ifndef LOOM_$bundle_REVISION_H
+#define LOOM_$bundle_REVISION_H
+#define $bundle_schema_revision "$digest"
+#endif
+)");
+    run.out.add("include/" + run.source.name + "/revision.h", text.take());
 }
 
 } // namespace
@@ -102,9 +115,9 @@ void compose_bundle(const bundle& source, output_tree& tree, unsigned units) {
     run.require_all_emitted();
     const auto parts = spread(types, units);
     for (unsigned unit = 0; unit < units; ++unit)
-        tree.add("src/unit_" + two_digits(unit) + ".cpp", unit_source(source, parts[unit]));
-    tree.add("include/" + source.name + "/" + source.name + ".h", umbrella(source, types));
-    tree.add("include/" + source.name + "/revision.h", revision(source, tree.digest()));
+        emit_unit(run, unit, parts[unit]);
+    emit_umbrella(run, types);
+    emit_revision(run);
 }
 
 void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units) {

@@ -1,5 +1,6 @@
 // The manifest: one line per type with its identity, the hash of its definition, its newest variant and its size,
 // and a record of the build, in a section that is not loaded.
+#include "schema/compiler/assembler.h"
 #include "schema/compiler/emit_families.h"
 
 #include <algorithm>
@@ -27,8 +28,12 @@ std::string padded(std::size_t value, std::size_t width) {
 
 line make_line(const std::string& luid_text, const std::string& hash, const char* kind, int newest,
                std::size_t size) {
-    return {luid_text, luid_text + ":" + hash + kind + padded(static_cast<std::size_t>(newest), 3) + ":" +
-                           padded(size, 5) + "N"};
+    return {luid_text,
+            substitute("$luid:$hash$kind$newest:$sizeN", {{"$luid", luid_text},
+                                                          {"$hash", hash},
+                                                          {"$kind", kind},
+                                                          {"$newest", padded(static_cast<std::size_t>(newest), 3)},
+                                                          {"$size", padded(size, 5)}})};
 }
 
 line line_of(const named& type, const char* kind) {
@@ -72,11 +77,14 @@ std::string manifest(const bundle& source) {
 
 /// The schema's name, a zero byte, and what the build says about itself.
 std::string build_record(const bundle& source) {
-    std::string text =
-        source.name + '\0' + "trellisc manifest 1: records " + std::to_string(source.records.size()) +
-        ", enumerations " + std::to_string(source.enumerations.size()) + ", flag sets " +
-        std::to_string(source.flag_sets.size()) + ", tables " + std::to_string(source.tables.size()) +
-        ", messages " + std::to_string(source.messages.size()) + "; imports";
+    std::string text = source.name + '\0' +
+                       substitute("trellisc manifest 1: records $records, enumerations $enumerations, flag sets "
+                                  "$flag_sets, tables $tables, messages $messages; imports",
+                                  {{"$records", source.records.size()},
+                                   {"$enumerations", source.enumerations.size()},
+                                   {"$flag_sets", source.flag_sets.size()},
+                                   {"$tables", source.tables.size()},
+                                   {"$messages", source.messages.size()}});
     for (const auto& each : source.imports)
         text += " " + each->bundle_name;
     if (source.imports.empty()) text += " none";
@@ -87,33 +95,18 @@ std::string build_record(const bundle& source) {
 
 /// Length, kind, payload, and zero bytes up to a multiple of 4.
 std::string entry(std::uint32_t kind, const std::string& payload) {
-    std::string text = "    .long " + std::to_string(payload.size()) + ", " + std::to_string(kind) + "\n";
-    constexpr std::size_t per_line = 80;
-    for (std::size_t at = 0; at < payload.size(); at += per_line) {
-        text += "    .ascii \"";
-        for (const char character : payload.substr(at, per_line)) {
-            if (character == '\n')
-                text += "\\n";
-            else if (character == '\0')
-                text += "\\000";
-            else if (character == '"' || character == '\\')
-                text += std::string("\\") + character;
-            else
-                text += character;
-        }
-        text += "\"\n";
-    }
-    return text + "    .balign 4, 0\n";
+    return substitute("    .long $size, $kind\n", {{"$size", payload.size()}, {"$kind", kind}}) +
+           character_lines(payload) + "    .balign 4, 0\n";
 }
 
 } // namespace
 
 void emit_manifest(emission& run) {
-    run.out.add("src/manifest.S", generated_notice(run.source, "The types of the bundle with their hashes.") +
-                                      "    .section .corvo, \"\", @progbits\n" +
-                                      entry(kind_manifest, manifest(run.source)) +
-                                      entry(kind_build, build_record(run.source)) +
-                                      "    .section .note.GNU-stack, \"\", @progbits\n");
+    template_writer text = run.writer("The types of the bundle with their hashes.");
+    text.add_plain(section(".corvo", ""));
+    text.add_plain(entry(kind_manifest, manifest(run.source)));
+    text.add_plain(entry(kind_build, build_record(run.source)));
+    run.out.add("src/manifest.S", text.add_plain(end_of_assembler).take());
 }
 
 } // namespace trellis::schema

@@ -1,6 +1,7 @@
 // The registry of tables: the function records of own and foreign tables as one block in registry order, which is
 // also the source that the exported array is filled from, and the constants of the lookup by luid. What the
 // registry does stands in frame/registry.h.
+#include "schema/compiler/assembler.h"
 #include "schema/compiler/emit_families.h"
 
 #include <algorithm>
@@ -63,6 +64,8 @@ constexpr const char* slot_functions[] = {
     "pkey_print",
 };
 static_assert(std::size(slot_functions) == 47, "49 slots, two of them data");
+/// Bytes of a function record.
+constexpr std::size_t record_size = 8 * (2 + std::size(slot_functions));
 
 /// A table of the registry, own or foreign.
 struct registered {
@@ -148,125 +151,128 @@ std::string hexadecimal(std::uint64_t value) {
     return text + "u";
 }
 
-std::string lookup_constants(const std::vector<registered>& all) {
+void add_lookup_constants(template_writer& text, const std::vector<registered>& all) {
     std::vector<luid_words> keys;
     for (const registered& each : all)
         keys.push_back(words_of(each.luid_text));
     const perfect_hash hash = find_hash(keys);
-    std::string text = "    static constexpr u32 count = " + std::to_string(all.size()) + ";\n";
-    text += "    static constexpr u64 multiplier = " + hexadecimal(hash.multiplier) + ";\n";
-    text += "    static constexpr u32 shift = " + std::to_string(hash.shift) + ";\n";
-    text += std::string("    static constexpr ") + (all.size() < 256 ? "u8" : "u16") + " slots[] = {";
+    text.add(R"(    static constexpr u32 count = $count;
+    static constexpr u64 multiplier = $multiplier;
+    static constexpr u32 shift = $shift;
+    static constexpr $place slots[] = {)",
+             {{"$count", all.size()},
+              {"$multiplier", hexadecimal(hash.multiplier)},
+              {"$shift", hash.shift},
+              {"$place", all.size() < 256 ? "u8" : "u16"}});
     for (std::size_t i = 0; i < hash.slots.size(); ++i)
-        text += (i % 32 == 0 ? "\n        " : " ") + std::to_string(hash.slots[i]) + ",";
-    text += "\n    };\n    static constexpr frame::luid_words keys[] = {\n";
+        text.add(i % 32 == 0 ? "\n        $slot," : " $slot,", {{"$slot", hash.slots[i]}});
+    text.add("\n    };\n    static constexpr frame::luid_words keys[] = {\n");
     for (std::size_t i = 0; i < all.size(); ++i)
-        text += "        {" + hexadecimal(keys[i].low) + ", " + hexadecimal(keys[i].high) + "}, // " +
-                all[i].name + "\n";
-    if (all.empty()) text += "        {},\n";
-    return text + "    };\n";
+        text.add(
+            "        {$low, $high}, // $table\n",
+            {{"$low", hexadecimal(keys[i].low)}, {"$high", hexadecimal(keys[i].high)}, {"$table", all[i].name}});
+    if (all.empty()) text.add("        {},\n");
+    text.add("    };\n");
 }
 
 // ---- Files -----------------------------------------------------------------------------------------------------
 
-constexpr operation registry_operations[] = {
-    {"table_mrst_lookup", "int32_t", "const uint8_t* luid",
-     "The registry index of a table's 16-byte luid, or -1."},
-    {"table_vft_init", "uint32_t", "void", "Fills the array of function records, once; 0 or an error number."},
-    {"table_get_vft", "void",
-     "loom_handle* handle, uint32_t domain, const uint8_t* luid, const loom_table_vft** out, uint32_t* err",
-     "Stores the address of the table's function record; for an unknown luid null, and 2 in `*err`."},
-    {"fetch_table_get_vft", "loom_table_get_vft_fn", "void", "The address of the lookup by luid."},
-};
+void emit_registry_source(emission& run, const std::vector<registered>& all, const type_text& functions) {
+    template_writer text =
+        run.writer("Lookup of tables by luid.", {{"$extent", std::max<std::size_t>(1, all.size())}});
+    text.add(R"(#include "bundle.h"
 
-std::string registry_source(emission& run, const std::vector<registered>& all) {
-    const std::string& name = run.source.name;
-    const std::string extent = std::to_string(std::max<std::size_t>(1, all.size()));
-    std::string text = generated_notice(run.source, "Lookup of tables by luid.");
-    text += "#include \"bundle.h\"\n\n#include \"frame/bundle.h\"\n\n#include <" + name + "/table_registry.h>\n\n";
-    text += "extern \"C\" __attribute__((visibility(\"hidden\"))) const loom_table_vft " + name +
-            "_table_records[];\n";
-    text +=
-        "extern \"C\" {\nTRELLIS_EXPORT_DATA loom_table_vft " + name + "_table_lut[" + extent + "] = {};\n}\n\n";
-    text += "namespace bundle_" + name + " {\n\nnamespace {\n\nu32 registry_state = 0;\n\n";
-    text += "struct registry {\n    using bundle = bundle_" + name +
-            "::bundle;\n"
-            "    static constexpr int trace_unit = 4;\n    static constexpr u32 trace_base = 0;\n";
-    text += lookup_constants(all);
-    text += "    static const loom_table_vft* records() { return ::" + name + "_table_records; }\n";
-    text += "    static loom_table_vft* filled() { return ::" + name + "_table_lut; }\n";
-    text += "    static u32& state() { return registry_state; }\n};\n\n} // namespace\n\n";
-    const std::string bodies[] = {
-        "frame::lookup<registry>(luid)", "frame::initialize_records<registry>()",
-        "static_cast<void>(domain), frame::find_record<registry>(handle, luid, out, err)",
-        "::" + name + "_table_get_vft"};
-    for (std::size_t i = 0; i < std::size(registry_operations); ++i) {
-        const operation& op = registry_operations[i];
-        const std::string function = name + "_" + op.suffix;
-        text += std::string("TRELLIS_EXPORT ") + op.result + " " + function + "(" + op.parameters +
-                ") { bundle::count(" + std::to_string(run.counter(function)) + "); return " + bodies[i] + "; }\n";
-    }
-    return text + "\n} // namespace bundle_" + name + "\n";
+#include "frame/bundle.h"
+
+#include <$bundle/table_registry.h>
+
+extern "C" __attribute__((visibility("hidden"))) const loom_table_vft $bundle_table_records[];
+extern "C" {
+TRELLIS_EXPORT_DATA loom_table_vft $bundle_table_lut[$extent] = {};
 }
 
-void emit_registry_header(emission& run, const std::vector<registered>& all) {
-    const std::string& name = run.source.name;
-    std::string body;
-    for (const operation& each : registry_operations)
-        body +=
-            doc_comment(each.doc) + each.result + " " + name + "_" + each.suffix + "(" + each.parameters + ");\n";
-    body += doc_comment("Function records in registry order; zero until the first lookup.");
-    body += "extern loom_table_vft " + name + "_table_lut[" +
-            std::to_string(std::max<std::size_t>(1, all.size())) + "];\n\n";
+namespace bundle_$bundle {
+
+namespace {
+
+u32 registry_state = 0;
+
+struct registry {
+    using bundle = bundle_$bundle::bundle;
+    static constexpr int trace_unit = 4;
+    static constexpr u32 trace_base = 0;
+)");
+    add_lookup_constants(text, all);
+    text.add(R"(    static const loom_table_vft* records() { return ::$bundle_table_records; }
+    static loom_table_vft* filled() { return ::$bundle_table_lut; }
+    static u32& state() { return registry_state; }
+};
+
+} // namespace
+
+)");
+    text.add_plain(functions.exports);
+    text.add("\n} // namespace bundle_$bundle\n");
+    run.out.add("src/registry.cpp", text.take());
+}
+
+void emit_registry_header(emission& run, const std::vector<registered>& all, const type_text& functions) {
+    template_writer body({{"$bundle", run.source.name}, {"$extent", std::max<std::size_t>(1, all.size())}});
+    body.add_plain(functions.prototypes);
+    body.add(R"(/** Function records in registry order; zero until the first lookup. */
+extern loom_table_vft $bundle_table_lut[$extent];
+
+)");
     for (const registered& each : all) {
-        body += "extern const loom_table_vft " + each.name + "_table_vft;\n";
-        if (!each.own) continue;
-        body += "extern const char table_" + each.name + "_name[];\nextern const uint8_t table_" + each.name +
-                "_luid[16];\nextern const char table_" + each.name + "_luid_text[33];\n";
+        const substitutions with = {{"$table", each.name}};
+        body.add("extern const loom_table_vft $table_table_vft;\n", with);
+        if (each.own)
+            body.add(R"(extern const char table_$table_name[];
+extern const uint8_t table_$table_luid[16];
+extern const char table_$table_luid_text[33];
+)",
+                     with);
     }
-    run.public_header("table_registry", "Lookup of tables by luid, and their function records.", {}, body);
+    run.public_header("table_registry", "Lookup of tables by luid, and their function records.", {}, body.take());
 }
 
 /// One function record; the linker fills in the addresses.
-std::string function_record(const registered& of, const std::string& name_symbol) {
-    const std::string symbol = of.name + "_table_vft";
-    std::string text = "    .globl " + symbol + "\n    .type " + symbol + ", @object\n    .size " + symbol +
-                       ", 392\n" + symbol + ":\n";
-    text += "    .quad table_" + of.name + "_luid\n    .quad " + name_symbol + "\n";
+void add_function_record(template_writer& text, const registered& of, const std::string& name_symbol) {
+    const substitutions with = {{"$table", of.name}, {"$name", name_symbol}};
+    text.add_plain(object_label(of.name + "_table_vft", record_size));
+    text.add("    .quad table_$table_luid\n    .quad $name\n", with);
     for (const char* const function : slot_functions)
-        text +=
-            function == nullptr ? std::string("    .quad 0\n") : "    .quad " + of.name + "_" + function + "\n";
-    return text;
+        if (function == nullptr)
+            text.add("    .quad 0\n");
+        else
+            text.add("    .quad $table_", with).add_plain(function).add("\n");
 }
 
-std::string function_records(const bundle& source, const std::vector<registered>& all) {
-    const std::string block = source.name + "_table_records";
-    std::string text = generated_notice(source, "Function records of own and foreign tables, in registry order.");
-    text += "    .section .data.rel.ro, \"aw\", @progbits\n    .balign 8\n    .globl " + block + "\n    .hidden " +
-            block + "\n    .type " + block + ", @object\n    .size " + block + ", " +
-            std::to_string(392 * all.size()) + "\n" + block + ":\n";
-    std::string names;
+void emit_function_records(emission& run, const std::vector<registered>& all) {
+    template_writer text = run.writer("Function records of own and foreign tables, in registry order.");
+    text.add_plain(section(".data.rel.ro", "aw")).add("    .balign 8\n");
+    text.add_plain(object_label(run.source.name + "_table_records", record_size * all.size(), true));
+    template_writer names({});
     for (std::size_t i = 0; i < all.size(); ++i) {
-        if (all[i].own) {
-            text += function_record(all[i], "table_" + all[i].name + "_name");
-        } else {
-            // A foreign table's name text is the bundle's own.
-            const std::string label = ".Lname_" + std::to_string(i);
-            text += function_record(all[i], label);
-            names += label + ":\n    .asciz \"table " + all[i].name + "\"\n";
-        }
+        const substitutions with = {{"$place", i}, {"$table", all[i].name}};
+        // A foreign table's name text is the bundle's own.
+        add_function_record(text, all[i], substitute(all[i].own ? "table_$table_name" : ".Lname_$place", with));
+        if (!all[i].own) names.add(".Lname_$place:\n    .asciz \"table $table\"\n", with);
     }
-    if (!names.empty()) text += "    .section .rodata\n" + names;
-    return text + "    .section .note.GNU-stack, \"\", @progbits\n";
+    if (const std::string foreign = names.take(); !foreign.empty())
+        text.add("    .section .rodata\n").add_plain(foreign);
+    run.out.add("src/function_records.S", text.add_plain(end_of_assembler).take());
 }
 
 } // namespace
 
 void emit_registry(emission& run) {
     const std::vector<registered> all = registry_of(run.source);
-    run.out.add("src/registry.cpp", registry_source(run, all));
-    run.out.add("src/function_records.S", function_records(run.source, all));
-    emit_registry_header(run, all);
+    type_text functions;
+    run.add(functions, registry_operations(run.source));
+    emit_registry_source(run, all, functions);
+    emit_function_records(run, all);
+    emit_registry_header(run, all, functions);
 }
 
 } // namespace trellis::schema

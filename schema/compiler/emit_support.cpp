@@ -3,7 +3,6 @@
 
 #include "schema/compiler/md5.h"
 
-#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -85,129 +84,59 @@ void emission::require_all_emitted() const {
         if (!emitted_.contains(name)) throw std::logic_error("function " + name + " is not emitted");
 }
 
-/// "loom_handle* handle, const char name[4]" -> "handle, name"
-static std::string argument_names(std::string_view parameters) {
-    std::string names;
-    const auto is_word = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
-    while (!parameters.empty()) {
-        const std::size_t comma = parameters.find(',');
-        std::string_view parameter = parameters.substr(0, comma);
-        const std::size_t bracket = parameter.find('[');
-        if (bracket != std::string_view::npos) parameter = parameter.substr(0, bracket);
-        std::size_t start = parameter.size();
-        while (start > 0 && is_word(parameter[start - 1]))
-            --start;
-        if (parameter.substr(start) != "void") {
-            if (!names.empty()) names += ", ";
-            names += parameter.substr(start);
-        }
-        parameters = comma == std::string_view::npos ? std::string_view{} : parameters.substr(comma + 1);
+void emission::add(type_text& to, const operation_group& group) {
+    if (!group.heading.empty()) to.prototypes += "\n/* " + group.heading + " */\n";
+    for (const operation& each : group.operations) {
+        const function made = function_of(group, each);
+        const substitutions with = {{"$result", made.result},
+                                    {"$name", made.name},
+                                    {"$parameters", made.parameters},
+                                    {"$place", counter(made.name)},
+                                    {"$returns", made.returns}};
+        to.prototypes += doc_comment(made.doc) + substitute("$result $name($parameters);\n", with);
+        to.exports += substitute("TRELLIS_EXPORT $result $name($parameters) { bundle::count($place); "
+                                 "return $returns; }\n",
+                                 with);
+        ++to.weight;
     }
-    return names;
 }
 
-std::string emission::definition(const function& what) {
-    return "TRELLIS_EXPORT " + what.result + " " + what.name + "(" + what.parameters + ") { bundle::count(" +
-           std::to_string(counter(what.name)) + "); return trellis::" + what.worker + "(" +
-           argument_names(what.parameters) + "); }\n";
-}
-
-void emission::add(type_text& to, const function& what) {
-    to.prototypes += doc_comment(what.doc);
-    to.prototypes += what.result + " " + what.name + "(" + what.parameters + ");\n";
-    to.exports += definition(what);
-    ++to.weight;
+template_writer emission::writer(const std::string& summary, substitutions known) const {
+    known.emplace_back("$bundle", source.name);
+    template_writer begun(known);
+    begun.add("/* " + summary + " Written by trellisc from the schema $bundle; changes belong there. */\n");
+    return begun;
 }
 
 void emission::public_header(const std::string& name, const std::string& summary,
                              const std::vector<std::string>& includes, const std::string& body) {
-    const std::string guard = "LOOM_" + source.name + "_" + name + "_H";
-    std::string text = generated_notice(source, summary);
-    text += "#ifndef " + guard + "\n#define " + guard + "\n\n";
-    text += "#include <loom/loom.h>\n#include <" + source.name + "/revision.h>\n";
+    template_writer text = writer(summary, {{"$guard", "LOOM_" + source.name + "_" + name + "_H"}});
+    text.add(R"(#ifndef $guard
+#define $guard
+
+#include <loom/loom.h>
+#include <$bundle/revision.h>
+)");
     std::set<std::string> seen;
     for (const std::string& include : includes)
-        if (seen.insert(include).second) text += "#include " + include + "\n";
-    text += "\n#ifdef __cplusplus\nextern \"C\" {\n#endif\n\n";
-    text += body;
-    text += "\n#ifdef __cplusplus\n}\n#endif\n#endif\n";
-    out.add("include/" + source.name + "/" + name + ".h", std::move(text));
+        if (seen.insert(include).second) text.add("#include $header\n", {{"$header", include}});
+    text.add(R"(
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+)");
+    text.add_plain(body);
+    text.add(R"(
+#ifdef __cplusplus
 }
-
-std::string substitute(std::string_view text, const substitutions& with) {
-    std::string result;
-    while (!text.empty()) {
-        const std::size_t dollar = text.find('$');
-        result += text.substr(0, dollar);
-        if (dollar == std::string_view::npos) break;
-        text = text.substr(dollar);
-        const auto starts = [&](std::string_view key) { return text.substr(0, key.size()) == key; };
-        std::string_view matched;
-        for (const auto& [key, value] : with) {
-            if (!starts(key)) continue;
-            matched = key;
-            result += value;
-            break;
-        }
-        if (matched.empty() && starts("$H")) {
-            matched = "$H";
-            result += "loom_handle* handle, uint32_t domain";
-        } else if (matched.empty() && starts("$e")) {
-            matched = "$e";
-            result += "uint32_t* err";
-        } else if (matched.empty()) {
-            throw std::logic_error("unknown placeholder in " + std::string(text));
-        }
-        text = text.substr(matched.size());
-    }
-    return result;
+#endif
+#endif
+)");
+    out.add("include/" + source.name + "/" + name + ".h", text.take());
 }
-
-std::string worker_name(std::string_view suffix) {
-    std::string name(suffix);
-    if (suffix == "sizeof" || suffix == "delete") name += '_';
-    return name;
-}
-
-function make_function(const operation& op, const std::string& prefix, std::string_view family,
-                       const std::string& model, const substitutions& with) {
-    return {prefix + "_" + op.suffix, substitute(op.result, with), substitute(op.parameters, with),
-            std::string(family) + "::" + worker_name(op.suffix) + "<" + model + ">", substitute(op.doc, with)};
-}
-
-// ---- Types ---------------------------------------------------------------------------------------------------
-
-std::string c_type(const type_ref& type) {
-    if (type.value != nullptr) return type.value->c_type;
-    if (type.of_record != nullptr) return "struct " + type.of_record->name;
-    if (type.of_enumeration != nullptr) return "struct " + type.of_enumeration->name;
-    if (type.of_flag_set != nullptr) return "struct " + type.of_flag_set->name;
-    return "loom_oid";
-}
-
-std::string facade(const type_ref& type) {
-    if (type.value != nullptr) return "trellis::types::" + type.value->facade;
-    if (type.of_record != nullptr) return "types::" + type.of_record->name;
-    if (type.of_enumeration != nullptr) return "types::" + type.of_enumeration->name;
-    if (type.of_flag_set != nullptr) return "types::" + type.of_flag_set->name;
-    return "trellis::types::oid";
-}
-
-std::string plain_c_type(const type_ref& type) { return is_any_enumeration(type) ? "int32_t" : c_type(type); }
-
-bool is_plain_value(const type_ref& type) {
-    return type.value != nullptr &&
-           (type.value->family == builtin_family::scalar || type.value->family == builtin_family::boolean);
-}
-
-bool is_any_enumeration(const type_ref& type) { return type.of_enumeration != nullptr; }
 
 // ---- Text ----------------------------------------------------------------------------------------------------
-
-std::string model_declaration(const std::string& bundle, const std::string& type) {
-    return "namespace bundle_" + bundle + "::models {\nstruct " + type + ";\n}\n";
-}
-std::string model_alias(const std::string& type) { return "    using model = models::" + type + ";\n"; }
 
 std::string doc_comment(const std::string& text, std::string_view indent) {
     if (text.empty()) return {};
@@ -255,10 +184,6 @@ std::string byte_list(const std::uint8_t* bytes, std::size_t count) {
         text += digits[bytes[i] & 15];
     }
     return text;
-}
-
-std::string generated_notice(const bundle& source, const std::string& what) {
-    return "/* " + what + " Written by trellisc from the schema " + source.name + "; changes belong there. */\n";
 }
 
 } // namespace trellis::schema

@@ -1,43 +1,34 @@
 // Tables: the C struct of the table record with its prototypes, the model, and one line per exported function.
 // What the functions do stands in tables/.
+#include "schema/compiler/c_names.h"
 #include "schema/compiler/emit_families.h"
-#include "schema/compiler/emit_table_operations.h"
-
-#include <algorithm>
-#include <stdexcept>
+#include "schema/compiler/table_keys.h"
 
 namespace trellis::schema {
 
 namespace {
 
-/// A function that other functions of the table call: its name in the model and its exported name.
-struct worker {
-    const char* member;
-    const char* name;
-};
-constexpr worker workers[] = {
-    {"table_open_internal", "$table_table_open_internal"},
-    {"table_free", "$table_table_free"},
-    {"request_table_free", "$table_request_table_free"},
-    {"create_record_internal", "$table_create_record_internal"},
-    {"destroy_record_internal", "$table_destroy_record_internal"},
-    {"pkey_create", "$table_pkey_create"},
-    {"insert_internal", "$table_insert_internal"},
-    {"delete_internal", "$table_delete_internal"},
-    {"search_internal", "$path_search_internal"},
-    {"get_next_internal", "$path_get_next_internal"},
-    {"get_prev_internal", "$path_get_prev_internal"},
-    {"get_first_internal", "$table_get_first_internal"},
-    {"get_last_internal", "$table_get_last_internal"},
-    {"get_sub_next", "$path_get_sub_next"},
-    {"compare", "$path_avl_compare"},
-    {"avl_internal_walk", "$path_avl_internal_walk"},
-    {"table_record_marshal_internal", "$table_table_record_marshal_internal"},
-    {"table_record_print_internal", "$table_table_record_print_internal"},
-};
-constexpr worker workers_of_key_objects[] = {
-    {"table_record_to_xml_internal", "$table_table_record_to_xml_internal"},
-};
+/// Functions that other functions of the table call: their names in the model, and as exported.
+constexpr std::string_view workers =
+    R"(    static constexpr auto table_open_internal = &::$table_table_open_internal;
+    static constexpr auto table_free = &::$table_table_free;
+    static constexpr auto request_table_free = &::$table_request_table_free;
+    static constexpr auto create_record_internal = &::$table_create_record_internal;
+    static constexpr auto destroy_record_internal = &::$table_destroy_record_internal;
+    static constexpr auto pkey_create = &::$table_pkey_create;
+    static constexpr auto insert_internal = &::$table_insert_internal;
+    static constexpr auto delete_internal = &::$table_delete_internal;
+    static constexpr auto search_internal = &::$path_search_internal;
+    static constexpr auto get_next_internal = &::$path_get_next_internal;
+    static constexpr auto get_prev_internal = &::$path_get_prev_internal;
+    static constexpr auto get_first_internal = &::$table_get_first_internal;
+    static constexpr auto get_last_internal = &::$table_get_last_internal;
+    static constexpr auto get_sub_next = &::$path_get_sub_next;
+    static constexpr auto compare = &::$path_avl_compare;
+    static constexpr auto avl_internal_walk = &::$path_avl_internal_walk;
+    static constexpr auto table_record_marshal_internal = &::$table_table_record_marshal_internal;
+    static constexpr auto table_record_print_internal = &::$table_table_record_print_internal;
+)";
 
 /// An event's name in `<bundle>_<table>_table_record_<event>_handler`, and what its handler gets.
 struct event {
@@ -55,161 +46,135 @@ constexpr event events[] = {
     {"free", "loom_handle* handle, uint32_t domain, uint64_t a, uint32_t d, uint32_t* err, uint64_t b"},
 };
 
-std::string handler_name(const emission& run, const table& type, const event& of) {
-    return run.source.name + "_" + type.name + "_table_record_" + of.name + "_handler";
-}
-
-/// Name of the record that the keyed functions carry: the key object's or the payload's.
-const std::string& key_holder(const table& type) {
-    return type.key == key_form::object ? type.key_record->name : type.payload->name;
-}
-
-const attribute* attribute_of(const record& type, const std::string& name) {
-    const auto found = std::find_if(type.attributes.begin(), type.attributes.end(),
-                                    [&](const attribute& each) { return each.name == name; });
-    return found == type.attributes.end() ? nullptr : &*found;
-}
-
-const attribute& key_attribute(const table& type) {
-    const attribute* found = attribute_of(*type.payload, type.key_attribute);
-    if (found == nullptr)
-        throw std::logic_error("table " + type.name + " has no key attribute " + type.key_attribute);
-    return *found;
-}
-
-/// The C type behind a key pointer.
-std::string key_value(const table& type) {
-    return type.key == key_form::attribute ? plain_c_type(key_attribute(type).type) : "struct " + key_holder(type);
-}
-
-substitutions placeholders(const table& type) {
-    const std::string holder = type.name + "_" + key_holder(type);
-    const bool by_attribute = type.key == key_form::attribute;
+substitutions placeholders(const emission& run, const table& type) {
+    const std::string path = key_path(type);
     return {{"$table", type.name},
-            {"$path", holder + "_" + (by_attribute ? type.key_attribute : "")},
-            {"$crpath", by_attribute ? holder + "_" + type.key_attribute : holder},
+            {"$path", type.name + "_" + path.substr(0, path.size() - 1)},
             {"$payload", type.payload->name},
-            {"$keytype", key_holder(type)},
-            {"$keyvalue", key_value(type)},
-            {"$keyobject", "struct " + key_holder(type)}};
+            {"$keytype", key_holder(type)->name},
+            {"$handlers", run.source.name + "_" + type.name + "_table_record"},
+            {"$key_label", type.key == key_kind::attribute ? type.key_attribute : ""},
+            {"$ordered", type.ordered},
+            {"$trace_unit", type.trace_unit},
+            {"$trace_base", type.trace_base}};
 }
 
 // ---- Public header -------------------------------------------------------------------------------------------
 
-std::string record_struct(const table& type) {
-    const std::string& payload = type.payload->name;
-    std::string text = "/** A record of the table: the database layer's part, then the instances it holds. */\n";
-    text += "struct " + type.name + "_table_record {\n    loom_table_record loom_record;\n    struct " + payload +
-            "* " + payload + ";\n";
-    if (type.key == key_form::object)
-        text += "    struct " + type.key_record->name + "* " + type.key_record->name + ";\n";
+void add_record_struct(template_writer& body, const table& type) {
+    body.add(R"(/** A record of the table: the database layer's part, then the instances it holds. */
+struct $table_table_record {
+    loom_table_record loom_record;
+    struct $payload* $payload;
+)");
+    if (type.key == key_kind::object) body.add("    struct $keytype* $keytype;\n");
     if (type.ordered)
-        text += "    void* seq_next; /**< the neighbours' seq_next cells, in the order of the sequence */\n"
-                "    void* seq_prev;\n";
-    return text + "};\n\n";
+        body.add(R"(    void* seq_next; /**< the neighbours' seq_next cells, in the order of the sequence */
+    void* seq_prev;
+)");
+    body.add("};\n\n");
 }
 
 void emit_public_header(emission& run, const table& type, const type_text& text) {
-    std::string body = doc_comment(type.doc) + record_struct(type);
-    body += "/** Shown every record by the walks; non-zero ends the walk. */\ntypedef int32_t (*" + type.name +
-            "_record_visitor)(struct " + type.name + "_table_record* record, void* user);\n\n";
-    body += "extern loom_type_info _" + type.name + "_table_type_info_internal;\nextern loom_type_info _" +
-            type.name + "_table_record_type_info_internal;\n\n";
-    body += text.prototypes + "\n/* Handlers that an application may define. */\n";
+    template_writer body(placeholders(run, type));
+    body.add_plain(doc_comment(type.doc));
+    add_record_struct(body, type);
+    body.add(R"(/** Shown every record by the walks; non-zero ends the walk. */
+typedef int32_t (*$table_record_visitor)(struct $table_table_record* record, void* user);
+
+extern loom_type_info _$table_table_type_info_internal;
+extern loom_type_info _$table_table_record_type_info_internal;
+
+/* Functions that are given a null table set 2 and do nothing else; those that do otherwise say so. */
+
+)");
+    body.add_plain(text.prototypes);
+    body.add("\n/* Handlers that an application may define. */\n");
     for (const event& each : events)
-        body += "void " + handler_name(run, type, each) + "(" + each.parameters + ");\n";
+        body.add("void $handlers_$event_handler($handed);\n",
+                 {{"$event", each.name}, {"$handed", each.parameters}});
     std::vector<std::string> includes = {"<" + run.source.name + "/" + type.payload->name + ".h>"};
-    if (type.key == key_form::object)
+    if (type.key == key_kind::object)
         includes.push_back("<" + run.source.name + "/" + type.key_record->name + ".h>");
-    run.public_header(type.name, "Table " + type.name + ".", includes, body);
+    run.public_header(type.name, "Table " + type.name + ".", includes, body.take());
 }
 
 // ---- Model ---------------------------------------------------------------------------------------------------
 
+/// The key as the families see it.
 std::string key_type(const table& type) {
-    if (type.key == key_form::object) return "trellis::table::object_key<types::" + type.key_record->name + ">";
-    if (type.key == key_form::whole_payload)
-        return "trellis::table::payload_key<types::" + type.payload->name + ">";
-    return "trellis::table::attribute_key<" + facade(key_attribute(type).type) + ", &::" + type.payload->name +
-           "::" + type.key_attribute + ">";
+    const substitutions with = {{"$payload", type.payload->name}, {"$attribute", type.key_attribute}};
+    switch (type.key) {
+    case key_kind::object:
+        return substitute("trellis::table::object_key<types::$keytype>", {{"$keytype", type.key_record->name}});
+    case key_kind::whole_payload: return substitute("trellis::table::payload_key<types::$payload>", with);
+    case key_kind::attribute: break;
+    }
+    return "trellis::table::attribute_key<" + facade(key_attribute(type)->type) +
+           substitute(", &::$payload::$attribute>", with);
 }
 
 /// Facades that the model names.
 std::set<std::string> facades_of(const table& type) {
-    std::set<std::string> names = {type.payload->name};
-    if (type.key == key_form::object) names.insert(type.key_record->name);
-    if (type.key == key_form::attribute) {
-        const type_ref& key = key_attribute(type).type;
-        if (key.value == nullptr) names.insert(key.name);
-    }
+    std::set<std::string> names = {type.payload->name, key_holder(type)->name};
+    if (const attribute* key = key_attribute(type); key != nullptr && key->type.value == nullptr)
+        names.insert(key->type.name);
     return names;
 }
 
-std::string weak_handlers(const emission& run, const table& type) {
-    std::string text = "extern \"C\" {\n";
-    for (const event& each : events)
-        text += "void " + handler_name(run, type, each) + "(" + each.parameters +
-                ") __attribute__((weak, visibility(\"default\")));\n";
-    return text + "}\n\n";
-}
-
-std::string model_members(const emission& run, const table& type) {
-    const std::string constant = "    static constexpr ";
-    std::string text = "    using bundle = bundle_" + run.source.name + "::bundle;\n";
-    text += "    using record = ::" + type.name +
-            "_table_record;\n    using payload = types::" + type.payload->name + ";\n";
-    text += constant + "auto payload_field = &record::" + type.payload->name + ";\n";
-    text += "    using key = " + key_type(type) + ";\n";
-    if (type.key == key_form::object)
-        text += constant + "auto key_field = &record::" + type.key_record->name + ";\n";
-    text +=
-        constant + "char key_label[] = \"" + (type.key == key_form::attribute ? type.key_attribute : "") + "\";\n";
-    text += constant + "bool ordered = " + (type.ordered ? "true" : "false") + ";\n";
-    if (type.ordered)
-        text += constant + "auto sequence = &::" + type.payload->name + "::reorder_seq_compact_no;\n";
-    text += constant + "char name[] = \"" + type.name + "\";\n";
-    text += constant + "int trace_unit = " + std::to_string(type.trace_unit) + ";\n";
-    text += constant + "u32 trace_base = " + std::to_string(type.trace_base) + ";\n";
-    text += "    static const u8* luid() { return ::table_" + type.name + "_luid; }\n";
-    text += "    static const char* luid_text() { return ::table_" + type.name + "_luid_text; }\n";
-    text += "    static loom_type_info* type_info() { return &::_" + type.name + "_table_type_info_internal; }\n";
-    text += "    static loom_type_info* record_type_info() { return &::_" + type.name +
-            "_table_record_type_info_internal; }\n";
-    return text;
-}
-
 void emit_model(emission& run, const table& type) {
-    const substitutions with = placeholders(type);
-    std::string text = generated_notice(run.source, "Key, record and workers of " + type.name + ".");
-    text += "#pragma once\n\n#include \"bundle.h\"\n#include \"tables/table.h\"\n";
+    template_writer text = run.writer("Key, record and workers of $table.", placeholders(run, type));
+    text.add("#pragma once\n\n#include \"bundle.h\"\n#include \"tables/table.h\"\n");
     for (const std::string& each : facades_of(type))
-        text += "#include \"types/" + each + ".h\"\n";
-    text += "\n" + weak_handlers(run, type);
-    text += "#include <" + run.source.name + "/" + type.name + ".h>\n#include <" + run.source.name +
-            "/table_registry.h>\n\n";
-    text += "namespace bundle_" + run.source.name + "::tables {\nstruct " + type.name + " {\n";
-    text += model_members(run, type);
-    const auto add_worker = [&](const worker& each) {
-        text += std::string("    static constexpr auto ") + each.member + " = &::" + substitute(each.name, with) +
-                ";\n";
-    };
-    for (const worker& each : workers)
-        add_worker(each);
-    if (type.key == key_form::object)
-        for (const worker& each : workers_of_key_objects)
-            add_worker(each);
+        text.add("#include \"types/$facade.h\"\n", {{"$facade", each}});
+    text.add("\nextern \"C\" {\n");
     for (const event& each : events)
-        text += std::string("    static constexpr auto ") + each.name +
-                "_handler = &::" + handler_name(run, type, each) + ";\n";
-    text += "};\n} // namespace bundle_" + run.source.name + "::tables\n";
-    run.out.add("src/models/" + type.name + ".h", std::move(text));
+        text.add("void $handlers_$event_handler($handed) __attribute__((weak, visibility(\"default\")));\n",
+                 {{"$event", each.name}, {"$handed", each.parameters}});
+    text.add(R"(}
+
+#include <$bundle/$table.h>
+#include <$bundle/table_registry.h>
+
+namespace bundle_$bundle::tables {
+struct $table {
+    using bundle = bundle_$bundle::bundle;
+    using record = ::$table_table_record;
+    using payload = types::$payload;
+    static constexpr auto payload_field = &record::$payload;
+    using key = $key_type;
+)",
+             {{"$key_type", key_type(type)}});
+    if (type.key == key_kind::object) text.add("    static constexpr auto key_field = &record::$keytype;\n");
+    text.add(R"(    static constexpr char key_label[] = "$key_label";
+    static constexpr bool ordered = $ordered;
+)");
+    if (type.ordered) text.add("    static constexpr auto sequence = &::$payload::reorder_seq_compact_no;\n");
+    text.add(R"(    static constexpr char name[] = "$table";
+    static constexpr int trace_unit = $trace_unit;
+    static constexpr u32 trace_base = $trace_base;
+    static const u8* luid() { return ::table_$table_luid; }
+    static const char* luid_text() { return ::table_$table_luid_text; }
+    static loom_type_info* type_info() { return &::_$table_table_type_info_internal; }
+    static loom_type_info* record_type_info() { return &::_$table_table_record_type_info_internal; }
+)");
+    text.add(workers);
+    if (type.key == key_kind::object)
+        text.add(
+            "    static constexpr auto table_record_to_xml_internal = &::$table_table_record_to_xml_internal;\n");
+    for (const event& each : events)
+        text.add("    static constexpr auto $event_handler = &::$handlers_$event_handler;\n",
+                 {{"$event", each.name}});
+    text.add("};\n} // namespace bundle_$bundle::tables\n");
+    run.out.add("src/models/" + type.name + ".h", text.take());
 }
 
 /// The places that the runtime and the C struct agree on.
 std::string layout_asserts(const table& type) {
-    const std::string name = "::" + type.name + "_table_record";
-    return "static_assert(offsetof(" + name + ", loom_record) == 0);\nstatic_assert(offsetof(" + name + ", " +
-           type.payload->name + ") == sizeof(loom_table_record));\n";
+    return substitute(R"(static_assert(offsetof(::$table_table_record, loom_record) == 0);
+static_assert(offsetof(::$table_table_record, $payload) == sizeof(loom_table_record));
+)",
+                      {{"$table", type.name}, {"$payload", type.payload->name}});
 }
 
 } // namespace
@@ -219,14 +184,8 @@ type_text emit_table(emission& run, const table& type) {
     text.name = type.name;
     text.includes = {"models/" + type.name + ".h"};
     text.exports = layout_asserts(type);
-    const substitutions with = placeholders(type);
-    for (const table_operation& each : operations_of_tables()) {
-        if (!has_operation(type, each)) continue;
-        run.add(text,
-                {substitute(each.name, with), substitute(each.result, with), substitute(each.parameters, with),
-                 std::string("table::") + each.worker + "<tables::" + type.name + ">",
-                 substitute(each.doc, with)});
-    }
+    for (const operation_group& each : operations_of(type))
+        run.add(text, each);
     emit_public_header(run, type, text);
     emit_model(run, type);
     return text;

@@ -1,6 +1,7 @@
 // The trace store: one loaded section per trace unit with the lengths of its texts, and two sections that are not
 // loaded, all texts in one compressed stream and the decoder's bytes. Which statements there are and in which
 // order stands in trace_store.h.
+#include "schema/compiler/assembler.h"
 #include "schema/compiler/emit_families.h"
 
 #include "schema/compiler/md5.h"
@@ -8,7 +9,6 @@
 
 #include <bzlib.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace trellis::schema {
@@ -30,28 +30,19 @@ std::uint32_t call_id_of(const trace_entry& of) {
 /// The text as the store holds it.
 std::string stored_text(const trace_entry& of) { return " " + of.text; }
 
-std::string unit_section(const bundle& source, std::size_t unit, const std::vector<trace_entry>& entries) {
+void add_unit_section(template_writer& text, const bundle& source, std::size_t unit,
+                      const std::vector<trace_entry>& entries) {
     const md5_digest hash = md5(source.name + " trace unit " + std::to_string(unit));
     const std::string symbol = source.name + "_trace_unit_" + std::to_string(unit);
-    std::string text = "    .section .spoor_luids_" + hex(hash) + ", \"a\", @progbits\n    .balign 4\n";
-    text += "    .short 1, " + std::to_string(unit) + "\n    .globl " + symbol + "\n    .hidden " + symbol +
-            "\n    .type " + symbol + ", @object\n    .size " + symbol + ", 16\n" + symbol + ":\n    .byte " +
-            byte_list(hash.data(), hash.size()) + "\n";
+    text.add_plain(section(".spoor_luids_" + hex(hash), "a"));
+    text.add("    .balign 4\n    .short 1, $unit\n", {{"$unit", unit}});
+    text.add_plain(object_label(symbol, hash.size(), true)).add_plain(byte_lines(hash));
     for (const trace_entry& each : entries) {
         const std::size_t length = stored_text(each).size();
         if (length > 0xFFFF)
             throw std::runtime_error("a trace text is longer than its length field: " + each.text);
-        text += "    .long " + std::to_string(call_id_of(each)) + "; .short " + std::to_string(length) + "\n";
+        text.add("    .long $call; .short $length\n", {{"$call", call_id_of(each)}, {"$length", length}});
     }
-    return text;
-}
-
-std::string bytes(const std::uint8_t* data, std::size_t size) {
-    constexpr std::size_t per_line = 32;
-    std::string text;
-    for (std::size_t at = 0; at < size; at += per_line)
-        text += "    .byte " + byte_list(data + at, std::min(per_line, size - at)) + "\n";
-    return text;
 }
 
 std::vector<std::uint8_t> compressed(std::string texts) {
@@ -67,19 +58,17 @@ std::vector<std::uint8_t> compressed(std::string texts) {
 } // namespace
 
 void emit_trace_store(emission& run) {
-    std::string text = generated_notice(run.source, "Trace units and the texts of their statements.");
+    template_writer text = run.writer("Trace units and the texts of their statements.");
     std::string texts;
     const auto entries = trace_entries(run.source);
     for (std::size_t unit = 0; unit < entries.size(); ++unit) {
-        text += unit_section(run.source, unit, entries[unit]);
+        add_unit_section(text, run.source, unit, entries[unit]);
         for (const trace_entry& each : entries[unit])
             texts += stored_text(each);
     }
-    const std::vector<std::uint8_t> stream = compressed(std::move(texts));
-    text += "    .section .spoor_format_strings, \"\", @progbits\n" + bytes(stream.data(), stream.size());
-    text += "    .section .spoor_decoder, \"\", @progbits\n" + bytes(decoder_bytes, std::size(decoder_bytes));
-    text += "    .section .note.GNU-stack, \"\", @progbits\n";
-    run.out.add("src/trace_store.S", std::move(text));
+    text.add_plain(section(".spoor_format_strings", "")).add_plain(byte_lines(compressed(std::move(texts))));
+    text.add_plain(section(".spoor_decoder", "")).add_plain(byte_lines(decoder_bytes));
+    run.out.add("src/trace_store.S", text.add_plain(end_of_assembler).take());
 }
 
 } // namespace trellis::schema

@@ -60,69 +60,98 @@ std::vector<information> all_information(const bundle& source) {
     return all;
 }
 
-std::string variant_tables(const std::vector<information>& all) {
-    std::string entries = "// Writable: the entries count objects.\nloom_variant_entry entries[] = {\n";
-    std::string tables = "loom_variant_table tables[] = {\n";
+void add_variant_tables(template_writer& text, const std::vector<information>& all) {
+    text.add("// Writable: the entries count objects.\nloom_variant_entry entries[] = {\n");
+    for (const information& each : all) {
+        text.add("    // $type\n", {{"$type", each.name}});
+        for (const variant_figures& figures : each.variants)
+            text.add("    {$variant, $used_length, $alloc_slop, 0, 0, 0, 0},\n",
+                     {{"$variant", figures.variant},
+                      {"$used_length", figures.used_length},
+                      {"$alloc_slop", figures.alloc_slop}});
+    }
+    text.add("};\nloom_variant_table tables[] = {\n");
     std::size_t place = 0;
     for (const information& each : all) {
-        entries += "    // " + each.name + "\n";
-        for (const variant_figures& figures : each.variants)
-            entries += "    {" + std::to_string(figures.variant) + ", " + std::to_string(figures.used_length) +
-                       ", " + std::to_string(figures.alloc_slop) + ", 0, 0, 0, 0},\n";
-        tables += "    {" + std::to_string(each.variants.size()) + ", entries + " + std::to_string(place) +
-                  "}, // " + each.name + "\n";
+        text.add("    {$variants, entries + $place}, // $type\n",
+                 {{"$variants", each.variants.size()}, {"$place", place}, {"$type", each.name}});
         place += each.variants.size();
     }
-    return entries + "};\n" + tables + "};\n";
+    text.add("};\n");
 }
 
-std::string type_info_record(const bundle& source, const information& of, std::size_t place) {
-    return "TRELLIS_TYPE_INFO loom_type_info " + of.symbol + " = {LOOM_TYPE_INFO_MAGIC, {" +
-           byte_list(of.luid.data(), of.luid.size()) + "}, \"" + of.luid_text + "\", \"" + of.name + "\", \"" +
-           source.name + "\", \"" + of.kind + "\", {}, -1, 0, tables + " + std::to_string(place) + ", 0, 0};\n";
+void add_type_info(template_writer& text, const information& of, std::size_t place) {
+    text.add(
+        "TRELLIS_TYPE_INFO loom_type_info $symbol = {LOOM_TYPE_INFO_MAGIC, {$luid}, \"$luid_text\", \"$type\", "
+        "\"$bundle\", \"$kind\", {}, -1, 0, tables + $place, 0, 0};\n",
+        {{"$symbol", of.symbol},
+         {"$luid", byte_list(of.luid.data(), of.luid.size())},
+         {"$luid_text", of.luid_text},
+         {"$type", of.name},
+         {"$kind", of.kind},
+         {"$place", place}});
 }
 
-std::string identity_declarations(const std::string& symbol) {
-    return "extern TRELLIS_EXPORT_DATA const char " + symbol + "_name[], " + symbol + "_luid_text[33];\n" +
-           "extern TRELLIS_EXPORT_DATA const uint8_t " + symbol + "_luid[16];\n";
-}
+/// Name text, luid and luid text of a table or message stand under names that begin alike in every bundle.
+struct identity {
+    std::string symbol;
+    std::string text;
+    const named& of;
+};
 
-/// Name text, luid and luid text of a table or message, under the names every bundle uses.
-std::string identity(const std::string& symbol, const std::string& text, const named& of) {
-    return "const char " + symbol + "_name[] = \"" + text + "\";\n" + "const uint8_t " + symbol + "_luid[16] = {" +
-           byte_list(of.luid.data(), of.luid.size()) + "};\n" + "const char " + symbol + "_luid_text[33] = \"" +
-           of.luid_text + "\";\n";
+std::vector<identity> all_identities(const bundle& source) {
+    std::vector<identity> all;
+    for (const auto& each : source.tables)
+        all.push_back({"table_" + each->name, "table " + each->name, *each});
+    for (const auto& each : source.messages)
+        all.push_back({"message_action_" + each->name, "message_action " + each->name, *each});
+    return all;
 }
 
 } // namespace
 
 void emit_type_information(emission& run) {
-    const bundle& source = run.source;
-    const std::vector<information> all = all_information(source);
-    std::string text = generated_notice(source, "Type information of all types.");
-    text += "#include \"bundle.h\"\n\n#include \"frame/export.h\"\n\n#include <loom/registry.h>\n\n";
-    text += "// Read-only once the loader has filled in the addresses.\n"
-            "#define TRELLIS_TYPE_INFO __attribute__((section(\".data.rel.ro.type_info\")))\n\n";
-    text += "namespace {\n" + variant_tables(all) + "} // namespace\n\nextern \"C\" {\n\n";
+    const std::vector<information> all = all_information(run.source);
+    const std::vector<identity> identities = all_identities(run.source);
+    template_writer text = run.writer("Type information of all types.");
+    text.add(R"(#include "bundle.h"
+
+#include "frame/export.h"
+
+#include <loom/registry.h>
+
+// Read-only once the loader has filled in the addresses.
+#define TRELLIS_TYPE_INFO __attribute__((section(".data.rel.ro.type_info")))
+
+namespace {
+)");
+    add_variant_tables(text, all);
+    text.add("} // namespace\n\nextern \"C\" {\n\n");
     for (const information& each : all)
-        text += "extern TRELLIS_EXPORT_DATA loom_type_info " + each.symbol + ";\n";
-    for (const auto& each : source.tables)
-        text += identity_declarations("table_" + each->name);
-    for (const auto& each : source.messages)
-        text += identity_declarations("message_action_" + each->name);
-    text += "\n";
+        text.add("extern TRELLIS_EXPORT_DATA loom_type_info $symbol;\n", {{"$symbol", each.symbol}});
+    for (const identity& each : identities)
+        text.add(R"(extern TRELLIS_EXPORT_DATA const char $symbol_name[], $symbol_luid_text[33];
+extern TRELLIS_EXPORT_DATA const uint8_t $symbol_luid[16];
+)",
+                 {{"$symbol", each.symbol}});
+    text.add("\n");
     for (std::size_t i = 0; i < all.size(); ++i)
-        text += type_info_record(source, all[i], i);
-    text += "\nloom_type_info* const " + source.name + "_type_infos[] = {\n";
+        add_type_info(text, all[i], i);
+    text.add("\nloom_type_info* const $bundle_type_infos[] = {\n");
     for (const information& each : all)
-        text += "    &" + each.symbol + ",\n";
-    text += "    nullptr,\n};\n\n";
-    for (const auto& each : source.tables)
-        text += identity("table_" + each->name, "table " + each->name, *each);
-    for (const auto& each : source.messages)
-        text += identity("message_action_" + each->name, "message_action " + each->name, *each);
-    text += "\n} // extern \"C\"\n";
-    run.out.add("src/type_information.cpp", std::move(text));
+        text.add("    &$symbol,\n", {{"$symbol", each.symbol}});
+    text.add("    nullptr,\n};\n\n");
+    for (const identity& each : identities)
+        text.add(R"(const char $symbol_name[] = "$text";
+const uint8_t $symbol_luid[16] = {$bytes};
+const char $symbol_luid_text[33] = "$hexadecimal";
+)",
+                 {{"$symbol", each.symbol},
+                  {"$text", each.text},
+                  {"$bytes", byte_list(each.of.luid.data(), each.of.luid.size())},
+                  {"$hexadecimal", each.of.luid_text}});
+    text.add("\n} // extern \"C\"\n");
+    run.out.add("src/type_information.cpp", text.take());
 }
 
 } // namespace trellis::schema

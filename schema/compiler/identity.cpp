@@ -7,7 +7,7 @@ namespace {
 
 std::string line_of(const attribute& a) {
     std::string line = a.name + ": " + written_type(a) + " since " + std::to_string(a.since);
-    if (a.form == shape::arm) line += " in case " + a.case_name + " of " + a.discriminator;
+    if (a.shape == attribute_shape::arm) line += " in case " + a.case_name + " of " + a.discriminator;
     return line + "\n";
 }
 std::string line_of(const enumeration_member& m) {
@@ -26,9 +26,9 @@ std::string lines_of(const Parts& parts, int up_to) {
 std::string text_of(const table& t) {
     std::string text = "of " + (t.payload == nullptr ? "" : t.payload->name);
     switch (t.key) {
-    case key_form::attribute: text += " keyed by " + t.key_attribute; break;
-    case key_form::whole_payload: text += " keyed by itself"; break;
-    case key_form::object:
+    case key_kind::attribute: text += " keyed by " + t.key_attribute; break;
+    case key_kind::whole_payload: text += " keyed by itself"; break;
+    case key_kind::object:
         text += " keyed by record " + (t.key_record == nullptr ? "" : t.key_record->name);
         break;
     }
@@ -52,13 +52,13 @@ std::array<std::uint8_t, 16> bytes_of(const std::string& digits) {
 } // namespace
 
 std::string written_type(const attribute& a) {
-    switch (a.form) {
-    case shape::fixed_array: return a.type.name + "[" + std::to_string(a.extent) + "]";
-    case shape::variable_array: return a.type.name + "[" + a.length_name + "]";
-    case shape::counted_string: return "string[" + a.length_name + "]";
-    case shape::fixed_string: return "string[" + std::to_string(a.extent) + "]";
-    case shape::oid: return "oid -> " + a.target_table;
-    case shape::list: return "list of " + a.type.name;
+    switch (a.shape) {
+    case attribute_shape::fixed_array: return a.type.name + "[" + std::to_string(a.extent) + "]";
+    case attribute_shape::variable_array: return a.type.name + "[" + a.length_name + "]";
+    case attribute_shape::counted_string: return "string[" + a.length_name + "]";
+    case attribute_shape::fixed_string: return "string[" + std::to_string(a.extent) + "]";
+    case attribute_shape::oid: return "oid -> " + a.target_table;
+    case attribute_shape::list: return "list of " + a.type.name;
     default: return a.type.name;
     }
 }

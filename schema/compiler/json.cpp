@@ -15,10 +15,6 @@ using json = nlohmann::ordered_json;
 
 // ---- Writing -------------------------------------------------------------------------------------------------
 
-constexpr std::array<const char*, 10> shape_names = {
-    "plain", "object", "fixed array", "variable array", "length", "counted string", "fixed string",
-    "oid",   "arm",    "list"};
-
 json of_variants(const named& type) {
     json list = json::array();
     for (const variant_layout& v : type.variants)
@@ -48,8 +44,10 @@ void finish(json& result, const named& type) {
 json of(const attribute& a) {
     json result = {{"name", a.name}};
     if (!a.doc.empty()) result["doc"] = a.doc;
-    result["form"] = shape_names[static_cast<std::size_t>(a.form)];
-    result["type"] = a.form == shape::counted_string || a.form == shape::fixed_string ? "string" : a.type.name;
+    result["form"] = name_of(a.shape);
+    result["type"] = a.shape == attribute_shape::counted_string || a.shape == attribute_shape::fixed_string
+                         ? "string"
+                         : a.type.name;
     if (a.extent != 0) result["extent"] = a.extent;
     if (!a.length_name.empty()) result["length"] = a.length_name;
     if (!a.target_table.empty()) result["target"] = a.target_table;
@@ -60,7 +58,7 @@ json of(const attribute& a) {
     }
     result["since"] = a.since;
     result["offset"] = a.offset;
-    if (a.form != shape::length) result["track"] = a.track;
+    if (a.shape != attribute_shape::length) result["track"] = a.track;
     result["trace"] = a.trace;
     return result;
 }
@@ -107,9 +105,9 @@ json of(const table& t) {
     json result = start(t);
     result["payload"] = t.payload->name;
     switch (t.key) {
-    case key_form::attribute: result["key"] = {{"attribute", t.key_attribute}}; break;
-    case key_form::whole_payload: result["key"] = {{"whole_payload", true}}; break;
-    case key_form::object: result["key"] = {{"record", t.key_record->name}}; break;
+    case key_kind::attribute: result["key"] = {{"attribute", t.key_attribute}}; break;
+    case key_kind::whole_payload: result["key"] = {{"whole_payload", true}}; break;
+    case key_kind::object: result["key"] = {{"record", t.key_record->name}}; break;
     }
     result["ordered"] = t.ordered;
     if (t.told_luid) result["told_luid"] = *t.told_luid;
@@ -266,24 +264,28 @@ class json_reader {
         result.doc = text_in(from, "doc");
         result.since = since_in(from);
         result.type.name = word_in(from, "type", "an attribute");
-        const std::string form = text_in(from, "form");
-        const bool text = form == shape_names[5] || form == shape_names[6];
-        if (form == shape_names[2] || form == shape_names[3]) result.type.is = syntax::form::array;
-        if (text) result.type.is = syntax::form::text;
-        if (form == shape_names[7]) {
-            result.type.is = syntax::form::oid;
-            result.type.name = word_in(from, "target", "an oid");
-        }
-        if (form == shape_names[9]) result.type.is = syntax::form::list;
-        if (form == shape_names[2] || form == shape_names[6])
-            result.type.extent = static_cast<std::uint32_t>(number_in(from, "extent", 1, 65535));
-        if (form == shape_names[3] || form == shape_names[5])
-            result.type.length = word_in(from, "length", "an array");
-        if (form == shape_names[8]) {
+        attribute_shape shape = attribute_shape::plain;
+        shape_named(text_in(from, "form").c_str(), &shape);
+        fill_type(from, shape, result.type);
+        if (shape == attribute_shape::arm) {
             result.discriminator = word_in(from, "discriminator", "an arm");
             result.selected_by = word_in(from, "case", "an arm");
         }
         return result;
+    }
+
+    void fill_type(const json& from, attribute_shape shape, syntax::type& into) {
+        using enum attribute_shape;
+        if (shape == fixed_array || shape == variable_array) into.is = syntax::type_kind::array;
+        if (shape == counted_string || shape == fixed_string) into.is = syntax::type_kind::text;
+        if (shape == list) into.is = syntax::type_kind::list;
+        if (shape == oid) {
+            into.is = syntax::type_kind::oid;
+            into.name = word_in(from, "target", "an oid");
+        }
+        if (shape == fixed_array || shape == fixed_string)
+            into.extent = static_cast<std::uint32_t>(number_in(from, "extent", 1, 65535));
+        if (shape == variable_array || shape == counted_string) into.length = word_in(from, "length", "an array");
     }
 
     syntax::member member(const json& from) {
@@ -319,10 +321,10 @@ class json_reader {
         result.payload = word_in(from, "payload", "a table");
         if (const json* key = required(from, "key", "a table")) {
             if (holds(*key, "record")) {
-                result.key = key_form::object;
+                result.key = key_kind::object;
                 result.key_name = word_in(*key, "record", "a key");
             } else if (flag_in(*key, "whole_payload")) {
-                result.key = key_form::whole_payload;
+                result.key = key_kind::whole_payload;
                 result.key_name = {"itself", where_};
             } else
                 result.key_name = word_in(*key, "attribute", "a key");

@@ -25,14 +25,14 @@ struct room {
     std::uint32_t alignment;
 };
 room room_of(const attribute& a) {
-    switch (a.form) {
-    case shape::variable_array:
-    case shape::counted_string:
-    case shape::arm: return {pointer_size, 8};
-    case shape::oid: return {oid_size, 8};
-    case shape::list: return {list_head_size, 8};
-    case shape::fixed_string: return {a.extent, 1};
-    case shape::fixed_array: {
+    switch (a.shape) {
+    case attribute_shape::variable_array:
+    case attribute_shape::counted_string:
+    case attribute_shape::arm: return {pointer_size, 8};
+    case attribute_shape::oid: return {oid_size, 8};
+    case attribute_shape::list: return {list_head_size, 8};
+    case attribute_shape::fixed_string: return {a.extent, 1};
+    case attribute_shape::fixed_array: {
         const extent_of_value element = extent_of(a.type);
         return {std::uint64_t{element.width} * a.extent, element.alignment};
     }
@@ -59,7 +59,7 @@ void settle_sizes(named& type) {
 
 /// Whether a value of the attribute's type, in place or in a fixed array, is a record with an area of its own.
 const record* nested_in(const attribute& a) {
-    const bool in_place = a.form == shape::object || a.form == shape::fixed_array;
+    const bool in_place = a.shape == attribute_shape::object || a.shape == attribute_shape::fixed_array;
     return in_place ? a.type.of_record : nullptr;
 }
 
@@ -92,8 +92,9 @@ class layout {
         place_in_tracking_area(r);
         r.has_nested_records = std::any_of(r.attributes.begin(), r.attributes.end(),
                                            [](const attribute& a) { return nested_in(a) != nullptr; });
-        r.oid_count = static_cast<std::uint32_t>(std::count_if(
-            r.attributes.begin(), r.attributes.end(), [](const attribute& a) { return a.form == shape::oid; }));
+        r.oid_count = static_cast<std::uint32_t>(
+            std::count_if(r.attributes.begin(), r.attributes.end(),
+                          [](const attribute& a) { return a.shape == attribute_shape::oid; }));
     }
 
     void place_in_instance(record& r) {
@@ -121,16 +122,16 @@ class layout {
         std::uint64_t at = 0;
         std::uint32_t alignment = 1;
         for (attribute& a : r.attributes) {
-            if (a.form != shape::length) {
+            if (a.shape != attribute_shape::length) {
                 a.track = static_cast<std::uint32_t>(at++);
-                if (a.form == shape::fixed_array) at += a.extent;
-                if (a.form == shape::variable_array) {
+                if (a.shape == attribute_shape::fixed_array) at += a.extent;
+                if (a.shape == attribute_shape::variable_array) {
                     alignment = 8;
                     at = aligned(at, 8) + pointer_size;
                 }
                 if (const record* nested = nested_in(a)) {
                     alignment = std::max(alignment, nested->tracking_alignment);
-                    const std::uint32_t areas = a.form == shape::fixed_array ? a.extent : 1;
+                    const std::uint32_t areas = a.shape == attribute_shape::fixed_array ? a.extent : 1;
                     at = aligned(at, nested->tracking_alignment) +
                          std::uint64_t{nested->variants.back().tracking_size} * areas;
                 }
@@ -175,23 +176,22 @@ extent_of_value extent_of(const type_ref& type) {
     return {type.of_record->base_size, 8};
 }
 
-diag::attribute_kind trace_kind_of(const record& holder, const attribute& a) {
-    using enum diag::attribute_kind;
-    const bool plain_value = a.type.value != nullptr && (a.type.value->family == builtin_family::scalar ||
-                                                         a.type.value->family == builtin_family::boolean);
-    switch (a.form) {
-    case shape::plain: return plain;
-    case shape::fixed_array: return plain_value ? fixed_values : fixed_objects;
-    case shape::variable_array:
+diag::trace_kind trace_kind_of(const record& holder, const attribute& a) {
+    using enum diag::trace_kind;
+    const bool plain_value = is_plain_value(a.type);
+    switch (a.shape) {
+    case attribute_shape::plain: return plain;
+    case attribute_shape::fixed_array: return plain_value ? fixed_values : fixed_objects;
+    case attribute_shape::variable_array:
         if (plain_value) return variable_values;
         return a.type.of_record != nullptr ? variable_records : variable_objects;
-    case shape::length: return length;
-    case shape::counted_string: return counted_string;
-    case shape::fixed_string: return fixed_string;
-    case shape::oid: return oid;
-    case shape::arm: return arm;
-    case shape::list: return list;
-    case shape::object: break;
+    case attribute_shape::length: return length;
+    case attribute_shape::counted_string: return counted_string;
+    case attribute_shape::fixed_string: return fixed_string;
+    case attribute_shape::oid: return oid;
+    case attribute_shape::arm: return arm;
+    case attribute_shape::list: return list;
+    case attribute_shape::object: break;
     }
     if (a.type.of_flag_set != nullptr) return flag_set;
     if (a.type.of_record == nullptr) return value_object;

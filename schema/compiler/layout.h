@@ -28,6 +28,6 @@ struct extent_of_value {
 extent_of_value extent_of(const type_ref& type);
 
 /// What an attribute is to its trace statements.
-diag::attribute_kind trace_kind_of(const record& holder, const attribute& a);
+diag::trace_kind trace_kind_of(const record& holder, const attribute& a);
 
 } // namespace trellis::schema

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "diag/statements.h"
+#include "instance/attribute_shape.h"
 
 #include <array>
 #include <cstdint>
@@ -48,24 +49,22 @@ struct type_ref {
     flag_set* of_flag_set = nullptr;
 };
 
-enum class shape {
-    plain,
-    object,
-    fixed_array,
-    variable_array,
-    length,
-    counted_string,
-    fixed_string,
-    oid,
-    arm,
-    list
-};
+/// False for oids, and for what the schema does not declare.
+inline bool is_known(const type_ref& type) {
+    return type.value != nullptr || type.of_record != nullptr || type.of_enumeration != nullptr ||
+           type.of_flag_set != nullptr;
+}
+/// Scalars and the truth value: passed by value.
+inline bool is_plain_value(const type_ref& type) {
+    return type.value != nullptr &&
+           (type.value->family == builtin_family::scalar || type.value->family == builtin_family::boolean);
+}
 
 struct attribute {
     std::string name;
     std::string doc;
     location where;
-    shape form = shape::plain;
+    attribute_shape shape = attribute_shape::plain;
     type_ref type;
     std::uint32_t extent = 0;    // fixed_array, fixed_string
     std::string length_name;     // variable_array, counted_string: the length attribute
@@ -78,7 +77,7 @@ struct attribute {
     std::uint32_t offset = 0;
     std::uint32_t track = 0; // first byte in the tracking area
     std::uint32_t trace = 0; // index of its first trace statement in the unit
-    diag::attribute_kind trace_kind = diag::attribute_kind::plain;
+    diag::trace_kind trace_kind = diag::trace_kind::plain;
 };
 
 /// Sizes of one variant.
@@ -140,14 +139,14 @@ struct flag_set : named {
     std::uint32_t bit_bytes() const { return static_cast<std::uint32_t>((bits.size() + 7) / 8); }
 };
 
-enum class key_form { attribute, whole_payload, object };
+enum class key_kind { attribute, whole_payload, object };
 
 struct table : named {
     location key_where;
     record* payload = nullptr;
-    key_form key = key_form::attribute;
-    std::string key_attribute;            // key_form::attribute
-    record* key_record = nullptr;         // key_form::object; the payload for whole_payload
+    key_kind key = key_kind::attribute;
+    std::string key_attribute;            // key_kind::attribute
+    record* key_record = nullptr;         // key_kind::object; the payload for whole_payload
     bool ordered = false;                 // payload has the u_int32 attribute `reorder_seq_compact_no`
     std::optional<std::string> told_luid; // a luid given in the schema
     // the table record is a type of its own

@@ -480,13 +480,13 @@ class reader {
 
     bool type(syntax::type& into) {
         if (take_word("oid")) {
-            into.is = syntax::form::oid;
+            into.is = syntax::type_kind::oid;
             return mark("->", "write oid -> TABLE") &&
                    name(into.name, "the name of a table", "write oid -> TABLE");
         }
         if (at_word("list") && after().kind == token_kind::name) {
             take();
-            into.is = syntax::form::list;
+            into.is = syntax::type_kind::list;
             return keyword("of", "write list of RECORD") && name(into.name, "a record", "write list of RECORD");
         }
         if (!name(into.name, "a type",
@@ -500,7 +500,7 @@ class reader {
                            "strings of any length are of type loom_vstring");
         }
         take();
-        into.is = text ? syntax::form::text : syntax::form::array;
+        into.is = text ? syntax::type_kind::text : syntax::type_kind::array;
         if (at(token_kind::name)) {
             into.length.emplace();
             name(*into.length, "a length", "");
@@ -594,10 +594,10 @@ class reader {
         if (at_word("record") && after().kind == token_kind::name && after().text != "ordered" &&
             after().text != "luid") {
             take();
-            result.key = key_form::object;
+            result.key = key_kind::object;
             if (!name(result.key_name, "the key record", cure)) return false;
         } else {
-            result.key = at_word("itself") ? key_form::whole_payload : key_form::attribute;
+            result.key = at_word("itself") ? key_kind::whole_payload : key_kind::attribute;
             if (!name(result.key_name, "the key", cure)) return false;
         }
         result.ordered = take_word("ordered");

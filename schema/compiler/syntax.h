@@ -17,12 +17,12 @@ struct word {
     location where;
 };
 
-enum class form { named, array, text, oid, list };
+enum class type_kind { named, array, text, oid, list };
 
 /// The type of an attribute: `name`, `name[3]`, `name[count]`, `string[16]`, `string[count]`, `oid -> table`,
 /// `list of name`.
 struct type {
-    form is = form::named;
+    type_kind is = type_kind::named;
     word name;                           // type, element or target table
     std::optional<std::uint32_t> extent; // array and text of fixed size
     std::optional<word> length;          // array and text with a length attribute
@@ -71,7 +71,7 @@ struct table {
     word name;
     std::string doc;
     word payload;
-    key_form key = key_form::attribute;
+    key_kind key = key_kind::attribute;
     word key_name; // attribute or key record
     bool ordered = false;
     std::optional<word> luid;

@@ -19,7 +19,7 @@ std::string substituted(std::string text, const substitutions& with) {
 
 /// How a table's messages name its key: payload and attribute, or the key record and nothing.
 std::string key_text(const table& t) {
-    if (t.key == key_form::attribute) return t.payload->name + " " + t.key_attribute;
+    if (t.key == key_kind::attribute) return t.payload->name + " " + t.key_attribute;
     return t.key_record->name + " ";
 }
 
@@ -71,7 +71,7 @@ class walk {
         for (const diag::statement& s : diag::record_statements)
             if (s.kinds == diag::kinds::of_type) meet(r.trace_unit, s, {{"<type>", r.name}});
         for (auto& a : r.attributes) {
-            const diag::attribute_kind kind = trace_kind_of(r, a);
+            const diag::trace_kind kind = trace_kind_of(r, a);
             if constexpr (!std::is_const_v<Bundle>) {
                 a.trace_kind = kind;
                 a.trace = next_[static_cast<std::size_t>(r.trace_unit)];
@@ -103,7 +103,7 @@ class walk {
                                     {"<payload>", t.payload->name},
                                     {"<key>", t.key_record == nullptr ? "" : t.key_record->name}};
         for (const diag::statement& s : diag::table_statements) {
-            if (s.kinds == diag::kind_set(diag::table_trait::key_object) && t.key != key_form::object) continue;
+            if (s.kinds == diag::kind_set(diag::table_trait::key_object) && t.key != key_kind::object) continue;
             if (s.kinds == diag::kind_set(diag::table_trait::ordered) && !t.ordered) continue;
             meet(t.trace_unit, s, with);
         }

@@ -51,18 +51,4 @@ inline std::unique_ptr<bundle> model_of(const std::string& text) {
     return std::move(result.model);
 }
 
-template <class T>
-const T& named_one(const std::vector<std::unique_ptr<T>>& list, const std::string& name) {
-    const auto found =
-        std::find_if(list.begin(), list.end(), [&](const auto& item) { return item->name == name; });
-    if (found == list.end()) throw std::runtime_error("no " + name);
-    return **found;
-}
-inline const attribute& attribute_of(const record& r, const std::string& name) {
-    const auto found =
-        std::find_if(r.attributes.begin(), r.attributes.end(), [&](const attribute& a) { return a.name == name; });
-    if (found == r.attributes.end()) throw std::runtime_error("no " + r.name + "." + name);
-    return *found;
-}
-
 } // namespace trellis::schema::testing

@@ -15,7 +15,7 @@ TEST(TraceStore, PlacesOfTypesAndAttributes) {
     for (const auto& r : catalogue().records) {
         EXPECT_EQ(text_at(r->trace_unit, r->trace_base + 2), "error in " + r->name + " create: %s");
         for (const attribute& a : r->attributes) {
-            if (a.form != shape::oid) continue;
+            if (a.shape != attribute_shape::oid) continue;
             // Of the oid's fourteen statements, the reference's release stands behind the four of its state flags
             // and the one of its references.
             EXPECT_EQ(text_at(r->trace_unit, a.trace + 5),

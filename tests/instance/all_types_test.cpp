@@ -464,7 +464,7 @@ TEST_P(every_record, ends_with_its_last_reference) {
     }
 }
 
-/// A table that is referred to goes with the last reference.
+/// A table that is referred to is freed when its last reference has gone, not before and not by itself.
 TEST_P(every_record, keeps_the_tables_that_it_refers_to) {
     constexpr u64 seed = 10;
     u32 referring = 0;
@@ -479,6 +479,8 @@ TEST_P(every_record, keeps_the_tables_that_it_refers_to) {
         on.expect_filled(object, seed, "its tables freed");
         EXPECT_EQ(loom_oid_mapping_count(handle), references);
         on.end(object);
+        EXPECT_EQ(loom_oid_mapping_count(handle), references);
+        EXPECT_EQ(on.tables().free_all(), 0u);
         EXPECT_EQ(loom_oid_mapping_count(handle), 0u);
         if (HasFailure()) return;
         referring += references != 0 ? 1 : 0;

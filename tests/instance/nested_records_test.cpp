@@ -110,6 +110,21 @@ TEST_P(nested_records, move_with_their_holder) {
     outer_referrers_destroy(handle_, domain, to);
 }
 
+TEST_P(nested_records, refer_to_tables_only_and_say_so) {
+    referrer* holder = referrer_create(handle_, domain);
+    refer(holder);
+    everything_tbl_table_record* row = everything_tbl_create_record(handle_, domain, &error_);
+    EXPECT_EQ(handle_.log_of([&] { referrer_target_set_by_ref(handle_, domain, holder, row, &error_); }),
+              "error 22\n");
+    EXPECT_STREQ(loom_error_text(),
+                 "referrer.target refers to a table everything_tbl: the target is none (a record "
+                 "of the table is none either)");
+    error_ = 0;
+    EXPECT_EQ(references(), 1u) << "the reference held stays";
+    everything_tbl_destroy_record(handle_, domain, row, &error_);
+    referrer_destroy(handle_, domain, holder);
+}
+
 /// The header comes along with what is moved into a holder, so a nested record may look like one that stands
 /// alone.
 TEST_P(nested_records, move_again_from_where_they_were_moved) {

@@ -140,6 +140,27 @@ TEST_F(messages, without_memory_are_null_or_the_sentinel) {
     EXPECT_EQ(log_of([&] { note_action_message_destroy_cr(h(), sentinel); }), "");
 }
 
+/// The first message brings the descriptions of the bundle's types into the database.
+TEST(messages_without_room, for_their_description_are_null_or_the_sentinel) {
+    trellis::testing::handle_options options;
+    options.db_kind = LOOM_DB_PRIVATE_MANIFESTED;
+    constexpr u32 d = test_handle::domain;
+    u64 refusals = 0;
+    for (u64 nth = 1;; ++nth) {
+        test_handle shallow(options), whole(options), chain(options);
+        for (test_handle* each : {&shallow, &whole, &chain})
+            each->fail_allocation(nth);
+        refusals += lost_action_message_create_shallow(shallow, d) == nullptr ? 1 : 0;
+        refusals += lost_action_message_create(whole, d) == nullptr ? 1 : 0;
+        const lost_action_message* message = lost_action_message_create_cr(chain);
+        ASSERT_NE(message, nullptr) << nth;
+        EXPECT_NE(message->number_row, nullptr) << nth;
+        EXPECT_TRUE(message->loom_tinfo != nullptr || chain->last_error == 12) << nth;
+        if (!whole.allocation_failed()) break;
+    }
+    EXPECT_GT(refusals, 3u) << "not the first allocation alone";
+}
+
 TEST_F(messages, hand_their_payload_out_and_over) {
     note_action_message* message = note(1);
     number_row* payload = message->number_row;

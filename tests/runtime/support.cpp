@@ -143,6 +143,14 @@ void hooked(loom_handle* handle, T& place, std::type_identity_t<T> value) {
     place = value;
 }
 
+/// Counts for the tenant at work, as a bundle may.
+void count_for_tenant(loom_handle* handle, std::uint32_t domain, loom_table* table, std::uint32_t up,
+                      std::uint32_t* err) {
+    std::uint16_t tenant = 0;
+    mt_get_tenant_id(&tenant);
+    if (tenant != 0) loomdb_update_tenant_counter(handle, domain, table, up, tenant, 1, err);
+}
+
 void fake_delete(loom_handle* handle, std::uint32_t domain, loom_table* table, loom_table_record* record,
                  std::uint32_t* err) {
     if (!e_avl_delete(handle->alloc_ctx, domain, &table->avl_root, &record->avl_node, &table->avl_aux,
@@ -156,6 +164,7 @@ void fake_delete(loom_handle* handle, std::uint32_t domain, loom_table* table, l
         hooked(handle, table->pending_destroy_count, table->pending_destroy_count - 1);
         hooked(handle, handle->pending_totals->pending_destroy, handle->pending_totals->pending_destroy - 1);
     }
+    count_for_tenant(handle, domain, table, 0, err);
 }
 
 void fake_destroy_record(loom_handle* handle, std::uint32_t domain, loom_table_record* record, std::uint32_t*) {
@@ -236,6 +245,7 @@ fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_tabl
     made->key = key;
     made->record.ref_count = 1;
     made->record.src = 1;
+    mt_get_tenant_id(&made->record.tenant_id);
     if (!e_avl_insert(handle->alloc_ctx, domain, &table->avl_root, &made->record.avl_node, &table->avl_aux,
                       compare_records)) {
         handle->free(handle->alloc_ctx, domain, made);
@@ -244,6 +254,7 @@ fake_record* fake_table_add(loom_handle* handle, std::uint32_t domain, loom_tabl
     }
     hooked(handle, made->record.table, table);
     hooked(handle, table->record_count, table->record_count + 1);
+    count_for_tenant(handle, domain, table, 1, err);
     if (loomdb_table_implicit_write_cursor_enabled(handle, domain, table, err))
         loomdb_enq_rec_move_write_cursor_internal(handle, domain, table, &made->record, err);
     return made;

@@ -106,6 +106,8 @@ TEST_P(table_layer, tables_of_shared_databases_are_ended_by_the_collector) {
     EXPECT_EQ(err, 0u);
 }
 
+/// On the collector's list it goes with its last reference; elsewhere its caller repeats the free, until when
+/// nothing else can lie at its address.
 TEST_P(table_layer, a_referenced_table_waits_for_its_last_reference) {
     loom_table* table = open("referenced");
     loom_oid oid;
@@ -115,19 +117,36 @@ TEST_P(table_layer, a_referenced_table_waits_for_its_last_reference) {
     ASSERT_EQ(vft, &fake_table_vft);
     const auto free_table = reinterpret_cast<void (*)(loom_handle*, std::uint32_t, loom_table*, std::uint32_t*)>(
         const_cast<void*>(vft->slots[LOOM_VFT_TABLE_FREE]));
-    if (shared()) {
-        loomdb_database_toc_delete(handle, 1, table, &err);
-        EXPECT_EQ(collect().tables_waiting, 1u);
-    } else {
-        free_table(handle, 1, table, &err);
-        EXPECT_EQ(std::exchange(err, 0u), std::uint32_t{LOOM_EAGAIN});
-    }
+    free_table(handle, 1, table, &err);
+    EXPECT_EQ(std::exchange(err, 0u), shared() ? 0u : std::uint32_t{LOOM_EAGAIN});
+    EXPECT_EQ(collect().tables_waiting, shared() ? 1u : 0u);
     EXPECT_EQ(all().size(), 1u);
-    if (shared()) loomgc_database_gc_list_remove(handle, 1, table, &err); // the reference alone holds it
     loomlib_oid_release_internal(handle, 1, &oid, &err);
+    EXPECT_EQ(err, 0u);
+    if (!shared()) {
+        const loom_gc_result result = collect();
+        EXPECT_EQ(result.objects_waiting + result.objects_destroyed + result.tables_freed, 0u);
+        loom_table* other = open("other");
+        EXPECT_EQ(all(), (std::vector<loom_table*>{table, other}));
+        free_table(handle, 1, table, &err);
+        EXPECT_EQ(all(), std::vector<loom_table*>{other});
+        free_table(handle, 1, other, &err);
+    }
     EXPECT_EQ(err, 0u);
     EXPECT_TRUE(all().empty());
     EXPECT_EQ(loom_oid_mapping_count(handle), 0u);
+}
+
+/// Marked for sharing in between, it is the collector's as soon as it is taken out again.
+TEST_P(table_layer, a_table_that_waits_for_its_caller_can_be_left_to_the_collector) {
+    loom_table* table = open("left");
+    loom_database_mark_shared(handle, 0);
+    loomdb_database_toc_delete(handle, 1, table, &err);
+    loom_database_mark_shared(handle, 1);
+    EXPECT_EQ(collect().tables_freed, 0u);
+    loomdb_database_toc_delete(handle, 1, table, &err);
+    EXPECT_EQ(collect().tables_freed, 1u);
+    EXPECT_EQ(err, 0u);
 }
 
 TEST_P(table_layer, pending_records_are_counted_and_ended_behind_the_cursors) {
@@ -168,6 +187,26 @@ TEST_P(table_layer, pending_records_are_counted_and_ended_behind_the_cursors) {
     EXPECT_EQ(err, 0u);
     loomdb_request_record_destroy(handle, 1, nullptr, &err);
     EXPECT_EQ(err, std::uint32_t{LOOM_EINVAL});
+}
+
+TEST_P(table_layer, the_collector_works_under_the_tenant_of_each_record) {
+    loom_table* table = open("tenants");
+    for (const std::uint16_t tenant : std::vector<std::uint16_t>{5, 0, 7}) {
+        loom_set_tenant(tenant);
+        loomdb_request_record_destroy(handle, 1, &fake_table_add(handle, 1, table, tenant, &err)->record, &err);
+    }
+    loom_set_tenant(6);
+    EXPECT_EQ(collect().records_destroyed, 3u);
+    std::uint16_t tenant = 0;
+    mt_get_tenant_id(&tenant);
+    EXPECT_EQ(tenant, 6u);
+    loom_set_tenant(0);
+    for (const std::uint16_t each : std::vector<std::uint16_t>{5, 6, 7}) {
+        std::uint32_t count = 99;
+        loomdb_get_tenant_counter(handle, 1, table, &count, each, nullptr);
+        EXPECT_EQ(count, 0u);
+    }
+    EXPECT_EQ(err, 0u);
 }
 
 TEST_P(table_layer, the_collector_notices_a_table_that_must_not_go) {

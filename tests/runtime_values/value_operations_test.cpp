@@ -445,20 +445,37 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
                 if (this->memory.error) this->expect_error(LOOM_ENOMEM);
                 F::destroy(handle, domain, clone);
             });
-            with_each_allocation_failing(this->memory, [&] {
-                auto block_copy = this->empty_value();
-                std::memcpy(static_cast<void*>(block_copy.get()), source, sizeof *source);
-                F::post_copyout_cleanup(handle, domain, block_copy, source, err);
-                if (this->memory.error) this->expect_error(LOOM_ENOMEM);
-                block_copy.reset(); // may be empty, but owns nothing of the source
-                EXPECT_EQ(this->wire(source), bytes);
-            });
             type* clone = nullptr;
             std::vector<uint8_t> scratch(bytes.size());
             F::clone_internal(handle, domain, source, &clone, scratch.data(), size - 1, err);
             EXPECT_EQ(clone, nullptr);
             this->expect_error(LOOM_EMSGSIZE);
         }
+    }
+}
+
+/// Or two objects would give back one block.
+TYPED_TEST(ValueOperations, WithoutMemoryLeaveABlockCopyEmpty) {
+    using F = TypeParam;
+    using type = typename F::type;
+    std::vector<void (*)(loom_handle*, uint32_t, type*, const type*, uint32_t*)> ways = {F::set};
+    if constexpr (is_object<F>) ways.push_back(F::post_copyout_cleanup);
+    const auto empty = this->empty_value();
+    for (int i = 0; i < 40; ++i) {
+        const auto source = this->random_value();
+        const auto bytes = this->wire(source);
+        for (const auto way : ways)
+            with_each_allocation_failing(this->memory, [&] {
+                auto block_copy = this->empty_value();
+                std::memcpy(static_cast<void*>(block_copy.get()), source, sizeof *source);
+                way(this->handle, domain, block_copy, source, this->err);
+                if (this->memory.error) {
+                    this->expect_error(LOOM_ENOMEM);
+                    EXPECT_TRUE(this->same(block_copy, empty));
+                }
+                block_copy.reset(); // owns nothing of the source
+                EXPECT_EQ(this->wire(source), bytes);
+            });
     }
 }
 

@@ -4,6 +4,8 @@
 // are the runtime's, found by name.
 #pragma once
 
+#include "instance/attribute_shape.h"
+
 #include <loom/handle.h>
 #include <loom/text.h>
 
@@ -16,19 +18,6 @@
 #include <vector>
 
 namespace trellis::testing {
-
-enum class attribute_shape {
-    plain,
-    object,
-    fixed_array,
-    variable_array,
-    length,
-    counted_string,
-    fixed_string,
-    oid,
-    arm,
-    list,
-};
 
 struct attribute_description {
     std::string name;

@@ -12,23 +12,10 @@ namespace {
 
 using nlohmann::json;
 
-attribute_shape shape_of(const std::string& form) {
-    using enum attribute_shape;
-    static const std::map<std::string, attribute_shape> shapes = {
-        {"plain", plain},
-        {"object", object},
-        {"fixed array", fixed_array},
-        {"variable array", variable_array},
-        {"length", length},
-        {"counted string", counted_string},
-        {"fixed string", fixed_string},
-        {"oid", oid},
-        {"arm", arm},
-        {"list", list},
-    };
-    const auto found = shapes.find(form);
-    if (found == shapes.end()) throw std::runtime_error("unknown form of attribute " + form);
-    return found->second;
+attribute_shape shape_of(const std::string& name) {
+    attribute_shape shape{};
+    if (!shape_named(name.c_str(), &shape)) throw std::runtime_error("unknown form of attribute " + name);
+    return shape;
 }
 
 attribute_description attribute_of(const json& from) {

@@ -117,14 +117,18 @@ u32 reference_tables::references() const {
 
 u32 reference_tables::free_all() {
     u32 waiting = 0;
-    for (const auto& [type, made] : open_) {
+    for (auto& [type, made] : open_) {
         auto* const free =
             exported<void(loom_handle*, u32, loom_table*, u32*)>(std::string(type->name) + "_table_free");
-        for (loom_table* each : {made.first, made.second}) {
+        for (loom_table** each : {&made.first, &made.second}) {
+            if (*each == nullptr) continue;
             u32 error = 0;
-            free(handle_, test_handle::domain, each, &error);
-            waiting += error == LOOM_EAGAIN ? 1 : 0;
+            free(handle_, test_handle::domain, *each, &error);
             if (error != 0 && error != LOOM_EAGAIN) throw std::runtime_error("a table is not freed");
+            if (error == 0)
+                *each = nullptr;
+            else
+                ++waiting;
         }
     }
     handle_.end_operation();

@@ -51,7 +51,7 @@ class reference_tables {
     u32 references_to(const loom_table* table) const;
     /// References to all of them.
     u32 references() const;
-    /// Frees all tables. Returns how many of them wait for references to go.
+    /// Frees all tables that are left. Returns how many of them wait for references to go.
     u32 free_all();
 
   private:

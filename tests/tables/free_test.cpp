@@ -79,6 +79,37 @@ TEST_F(free_table, waits_while_it_is_referenced) {
     EXPECT_EQ(err, 0u);
 }
 
+/// Requested, it is the collector's even where no TOC is marked shared; it waits for references there, and may
+/// still be freed by hand.
+TEST_F(free_table, a_replicated_table_is_ended_by_the_collector_in_any_database) {
+    loom_gc_result result{};
+    for (const bool freed_by_hand : {false, true}) {
+        loom_table* table = open_numbers();
+        loom_table_set_replication(h(), d, table, 1, 0);
+        loom_oid oid;
+        loom_handle_to_oid(&oid, h(), d, table, 2, 1, &err);
+        number_tbl_request_table_free(h(), d, table, &err);
+        loom_gc_run(h(), &result);
+        EXPECT_EQ(result.tables_waiting, 1u);
+        if (freed_by_hand) {
+            number_tbl_table_free(h(), d, table, &err);
+            EXPECT_EQ(std::exchange(err, 0u), 11u);
+        }
+        loomlib_oid_release_internal(h(), d, &oid, &err);
+        EXPECT_EQ(loom_oid_mapping_count(h()), freed_by_hand ? 1u : 0u);
+        if (freed_by_hand) number_tbl_table_free(h(), d, table, &err);
+        EXPECT_EQ(loom_oid_mapping_count(h()), 0u);
+        EXPECT_EQ(err, 0u);
+    }
+    loom_table* table = open_numbers();
+    loom_table_set_replication(h(), d, table, 1, 0);
+    number_tbl_request_table_free(h(), d, table, &err);
+    loom_table_set_replication(h(), d, table, 0, 0);
+    loom_gc_run(h(), &result);
+    EXPECT_EQ(result.tables_freed, 1u);
+    EXPECT_EQ(err, 0u);
+}
+
 TEST_F(free_table, reports_what_is_refused) {
     loom_table* table = open_numbers();
     const auto free_with = [&](const char* operation, u32 number) {

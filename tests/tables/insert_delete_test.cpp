@@ -83,9 +83,11 @@ TEST_F(insert_delete, an_equal_record_is_refused) {
 }
 
 TEST_F(insert_delete, null_comes_before_a_pending_error) {
-    err = 5;
-    number_tbl_insert(h(), d, table, nullptr, &err);
-    EXPECT_EQ(err, 17u);
+    for (loom_table* into : {table, static_cast<loom_table*>(nullptr)}) {
+        err = 5;
+        number_tbl_insert(h(), d, into, nullptr, &err);
+        EXPECT_EQ(err, 17u);
+    }
     number_tbl_table_record* one = number(1);
     err = 5;
     EXPECT_EQ(log_of([&] {
@@ -155,18 +157,54 @@ TEST_F(insert_delete, sources_and_tenants_coexist) {
     EXPECT_EQ(number_tbl_table_get_count_by_src(h(), d, table, 255), 2u);
     EXPECT_EQ(number_tbl_table_get_count_by_src(h(), d, table, 1), 0u) << "the default tenant counts shadows only";
     EXPECT_EQ(dump(table), "1:1 1:9 1:255 1:1 2:255");
-    EXPECT_EQ(number_tbl_table_get_count(h(), d, nullptr), 0u);
-    EXPECT_EQ(number_tbl_table_get_count_by_src(h(), d, nullptr, 255), 0u);
 }
 
-TEST_F(insert_delete, the_tenant_at_work_is_counted) {
-    as_tenant five(5);
-    number_tbl_table_record* one = number(1, 3);
-    std::string log = log_of([&] { number_tbl_insert(h(), d, table, one, &err); });
-    EXPECT_NE(log.find("tenant 5 up source 3\n"), std::string::npos) << log;
-    log = log_of([&] { number_tbl_delete(h(), d, table, one, &err); });
-    EXPECT_NE(log.find("tenant 5 down source 3\n"), std::string::npos) << log;
-    EXPECT_EQ(number_tbl_table_get_count(h(), d, table), 0u);
+/// Whoever takes a record out, under whatever tenant: it is its own tenant's count that goes down, and it is
+/// ended.
+TEST_F(insert_delete, a_record_counts_for_its_own_tenant) {
+    const std::vector<std::function<void(number_tbl_table_record*)>> ways_out = {
+        [&](auto* record) {
+            number_tbl_delete(h(), d, table, record, &err);
+            EXPECT_EQ(record->loom_record.table, nullptr);
+            number_tbl_destroy_record(h(), d, record, &err);
+        },
+        [&](auto* record) { number_tbl_destroy_record(h(), d, record, &err); },
+        [&](auto* record) { err = number_tbl_delete_cr(h(), table, record, 1); },
+        [&](auto* record) {
+            loom_table_set_replication(h(), d, table, 1, 0);
+            number_tbl_request_record_destroy(h(), d, table, record, &err);
+            loom_gc_result result{};
+            loom_gc_run(h(), &result);
+            EXPECT_EQ(result.records_destroyed, 1u);
+            EXPECT_EQ(result.records_waiting, 0u);
+            loom_table_set_replication(h(), d, table, 0, 0);
+        }};
+    for (const auto& go : ways_out)
+        for (const trellis::u16 at_work : std::vector<trellis::u16>{0, 5, 6}) {
+            number_tbl_table_record* fives = nullptr;
+            {
+                as_tenant five(5);
+                fives = insert_number(table, 1, 3);
+            }
+            as_tenant six(6);
+            number_tbl_table_record* sixes = insert_number(table, 1, 3);
+            const u64 blocks = handle.live_blocks();
+            {
+                as_tenant working(at_work);
+                const std::string log = log_of([&] { go(fives); });
+                EXPECT_NE(log.find("tenant 5 down source 3\n"), std::string::npos) << log;
+            }
+            EXPECT_EQ(err, 0u);
+            EXPECT_EQ(handle.live_blocks(), blocks - 2) << "the record and its payload";
+            EXPECT_EQ(dump(table), "1:3");
+            loom_set_tenant(6);
+            EXPECT_EQ(number_tbl_table_get_count(h(), d, table), 1u);
+            number_tbl_destroy_record(h(), d, sixes, &err);
+            EXPECT_EQ(number_tbl_table_get_count(h(), d, table), 0u);
+            loom_set_tenant(5);
+            EXPECT_EQ(number_tbl_table_get_count(h(), d, table), 0u);
+        }
+    EXPECT_EQ(err, 0u);
 }
 
 TEST_F(insert_delete, replication_guards_the_way_out) {

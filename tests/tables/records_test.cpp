@@ -51,6 +51,26 @@ TEST_F(table_record, making_one_forgets_a_pending_error) {
     EXPECT_EQ(err, 9u);
 }
 
+/// Neither for the record nor for the description of its type, which the first one brings into the database.
+TEST(table_record_without_room, is_null_with_error_12) {
+    trellis::testing::handle_options options;
+    options.db_kind = LOOM_DB_PRIVATE_MANIFESTED;
+    constexpr u32 d = test_handle::domain;
+    u64 refusals = 0;
+    for (u64 nth = 1;; ++nth) {
+        test_handle handle(options), chain(options);
+        u32 err = 0;
+        handle.fail_allocation(nth);
+        const number_tbl_table_record* record = number_tbl_create_record_w_src(handle, d, 7, &err);
+        EXPECT_EQ(err, record == nullptr ? 12u : 0u) << nth;
+        refusals += record == nullptr ? 1 : 0;
+        chain.fail_allocation(nth);
+        EXPECT_NE(number_tbl_record_create_cr(chain, 0)->loom_record.loom_tinfo, nullptr) << nth;
+        if (!handle.allocation_failed()) break;
+    }
+    EXPECT_GT(refusals, 1u);
+}
+
 TEST_F(table_record, counts_references) {
     number_tbl_table_record* record = number(1);
     EXPECT_EQ(number_tbl_record_add_ref(h(), d, record, &err), 1u);

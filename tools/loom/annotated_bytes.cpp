@@ -222,8 +222,8 @@ class annotator {
 
     void attribute(const schema_model::attribute& each, const schema_model::record& holder, bool states,
                    std::map<std::string, std::string>& values) {
-        using enum schema_model::shape;
-        switch (each.form) {
+        using enum trellis::attribute_shape;
+        switch (each.shape) {
         case length: break; // stands in front of its array
         case plain:
         case object:

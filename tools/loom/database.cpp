@@ -44,11 +44,12 @@ database database::checked(loom_handle* handle, const std::string& path) {
 
 database database::open(const std::string& path) {
     if (!fs::exists(path))
-        throw failure(path + ": there is no such file", "make a database with 'loom create " + path + "'");
+        throw failure(path + ": there is no such database", "make a database with 'loom create " + path + "'");
     return checked(loom_open_mapped(path.c_str(), 0), path);
 }
 
-database database::create(const std::string& path, std::uint64_t reserve) {
+database database::create(const std::string& path, std::uint64_t reserve, std::uint32_t durability,
+                          std::uint32_t mode) {
     if (fs::exists(path)) throw failure(path + ": is there already", "remove it, or take another name");
     loom_open_options options{};
     options.size = sizeof options;
@@ -56,6 +57,8 @@ database database::create(const std::string& path, std::uint64_t reserve) {
     options.path = path.c_str();
     options.flags = LOOM_OPEN_CREATE;
     options.reserve = reserve;
+    options.durability = durability;
+    options.mode = mode;
     return checked(loom_open(&options), path);
 }
 

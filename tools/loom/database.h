@@ -29,7 +29,8 @@ class database {
     /// Opens the file; throws failure when there is no such database.
     static database open(const std::string& path);
     /// Makes the file; throws failure when there is one.
-    static database create(const std::string& path, std::uint64_t reserve = 0);
+    static database create(const std::string& path, std::uint64_t reserve = 0, std::uint32_t durability = 0,
+                           std::uint32_t mode = 0);
     /// A database in the memory of this process.
     static database in_memory();
 

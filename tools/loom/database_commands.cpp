@@ -5,6 +5,7 @@
 #include "table_type.h"
 #include "xml_file.h"
 
+#include <charconv>
 #include <iomanip>
 #include <iostream>
 
@@ -52,6 +53,29 @@ void print_key(std::ostream& out, const opened_table& table, const database& db,
     out << '\n';
 }
 
+/// The level of `--durability`; without it a commit lasts when the command ends.
+std::uint32_t wanted_durability(const arguments& line) {
+    const std::string level = line.value("--durability").value_or("durable");
+    if (level == "volatile") return LOOM_DURABILITY_VOLATILE;
+    if (level == "ordered") return LOOM_DURABILITY_ORDERED;
+    if (level == "durable") return LOOM_DURABILITY_DURABLE;
+    throw usage_failure("--durability " + level + ": is no level; take volatile, ordered or durable");
+}
+
+/// The access rights of `--mode`, in octal digits; 0 without it.
+std::uint32_t wanted_mode(const arguments& line) {
+    const std::optional<std::string> digits = line.value("--mode");
+    if (!digits) return 0;
+    std::uint32_t mode = 0;
+    const char* const end = digits->data() + digits->size();
+    const auto [rest, error] = std::from_chars(digits->data(), end, mode, 8);
+    if (error != std::errc{} || rest != end || mode > 0777 || (mode & 0600) != 0600)
+        throw usage_failure("--mode " + *digits +
+                            ": is no access right of files that their owner may read and write; "
+                            "take three octal digits, such as 640");
+    return mode;
+}
+
 void select_tenant(const arguments& line) {
     loom_set_tenant(static_cast<std::uint16_t>(line.number("--tenant", 65535, 0)));
 }
@@ -62,7 +86,8 @@ int create_database(context& c) {
     // Each database keeps its addresses to itself; small ones leave room for others in the same process.
     constexpr std::uint64_t mebibyte = 1024 * 1024;
     constexpr unsigned usual_room = 4096;
-    const database db = database::create(c.line[0], c.line.number("--room", 1u << 31, usual_room) * mebibyte);
+    const std::uint64_t room = c.line.number("--room", 1u << 31, usual_room) * mebibyte;
+    const database db = database::create(c.line[0], room, wanted_durability(c.line), wanted_mode(c.line));
     std::cout << db.path() << ": an empty database\n";
     return exit_good;
 }

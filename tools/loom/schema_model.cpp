@@ -14,22 +14,17 @@ namespace {
 
 using json = nlohmann::json;
 
-schema_model::shape shape_of(const std::string& name) {
-    using enum schema_model::shape;
-    static const std::map<std::string, schema_model::shape> shapes = {
-        {"plain", plain},   {"object", object},
-        {"length", length}, {"fixed array", fixed_array},
-        {"oid", oid},       {"variable array", variable_array},
-        {"arm", arm},       {"counted string", counted_string},
-        {"list", list},     {"fixed string", fixed_string},
-    };
-    return shapes.at(name);
+trellis::attribute_shape shape_of(const std::string& name) {
+    trellis::attribute_shape shape{};
+    if (!trellis::shape_named(name.c_str(), &shape))
+        throw std::runtime_error("there is no form of attributes '" + name + "'");
+    return shape;
 }
 
 schema_model::attribute read_attribute(const json& from) {
     schema_model::attribute result;
     result.name = from.at("name");
-    result.form = shape_of(from.at("form"));
+    result.shape = shape_of(from.at("form"));
     result.type = from.value("type", "");
     result.extent = from.value("extent", 0u);
     result.length_name = from.value("length", "");

@@ -2,6 +2,8 @@
 // `trellisc json` prints.
 #pragma once
 
+#include "instance/attribute_shape.h"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -11,22 +13,9 @@ namespace tool {
 
 class schema_model {
   public:
-    enum class shape {
-        plain,
-        object,
-        fixed_array,
-        variable_array,
-        length,
-        counted_string,
-        fixed_string,
-        oid,
-        arm,
-        list
-    };
-
     struct attribute {
         std::string name;
-        shape form = shape::plain;
+        trellis::attribute_shape shape{};
         std::string type;          // name of a value type, enumeration, flag set or record; empty for a reference
         unsigned extent = 0;       // of fixed arrays and strings
         std::string length_name;   // of variable arrays and counted strings

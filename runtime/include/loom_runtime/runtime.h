@@ -3,12 +3,15 @@
  * header; they know <loom/...> alone. Tracing stands in trace.h, the checks of arena memory in arena.h.
  *
  * A database is memory: objects lie in it as bundles lay them out, and pointers between them are plain pointers. A
- * private database is memory of this process. A mapped database is a file that every process maps at the address
- * which the file itself records, so that pointers hold everywhere.
+ * private database is memory of this process. A mapped database is a directory with an image that every process
+ * maps at the address which the database itself records, so that pointers hold everywhere.
  *
  * Guarantees of a mapped database:
- *   - A write section commits whole or not at all, also when its process is killed in the middle: the next process
- *     that takes a lock puts the old bytes back. Against a power failure only loom_database_sync helps.
+ *   - A write section commits whole or not at all, whatever dies and whenever. Behind the death of processes all
+ *     commits are there: the next process that takes a lock puts back what a dead writer has left half done.
+ * Behind a crash of the machine, that depends on the database's level (LOOM_DURABILITY_): every commit that has
+ * returned; a whole prefix of the commits; or nothing, and the database is refused.
+ *   - What is read from the disk carries checksums. Damage is told with file and place and never taken for data.
  *   - One writer or many readers at a time, across threads and processes. A dead owner's lock is released by the
  *     system.
  *   - Outside any section a handle may still make, change and end objects that nobody else can reach yet; each
@@ -19,8 +22,8 @@
  * A handle is used by one thread at a time; threads that share a database open a handle each. A thread must not
  * ask for a section with one handle while it holds one with another handle on the same database.
  *
- * Functions return 0 or an error number (errno values) unless said otherwise; loom_error_text tells the failure of
- * the calling thread's latest call in words, with the cure where there is one. */
+ * Functions return 0 or an error number (errno values) unless said otherwise; loom_error_text tells the failure in
+ * words, with the cure where there is one. */
 #ifndef LOOM_RUNTIME_RUNTIME_H
 #define LOOM_RUNTIME_RUNTIME_H
 
@@ -40,13 +43,21 @@ extern "C" {
 /** Kinds of databases; the numbers are those of loom_handle::db_kind. */
 enum {
     LOOM_DB_PRIVATE = 0,           /**< memory of the process, type information as it lies in the bundles */
-    LOOM_DB_MAPPED = 1,            /**< a file, of one process or of many */
+    LOOM_DB_MAPPED = 1,            /**< a directory, of one process or of many */
     LOOM_DB_PRIVATE_MANIFESTED = 2 /**< memory of the process, type information copied into the database */
 };
 /** Flags of loom_open for mapped databases. */
 enum {
-    LOOM_OPEN_CREATE = 1,   /**< make the file when there is none */
-    LOOM_OPEN_EXCLUSIVE = 2 /**< no other handle may have the file open: no locks are needed, it is not shared */
+    LOOM_OPEN_CREATE = 1,   /**< make the database when there is none */
+    LOOM_OPEN_EXCLUSIVE = 2 /**< no other handle may have it open: no locks are needed, it is not shared */
+};
+/** What of a mapped database outlives the machine. The level stands in the database; who opens it may ask for more
+ * for the commits of his process, never for less. */
+enum {
+    LOOM_DURABILITY_DEFAULT = 0,  /**< LOOM_DURABILITY_ORDERED, or what the database has */
+    LOOM_DURABILITY_VOLATILE = 1, /**< nothing but a database that was closed in order: otherwise it is refused */
+    LOOM_DURABILITY_ORDERED = 2,  /**< a whole prefix of the commits; about a second may be missing */
+    LOOM_DURABILITY_DURABLE = 3   /**< every commit that has returned: it waits for the disk */
 };
 /** State tracking of a handle. */
 enum {
@@ -59,32 +70,47 @@ enum {
 typedef struct loom_open_options {
     uint32_t size;
     uint32_t kind;      /**< LOOM_DB_ */
-    const char* path;   /**< file of a mapped database */
-    const char* name;   /**< name of a database that is made, at most 63 bytes; default: the file's name */
+    const char* path;   /**< directory of a mapped database */
+    const char* name;   /**< name of a database that is made, at most 63 bytes; default: the directory's name */
     uint32_t flags;     /**< LOOM_OPEN_ */
     uint32_t tracking;  /**< LOOM_TRACKING_ */
     uint32_t cr_domain; /**< domain of the _cr forms; default 1 */
     uint32_t header_tag;
     uint32_t workspace_size; /**< scratch buffer of the handle in bytes; default 1 MiB */
+    uint32_t durability; /**< LOOM_DURABILITY_ of a database that is made; of one that is there, at least that */
+    uint64_t address;    /**< where a file that is made shall lie; default: chosen, recorded in the file */
+    uint64_t reserve;    /**< most bytes the database can ever have; default 32 GiB, private 8 GiB */
+    uint32_t
+        mode; /**< access rights of the files of a database that is made, as of chmod; default: by the umask */
     uint32_t reserved;
-    uint64_t address; /**< where a file that is made shall lie; default: chosen, recorded in the file */
-    uint64_t reserve; /**< most bytes the database can ever have; default 32 GiB, private 8 GiB */
+    uint64_t journal_limit; /**< bytes from which on a journal file is followed by the other; default 64 MiB */
 } loom_open_options;
 
-/** Opens a database, or null with a text that names place and cure: no such file, no database, cut short, another
- *  format version, its address taken, in use. The handle is the caller's until loom_close. */
+/** Opens a database, or null with a text that names place and cure: no such directory, no database, damaged,
+ * another format version, its address taken, in use, on a file system that other machines share. The handle is the
+ * caller's until loom_close. */
 loom_handle* loom_open(const loom_open_options* options);
 /** The two short forms: a private database without tracking, and a mapped one with LOOM_OPEN_ flags. */
 loom_handle* loom_open_private(void);
 loom_handle* loom_open_mapped(const char* path, uint32_t flags);
 /** Ends the handle. An open section is aborted. A private database goes with its handle. Null is allowed. */
 void loom_close(loom_handle* handle);
-/** The failure of this thread's latest runtime call in words; "" when there is none. Valid until the next call. */
+/** The calling thread's latest failure in words; "" when there is none. Valid until the thread's next call.
+ *
+ *  Functions of <loom_runtime/...> that can fail, as their error number or a null result says, leave their reason
+ *  here when they fail and "" when they succeed. Those that cannot fail (names, counts, settings, walks,
+ * loom_close) leave the text alone.
+ *
+ *  Operations that bundles call (<loom/...>, the functions in a handle, the values) leave their reason here when
+ *  they set an error word or the handle's error slot, or return an error number, or no memory. When they succeed
+ *  they leave the text alone, so that accessors, compares and tree walks pay nothing. So do bundles: what they
+ *  report by loom_store_err is told here, at least by the meaning of its number. Whoever asks for the text of such
+ *  an operation looks at its error number first. */
 const char* loom_error_text(void);
 
 /** Identity of the database: 16 bytes, unique and never all zero; the source of its oids. */
 void loom_database_identity(loom_handle* handle, uint8_t identity[16]);
-/** Writes everything down to the disk. */
+/** Returns when all commits are on the disk, and absorbs what journal files are full. */
 uint32_t loom_database_sync(loom_handle* handle);
 /** Whether tables of this database are freed by way of the garbage collector (the mark of every TOC root). */
 uint32_t loom_database_mark_shared(loom_handle* handle, uint32_t shared);
@@ -102,7 +128,10 @@ void loom_set_suppress_messages(loom_handle* handle, uint32_t suppress);
 
 /** Opens a write section: takes the database's write lock, waiting for it. Sections do not nest. */
 uint32_t loom_write_begin(loom_handle* handle);
-/** Makes everything since loom_write_begin last and visible, and gives the lock up. */
+/** Makes everything since loom_write_begin last and visible, and gives the lock up; in a durable database it
+ * returns when the commit is on the disk. 28 or 122 without room for it, and another error number with a text when
+ * the disk fails: the section has been aborted then, but for a flush that fails, behind which the commit is
+ * visible and may be missing behind a crash of the machine. */
 uint32_t loom_write_commit(loom_handle* handle);
 /** Puts back every byte that was announced since loom_write_begin, and gives the lock up. Pointers to objects made
  *  in the section are dead. Statistics counters keep their values. */
@@ -223,8 +252,9 @@ typedef struct loom_gc_result {
     uint64_t objects_destroyed;
     uint64_t objects_waiting; /**< put off, but nobody knows how to end them */
 } loom_gc_result;
-/** Ends what waits for its end: records pending destruction, tables out of their TOC, put-off objects. Needs the
- *  write lock; takes it for the time of the call when the handle has no section. `result` may be null. */
+/** Ends what waits for its end: records pending destruction, tables left to it (out of a shared TOC, or replicated
+ * and requested), put-off objects. Works under the tenant of each record that it ends. Needs the write lock; takes
+ * it for the time of the call when the handle has no section. `result` may be null. */
 uint32_t loom_gc_run(loom_handle* handle, loom_gc_result* result);
 /** Whether loomgc_validate_table_delete is asked for, and how often it found a table that must not go. */
 void loom_set_gc_validation(loom_handle* handle, uint32_t on);
@@ -233,7 +263,8 @@ uint64_t loom_gc_validation_failures(loom_handle* handle);
 typedef uint32_t (*loom_table_fn)(loom_table* table, void* context);
 void loom_each_table(loom_handle* handle, loom_table_fn visit, void* context);
 
-/** What the oid mapping holds for an object: references, and whether its end was put off. 2 when it has none. */
+/** What the oid mapping holds for an object: references, and whether its end was put off until they go (tables,
+ * which wait for their caller or for the collector, do not count as such). 2 when it has none. */
 typedef struct loom_oid_state {
     uint64_t reference;
     uint64_t count;

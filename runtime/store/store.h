@@ -1,0 +1,151 @@
+// The files of one open database, and what makes its commits last: directory, superblock, journal, base, control.
+// What they hold, and the order of all steps, is told in docs/database.md. The memory that lies in the image, its
+// undo log and its sections are the database's (runtime/database/), which tells the store what a section has
+// changed.
+#pragma once
+
+#include "runtime/store/base.h"
+#include "runtime/store/control.h"
+#include "runtime/store/locks.h"
+#include "runtime/store/superblock.h"
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace loom {
+
+/// What a new database is made from.
+struct store_plan {
+    u64 base = 0;
+    u64 room = 0;
+    durability level = durability::ordered;
+    u32 mode = 0; ///< access rights of the files; 0 is what the process gives to new ones
+    std::string name;
+};
+
+/// Who has a file open, so that a process maps each database once.
+struct file_identity {
+    u64 device = 0;
+    u64 number = 0;
+    auto operator<=>(const file_identity&) const = default;
+};
+
+/// What the opening had to do, for people.
+struct recovery_report {
+    bool rebuilt = false; ///< the image was made from base and journal
+    u64 commits_replayed = 0;
+    u64 cut_bytes = 0; ///< behind the last whole entry of the journal, of commits that were never promised
+};
+
+class store {
+  public:
+    /// Fills the first page of a new database.
+    using first_page_fn = std::function<void(const superblock&, std::span<std::byte>)>;
+
+    store() = default;
+    store(const store&) = delete;
+    store& operator=(const store&) = delete;
+    ~store();
+
+    /// Finds the directory, or makes it when `plan` is not null. 0, or an error number with a text.
+    u32 find(const std::string& path, const store_plan* plan, const first_page_fn& first_page);
+    const superblock& fixed() const { return superblock_; }
+    file_identity identity() const;
+
+    /// Becomes a user of the database: opens what belongs to it, and makes the image anew unless it can be
+    /// trusted. Until `entered` others wait who want to become one. 0, or an error number with a text.
+    u32 enter(bool exclusive);
+    void entered();
+    /// Between the two: the image is made anew, since it cannot be put in order. Refused while others use it.
+    u32 rebuild();
+    /// Who opens the database next, alone, makes the image anew.
+    void distrust_image() { control_.distrust(); }
+    int image() const { return image_; }
+    const recovery_report& report() const { return report_; }
+    /// What the undo log of this image must carry.
+    u64 making() const { return control_->making; }
+    const disk_directory& directory() const { return directory_; }
+    /// The file whose bytes are locked.
+    int lock_file() const { return lock_file_; }
+
+    durability level() const { return level_; }
+    /// From here on commits of this process wait as that level has it, if it is the stronger one.
+    void strengthen(durability wanted);
+    void set_journal_limit(u64 bytes) { journal_limit_ = bytes; }
+
+    // Under the write lock:
+
+    /// The number of the commit that a section will make.
+    u64 begin_section();
+    void end_section() { control_->open_section.store(0, std::memory_order_release); }
+    /// Whether a section was left open by somebody who died.
+    bool has_open_section() const { return control_->open_section.load(std::memory_order_acquire) != 0; }
+    /// Makes what the section has stored last, as far as processes are concerned. 0, or an error number with a
+    /// text. Who `waits_for_flush` calls `flush` next; otherwise the keepers see to it.
+    u32 commit(std::span<const value_range> ranges, const std::byte* image, bool waits_for_flush);
+    /// Whether the section of that number got as far as its journal entry; its place is published then.
+    bool was_committed(u64 number);
+
+    // Under no lock:
+
+    /// Number of the latest commit.
+    u64 committed() const;
+    /// Returns when the commit is on the disk. 0, or an error number with a text.
+    u32 flush(u64 number);
+    /// 0 while commits are possible; otherwise the error number, with a text.
+    u32 check_failure() const;
+    /// Absorbs the journal file that is not written, if there is something to absorb.
+    u32 truncate();
+    /// Of a volatile database: its last user makes the base what the image is.
+    u32 leave_volatile(const std::byte* image, u64 size);
+    /// Whether there is no other user of the database.
+    bool is_only_user() const;
+
+  private:
+    u32 make(const store_plan& plan, const first_page_fn& first_page);
+    u32 make_files(const store_plan& plan, const first_page_fn& first_page);
+    u32 refuse_file_system() const;
+    u32 refuse_other_path(int error) const;
+    u32 open_control();
+    u32 renew_files();
+    u32 open_files();
+    u32 open_image(bool afresh);
+    image_identity identify_image() const;
+    u32 make_image();
+    u32 replay(std::byte* image, journal_place& place);
+    u32 apply(const journal_entry& entry, std::byte* image, u64& size) const;
+    u32 find_start(journal_place& place) const;
+    u32 check_end(const journal_place& place, u64 flushed_before);
+    u32 fail_for_good(u32 error);
+    u32 settle_trusted();
+    void start_keeper();
+    void stop_keeper();
+    void keep();
+    bool wants_truncation() const;
+    void wake_keepers();
+
+    disk_directory directory_;
+    superblock superblock_{};
+    int lock_file_ = -1;
+    int image_ = -1;
+    bool alone_ = false;
+    journal journal_;
+    base_file base_;
+    control control_;
+    durability level_ = durability::ordered;
+    u64 journal_limit_ = u64{64} << 20;
+    recovery_report report_;
+
+    std::mutex flush_mutex_;
+    std::mutex truncation_mutex_;
+    std::thread keeper_;
+    std::mutex keeper_mutex_;
+    std::condition_variable keeper_stops_;
+    bool stopping_ = false;
+    pid_t process_ = 0; ///< that the keeper belongs to
+};
+
+} // namespace loom

@@ -1,0 +1,461 @@
+// Making a database's directory, entering it, and building its image from base and journal.
+#include "runtime/database/error_text.h"
+#include "runtime/store/store.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace loom {
+namespace {
+constexpr char image_name[] = "image";
+constexpr char undo_name[] = "undo";
+constexpr char control_name[] = "control";
+constexpr char renewed_name[] = "renewed";
+/// What a making that was cut off may have left in its directory.
+constexpr const char* made_names[] = {base_name,  checksums_name, journal_names[0], journal_names[1],
+                                      image_name, undo_name,      control_name,     "superblock.unfinished"};
+
+/// File systems whose shared mappings are not the same memory on all machines, by the number in `statfs`.
+struct remote_file_system {
+    u64 number;
+    const char* name;
+};
+constexpr remote_file_system remote_file_systems[] = {
+    {0x6969, "NFS"},      {0x517B, "SMB"},     {0xFF534D42, "CIFS"}, {0xFE534D42, "SMB2"}, {0x01021997, "9p"},
+    {0x00c36400, "Ceph"}, {0x5346414F, "AFS"}, {0x65735546, "FUSE"}, {0x73757245, "Coda"}, {0x564c, "NCP"},
+};
+
+bool is_one_of_made_names(const char* name) {
+    return std::any_of(std::begin(made_names), std::end(made_names),
+                       [&](const char* each) { return std::strcmp(name, each) == 0; });
+}
+
+/// A name in the directory that no database has, or "".
+std::string foreign_name_in(const disk_directory& directory) {
+    const int again = openat(directory.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* entries = again >= 0 ? fdopendir(again) : nullptr;
+    if (!entries) return "";
+    std::string found;
+    while (const dirent* entry = readdir(entries)) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 && !is_one_of_made_names(name))
+            found = name;
+    }
+    closedir(entries);
+    return found;
+}
+
+/// A lock on a directory, given up with its scope.
+class directory_lock {
+  public:
+    explicit directory_lock(const disk_directory& directory)
+        : descriptor_(openat(directory.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        while (descriptor_ >= 0 && flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~directory_lock() {
+        if (descriptor_ >= 0) close(descriptor_);
+    }
+    directory_lock(const directory_lock&) = delete;
+    directory_lock& operator=(const directory_lock&) = delete;
+
+  private:
+    int descriptor_;
+};
+
+/// Who may read a file may search the directory.
+mode_t directory_mode(u32 mode) { return mode | (mode & 0444) >> 2; }
+} // namespace
+
+// --------------------------------------------------------------------------------------------------- finding
+
+/// Something else lies at the path: a file, perhaps a database of the form that was one file.
+u32 store::refuse_other_path(int error) const {
+    const char* path = directory_.path().c_str();
+    if (error == ENOENT)
+        return fail(ENOENT, "database %s: there is no such directory; name another one, or ask for it to be made",
+                    path);
+    if (error != ENOTDIR)
+        return fail(static_cast<u32>(error),
+                    "database %s: cannot be opened: %s; name a directory that you may read and write", path,
+                    words_of(error).c_str());
+    char magic[8] = "";
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (file >= 0 && read(file, magic, sizeof magic) != sizeof magic) magic[0] = 0;
+    if (file >= 0) close(file);
+    if (std::memcmp(magic, "LOOMARNA", sizeof magic) == 0)
+        return fail(EINVAL,
+                    "database %s: is of the former kind, which was one file; export its contents with the program "
+                    "that wrote it and import them into a new database",
+                    path);
+    return fail(EINVAL, "database %s: is no database, which is a directory; name another one", path);
+}
+
+u32 store::refuse_file_system() const {
+    struct statfs system {};
+    if (fstatfs(directory_.descriptor(), &system) != 0) return 0;
+    for (const remote_file_system& each : remote_file_systems)
+        if (static_cast<u64>(system.f_type) == each.number)
+            return fail(ENOTSUP,
+                        "database %s: lies on a file system of the kind %s, where processes do not share memory; "
+                        "put it on a local one",
+                        directory_.path().c_str(), each.name);
+    return 0;
+}
+
+u32 store::find(const std::string& path, const store_plan* plan, const first_page_fn& first_page) {
+    int error = directory_.open(path);
+    if (error == ENOENT && plan) {
+        const bool made = mkdir(path.c_str(), directory_mode(plan->mode ? plan->mode : 0666)) == 0;
+        if (made && plan->mode) chmod(path.c_str(), directory_mode(plan->mode));
+        if (!made && errno != EEXIST)
+            return fail(
+                static_cast<u32>(errno),
+                "database %s: cannot be made: %s; name a place in a directory that is there and that you may "
+                "write to",
+                path.c_str(), words_of(errno).c_str());
+        error = directory_.open(path);
+    }
+    if (error) return refuse_other_path(error);
+    if (const u32 refused = refuse_file_system()) return refused;
+    if (!directory_.has(superblock_name)) {
+        if (!plan) {
+            const std::string other = foreign_name_in(directory_);
+            if (!other.empty())
+                return fail(EINVAL,
+                            "database %s: is no database, but a directory with other files (%s); name another one",
+                            path.c_str(), other.c_str());
+            return fail(
+                EINVAL,
+                "database %s: is no database: it has no superblock, so its making was cut off; make it again",
+                path.c_str());
+        }
+        if (const u32 failed = make(*plan, first_page)) return failed;
+    }
+    if (const u32 failed = read_superblock(directory_, superblock_)) return failed;
+    level_ = superblock_.level;
+    lock_file_ = openat(directory_.descriptor(), superblock_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (lock_file_ >= 0) return 0;
+    return fail(
+        static_cast<u32>(errno),
+        "database %s: cannot be opened for writing: %s; readers write too, into its undo log when they follow "
+        "a writer that died: get the right to write its files, or open it for reading only",
+        path.c_str(), words_of(errno).c_str());
+}
+
+file_identity store::identity() const {
+    struct stat status {};
+    fstat(lock_file_, &status);
+    return {status.st_dev, status.st_ino};
+}
+
+// ---------------------------------------------------------------------------------------------------- making
+
+/// Whoever has the lock of the directory makes the database; who comes later finds it made.
+u32 store::make(const store_plan& plan, const first_page_fn& first_page) {
+    const directory_lock lock(directory_);
+    if (directory_.has(superblock_name)) return 0;
+    const std::string other = foreign_name_in(directory_);
+    if (!other.empty())
+        return fail(
+            EEXIST,
+            "database %s: cannot be made in a directory that holds something else (%s); name a place where "
+            "nothing is",
+            directory_.path().c_str(), other.c_str());
+    return make_files(plan, first_page);
+}
+
+u32 store::make_files(const store_plan& plan, const first_page_fn& first_page) {
+    // Without a wish for them the access rights are those that the directory got.
+    struct stat status {};
+    u32 mode = plan.mode;
+    if (!mode) mode = fstat(directory_.descriptor(), &status) == 0 ? status.st_mode & 0666 : 0600;
+    const superblock made = make_superblock(plan.base, plan.room, plan.level, mode, plan.name);
+    std::vector<std::byte> page(page_size);
+    first_page(made, page);
+    int error = 0;
+    for (const char* name : made_names)
+        if (!error && directory_.has(name)) error = directory_.remove(name);
+    if (!error) error = base_file::create(directory_, made.mode, made.incarnation, page, 0, {});
+    if (!error) error = journal::create(directory_, made.mode, made.incarnation, 0, {});
+    if (!error) error = directory_.flush();
+    // Last: from here on it is a database.
+    if (!error) error = write_superblock(directory_, made);
+    if (!error) error = directory_.flush();
+    if (!error) error = directory_.flush_parent();
+    if (!error) return 0;
+    return fail(static_cast<u32>(error), "database %s: cannot be made: %s%s", directory_.path().c_str(),
+                words_of(error).c_str(), error == ENOSPC || error == EDQUOT ? "; make room on the disk" : "");
+}
+
+// -------------------------------------------------------------------------------------------------- entering
+
+u32 store::open_image(bool afresh) {
+    if (image_ >= 0) close(image_);
+    image_ = -1;
+    if (afresh && directory_.has(image_name) && unlinkat(directory_.descriptor(), image_name, 0) != 0)
+        return errno;
+    const int making = afresh ? O_CREAT | O_EXCL : 0;
+    image_ =
+        openat(directory_.descriptor(), image_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW | making, superblock_.mode);
+    if (image_ < 0) return static_cast<u32>(errno);
+    if (afresh) fchmod(image_, superblock_.mode);
+    return 0;
+}
+
+image_identity store::identify_image() const {
+    image_identity found{};
+    struct stat status {};
+    if (image_ < 0 || fstat(image_, &status) != 0) return found;
+    name_boot(found.boot);
+    found.device = status.st_dev;
+    found.number = status.st_ino;
+    return found;
+}
+
+u32 store::open_control() {
+    const int error = control_.open(directory_, superblock_.mode);
+    if (!error) return 0;
+    return fail(static_cast<u32>(error), "database %s: its control page cannot be opened: %s",
+                directory_.path().c_str(), words_of(error).c_str());
+}
+
+u32 store::open_files() {
+    if (const u32 error = journal_.open(directory_, superblock_.incarnation, true)) return error;
+    return base_.open(directory_, superblock_.incarnation, true);
+}
+
+/// After a write or a flush that failed nobody knows what the disk holds of these files. What can be read of them
+/// is written to new files, which take their places one by one: each is what it was, so the order does not matter.
+u32 store::renew_files() {
+    for (const char* name : {journal_names[0], journal_names[1], base_name, checksums_name}) {
+        disk_file old, renewed;
+        if (directory_.has(renewed_name)) directory_.remove(renewed_name);
+        int error = old.open(directory_, name, false);
+        if (!error) error = renewed.create(directory_, renewed_name, superblock_.mode);
+        std::vector<std::byte> bytes(u64{1} << 20);
+        const u64 size = error ? 0 : old.size();
+        for (u64 offset = 0; !error && offset < size; offset += bytes.size()) {
+            const u64 part = std::min<u64>(bytes.size(), size - offset);
+            error = old.read(offset, bytes.data(), part);
+            if (!error) error = renewed.write(offset, bytes.data(), part);
+        }
+        if (!error) error = renewed.flush();
+        if (!error) error = directory_.rename(renewed_name, name);
+        if (error)
+            return fail(static_cast<u32>(error),
+                        "database %s: %s cannot be renewed after a failure of the disk: %s",
+                        directory_.path().c_str(), name, words_of(error).c_str());
+    }
+    if (const int error = directory_.flush())
+        return fail(static_cast<u32>(error), "database %s: its directory cannot be flushed: %s",
+                    directory_.path().c_str(), words_of(error).c_str());
+    return 0;
+}
+
+u32 store::enter(bool exclusive) {
+    if (!lock_byte_for_writing(lock_file_, lock_byte::opening, true))
+        return fail(static_cast<u32>(errno), "database %s: cannot be locked: %s", directory_.path().c_str(),
+                    words_of(errno).c_str());
+    alone_ = is_only_user();
+    const bool entered = exclusive ? lock_byte_for_writing(lock_file_, lock_byte::use, false)
+                                   : lock_byte_for_reading(lock_file_, lock_byte::use, false);
+    if (!entered)
+        return fail(EBUSY,
+                    exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
+                              : "database %s: is in use exclusively; close the other handle on it",
+                    directory_.path().c_str());
+    if (const u32 error = open_control()) return error;
+    if (alone_ && control_.belongs_to(superblock_.incarnation) && control_->failed != 0)
+        if (const u32 error = renew_files()) return error;
+    if (const u32 error = open_files()) return error;
+    open_image(false);
+    const image_identity image = identify_image();
+    if (control_.trusts(superblock_.incarnation, image) && !(alone_ && control_->failed != 0))
+        return alone_ ? settle_trusted() : 0;
+    return rebuild();
+}
+
+u32 store::rebuild() {
+    if (alone_) return make_image();
+    return fail(EBUSY,
+                "database %s: other processes use it by files that do not lie here any more, or that are damaged; "
+                "close it everywhere, then open it again",
+                directory_.path().c_str());
+}
+
+void store::entered() {
+    unlock_byte(lock_file_, lock_byte::opening);
+    if (superblock_.level != durability::volatile_) start_keeper();
+}
+
+/// What this run of the machine has not lost, but of which the memory of its former users is gone.
+u32 store::settle_trusted() {
+    control_->absorbed = base_.record().number;
+    if (superblock_.level == durability::volatile_) return base_.set_state(base_state::in_use);
+    control_->flushed = 0;
+    return flush(committed());
+}
+
+// ---------------------------------------------------------------------------------------- building the image
+
+u32 store::make_image() {
+    const u64 flushed_before =
+        control_.belongs_to(superblock_.incarnation) ? control_->flushed.load(std::memory_order_acquire) : 0;
+    control_.distrust();
+    if (superblock_.level == durability::volatile_ && base_.record().state == base_state::in_use)
+        return fail(
+            EIO,
+            "database %s: is volatile, and the machine went down while it was in use: what it held is lost; "
+            "restore it from a backup",
+            directory_.path().c_str());
+    if (const u32 error = open_image(true))
+        return fail(error, "database %s: its image cannot be made: %s", directory_.path().c_str(),
+                    words_of(static_cast<int>(error)).c_str());
+    void* memory = mmap(nullptr, superblock_.room, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, image_, 0);
+    if (memory == MAP_FAILED)
+        return fail(static_cast<u32>(errno), "database %s: no %" PRIu64 " bytes of addresses for its image: %s",
+                    directory_.path().c_str(), superblock_.room, words_of(errno).c_str());
+    journal_place place;
+    u32 error = replay(static_cast<std::byte*>(memory), place);
+    munmap(memory, superblock_.room);
+    if (!error) error = check_end(place, flushed_before);
+    if (error) return error;
+    report_.rebuilt = place.number != 0;
+    // Nothing that was cut off may ever fit again.
+    if (superblock_.level != durability::volatile_ && place.number != 0) {
+        int failure = journal_.append(place, entry_kind::recovery, {}, nullptr, place.number);
+        if (!failure) failure = journal_.flush(place.file);
+        if (failure)
+            return fail(static_cast<u32>(failure), "database %s: its recovery cannot be written to %s: %s",
+                        directory_.path().c_str(), journal_.path(place.file).c_str(), words_of(failure).c_str());
+    }
+    if (superblock_.level == durability::volatile_)
+        if (const u32 failure = base_.set_state(base_state::in_use)) return failure;
+    u8 making[16];
+    fill_random(making);
+    u64 number = 0;
+    std::memcpy(&number, making, sizeof number);
+    control_->first_of_file = journal_.first_number(place.file);
+    control_->absorbed = base_.record().number;
+    control_->flushed = place.number;
+    control_.trust(superblock_.incarnation, identify_image(), number, place);
+    return 0;
+}
+
+/// The place in the journal at which the base is.
+u32 store::find_start(journal_place& place) const {
+    const base_record& record = base_.record();
+    bool found = false;
+    journal_entry entry;
+    for (u32 file = 0; file < journal_files; ++file) {
+        journal_place here = journal_.start_of(file);
+        if (here.offset == 0) continue;
+        // The one that begins earlier leads to the other.
+        if (found && here.number > place.number) continue;
+        journal_place end = here;
+        while (end.number < record.number && journal_.read(end, entry))
+            end = place_behind(entry, file);
+        if (end.number != record.number || !(end.previous == record.previous)) continue;
+        place = end;
+        found = true;
+    }
+    if (found) return 0;
+    return fail(
+        EIO,
+        "database %s: the base is of commit %" PRIu64
+        ", and neither journal leads on from there: one of them is damaged; restore the database from a backup",
+        directory_.path().c_str(), record.number);
+}
+
+u32 store::apply(const journal_entry& entry, std::byte* image, u64& size) const {
+    u64 end = size;
+    for (const value_range& range :
+         entry.header.kind == entry_kind::values ? entry.ranges() : std::span<const value_range>{})
+        if (range.length > superblock_.room || range.offset > superblock_.room - range.length)
+            return fail(EIO,
+                        "database %s: commit %" PRIu64 " stores outside of the database; its journal is damaged",
+                        directory_.path().c_str(), entry.header.number);
+        else
+            end = std::max(end, range.offset + range.length);
+    end = (end + page_size - 1) / page_size * page_size;
+    if (end > size) {
+        if (const int error = posix_fallocate(image_, 0, static_cast<off_t>(end)))
+            return fail(static_cast<u32>(error),
+                        "database %s: no room on the disk for its image of %" PRIu64 " bytes",
+                        directory_.path().c_str(), end);
+        size = end;
+    }
+    entry.each_value([&](value_range range, const std::byte* bytes) {
+        std::memcpy(image + range.offset, bytes, range.length);
+    });
+    return 0;
+}
+
+u32 store::replay(std::byte* image, journal_place& place) {
+    if (const u32 error = find_start(place)) return error;
+    // Where the file that is absorbed ends, there may stand what an absorption that was cut off has promised.
+    std::vector<journal_entry> entries;
+    journal_entry promised;
+    bool has_promise = false;
+    const auto read_file = [&] {
+        for (journal_entry entry; journal_.read(place, entry); entry = {}) {
+            place = place_behind(entry, place.file);
+            entries.push_back(std::move(entry));
+        }
+    };
+    const u32 first_file = place.file;
+    read_file();
+    const std::size_t of_first_file = entries.size();
+    const u64 last_of_first_file = place.number;
+    if (place.number > base_.record().number) has_promise = journal_.read_checksums(place, promised);
+    const u32 other = (first_file + 1) % journal_files;
+    if (journal_.begins_behind(other, place.number, place.previous)) {
+        place = journal_.start_of(other);
+        read_file();
+    }
+
+    u64 size = base_.record().pages * page_size;
+    if (const int error = posix_fallocate(image_, 0, static_cast<off_t>(size)))
+        return fail(static_cast<u32>(error), "database %s: no room on the disk for its image of %" PRIu64 " bytes",
+                    directory_.path().c_str(), size);
+    const auto excused = has_promise ? promised.page_checksums() : std::span<const page_checksum>{};
+    if (const u32 error = base_.copy_to(image, size, excused)) return error;
+    for (std::size_t i = 0; i < of_first_file; ++i)
+        if (const u32 error = apply(entries[i], image, size)) return error;
+    for (const page_checksum& each : excused)
+        if (each.page >= size / page_size ||
+            checksum_of(image + each.page * page_size, page_size) != each.checksum)
+            return fail(EIO, "database %s: page %" PRIu64 " of %s is damaged; restore the database from a backup",
+                        directory_.path().c_str(), each.page, base_.path().c_str());
+    for (std::size_t i = of_first_file; i < entries.size(); ++i)
+        if (const u32 error = apply(entries[i], image, size)) return error;
+    report_.commits_replayed = entries.size();
+    return has_promise ? base_.absorb(journal_, first_file, last_of_first_file, last_of_first_file) : 0;
+}
+
+/// Where the journal ends, nothing may follow that was promised to last.
+u32 store::check_end(const journal_place& place, u64 flushed_before) {
+    if (superblock_.level == durability::volatile_) return 0;
+    u64 flushed = std::max(flushed_before, journal_.flushed_according_to(place));
+    journal_place other = journal_.start_of((place.file + 1) % journal_files);
+    if (other.offset != 0) flushed = std::max(flushed, journal_.flushed_according_to(other));
+    if (flushed > place.number)
+        return fail(EIO,
+                    "database %s: %s: the entry of commit %" PRIu64 " at offset %" PRIu64
+                    " is damaged, although it was on the disk; restore the database from a backup",
+                    directory_.path().c_str(), journal_.path(place.file).c_str(), place.number + 1, place.offset);
+    report_.cut_bytes = journal_.cut_bytes_behind(place);
+    return 0;
+}
+
+} // namespace loom
