@@ -16,6 +16,9 @@ constexpr u64 record_room = 4096;
 constexpr u64 first_page_entry = 2 * record_room;
 /// Pages that are read at once.
 constexpr u64 batch = 256;
+/// Bytes of values that an absorption keeps in memory; it reads the others when it needs them.
+constexpr u64 most_kept_bytes = u64{16} << 20;
+constexpr u64 not_kept = ~u64{0};
 
 u64 place_of_entry(u64 page) { return first_page_entry + page * sizeof(page_entry); }
 } // namespace
@@ -25,22 +28,27 @@ struct base_file::piece {
     u64 page;
     u32 offset;
     u32 length;
-    const std::byte* bytes;
+    u64 place; ///< in the journal file
+    u64 kept;  ///< place among the bytes that are kept, or not_kept
 };
 
 /// What is needed to absorb a journal file.
 struct base_file::absorption {
-    std::vector<journal_entry> entries; ///< which own the bytes
-    std::vector<piece> pieces;          ///< by page, then in the order of the entries
-    journal_place end;                  ///< behind the last entry
-    std::vector<page_checksum> sums;    ///< that the pages will have, by page
+    absorption(const journal& from, u32 of_file) : entries(from), file(of_file) {}
+
+    const journal& entries;
+    u32 file;
+    std::vector<piece> pieces;       ///< by page, then in the order of the entries
+    std::vector<std::byte> kept;     ///< bytes of the first ones
+    journal_place end;               ///< behind the last entry
+    std::vector<page_checksum> sums; ///< that the pages will have, by page
     /// What an absorption that was cut off has promised: its pages may be half written, but not otherwise.
     journal_entry promised;
     bool repeated = false;
 
     bool is_promised(u64 page, u64 checksum) const {
         if (!repeated) return false;
-        const auto all = promised.page_checksums();
+        const auto& all = promised.page_checksums;
         const auto found =
             std::lower_bound(all.begin(), all.end(), page,
                              [](const page_checksum& each, u64 wanted) { return each.page < wanted; });
@@ -206,35 +214,59 @@ u32 base_file::verify(void (*report)(u64 page, void* context), void* context) {
 
 // ------------------------------------------------------------------------------------------------- absorbing
 
-u32 base_file::read_pieces(const journal& entries, u32 file, u64 last_number, absorption& work) const {
-    journal_place place = entries.start_of(file);
+u32 base_file::read_pieces(u64 last_number, absorption& work) const {
+    journal_place place = work.entries.start_of(work.file);
     while (place.number < last_number) {
         journal_entry entry;
-        if (place.offset == 0 || !entries.read(place, entry))
+        if (place.offset == 0 || !work.entries.read(place, entry))
             return fail(EIO,
                         "database %s: %s: the entry of commit %" PRIu64 " at offset %" PRIu64
                         " is damaged; restore the database from a backup",
-                        directory_.c_str(), entries.path(file).c_str(), place.number + 1, place.offset);
-        place = place_behind(entry, file);
-        if (entry.header.number > record_.number) work.entries.push_back(std::move(entry));
+                        directory_.c_str(), work.entries.path(work.file).c_str(), place.number + 1, place.offset);
+        place = place_behind(entry, work.file);
+        if (entry.header.number <= record_.number) continue;
+        if (const u32 error = add_pieces(entry, work))
+            return fail(error, "database %s: %s cannot be read: %s", directory_.c_str(),
+                        work.entries.path(work.file).c_str(), words_of(static_cast<int>(error)).c_str());
     }
     work.end = place;
-    work.repeated = entries.read_checksums(place, work.promised);
-    for (const journal_entry& entry : work.entries)
-        entry.each_value([&](value_range range, const std::byte* bytes) {
-            while (range.length) {
-                const u64 within = range.offset % page_size;
-                const u64 part = std::min(range.length, page_size - within);
-                work.pieces.push_back(
-                    {range.offset / page_size, static_cast<u32>(within), static_cast<u32>(part), bytes});
-                bytes += part;
-                range.offset += part;
-                range.length -= part;
-            }
-        });
+    work.repeated = work.entries.read_checksums(place, work.promised);
     std::stable_sort(work.pieces.begin(), work.pieces.end(),
                      [](const piece& a, const piece& b) { return a.page < b.page; });
     return 0;
+}
+
+/// The values of an entry, cut at the ends of pages. Short ones are kept as long as there is room for them, since
+/// there may be very many.
+u32 base_file::add_pieces(const journal_entry& entry, absorption& work) {
+    return work.entries.each_value(work.file, entry, [&](const value_part& value) -> u32 {
+        for (u64 done = 0; done < value.bytes.size();) {
+            const u64 offset = value.offset + done, within = offset % page_size;
+            const u64 part = std::min(value.bytes.size() - done, page_size - within);
+            piece next{offset / page_size, static_cast<u32>(within), static_cast<u32>(part), value.place + done,
+                       not_kept};
+            if (part < page_size && work.kept.size() + part <= most_kept_bytes) {
+                next.kept = work.kept.size();
+                const std::byte* const bytes = value.bytes.data() + done;
+                work.kept.insert(work.kept.end(), bytes, bytes + part);
+            }
+            work.pieces.push_back(next);
+            done += part;
+        }
+        return 0;
+    });
+}
+
+u32 base_file::put_in(const absorption& work, const piece& value, std::byte* page) const {
+    std::byte* const place = page + value.offset;
+    if (value.kept != not_kept) {
+        std::memcpy(place, work.kept.data() + value.kept, value.length);
+        return 0;
+    }
+    const int error = work.entries.read_bytes(work.file, value.place, place, value.length);
+    if (!error) return 0;
+    return fail(static_cast<u32>(error), "database %s: %s cannot be read: %s", directory_.c_str(),
+                work.entries.path(work.file).c_str(), words_of(error).c_str());
 }
 
 /// Calls `visit` with the number of each page that changes, its new bytes, and whether the present ones fit their
@@ -251,7 +283,7 @@ u32 base_file::each_page(const absorption& work, Visit visit) const {
         if (never_written && !work.repeated) std::memset(page, 0, page_size);
         const bool fits = never_written || checksum_of(page, page_size) == entry.checksum;
         for (; i < work.pieces.size() && work.pieces[i].page == number; ++i)
-            std::memcpy(page + work.pieces[i].offset, work.pieces[i].bytes, work.pieces[i].length);
+            if (const u32 error = put_in(work, work.pieces[i], page)) return error;
         if (const u32 error = visit(number, page, fits)) return error;
     }
     return 0;
@@ -309,8 +341,8 @@ u32 base_file::write_entries(const absorption& work) {
 }
 
 u32 base_file::absorb(journal& entries, u32 file, u64 last_number, u64 flushed) {
-    absorption work;
-    if (const u32 error = read_pieces(entries, file, last_number, work)) return error;
+    absorption work(entries, file);
+    if (const u32 error = read_pieces(last_number, work)) return error;
     if (const u32 error = compute_checksums(work)) return error;
     if (const int error = entries.append_checksums(work.end, work.sums, flushed))
         return fail(static_cast<u32>(error), "database %s: %s cannot be written: %s", directory_.c_str(),

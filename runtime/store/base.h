@@ -69,7 +69,9 @@ class base_file {
     u32 read_page(u64 page, std::byte* bytes) const;
     u32 failed(const disk_file& file, const char* what, int error) const;
     u32 damaged(u64 page) const;
-    u32 read_pieces(const journal& entries, u32 file, u64 last_number, absorption& work) const;
+    u32 read_pieces(u64 last_number, absorption& work) const;
+    static u32 add_pieces(const journal_entry& entry, absorption& work);
+    u32 put_in(const absorption& work, const piece& value, std::byte* page) const;
     template <class Visit>
     u32 each_page(const absorption& work, Visit visit) const;
     u32 compute_checksums(absorption& work) const;

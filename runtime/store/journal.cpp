@@ -15,6 +15,8 @@ constexpr char entry_magic[8] = {'L', 'O', 'O', 'M', 'E', 'N', 'T', 'R'};
 constexpr u64 largest_gathered = u64{64} << 10;
 constexpr u64 growth_step = u64{1} << 20;
 constexpr std::byte padding[8]{};
+/// Bytes of an entry that are read at once.
+constexpr u64 window_size = u64{1} << 20;
 
 u64 padded(u64 size) { return (size + 7) & ~u64{7}; }
 
@@ -191,29 +193,67 @@ journal_place journal::start_of(u32 file) const {
 
 bool journal::read_any(const journal_place& place, journal_entry& entry) const {
     const disk_file& file = files_[place.file];
-    if (file.read(place.offset, &entry.header, sizeof entry.header) != 0) return false;
-    const entry_header& header = entry.header;
-    const u64 size = file.size();
+    entry.ranges.clear();
+    entry.page_checksums.clear();
+    entry.offset = place.offset;
+    entry_header& header = entry.header;
+    if (file.read(place.offset, &header, sizeof header) != 0) return false;
     if (std::memcmp(header.magic, entry_magic, sizeof entry_magic) != 0 || header.length < sizeof header ||
-        header.length > size - place.offset || header.length % 8 != 0 ||
+        header.length > file.size() - place.offset || header.length % 8 != 0 ||
         std::memcmp(header.incarnation, incarnation_, sizeof incarnation_) != 0)
         return false;
-    entry.bytes.resize(header.length - sizeof header);
-    entry.offset = place.offset;
-    if (file.read(place.offset + sizeof header, entry.bytes.data(), entry.bytes.size()) != 0) return false;
-    const iovec rest{entry.bytes.data(), entry.bytes.size()};
-    if (digest_of(header, std::span(&rest, 1)) != header.own) return false;
     // Written by another build of ours, or by somebody who knows how to make a digest: the parts must add up.
-    u64 parts = u64{header.range_count} * sizeof(value_range);
-    if (header.logical_length > entry.bytes.size() || parts > entry.bytes.size() - header.logical_length)
-        return false;
-    if (header.kind == entry_kind::page_checksums) return parts + header.logical_length == entry.bytes.size();
-    u64 room = entry.bytes.size() - parts - header.logical_length;
-    for (const value_range& range : entry.ranges()) {
+    const u64 size = header.length - sizeof header, parts = u64{header.range_count} * sizeof(value_range);
+    if (header.logical_length > size || parts > size - header.logical_length) return false;
+    const bool is_of_pages = header.kind == entry_kind::page_checksums;
+    void* table = nullptr;
+    if (is_of_pages)
+        entry.page_checksums.resize(header.range_count), table = entry.page_checksums.data();
+    else
+        entry.ranges.resize(header.range_count), table = entry.ranges.data();
+    if (parts && file.read(place.offset + sizeof header, table, parts) != 0) return false;
+    u64 room = size - parts - header.logical_length;
+    for (const value_range& range : entry.ranges) {
         if (range.length > room || padded(range.length) > room) return false;
         room -= padded(range.length);
     }
-    return room == 0;
+    return room == 0 && has_digest(file, entry, table, parts);
+}
+
+/// Whether the entry, of which header and table were read, is the one that its digest was made of.
+bool journal::has_digest(const disk_file& file, const journal_entry& entry, const void* table, u64 parts) {
+    digest_stream stream;
+    stream.add(&entry.header, offsetof(entry_header, own));
+    stream.add(table, parts);
+    std::vector<std::byte> window(std::min(window_size, entry.header.length));
+    for (u64 offset = entry.offset + sizeof entry.header + parts; offset < entry.offset_behind();) {
+        const u64 part = std::min<u64>(window.size(), entry.offset_behind() - offset);
+        if (file.read(offset, window.data(), part) != 0) return false;
+        stream.add(window.data(), part);
+        offset += part;
+    }
+    return stream.result() == entry.header.own;
+}
+
+u32 journal::each_value(u32 file, const journal_entry& entry, const value_fn& visit) const {
+    std::vector<std::byte> window(std::min(window_size, entry.header.length));
+    u64 offset = entry.values_offset(), window_begin = offset, window_end = offset;
+    for (const value_range& range : entry.ranges) {
+        for (u64 done = 0; done < range.length;) {
+            if (offset + done >= window_end) {
+                window_begin = offset + done;
+                window_end = std::min(window_begin + window.size(), entry.offset_behind());
+                if (const int error = files_[file].read(window_begin, window.data(), window_end - window_begin))
+                    return static_cast<u32>(error == ENODATA ? EIO : error);
+            }
+            const u64 part = std::min(range.length - done, window_end - offset - done);
+            const std::byte* const bytes = window.data() + (offset + done - window_begin);
+            if (const u32 error = visit({range.offset + done, offset + done, {bytes, part}})) return error;
+            done += part;
+        }
+        offset += padded(range.length);
+    }
+    return 0;
 }
 
 bool journal::read(const journal_place& place, journal_entry& entry) const {

@@ -10,6 +10,7 @@
 #include "runtime/store/disk.h"
 
 #include <array>
+#include <functional>
 #include <vector>
 
 namespace loom {
@@ -60,37 +61,29 @@ struct value_range {
     u64 offset;
     u64 length;
 };
+/// What an entry stores in the image from `offset` on; the bytes lie at `place` in the journal file.
+struct value_part {
+    u64 offset;
+    u64 place;
+    std::span<const std::byte> bytes;
+};
 /// A page of the base and the checksum that it is to have.
 struct page_checksum {
     u64 page;
     u64 checksum;
 };
 
-/// An entry that was read whole and fits.
+/// An entry that fits: all of it was read and has its digest. The values stay in the file, however many they are.
 struct journal_entry {
     entry_header header{};
-    std::vector<std::byte> bytes; ///< everything behind the header
-    u64 offset = 0;               ///< of the header in its file
+    u64 offset = 0;                  ///< of the header in its file
+    std::vector<value_range> ranges; ///< of entry_kind::values
+    std::vector<page_checksum> page_checksums;
 
-    std::span<const value_range> ranges() const {
-        return {reinterpret_cast<const value_range*>(bytes.data()), header.range_count};
-    }
-    const std::byte* values() const {
-        return bytes.data() + header.range_count * sizeof(value_range) + header.logical_length;
-    }
-    std::span<const page_checksum> page_checksums() const {
-        return {reinterpret_cast<const page_checksum*>(bytes.data()), header.range_count};
+    u64 values_offset() const {
+        return offset + sizeof header + header.range_count * sizeof(value_range) + header.logical_length;
     }
     u64 offset_behind() const { return offset + header.length; }
-    /// Calls `visit` with each range and its bytes.
-    template <class Visit>
-    void each_value(Visit visit) const {
-        const std::byte* value = values();
-        for (const value_range& range : ranges()) {
-            visit(range, value);
-            value += (range.length + 7) & ~u64{7};
-        }
-    }
 };
 
 class journal {
@@ -115,8 +108,15 @@ class journal {
     u64 first_number(u32 file) const;
     /// The place before that entry; its offset is 0 when the header is no good.
     journal_place start_of(u32 file) const;
-    /// Reads the entry behind `place`. False when none fits there.
+    /// Finds the entry behind `place`. False when none fits there.
     bool read(const journal_place& place, journal_entry& entry) const;
+    /// Calls `visit` with the bytes of each range of an entry, long ranges in several parts. 0 or an error number;
+    /// one of `visit` ends the reading.
+    using value_fn = std::function<u32(const value_part& part)>;
+    u32 each_value(u32 file, const journal_entry& entry, const value_fn& visit) const;
+    int read_bytes(u32 file, u64 offset, void* bytes, u64 size) const {
+        return files_[file].read(offset, bytes, size);
+    }
     /// Reads checksums of pages behind `place`; false when there are none.
     bool read_checksums(const journal_place& place, journal_entry& entry) const;
     /// The highest number that any entry behind `place` in its file knows to be flushed, whether it fits or not.
@@ -132,6 +132,7 @@ class journal {
   private:
     bool read_header(u32 file, journal_header& header) const;
     bool read_any(const journal_place& place, journal_entry& entry) const;
+    static bool has_digest(const disk_file& file, const journal_entry& entry, const void* table, u64 parts);
 
     int make_room(u32 file, u64 end);
 

@@ -116,7 +116,8 @@ class store {
     image_identity identify_image() const;
     u32 make_image();
     u32 replay(std::byte* image, journal_place& place);
-    u32 apply(const journal_entry& entry, std::byte* image, u64& size) const;
+    u32 apply(const journal_entry& entry, u32 file, std::byte* image, u64& size) const;
+    u32 apply_behind(journal_place& place, u64 last, std::byte* image, u64& size);
     u32 find_start(journal_place& place) const;
     u32 check_end(const journal_place& place, u64 flushed_before);
     u32 fail_for_good(u32 error);

@@ -377,10 +377,9 @@ u32 store::find_start(journal_place& place) const {
         directory_.path().c_str(), record.number);
 }
 
-u32 store::apply(const journal_entry& entry, std::byte* image, u64& size) const {
+u32 store::apply(const journal_entry& entry, u32 file, std::byte* image, u64& size) const {
     u64 end = size;
-    for (const value_range& range :
-         entry.header.kind == entry_kind::values ? entry.ranges() : std::span<const value_range>{})
+    for (const value_range& range : entry.ranges)
         if (range.length > superblock_.room || range.offset > superblock_.room - range.length)
             return fail(EIO,
                         "database %s: commit %" PRIu64 " stores outside of the database; its journal is damaged",
@@ -395,52 +394,52 @@ u32 store::apply(const journal_entry& entry, std::byte* image, u64& size) const 
                         directory_.path().c_str(), end);
         size = end;
     }
-    entry.each_value([&](value_range range, const std::byte* bytes) {
-        std::memcpy(image + range.offset, bytes, range.length);
+    const u32 error = journal_.each_value(file, entry, [&](const value_part& value) -> u32 {
+        std::memcpy(image + value.offset, value.bytes.data(), value.bytes.size());
+        return 0;
     });
+    if (!error) return 0;
+    return fail(error, "database %s: %s cannot be read: %s", directory_.path().c_str(),
+                journal_.path(file).c_str(), words_of(static_cast<int>(error)).c_str());
+}
+
+/// Puts the values of the entries behind `place` in, up to where none fits or `last` is reached.
+u32 store::apply_behind(journal_place& place, u64 last, std::byte* image, u64& size) {
+    for (journal_entry entry; place.number < last && journal_.read(place, entry);) {
+        if (const u32 error = apply(entry, place.file, image, size)) return error;
+        place = place_behind(entry, place.file);
+        ++report_.commits_replayed;
+    }
     return 0;
 }
 
 u32 store::replay(std::byte* image, journal_place& place) {
     if (const u32 error = find_start(place)) return error;
     // Where the file that is absorbed ends, there may stand what an absorption that was cut off has promised.
-    std::vector<journal_entry> entries;
+    journal_place end = place;
+    for (journal_entry entry; journal_.read(end, entry);)
+        end = place_behind(entry, end.file);
     journal_entry promised;
-    bool has_promise = false;
-    const auto read_file = [&] {
-        for (journal_entry entry; journal_.read(place, entry); entry = {}) {
-            place = place_behind(entry, place.file);
-            entries.push_back(std::move(entry));
-        }
-    };
-    const u32 first_file = place.file;
-    read_file();
-    const std::size_t of_first_file = entries.size();
-    const u64 last_of_first_file = place.number;
-    if (place.number > base_.record().number) has_promise = journal_.read_checksums(place, promised);
-    const u32 other = (first_file + 1) % journal_files;
-    if (journal_.begins_behind(other, place.number, place.previous)) {
-        place = journal_.start_of(other);
-        read_file();
-    }
+    const bool has_promise = end.number > base_.record().number && journal_.read_checksums(end, promised);
 
     u64 size = base_.record().pages * page_size;
     if (const int error = posix_fallocate(image_, 0, static_cast<off_t>(size)))
         return fail(static_cast<u32>(error), "database %s: no room on the disk for its image of %" PRIu64 " bytes",
                     directory_.path().c_str(), size);
-    const auto excused = has_promise ? promised.page_checksums() : std::span<const page_checksum>{};
+    const auto excused = has_promise ? promised.page_checksums : std::vector<page_checksum>{};
     if (const u32 error = base_.copy_to(image, size, excused)) return error;
-    for (std::size_t i = 0; i < of_first_file; ++i)
-        if (const u32 error = apply(entries[i], image, size)) return error;
+    if (const u32 error = apply_behind(place, end.number, image, size)) return error;
     for (const page_checksum& each : excused)
         if (each.page >= size / page_size ||
             checksum_of(image + each.page * page_size, page_size) != each.checksum)
             return fail(EIO, "database %s: page %" PRIu64 " of %s is damaged; restore the database from a backup",
                         directory_.path().c_str(), each.page, base_.path().c_str());
-    for (std::size_t i = of_first_file; i < entries.size(); ++i)
-        if (const u32 error = apply(entries[i], image, size)) return error;
-    report_.commits_replayed = entries.size();
-    return has_promise ? base_.absorb(journal_, first_file, last_of_first_file, last_of_first_file) : 0;
+    const u32 other = (end.file + 1) % journal_files;
+    if (journal_.begins_behind(other, place.number, place.previous)) {
+        place = journal_.start_of(other);
+        if (const u32 error = apply_behind(place, ~u64{0}, image, size)) return error;
+    }
+    return has_promise ? base_.absorb(journal_, end.file, end.number, end.number) : 0;
 }
 
 /// Where the journal ends, nothing may follow that was promised to last.
