@@ -474,6 +474,18 @@ void arena::each_block(const std::function<void(void*, u64)>& visit) const {
     }
 }
 
+void arena::each_unkept_range(const std::function<void(const value_range&)>& visit) const {
+    for (u64 offset = first_block; offset < header().top;) {
+        const u64 head = head_of(at(offset)), size = size_in(head);
+        if (size < smallest_block || size > header().top - offset) return;
+        if (head & block_cached)
+            visit({offset + offsetof(block, previous), size - offsetof(block, previous)});
+        else if (!(head & block_in_use) && size > sizeof(block) + sizeof(u64))
+            visit({offset + sizeof(block), size - sizeof(block) - sizeof(u64)});
+        offset += size;
+    }
+}
+
 std::pair<const void*, u64> arena::block_around(u64 wanted) const {
     std::pair<const void*, u64> found{nullptr, 0};
     each_block([&](void* payload, u64 size) {

@@ -182,6 +182,8 @@ class arena {
 
     /// Visits all blocks in use by payload and size, in order.
     void each_block(const std::function<void(void*, u64)>& visit) const;
+    /// Visits, in order, the bytes that no commit keeps: the insides of free blocks.
+    void each_unkept_range(const std::function<void(const value_range&)>& visit) const;
     /// The block in use around `offset`, if any: payload and size.
     std::pair<const void*, u64> block_around(u64 offset) const;
     /// Empty when the arena's records agree with each other; otherwise the first fault.

@@ -2,12 +2,14 @@
 #include "runtime/database/database.h"
 
 #include "runtime/database/error_text.h"
+#include "runtime/database/pinned.h"
 #include "runtime/database/revoked_roots.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <map>
@@ -24,6 +26,8 @@ constexpr u64 default_private_reserve = u64{8} << 30;
 constexpr u64 largest_reserve = u64{1} << 40;
 constexpr u64 first_extent_of_a_file = u64{1} << 20;
 constexpr u64 first_extent_of_memory = u64{256} << 10;
+/// Set, it puts databases into the checking mode: each commit is compared with base and journal.
+constexpr char checking_variable[] = "LOOM_CHECK_COMMITS";
 
 // Addresses for files: rarely taken by anything else, and application memory for the sanitizers too.
 constexpr u64 first_address = 0x7e9000000000;
@@ -225,6 +229,7 @@ std::shared_ptr<database> database::open_mapped(const loom_open_options& options
     made->exclusive = exclusive;
     if (made->files->enter(exclusive) != 0 || made->open_log() != 0 || !made->map_image()) return nullptr;
     made->files->entered();
+    made->checks_commits_ = std::getenv(checking_variable) != nullptr;
     known = made;
     return made;
 }
@@ -393,6 +398,7 @@ u32 database::commit_section(section_purpose purpose, std::span<const value_rang
             }
         }
         last_commit_ = files->committed();
+        if (checks_commits_) check_commit();
     }
     log_->clear();
     if (files) files->end_section();
@@ -410,6 +416,26 @@ void database::abort_section() {
         revoke_root(root);
     roots_of_section_.clear();
     if (debug) debug->restart();
+}
+
+u32 database::compare_with_disk(const std::function<void(const value_range&)>& visit) {
+    if (files->fixed().level == durability::volatile_) return 0;
+    if (!committed_) committed_ = std::make_unique<committed_image>(*files);
+    if (const u32 error = committed_->update()) return error;
+    committed_->each_difference(memory.base(), memory.header().top, pinned_ranges(memory, root()), visit);
+    return 0;
+}
+
+/// Of the checking mode: what differs would be lost in a crash of the machine, so the process ends here.
+void database::check_commit() {
+    const u32 error = compare_with_disk([&](const value_range& range) {
+        const auto [block, size] = memory.block_around(range.offset);
+        fatal("database %s: commit %" PRIu64 " has not told the journal of %" PRIu64 " bytes at offset %" PRIu64
+              ", %" PRIu64 " bytes from the start of a block of %" PRIu64,
+              path.c_str(), last_commit_, range.length, range.offset,
+              range.offset - (block ? memory.offset_of(block) : 0), size);
+    });
+    if (error) fatal("%s", error_text().c_str());
 }
 
 void database::root_was_set(const void* address) {

@@ -6,6 +6,7 @@
 #include "runtime/database/debug_arena.h"
 #include "runtime/database/layout.h"
 #include "runtime/database/undo_log.h"
+#include "runtime/store/comparison.h"
 #include "runtime/store/store.h"
 
 #include <loom_runtime/runtime.h>
@@ -72,6 +73,9 @@ class database : public backing {
     u32 flush(u64 commit) { return files ? files->flush(commit) : 0; }
     void abort_section();
     u32 sync();
+    /// Compares the image with what base and journal hold; nobody may commit meanwhile. Calls `visit` with each
+    /// run of bytes outside of the pinned list that differs. 0, or an error number with a text.
+    u32 compare_with_disk(const std::function<void(const value_range&)>& visit);
 
     /// A named root was set: an abort of the open section takes it back.
     void root_was_set(const void* address);
@@ -94,11 +98,14 @@ class database : public backing {
     bool map_image();
     bool roll_back(u64 extent);
     void close_in_order();
+    void check_commit();
 
     std::unique_ptr<undo_log> log_;
     std::vector<const void*> roots_of_section_;
     std::vector<value_range> changed_; ///< by the section that is committed; kept for its memory
     u64 last_commit_ = 0;
+    std::unique_ptr<committed_image> committed_; ///< of the checking mode, and of those who have compared
+    bool checks_commits_ = false;
     u64 reserve_ = 0;
 };
 

@@ -35,11 +35,13 @@ void store::strengthen(durability wanted) {
 
 // --------------------------------------------------------------------------------------------------- commits
 
-u64 store::committed() const {
+journal_place store::place_of_last_commit() const {
     journal_place place;
     if (!control_.read_place(place)) fatal("database %s: its control page is damaged", directory_.path().c_str());
-    return place.number;
+    return place;
 }
+
+u64 store::committed() const { return place_of_last_commit().number; }
 
 u64 store::begin_section() {
     const u64 number = committed() + 1;
@@ -49,8 +51,7 @@ u64 store::begin_section() {
 
 u32 store::commit(std::span<const value_range> ranges, const std::byte* image, bool waits_for_flush) {
     if (const u32 error = check_failure()) return error;
-    journal_place place;
-    if (!control_.read_place(place)) fatal("database %s: its control page is damaged", directory_.path().c_str());
+    journal_place place = place_of_last_commit();
     if (superblock_.level == durability::volatile_) {
         ++place.number;
         control_.publish(place);

@@ -88,6 +88,15 @@ class store {
     u32 commit(std::span<const value_range> ranges, const std::byte* image, bool waits_for_flush);
     /// Whether the section of that number got as far as its journal entry; its place is published then.
     bool was_committed(u64 number);
+    /// Puts what base and journal hold together in `memory`, zero so far and as long as the database's room:
+    /// `size` bytes, as of `place`. 0, or an error number with a text.
+    u32 read_committed(std::byte* memory, u64& size, journal_place& place);
+    /// Adds the entries behind `place`, as far as the journal files still lead on from there.
+    u32 read_on(std::byte* memory, u64& size, journal_place& place) const;
+    /// Up to which commit the base has the journal's entries.
+    u64 absorbed() const { return control_->absorbed.load(std::memory_order_acquire); }
+    /// The journal's end.
+    journal_place place_of_last_commit() const;
 
     // Under no lock:
 
@@ -115,9 +124,13 @@ class store {
     u32 open_image(bool afresh);
     image_identity identify_image() const;
     u32 make_image();
+    /// Makes the bytes up to there usable; 0, or an error number with a text.
+    using room_fn = std::function<u32(u64 end)>;
+    struct putting_together;
     u32 replay(std::byte* image, journal_place& place);
-    u32 apply(const journal_entry& entry, u32 file, std::byte* image, u64& size) const;
-    u32 apply_behind(journal_place& place, u64 last, std::byte* image, u64& size);
+    u32 put_together(std::byte* memory, const room_fn& make_room, putting_together& done);
+    u32 apply(const journal_entry& entry, u32 file, const room_fn& make_room, std::byte* memory, u64& size) const;
+    u32 apply_behind(journal_place& place, u64 last, const room_fn& make_room, std::byte* memory, u64& size) const;
     u32 find_start(journal_place& place) const;
     u32 check_end(const journal_place& place, u64 flushed_before);
     u32 fail_for_good(u32 error);

@@ -377,7 +377,8 @@ u32 store::find_start(journal_place& place) const {
         directory_.path().c_str(), record.number);
 }
 
-u32 store::apply(const journal_entry& entry, u32 file, std::byte* image, u64& size) const {
+u32 store::apply(const journal_entry& entry, u32 file, const room_fn& make_room, std::byte* memory,
+                 u64& size) const {
     u64 end = size;
     for (const value_range& range : entry.ranges)
         if (range.length > superblock_.room || range.offset > superblock_.room - range.length)
@@ -388,14 +389,11 @@ u32 store::apply(const journal_entry& entry, u32 file, std::byte* image, u64& si
             end = std::max(end, range.offset + range.length);
     end = (end + page_size - 1) / page_size * page_size;
     if (end > size) {
-        if (const int error = posix_fallocate(image_, 0, static_cast<off_t>(end)))
-            return fail(static_cast<u32>(error),
-                        "database %s: no room on the disk for its image of %" PRIu64 " bytes",
-                        directory_.path().c_str(), end);
+        if (const u32 error = make_room(end)) return error;
         size = end;
     }
     const u32 error = journal_.each_value(file, entry, [&](const value_part& value) -> u32 {
-        std::memcpy(image + value.offset, value.bytes.data(), value.bytes.size());
+        std::memcpy(memory + value.offset, value.bytes.data(), value.bytes.size());
         return 0;
     });
     if (!error) return 0;
@@ -404,42 +402,89 @@ u32 store::apply(const journal_entry& entry, u32 file, std::byte* image, u64& si
 }
 
 /// Puts the values of the entries behind `place` in, up to where none fits or `last` is reached.
-u32 store::apply_behind(journal_place& place, u64 last, std::byte* image, u64& size) {
+u32 store::apply_behind(journal_place& place, u64 last, const room_fn& make_room, std::byte* memory,
+                        u64& size) const {
     for (journal_entry entry; place.number < last && journal_.read(place, entry);) {
-        if (const u32 error = apply(entry, place.file, image, size)) return error;
+        if (const u32 error = apply(entry, place.file, make_room, memory, size)) return error;
         place = place_behind(entry, place.file);
-        ++report_.commits_replayed;
     }
     return 0;
 }
 
-u32 store::replay(std::byte* image, journal_place& place) {
+/// What base and journal hold, put together in memory.
+struct store::putting_together {
+    u64 size = 0;
+    journal_place place; ///< where the journal ends
+    /// Where the file that is absorbed ends, there may stand what an absorption that was cut off has promised.
+    journal_place end_of_first_file;
+    journal_entry promised;
+    bool has_promise = false;
+};
+
+u32 store::put_together(std::byte* memory, const room_fn& make_room, putting_together& done) {
+    journal_place& place = done.place;
     if (const u32 error = find_start(place)) return error;
-    // Where the file that is absorbed ends, there may stand what an absorption that was cut off has promised.
-    journal_place end = place;
+    journal_place& end = done.end_of_first_file;
+    end = place;
     for (journal_entry entry; journal_.read(end, entry);)
         end = place_behind(entry, end.file);
-    journal_entry promised;
-    const bool has_promise = end.number > base_.record().number && journal_.read_checksums(end, promised);
+    done.has_promise = end.number > base_.record().number && journal_.read_checksums(end, done.promised);
 
-    u64 size = base_.record().pages * page_size;
-    if (const int error = posix_fallocate(image_, 0, static_cast<off_t>(size)))
-        return fail(static_cast<u32>(error), "database %s: no room on the disk for its image of %" PRIu64 " bytes",
-                    directory_.path().c_str(), size);
-    const auto excused = has_promise ? promised.page_checksums : std::vector<page_checksum>{};
-    if (const u32 error = base_.copy_to(image, size, excused)) return error;
-    if (const u32 error = apply_behind(place, end.number, image, size)) return error;
+    done.size = base_.record().pages * page_size;
+    if (const u32 error = make_room(done.size)) return error;
+    const auto excused = done.has_promise ? done.promised.page_checksums : std::vector<page_checksum>{};
+    if (const u32 error = base_.copy_to(memory, done.size, excused)) return error;
+    if (const u32 error = apply_behind(place, end.number, make_room, memory, done.size)) return error;
     for (const page_checksum& each : excused)
-        if (each.page >= size / page_size ||
-            checksum_of(image + each.page * page_size, page_size) != each.checksum)
+        if (each.page >= done.size / page_size ||
+            checksum_of(memory + each.page * page_size, page_size) != each.checksum)
             return fail(EIO, "database %s: page %" PRIu64 " of %s is damaged; restore the database from a backup",
                         directory_.path().c_str(), each.page, base_.path().c_str());
     const u32 other = (end.file + 1) % journal_files;
-    if (journal_.begins_behind(other, place.number, place.previous)) {
+    if (!journal_.begins_behind(other, place.number, place.previous)) return 0;
+    place = journal_.start_of(other);
+    return apply_behind(place, ~u64{0}, make_room, memory, done.size);
+}
+
+u32 store::replay(std::byte* image, journal_place& place) {
+    putting_together done;
+    const auto make_room = [&](u64 end) -> u32 {
+        const int error = posix_fallocate(image_, 0, static_cast<off_t>(end));
+        if (!error) return 0;
+        return fail(static_cast<u32>(error), "database %s: no room on the disk for its image of %" PRIu64 " bytes",
+                    directory_.path().c_str(), end);
+    };
+    if (const u32 error = put_together(image, make_room, done)) return error;
+    place = done.place;
+    report_.commits_replayed = place.number - base_.record().number;
+    const journal_place& end = done.end_of_first_file;
+    return done.has_promise ? base_.absorb(journal_, end.file, end.number, end.number) : 0;
+}
+
+u32 store::read_committed(std::byte* memory, u64& size, journal_place& place) {
+    const std::lock_guard guard(truncation_mutex_);
+    if (!lock_byte_for_reading(lock_file_, lock_byte::truncating, true))
+        return fail(static_cast<u32>(errno), "database %s: its base cannot be locked: %s",
+                    directory_.path().c_str(), words_of(errno).c_str());
+    putting_together done;
+    u32 error = base_.refresh();
+    if (!error)
+        error = put_together(
+            memory, [](u64) { return u32{0}; }, done);
+    unlock_byte(lock_file_, lock_byte::truncating);
+    size = done.size;
+    place = done.place;
+    return error;
+}
+
+u32 store::read_on(std::byte* memory, u64& size, journal_place& place) const {
+    const auto has_room = [](u64) { return u32{0}; };
+    for (;;) {
+        if (const u32 error = apply_behind(place, ~u64{0}, has_room, memory, size)) return error;
+        const u32 other = (place.file + 1) % journal_files;
+        if (!journal_.begins_behind(other, place.number, place.previous)) return 0;
         place = journal_.start_of(other);
-        if (const u32 error = apply_behind(place, ~u64{0}, image, size)) return error;
     }
-    return has_promise ? base_.absorb(journal_, end.file, end.number, end.number) : 0;
 }
 
 /// Where the journal ends, nothing may follow that was promised to last.
