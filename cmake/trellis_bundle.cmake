@@ -19,7 +19,8 @@ set(TRELLIS_BUNDLE_TEMPLATES "${CMAKE_CURRENT_LIST_DIR}")
 
 # Sources and headers of a bundle below `out`, as trellisc writes them.
 function(trellis_bundle_files sources headers out name units)
-  set(all frame.cpp type_information.cpp registry.cpp counters.S function_records.S trace_store.S manifest.S)
+  set(all frame.cpp type_information.cpp registry.cpp counters.S function_records.S trace_store.S manifest.S
+    type_description.S)
   math(EXPR last "${units} - 1")
   foreach(unit RANGE ${last})
     if(unit LESS 10)

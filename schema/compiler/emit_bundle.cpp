@@ -118,6 +118,7 @@ void compose_bundle(const bundle& source, output_tree& tree, unsigned units) {
         emit_unit(run, unit, parts[unit]);
     emit_umbrella(run, types);
     emit_revision(run);
+    emit_type_description(run); // says nothing that the headers do not: users need not be built again for it
 }
 
 void emit_bundle(const bundle& source, const std::filesystem::path& out, unsigned units) {

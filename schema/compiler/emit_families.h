@@ -30,5 +30,7 @@ void emit_registry(emission& run);
 void emit_trace_store(emission& run);
 /// `src/manifest.S`: the list of all types with their hashes.
 void emit_manifest(emission& run);
+/// `src/type_description.S`: what objects of all types look like.
+void emit_type_description(emission& run);
 
 } // namespace trellis::schema
