@@ -79,7 +79,7 @@ struct named_root {
 };
 
 inline constexpr char arena_magic[8] = {'L', 'O', 'O', 'M', 'A', 'R', 'N', 'A'};
-inline constexpr u32 arena_version = 3;
+inline constexpr u32 arena_version = 4;
 
 /// The first bytes of every arena, and of every database file.
 struct arena_header {

@@ -6,6 +6,7 @@
 
 #include <loom/database.h>
 #include <loom/oid.h>
+#include <loom/type_description.h>
 
 #include <cstring>
 
@@ -18,11 +19,12 @@ inline u64 hash_of_bytes(const u8* bytes) {
 }
 inline u64 hash_of_address(const void* address) { return reinterpret_cast<std::uintptr_t>(address) >> 3; }
 
-/// A manifested type-information record under its luid text.
+/// A manifested type-information record under its luid text, and what its objects look like.
 struct type_node {
     type_node* next;
     loom_type_info* info;
     char luid_text[33];
+    const loom_type_description* description; ///< null when the bundle has none
 
     static u64 hash(const type_node& node) { return hash_of_text(node.luid_text); }
     /// The text is the hexadecimal form of a digest: its first characters are as good as any hash.

@@ -129,6 +129,13 @@ void* find_symbol_of_module(const char* module, const char* symbol) {
     dlclose(object); // the node keeps the object where it is
     return address;
 }
+
+std::string path_of_module(const std::string& module) {
+    const loom_module_node* node = find_module(module.c_str());
+    const link_map* map = node ? map_of_address(node) : nullptr;
+    if (!map) return {};
+    return *map->l_name ? map->l_name : "/proc/self/exe";
+}
 } // namespace loom
 
 using namespace loom;

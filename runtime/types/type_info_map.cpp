@@ -7,6 +7,7 @@
 
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
+#include "runtime/types/type_description.h"
 
 #include <cstring>
 #include <optional>
@@ -15,12 +16,16 @@ namespace loom {
 namespace {
 open_handle& of(void* context) { return *static_cast<open_handle*>(context); }
 
-loom_type_info* find_in(const database& space, const char* luid_text) {
+type_node* find_node(const database& space, const char* luid_text) {
     const database_root* root = space.root();
     if (!root) return nullptr;
-    const type_node* node = root->types.find(type_node::hash_of_text(luid_text), [&](const type_node& each) {
+    return root->types.find(type_node::hash_of_text(luid_text), [&](const type_node& each) {
         return std::memcmp(each.luid_text, luid_text, 32) == 0;
     });
+}
+
+loom_type_info* find_in(const database& space, const char* luid_text) {
+    const type_node* node = find_node(space, luid_text);
     return node ? node->info : nullptr;
 }
 
@@ -65,6 +70,23 @@ void leave_counters_out(database& space, const loom_variant_entry* entries, i8 c
 void copy_entry(loom_variant_entry& to, const loom_variant_entry& from) {
     to = from;
     to.objects_created = to.objects_destroyed = to.reserved_counter = 0;
+}
+
+/// The database's own copy of what the bundle says about the type; null when it says nothing, or without memory.
+const loom_type_description* copy_description(database& space, const loom_type_info& info) {
+    const loom_type_description* found = find_description(info);
+    void* copy = found ? space.memory.allocate(found->size) : nullptr;
+    return copy ? static_cast<const loom_type_description*>(std::memcpy(copy, found, found->size)) : nullptr;
+}
+
+/// What is known of a type's newer variants takes the place of what was known before.
+void renew_description(database& space, const loom_type_info& info) {
+    type_node* node = find_node(space, info.luid_text);
+    const loom_type_description* made = node ? copy_description(space, info) : nullptr;
+    if (!made) return;
+    const loom_type_description* old = node->description;
+    space.memory.assign(node->description, made);
+    if (old) space.memory.release(const_cast<loom_type_description*>(old));
 }
 
 /// Gives a record that was copied from the static one variant data of its own.
@@ -120,7 +142,10 @@ void insert_type_info(void* context, u32, const char* luid_text, void* info) {
     std::memset(static_cast<void*>(node), 0, sizeof *node);
     node->info = static_cast<loom_type_info*>(info);
     std::memcpy(node->luid_text, luid_text, 32);
-    if (!root->types.insert(space.memory, node)) space.memory.release(node);
+    node->description = copy_description(space, *node->info);
+    if (root->types.insert(space.memory, node)) return;
+    if (node->description) space.memory.release(const_cast<loom_type_description*>(node->description));
+    space.memory.release(node);
 }
 
 void* lookup_type_info(void* context, u32, const char* luid_text) {
@@ -164,6 +189,7 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     if (&space == own->db.get() && !scope) return;
     const bool made = older ? add_variants(space, *manifested->variant_table, *source)
                             : make_variant_data(space, *manifested, *source);
+    if (made && older) renew_description(space, *static_tinfo);
     if (!made) loom_store_err(handle, LOOM_ENOMEM);
 }
 
