@@ -128,6 +128,12 @@ inline loom_table* look_up(const call& c, const char* path, u64 id) {
     return nullptr;
 }
 
+/// The trace of a table that comes into no table of contents.
+template <class T>
+inline void say_not_inserted(u32 dynamic) {
+    say<T, says::table_open_internal_toc_insert_failed>(dynamic != 0 ? "dynamic" : "static");
+}
+
 /// A new table object in the caller's domain, zero but for its type and mode.
 template <class T>
 inline loom_table* make_table(const call& c, open_mode mode, u32 dynamic) {
@@ -141,6 +147,13 @@ inline loom_table* make_table(const call& c, open_mode mode, u32 dynamic) {
                                                                 sizeof table->db_word, nullptr);
     table->db_word = 0;
     table->header.loom_tinfo = resident_type_info<typename T::bundle>(c, T::type_info());
+    if (table->header.loom_tinfo == nullptr) {
+        // The database has no room for the type's description. Nobody knows of the table yet.
+        say_not_inserted<T>(dynamic);
+        c.release(table);
+        c.fail(LOOM_ENOMEM);
+        return nullptr;
+    }
     table->open_mode = static_cast<u32>(mode);
     if (dynamic != 0) table->table_flags = static_cast<u8>(table->table_flags | LOOM_TABLE_DYNAMIC);
     return table;
@@ -153,7 +166,7 @@ inline loom_table* register_table(const call& c, loom_table* table, u64 ior, u32
         die<T, says::table_open_internal_no_mapping>();
     loomdb_database_toc_insert(c.handle, c.domain, table, dynamic, c.error);
     if (c.pending()) {
-        say<T, says::table_open_internal_toc_insert_failed>(dynamic != 0 ? "dynamic" : "static");
+        say_not_inserted<T>(dynamic);
         return nullptr;
     }
     const loom_type_info* tinfo = table->header.loom_tinfo;

@@ -30,7 +30,10 @@ LOOM_EXPORT uint32_t arbor_set_key(void* arena, const char* key, void* block) {
     open_handle* handle = of(arena);
     const write_scope scope(*handle);
     if (scope.error()) return 0;
-    if (!handle->db->memory.set_root(key, block)) return 0;
+    if (!handle->db->memory.set_root(key, block)) {
+        loom_store_err(&handle->view, ENOMEM);
+        return 0;
+    }
     handle->db->root_was_set(block);
     return 1;
 }
@@ -65,7 +68,7 @@ LOOM_EXPORT uint32_t loom_arena_verify(loom_handle* handle) {
 }
 
 LOOM_EXPORT void loom_arena_fail_after(loom_handle* handle, uint64_t count) {
-    opened(handle)->failing_after = count;
+    opened(handle)->db->memory.fail_after(count);
 }
 
 LOOM_EXPORT void loom_arena_each_block(loom_handle* handle, loom_block_fn visit, void* context) {

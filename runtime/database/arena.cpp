@@ -245,7 +245,18 @@ block* arena::take(u64 total) {
     return piece;
 }
 
+bool arena::fails_now() {
+    if (!fails_some_day()) return false;
+    if (failing_after_ != 0) {
+        --failing_after_;
+        return false;
+    }
+    explain(ENOMEM, "database %s: allocations fail on demand", header().name);
+    return true;
+}
+
 void* arena::allocate(u64 size) {
+    if (fails_now()) return nullptr;
     const u64 total = size > reserve_ ? 0 : block_total(size);
     block* piece = total && total <= largest_cached_block ? pop_cached(total) : nullptr;
     if (!piece && total) piece = take(total);

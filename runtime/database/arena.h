@@ -79,7 +79,7 @@ struct named_root {
 };
 
 inline constexpr char arena_magic[8] = {'L', 'O', 'O', 'M', 'A', 'R', 'N', 'A'};
-inline constexpr u32 arena_version = 4;
+inline constexpr u32 arena_version = 5;
 
 /// The first bytes of every arena, and of every database file.
 struct arena_header {
@@ -139,6 +139,12 @@ class arena {
     /// listens. Null or false, and nothing done, in every other case.
     void* allocate_cached(u64 size);
     bool release_cached(void* payload);
+    /// Lets the allocation after `count` further ones fail, and all after it; never with the largest number.
+    void fail_after(u64 count) { failing_after_ = count; }
+    /// Whether allocations are counted until one fails.
+    bool fails_some_day() const { return failing_after_ != ~u64{0}; }
+    /// Counts one allocation; true, with a text, when it is to fail.
+    bool fails_now();
     /// Bytes that the block behind `payload` can hold.
     static u64 size_of(const void* payload);
 
@@ -233,6 +239,7 @@ class arena {
     undo_log* log_ = nullptr;
     u32 section_ = 0;
     u32 next_tag_ = 0;
+    u64 failing_after_ = ~u64{0};
     u64 section_top_ = 0;
     std::vector<block*> deferred_;
     std::vector<value_range> reused_; ///< blocks below section_top_ that the open section has taken, all of them

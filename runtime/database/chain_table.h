@@ -22,7 +22,10 @@ struct chain_table {
         return node;
     }
 
-    /// Enters a node; false when there is no memory. The node may be fresh.
+    /// Makes sure that nodes can be entered from now on; false when there is no memory.
+    bool reserve(arena& memory) { return slot_count || grow(memory); }
+
+    /// Enters a node; false when there is no memory, never once a place was reserved. The node may be fresh.
     bool insert(arena& memory, Node* node) {
         if (size >= slot_count && !grow(memory)) return false;
         Node*& slot = slots[place(Hash(*node))];

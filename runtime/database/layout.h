@@ -86,6 +86,12 @@ struct toc_entry {
 };
 using toc_table = chain_table<toc_entry, &toc_entry::next, &toc_entry::hash>;
 
+/// Both entries of one table. One that is in use has an object, or a table.
+struct table_entries {
+    loom_oid_mapping mapping;
+    toc_entry place;
+};
+
 /// The TOC of one domain.
 struct toc {
     loom_toc_root root;
@@ -129,7 +135,7 @@ using tenant_table = chain_table<tenant_node, &tenant_node::next, &tenant_node::
 
 /// What the database layer keeps in loom_table::database.
 struct table_words {
-    u64 marks; ///< table_out_of_toc, table_left_to_caller
+    u64 marks; ///< table_out_of_toc and the others below
     table_cursors* cursors;
     tenant_table* tenants;
     loom_table* gc_next;
@@ -140,6 +146,7 @@ static_assert(sizeof(table_words) == sizeof(loom_table::database));
 inline constexpr u64 table_out_of_toc = 1;
 inline constexpr u64 table_left_to_caller =
     2; ///< its free was put off since references remain; the caller repeats it
+inline constexpr u64 table_not_all_counted = 4; ///< some of its tenants have no count for want of memory
 inline table_words& words_of(loom_table* table) { return *reinterpret_cast<table_words*>(table->database); }
 
 /// What it keeps in loom_table_record::database.
@@ -166,6 +173,7 @@ struct database_root {
     loom_table* gc_first;
     location_table locations;
     u64 shared;
+    table_entries* spare_entries; ///< room put by for the next table
 };
 
 } // namespace loom

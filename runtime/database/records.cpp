@@ -27,8 +27,24 @@ table_cursors* open_cursors(open_handle& handle, loom_table* table) {
     return words.cursors;
 }
 
+loom_table_record* record_of(e_avl_node* node) {
+    return reinterpret_cast<loom_table_record*>(reinterpret_cast<std::byte*>(node) -
+                                                offsetof(loom_table_record, avl_node));
+}
+
 tenant_node* find_count(const tenant_table& counts, u16 tenant, u8 src) {
     return counts.find(tenant, [&](const tenant_node& node) { return node.tenant == tenant && node.src == src; });
+}
+
+/// Records of that tenant and source in the table, found by a walk.
+u32 walked_count(const loom_table* table, u16 tenant, const u8* src) {
+    u32 count = 0;
+    for (e_avl_node* node = e_avl_get_first(table->avl_root); node;
+         node = e_avl_get_next(table->avl_root, node, nullptr)) {
+        const loom_table_record* record = record_of(node);
+        count += record->tenant_id == tenant && (!src || record->src == *src);
+    }
+    return count;
 }
 
 /// The count of that tenant and source, made if needed; null when there is no memory.
@@ -48,11 +64,6 @@ tenant_node* open_count(open_handle& handle, loom_table* table, u16 tenant, u8 s
     if (words.tenants->insert(memory, node)) return node;
     memory.release(node);
     return nullptr;
-}
-
-loom_table_record* record_of(e_avl_node* node) {
-    return reinterpret_cast<loom_table_record*>(reinterpret_cast<std::byte*>(node) -
-                                                offsetof(loom_table_record, avl_node));
 }
 
 u64 hash_of_text(const char* text, std::size_t length) {
@@ -211,34 +222,41 @@ LOOM_EXPORT void loomdb_request_record_destroy(loom_handle* handle, uint32_t dom
 LOOM_EXPORT void loom_set_tenant(uint16_t tenant) { current_tenant = tenant; }
 LOOM_EXPORT void mt_get_tenant_id(uint16_t* id) { *id = current_tenant; }
 
+/// A record is in the tree when it is counted, and out of it when it is no longer: too late to refuse it. So a
+/// table without memory for a count is marked, and what has no count in it is found by a walk.
 LOOM_EXPORT void loomdb_update_tenant_counter(loom_handle* handle, uint32_t, loom_table* table, uint32_t up,
                                               uint16_t tenant, uint8_t src, uint32_t* err) {
     if (*err) return;
     open_handle* own = opened(handle);
     const write_scope scope(*own);
     if (!scope) return set_error(handle, err, scope.error());
-    tenant_node* node = up                        ? open_count(*own, table, tenant, src)
-                        : words_of(table).tenants ? find_count(*words_of(table).tenants, tenant, src)
-                                                  : nullptr;
-    if (!up && (!node || node->count == 0))
+    arena& memory = own->db->memory;
+    table_words& words = words_of(table);
+    const bool marked = words.marks & table_not_all_counted;
+    tenant_node* node = words.tenants ? find_count(*words.tenants, tenant, src) : nullptr;
+    if (!up && !(node && node->count) && !marked)
         return fail(handle, err, LOOM_ENOENT, "tenant %u has no record of source %u in the table", tenant, src);
-    if (!node) return set_error(handle, err, LOOM_ENOMEM);
-    own->db->memory.assign(node->count, up ? node->count + 1 : node->count - 1);
+    if (node) {
+        memory.assign(node->count, up ? node->count + 1 : node->count - 1);
+    } else if (up) {
+        node = open_count(*own, table, tenant, src);
+        if (node)
+            memory.assign(node->count, marked ? walked_count(table, tenant, &src) : 1);
+        else
+            memory.assign(words.marks, words.marks | table_not_all_counted);
+    }
 }
 
 LOOM_EXPORT void loomdb_get_tenant_counter(loom_handle*, uint32_t, loom_table* table, uint32_t* count,
                                            uint16_t tenant, const uint8_t* src) {
     *count = 0;
-    const tenant_table* counts = words_of(table).tenants;
-    if (!counts) return;
-    if (src) {
-        const tenant_node* node = find_count(*counts, tenant, *src);
-        *count = node ? node->count : 0;
-        return;
+    if (words_of(table).marks & table_not_all_counted) {
+        *count = walked_count(table, tenant, src);
+    } else if (const tenant_table* counts = words_of(table).tenants) {
+        counts->each([&](const tenant_node& node) {
+            if (node.tenant == tenant && (!src || node.src == *src)) *count += node.count;
+        });
     }
-    counts->each([&](const tenant_node& node) {
-        if (node.tenant == tenant) *count += node.count;
-    });
 }
 
 // ------------------------------------------------------------------------------------------ stored locations

@@ -5,8 +5,10 @@
 // anybody but the garbage collector waits for the collector, which finds requested ones of other TOCs by their
 // marks.
 #include "runtime/database/gc.h"
+#include "runtime/database/table_entries.h"
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
+#include "runtime/oid/oid.h"
 
 #include <cstring>
 
@@ -45,6 +47,11 @@ toc* open_toc(open_handle& handle, u32 domain, u32* err) {
         return nullptr;
     }
     std::memset(static_cast<void*>(made), 0, sizeof *made);
+    if (!made->tables.reserve(handle.db->memory)) {
+        handle.db->memory.release(made);
+        set_error(&handle.view, err, LOOM_ENOMEM);
+        return nullptr;
+    }
     made->root.flags = root.shared ? LOOM_TOC_SHARED : 0;
     made->domain = domain;
     made->next = root.tocs;
@@ -54,6 +61,13 @@ toc* open_toc(open_handle& handle, u32 domain, u32* err) {
 
 toc_entry* find_entry(const toc& contents, const loom_table* table) {
     return contents.tables.find(hash_of_table(*table), [&](const toc_entry& each) { return each.table == table; });
+}
+
+/// Where the TOC keeps what it knows of the table: beside the table's mapping.
+table_entries* room_for_place(open_handle& handle, loom_table* table) {
+    loom_oid_mapping* mapping = find_by_object(*handle.db->root(), table);
+    table_entries* entries = mapping && mapping->kind == mapped_table ? entries_around(mapping) : nullptr;
+    return entries && !entries->place.table ? entries : take_table_entries(handle);
 }
 
 toc_entry* find_path(const toc& contents, const char* path, u32 length) {
@@ -80,14 +94,19 @@ LOOM_EXPORT loom_table_list* loomlib_database_table_toc_get(loom_handle* handle,
 
 LOOM_EXPORT loom_table_list* loomlib_database_table_toc_create(loom_handle* handle, uint32_t domain,
                                                                uint32_t* err) {
-    if (loom_table_list* list = loomlib_database_table_toc_get(handle, domain, err)) return list;
-    if (*err) return nullptr;
     open_handle* own = opened(handle);
+    loom_table_list* list = loomlib_database_table_toc_get(handle, domain, err);
+    if (*err || (list && own->db->root()->spare_entries)) return list;
     const write_scope scope(*own);
-    auto* list =
-        scope ? static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list))) : nullptr;
-    if (!list) {
+    if (list && !scope) return list; // who reads makes no table
+    if (!scope || !reserve_table_entries(*own)) {
         set_error(handle, err, scope ? u32{LOOM_ENOMEM} : scope.error());
+        return nullptr;
+    }
+    if (list) return list;
+    list = static_cast<loom_table_list*>(own->db->memory.allocate(sizeof(loom_table_list)));
+    if (!list) {
+        set_error(handle, err, LOOM_ENOMEM);
         return nullptr;
     }
     *list = {nullptr, &list->first};
@@ -166,12 +185,11 @@ LOOM_EXPORT void loomdb_database_toc_insert(loom_handle* handle, uint32_t domain
                     "a table \"%s\" of id %llu is there already; find it, or name another", table->table_name,
                     static_cast<unsigned long long>(table->table_id));
     arena& memory = own->db->memory;
-    auto* entry = static_cast<toc_entry*>(memory.allocate(sizeof(toc_entry)));
-    if (entry) *entry = {nullptr, table, hash_of_table(*table), dynamic != 0, 0};
-    if (!entry || !contents->tables.insert(memory, entry)) {
-        if (entry) memory.release(entry);
-        return set_error(handle, err, LOOM_ENOMEM);
-    }
+    table_entries* entries = room_for_place(*own, table);
+    if (!entries) return set_error(handle, err, LOOM_ENOMEM);
+    memory.announce_or_end(&entries->place, sizeof entries->place);
+    entries->place = {nullptr, table, hash_of_table(*table), dynamic != 0, 0};
+    contents->tables.insert(memory, &entries->place);
     memory.assign(words_of(table).domain, domain);
     memory.assign(words_of(table).marks, words_of(table).marks & ~(table_out_of_toc | table_left_to_caller));
 }
@@ -191,7 +209,8 @@ LOOM_EXPORT void loomdb_database_toc_delete(loom_handle* handle, uint32_t domain
     arena& memory = own->db->memory;
     if (entry) {
         contents->tables.remove(memory, entry);
-        memory.release(entry);
+        memory.assign(entry->table, nullptr);
+        leave_table_entries(*own, entries_around(entry));
     }
     memory.assign(words.marks, (words.marks | table_out_of_toc) & ~table_left_to_caller);
     if (contents && (contents->root.flags & LOOM_TOC_SHARED) && !handle->gc_context) put_on_gc_list(*own, table);

@@ -225,15 +225,9 @@ u32 open_handle::end_read() {
 
 void* open_handle::allocate(u64 size) {
     const u32 tag = std::exchange(call_site_tag, 0);
-    if (failing_after != ~u64{0}) {
-        if (failing_after == 0) {
-            explain(ENOMEM, "database %s: allocations fail on demand", db_name.c_str());
-            return nullptr;
-        }
-        --failing_after;
-    }
     ++allocations;
-    if (db->mapped && section == section_kind::read) return scratch_space().memory.allocate(size);
+    if (db->mapped && section == section_kind::read)
+        return db->memory.fails_now() ? nullptr : scratch_space().memory.allocate(size);
     const bool outside = db->mapped && section == section_kind::none;
     write_scope scope(*this, section_purpose::allocation);
     if (scope.error()) return nullptr;

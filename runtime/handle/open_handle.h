@@ -75,7 +75,6 @@ struct open_handle {
     std::shared_ptr<database> scratch;
     std::vector<void*> frees_put_off;
     u64 allocations = 0;
-    u64 failing_after = ~u64{0};
 
     std::vector<std::byte> workspace;
     u32 workspace_size = 0;
@@ -84,6 +83,7 @@ struct open_handle {
     std::array<variant_cache_entry, 256> variants{};
     std::array<manifest_cache_entry, 256> manifests{};
     u64 manifests_rollbacks = 0;
+    std::vector<loom_type_info*> unentered_types; ///< made by an initialiser, without room in the map
 
     loom_report_fn observer = nullptr;
     void* observer_context = nullptr;
@@ -127,7 +127,7 @@ struct open_handle {
     /// The memory is this process's own: no section, no lock is in question.
     bool releases_at_once() const { return !db->mapped; }
     /// Besides, no allocation is to fail on demand.
-    bool allocates_at_once() const { return !db->mapped && failing_after == ~u64{0}; }
+    bool allocates_at_once() const { return !db->mapped && !db->memory.fails_some_day(); }
     /// The memory that `address` lies in: the database's, or that of this process.
     database& space_of(const void* address) {
         return !db->mapped || db->memory.contains(address) ? *db : scratch_space();

@@ -5,6 +5,14 @@
 
 namespace loom {
 
+/// The kind of mappings of tables.
+inline constexpr u32 mapped_table = 2;
+
+inline loom_oid_mapping* find_by_object(const database_root& root, const void* object) {
+    return root.oids_by_object.find(hash_of_address(object),
+                                    [&](const loom_oid_mapping& each) { return each.object == object; });
+}
+
 /// Top bit of an oid's object word: the value holds a counted reference.
 inline constexpr u64 oid_counted = u64{1} << 63;
 

@@ -9,6 +9,7 @@
 #include "runtime/oid/oid.h"
 
 #include "runtime/database/gc.h"
+#include "runtime/database/table_entries.h"
 #include "runtime/export.h"
 #include "runtime/handle/open_handle.h"
 #include "runtime/registry/bundle.h"
@@ -20,17 +21,11 @@
 
 namespace loom {
 namespace {
-constexpr u32 kind_table = 2;
-
 database_root& root_of(loom_handle* handle) { return *opened(handle)->db->root(); }
 
 loom_oid_mapping* find_by_reference(const database_root& root, u64 reference) {
     return root.oids_by_reference.find(reference,
                                        [&](const loom_oid_mapping& each) { return each.reference == reference; });
-}
-loom_oid_mapping* find_by_object(const database_root& root, const void* object) {
-    return root.oids_by_object.find(hash_of_address(object),
-                                    [&](const loom_oid_mapping& each) { return each.object == object; });
 }
 
 void write_id(const database& db, u64 reference, u8* id) {
@@ -61,15 +56,31 @@ u64 free_reference(arena& memory, database_root& root, u64 wanted) {
 }
 
 void mark_mapped(loom_handle* handle, u32 domain, void* object, u32 kind) {
-    if (kind == kind_table) return; // a table's flags byte stays zero
+    if (kind == mapped_table) return; // a table's flags byte stays zero
     auto* instance = static_cast<loom_object*>(object);
     handle->write_hook(handle, &instance->loom_flags, 1, domain, nullptr);
     instance->loom_flags |= OBJ_OID_MAPPED;
 }
 
+/// Room for a mapping of that kind, zero; null when there is no memory.
+loom_oid_mapping* room_for_mapping(open_handle& handle, u32 kind) {
+    if (kind == mapped_table) {
+        table_entries* entries = take_table_entries(handle);
+        return entries ? &entries->mapping : nullptr;
+    }
+    void* block = handle.db->memory.allocate(sizeof(loom_oid_mapping));
+    return block ? static_cast<loom_oid_mapping*>(std::memset(block, 0, sizeof(loom_oid_mapping))) : nullptr;
+}
+
+void give_up_room(open_handle& handle, loom_oid_mapping* mapping) {
+    if (mapping->kind != mapped_table) return handle.db->memory.release(mapping);
+    handle.db->memory.assign(mapping->object, nullptr);
+    leave_table_entries(handle, entries_around(mapping));
+}
+
 void remove(open_handle& handle, loom_oid_mapping* mapping) {
     arena& memory = handle.db->memory;
-    if (mapping->kind == kind_table) drop_table_storage(handle, static_cast<loom_table*>(mapping->object));
+    if (mapping->kind == mapped_table) drop_table_storage(handle, static_cast<loom_table*>(mapping->object));
     database_root& root = *handle.db->root();
     if (mapping->destroy_pending)
         for (loom_oid_mapping** link = &root.pending_objects; *link; link = &(*link)->next_pending)
@@ -79,14 +90,14 @@ void remove(open_handle& handle, loom_oid_mapping* mapping) {
             }
     root.oids_by_reference.remove(memory, mapping);
     root.oids_by_object.remove(memory, mapping);
-    memory.release(mapping);
+    give_up_room(handle, mapping);
 }
 
 /// The last reference has gone. Objects whose end was put off end now, and so do tables that wait for the
 /// collector (while it runs, by itself); nobody may know how yet, and the collector then tries again. A table that
 /// does not wait for it stays until its caller repeats the free.
 void end_unreferenced(open_handle& handle, loom_oid_mapping* mapping) {
-    if (mapping->kind != kind_table) {
+    if (mapping->kind != mapped_table) {
         if (mapping->destroy_pending) destroy_put_off(&handle.view, mapping);
         return;
     }
@@ -149,28 +160,22 @@ LOOM_EXPORT uint64_t loom_oid_mapping_create(loom_handle* handle, uint32_t domai
     database_root& root = *own->db->root();
     if (find_by_object(root, object))
         return fail(handle, err, LOOM_EEXIST, "the object at %p has an oid already", object), 0;
+    if (!root.oids_by_reference.reserve(memory) || !root.oids_by_object.reserve(memory))
+        return set_error(handle, err, LOOM_ENOMEM), 0;
     const u64 reference = free_reference(memory, root, ior);
     if (!reference)
         return fail(handle, err, LOOM_EEXIST, "reference %llu is taken; ask for another, or for 0",
                     static_cast<unsigned long long>(ior)),
                0;
-    auto* mapping = static_cast<loom_oid_mapping*>(memory.allocate(sizeof(loom_oid_mapping)));
+    loom_oid_mapping* mapping = room_for_mapping(*own, kind);
     if (!mapping) return set_error(handle, err, LOOM_ENOMEM), 0;
-    *mapping = {};
     mapping->object = object;
     mapping->reference = reference;
     mapping->kind = kind;
     mapping->domain = domain;
     mapping->dynamic = dynamic != 0;
-    if (!root.oids_by_reference.insert(memory, mapping)) {
-        memory.release(mapping);
-        return set_error(handle, err, LOOM_ENOMEM), 0;
-    }
-    if (!root.oids_by_object.insert(memory, mapping)) {
-        root.oids_by_reference.remove(memory, mapping);
-        memory.release(mapping);
-        return set_error(handle, err, LOOM_ENOMEM), 0;
-    }
+    root.oids_by_reference.insert(memory, mapping);
+    root.oids_by_object.insert(memory, mapping);
     mark_mapped(handle, domain, object, kind);
     return reference;
 }
@@ -223,7 +228,7 @@ LOOM_EXPORT uint32_t loom_request_oid_mapping_destroy(loom_handle* handle, uint3
         remove(*own, mapping);
         return 1;
     }
-    if (mapping->kind == kind_table) {
+    if (mapping->kind == mapped_table) {
         if (!handle->gc_context) leave_to_caller(*own, static_cast<loom_table*>(object));
     } else if (!mapping->destroy_pending) {
         arena& memory = own->db->memory;

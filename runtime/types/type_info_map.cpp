@@ -39,6 +39,19 @@ loom_type_info* cached(open_handle& handle, const loom_type_info& info, manifest
     return entry->info == &info && entry->luid_half == hash_of_bytes(info.luid) ? entry->manifested : nullptr;
 }
 
+/// Records that the map had no room for. The initialiser that made them goes on with them for a step.
+void release_unentered(open_handle& handle) {
+    for (loom_type_info* info : handle.unentered_types)
+        handle.space_of(info).memory.release(info);
+    handle.unentered_types.clear();
+}
+
+/// Whether the database has of the type what a bundle may use: its record alone, without the variants, is what a
+/// lack of memory has left, and the initialiser completes it.
+bool is_whole(const loom_type_info* found, const loom_type_info& source) {
+    return found && (found->variant_table || !source.variant_table);
+}
+
 /// Runs a bundle's initialiser. Two processes may find a record missing at the same time: whoever comes second
 /// looks once more under the write lock.
 template <class Lookup>
@@ -51,6 +64,7 @@ loom_type_info* manifest(loom_handle* handle, u32 domain, open_handle* own, loom
     }
     u32 err = 0;
     initialize(handle, domain, &err);
+    if (own) release_unentered(*own);
     return lookup();
 }
 
@@ -77,6 +91,18 @@ const loom_type_description* copy_description(database& space, const loom_type_i
     const loom_type_description* found = find_description(info);
     void* copy = found ? space.memory.allocate(found->size) : nullptr;
     return copy ? static_cast<const loom_type_description*>(std::memcpy(copy, found, found->size)) : nullptr;
+}
+
+/// A node without name, with the description of the type if there is one; null without memory.
+type_node* new_node(database& space, loom_type_info& info) {
+    void* block = space.memory.allocate(sizeof(type_node));
+    if (!block) return nullptr;
+    auto* node = static_cast<type_node*>(std::memset(block, 0, sizeof(type_node)));
+    node->info = &info;
+    node->description = copy_description(space, info);
+    if (node->description || !find_description(info)) return node;
+    space.memory.release(node);
+    return nullptr;
 }
 
 /// What is known of a type's newer variants takes the place of what was known before.
@@ -133,19 +159,19 @@ bool add_variants(database& space, loom_variant_table& table, const loom_variant
 
 void insert_type_info(void* context, u32, const char* luid_text, void* info) {
     open_handle& handle = of(context);
+    auto* of_type = static_cast<loom_type_info*>(info);
     database& space = handle.space_of(info);
     const write_scope scope(handle);
     if (&space == handle.db.get() && !scope) return;
     database_root* root = space.make_root();
-    auto* node = root ? static_cast<type_node*>(space.memory.allocate(sizeof(type_node))) : nullptr;
-    if (!node) return;
-    std::memset(static_cast<void*>(node), 0, sizeof *node);
-    node->info = static_cast<loom_type_info*>(info);
+    type_node* node = root && root->types.reserve(space.memory) ? new_node(space, *of_type) : nullptr;
+    if (!node) {
+        handle.unentered_types.push_back(of_type);
+        loom_store_err(&handle.view, LOOM_ENOMEM);
+        return;
+    }
     std::memcpy(node->luid_text, luid_text, 32);
-    node->description = copy_description(space, *node->info);
-    if (root->types.insert(space.memory, node)) return;
-    if (node->description) space.memory.release(const_cast<loom_type_description*>(node->description));
-    space.memory.release(node);
+    root->types.insert(space.memory, node);
 }
 
 void* lookup_type_info(void* context, u32, const char* luid_text) {
@@ -166,8 +192,9 @@ LOOM_EXPORT loom_type_info* loom_type_info_ptr_get(loom_handle* handle, uint32_t
     if (own)
         if (loom_type_info* known = cached(*own, *static_tinfo, entry)) return known;
     const auto lookup = [&] {
-        return static_cast<loom_type_info*>(
-            handle->tinfo_lookup(handle->tinfo_ctx, domain, static_tinfo->luid_text));
+        auto* found =
+            static_cast<loom_type_info*>(handle->tinfo_lookup(handle->tinfo_ctx, domain, static_tinfo->luid_text));
+        return is_whole(found, *static_tinfo) ? found : nullptr;
     };
     loom_type_info* found = lookup();
     if (!found && initialize) found = manifest(handle, domain, own, initialize, lookup);
@@ -181,6 +208,7 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     const loom_variant_table* source = static_tinfo->variant_table;
     if (!source || !manifested) return;
     open_handle* own = opened(handle);
+    if (std::erase(own->unentered_types, manifested)) return own->space_of(manifested).memory.release(manifested);
     const bool older =
         !created && manifested->variant_table && manifested->variant_table->n_variants < source->n_variants;
     if (!created && manifested->variant_table && !older) return;

@@ -31,7 +31,8 @@ void loom_arena_usage_get(loom_handle* handle, loom_arena_usage* usage);
  *  sound; otherwise 22 and a text (loom_error_text) that names the first fault and its offset. */
 uint32_t loom_arena_verify(loom_handle* handle);
 
-/** Lets the allocation after `count` further ones fail, and all after it until called with UINT64_MAX. */
+/** Lets the allocation after `count` further ones in the handle's database fail, and all after it until called with
+ *  UINT64_MAX. Counted are those of handles on it in this process and those of the runtime's own structures. */
 void loom_arena_fail_after(loom_handle* handle, uint64_t count);
 
 /** Visits the blocks in use, in order of address. `tag` is the call-site tag of the allocation, known only for
