@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 namespace loom {
 namespace {
@@ -33,6 +34,15 @@ bool is_allowed(const message_bundle& bundle, const u8* luid) {
            std::find(bundle.allowed.begin(), bundle.allowed.end(), key_of(luid)) != bundle.allowed.end();
 }
 
+/// Runs a step that needs memory of the process; 0, or 12 with a text.
+template <class Step>
+u32 with_memory(Step step) try {
+    step();
+    return 0;
+} catch (const std::bad_alloc&) {
+    return explain(ENOMEM, "the process has no memory for message bundles; close what is not needed");
+}
+
 u32 start_recording(std::FILE* stream, bool owned) {
     const std::lock_guard guard(recorder_mutex);
     if (recording) {
@@ -52,10 +62,13 @@ using namespace loom;
 LOOM_EXPORT uint32_t loom_message_bundle_open(loom_handle* handle, const char* name) {
     open_handle* own = opened(handle);
     if (own->messages) return fail(EEXIST, "message bundle \"%s\" is open already", own->messages->name.c_str());
-    own->messages = std::make_unique<message_bundle>();
-    own->messages->name = name ? name : "";
-    handle->bundle_active = 1;
-    return done();
+    const u32 error = with_memory([&] {
+        auto made = std::make_unique<message_bundle>();
+        made->name = name ? name : "";
+        own->messages = std::move(made);
+        handle->bundle_active = 1;
+    });
+    return done(error);
 }
 
 LOOM_EXPORT uint32_t loom_message_bundle_close(loom_handle* handle) {
@@ -69,8 +82,7 @@ LOOM_EXPORT uint32_t loom_message_bundle_close(loom_handle* handle) {
 LOOM_EXPORT uint32_t loom_message_bundle_allow(loom_handle* handle, const uint8_t luid[16]) {
     message_bundle* bundle = opened(handle)->messages.get();
     if (!bundle) return fail(ENOENT, "no message bundle is open");
-    bundle->allowed.push_back(key_of(luid));
-    return done();
+    return done(with_memory([&] { bundle->allowed.push_back(key_of(luid)); }));
 }
 
 LOOM_EXPORT uint32_t loom_message_bundle_limit(loom_handle* handle, uint64_t most) {
@@ -106,7 +118,9 @@ LOOM_EXPORT void bundle_message_validate_add(loom_handle* handle, uint32_t, cons
     if (bundle->most && bundle->total >= bundle->most)
         return fail(handle, err, LOOM_ENOSPC, "message bundle \"%s\" is full: it takes %llu messages",
                     bundle->name.c_str(), static_cast<unsigned long long>(bundle->most));
-    if (!find_message(*bundle, luid)) bundle->messages.push_back({key_of(luid), name ? name : "", 0});
+    if (find_message(*bundle, luid)) return;
+    if (const u32 error = with_memory([&] { bundle->messages.push_back({key_of(luid), name ? name : "", 0}); }))
+        set_error(handle, err, error);
 }
 
 LOOM_EXPORT void bundle_message_increment_count(loom_handle* handle, const uint8_t* luid, uint32_t* err) {
