@@ -29,7 +29,8 @@ u32 bin_of(u64 size) {
 }
 
 u64 head_of(const block* piece) { return raw_load(&piece->head); }
-u64 size_in(u64 head) { return head & ~block_flags; }
+u64 size_in(u64 head) { return head & block_size_mask; }
+u64 without_owner(u64 head) { return head & (block_size_mask | block_flags); }
 block* next_of(const block* piece) { return raw_load(&piece->next); }
 /// The size that a free block repeats at its end.
 u64* footer_of(block* piece, u64 size) {
@@ -208,7 +209,7 @@ void arena::push_cached(block* piece, u64 total) {
     block*& list = h.cached[total / 16];
     if (debug_) debug_->released(offset_of(piece) + head_size, total - head_size);
     announce_or_end(piece, 2 * sizeof(u64));
-    raw_store(&piece->head, head_of(piece) | block_cached);
+    raw_store(&piece->head, without_owner(head_of(piece)) | block_cached);
     raw_store(&piece->next, list);
     assign(list, piece);
     count_cached(1, static_cast<i64>(total));
@@ -300,6 +301,16 @@ void arena::release(void* payload) {
         push_cached(piece, size);
     else
         merge(piece, size);
+}
+
+void arena::set_owner(void* payload, u32 owner) {
+    block* piece = block_of(payload);
+    announce_or_end(piece, sizeof piece->head);
+    raw_store(&piece->head, without_owner(head_of(piece)) | u64{owner} << block_owner_shift);
+}
+
+u32 arena::owner_of(const void* payload) {
+    return static_cast<u32>(head_of(block_of(payload)) >> block_owner_shift);
 }
 
 u64 arena::size_of(const void* payload) { return size_in(head_of(block_of(payload))) - head_size; }
@@ -478,7 +489,7 @@ bool arena::set_root(const char* name, void* block) {
 void arena::each_block(const std::function<void(void*, u64)>& visit) const {
     for (u64 offset = first_block; offset < header().top;) {
         const u64 head = head_of(at(offset));
-        if (size_in(head) < smallest_block) return;
+        if (size_in(head) < smallest_block || size_in(head) > header().top - offset) return;
         if ((head & block_in_use) && !(head & (block_cached | block_deferred)))
             visit(payload_of(at(offset)), size_in(head) - head_size);
         offset += size_in(head);
@@ -493,6 +504,8 @@ void arena::each_unkept_range(const std::function<void(const value_range&)>& vis
             visit({offset + offsetof(block, previous), size - offsetof(block, previous)});
         else if (!(head & block_in_use) && size > sizeof(block) + sizeof(u64))
             visit({offset + sizeof(block), size - sizeof(block) - sizeof(u64)});
+        else if (head >> block_owner_shift)
+            visit({offset + head_size, size - head_size});
         offset += size;
     }
 }

@@ -50,6 +50,9 @@ inline constexpr u64 block_previous_in_use = 2;
 inline constexpr u64 block_cached = 4;
 inline constexpr u64 block_deferred = 8;
 inline constexpr u64 block_flags = 15;
+/// The upper 16 bits of a head: to whom the block belongs that was made outside of sections (nursery.h); 0: to all.
+inline constexpr u32 block_owner_shift = 48;
+inline constexpr u64 block_size_mask = (u64{1} << block_owner_shift) - 1 - block_flags;
 
 inline constexpr u64 block_head_size = 8;
 inline constexpr u64 smallest_block = 32;
@@ -179,6 +182,10 @@ class arena {
     void refresh_poison();
     bool in_section() const { return log_ != nullptr; }
 
+    /// Says in its head to whom a block belongs.
+    void set_owner(void* payload, u32 owner);
+    static u32 owner_of(const void* payload);
+
     void set_debug(debug_arena* debug);
     void set_next_tag(u32 tag) { next_tag_ = tag; }
 
@@ -188,7 +195,7 @@ class arena {
 
     /// Visits all blocks in use by payload and size, in order.
     void each_block(const std::function<void(void*, u64)>& visit) const;
-    /// Visits, in order, the bytes that no commit keeps: the insides of free blocks.
+    /// Visits, in order, the bytes that no commit keeps: the insides of free blocks, and of those with an owner.
     void each_unkept_range(const std::function<void(const value_range&)>& visit) const;
     /// The block in use around `offset`, if any: payload and size.
     std::pair<const void*, u64> block_around(u64 offset) const;

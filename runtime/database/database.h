@@ -30,6 +30,8 @@ class section_lock {
     bool take_write() { return take(lock_byte_for_writing); }
     bool take_read() { return take(lock_byte_for_reading); }
     void give_up() { unlock_byte(file_, lock_byte::section); }
+    /// The open file description that the locks belong to.
+    int file() const { return file_; }
 
   private:
     bool take(bool (*lock)(int, lock_byte, bool));

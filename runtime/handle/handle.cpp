@@ -86,6 +86,23 @@ void make_workspace(open_handle& handle) try {
     loom_store_err(&handle.view, ENOMEM);
 }
 
+/// A database without a root gets one.
+u32 make_first_root(open_handle& handle) {
+    if (const u32 error = handle.begin_write()) return error;
+    const bool made = handle.db->make_root() != nullptr;
+    const u32 error = handle.end_write(made);
+    return made ? error : fail(ENOMEM, "database %s: no room on the disk", handle.db->path.c_str());
+}
+
+/// Gives back what dead processes have made and not handed over. What cannot be swept now is when the next one
+/// comes.
+void sweep_the_dead(open_handle& handle) {
+    const dead_owners dead(*handle.db->files, handle.lock.file());
+    if (!dead.any() || handle.begin_write(section_purpose::upkeep) != 0) return;
+    sweep(handle.db->memory, dead);
+    if (handle.end_write(true, section_purpose::upkeep) == 0) dead.forget();
+}
+
 /// Locks for a mapped database, and its root.
 u32 prepare_mapped(open_handle& handle) {
     database& db = *handle.db;
@@ -95,11 +112,10 @@ u32 prepare_mapped(open_handle& handle) {
     if (const u32 error = handle.begin_read()) return error;
     const bool has_root = db.root() != nullptr;
     handle.end_read();
-    if (has_root) return 0;
-    if (const u32 error = handle.begin_write()) return error;
-    const bool made = db.make_root() != nullptr;
-    const u32 error = handle.end_write(made);
-    return made ? error : fail(ENOMEM, "database %s: no room on the disk", db.path.c_str());
+    if (!has_root)
+        if (const u32 error = make_first_root(handle)) return error;
+    sweep_the_dead(handle);
+    return 0;
 }
 } // namespace
 
@@ -144,6 +160,7 @@ u32 open_handle::end_write(bool commit, section_purpose purpose) {
         db->abort_section();
     } else {
         const bool with_others = purpose != section_purpose::allocation;
+        if (with_others) disown_blocks();
         error = db->commit_section(purpose, with_others ? changed_outside() : std::vector<value_range>{});
         if (!error && with_others) {
             blocks_outside.clear();
@@ -172,6 +189,15 @@ void open_handle::remember_store(const void* address, u64 size) {
     constexpr std::size_t most = 4096;
     if (stores_outside.size() == most) merge_ranges(stores_outside);
     stores_outside.push_back({offset, size});
+}
+
+/// With the commit that tells their contents blocks belong to nobody any more.
+void open_handle::disown_blocks() {
+    for (const auto& [offset, size] : blocks_outside) {
+        void* const block = db->memory.base() + offset;
+        // Somebody else may have given it back meanwhile.
+        if (owner.number() && arena::owner_of(block) == owner.number()) db->memory.set_owner(block, 0);
+    }
 }
 
 std::vector<value_range> open_handle::changed_outside() const {
@@ -234,6 +260,7 @@ void* open_handle::allocate(u64 size) {
     db->memory.set_next_tag(tag);
     void* block = db->memory.allocate(size);
     if (!outside || !block) return block;
+    db->memory.set_owner(block, owner.take(*db->files, lock.file()));
     if (scope.end() != 0) return nullptr;
     blocks_outside[db->memory.offset_of(block)] = arena::size_of(block);
     return block;
@@ -331,6 +358,7 @@ LOOM_EXPORT void loom_close(loom_handle* handle) {
     if (own->db->mapped && !(own->blocks_outside.empty() && own->stores_outside.empty()) &&
         own->begin_write() == 0)
         own->end_write(true);
+    if (own->db->mapped && own->blocks_outside.empty()) own->owner.give_up(*own->db->files);
     loom_set_peer(handle, nullptr);
     if (own->shared()) --shared_handles;
     database::release(own->db);

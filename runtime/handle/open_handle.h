@@ -4,6 +4,7 @@
 
 #include "runtime/database/database.h"
 #include "runtime/database/error_text.h"
+#include "runtime/database/nursery.h"
 
 #include <loom_runtime/arena.h>
 #include <loom_runtime/runtime.h>
@@ -69,6 +70,7 @@ struct open_handle {
     /// What was stored in the database outside of sections since the last commit of this handle: blocks that it
     /// has made, by offset, and stores elsewhere. They are told to the journal with the next commit.
     std::map<u64, u64> blocks_outside;
+    block_owner owner; ///< of these blocks
     std::vector<value_range> stores_outside;
 
     /// Memory of this process for objects that are made while the database may not be changed.
@@ -113,6 +115,7 @@ struct open_handle {
     bool is_followed() const { return db->mapped ? section != section_kind::read : db->memory.listened(); }
     /// Bytes outside of a section change, of an object that nobody else can reach yet.
     void remember_store(const void* address, u64 size);
+    void disown_blocks();
     /// All that changed outside of sections.
     std::vector<value_range> changed_outside() const;
     /// Lets the view say whether stores and counters must be announced; a hook that is not ours stays.

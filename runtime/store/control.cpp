@@ -11,7 +11,7 @@
 namespace loom {
 namespace {
 constexpr char magic[8] = {'L', 'O', 'O', 'M', 'C', 'T', 'R', 'L'};
-constexpr u32 control_version = 1;
+constexpr u32 control_version = 2;
 constexpr u64 page_bytes = 4096;
 constexpr char control_name[] = "control";
 
@@ -85,6 +85,9 @@ void control::trust(const u8 (&incarnation)[16], const image_identity& image, u6
     publish(place); // whatever the other place has held is gone
     page_->open_section = 0;
     page_->failed = 0;
+    for (std::atomic<u64>& word : page_->owners.taken)
+        word = 0;
+    page_->owners.unswept = 1;
     page_->checksum = checksum_of_trust(*page_);
 }
 

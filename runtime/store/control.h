@@ -16,6 +16,17 @@ struct published_place {
     std::atomic<u64> check;
 };
 
+/// Who makes blocks outside of sections has a number, as long as it lives; see runtime/database/nursery.h.
+struct owner_table {
+    static constexpr u32 most = 4096;
+    std::array<std::atomic<u64>, most / 64> taken; ///< a bit per number; changed under the write lock
+    std::atomic<u32> unswept;                      ///< the image was built anew: all owners from before are dead
+
+    bool has(u32 number) const { return taken[number / 64].load() >> number % 64 & 1; }
+    void set(u32 number) { taken[number / 64] |= u64{1} << number % 64; }
+    void clear(u32 number) { taken[number / 64] &= ~(u64{1} << number % 64); }
+};
+
 struct control_page {
     // Why the image may be trusted; `checksum` is zero while it may not.
     char magic[8];
@@ -36,6 +47,7 @@ struct control_page {
     std::atomic<u64> absorbed;      ///< up to which commit the base has them
     std::atomic<u32> failed;        ///< error number of a write or flush that failed: no more commits
     std::atomic<u32> wake;          ///< changes when there is something to flush
+    owner_table owners;
 };
 static_assert(sizeof(control_page) <= 4096 && std::atomic<u64>::is_always_lock_free);
 

@@ -11,12 +11,13 @@ using namespace trellis;
 
 /// What is locked, and by whom.
 enum class lock_byte : u64 {
-    use,        ///< read: by everybody with the database open; write: by its only user
-    gate,       ///< passed by all who want a section
-    section,    ///< read: a read section, write: a write section
-    opening,    ///< write: who judges whether the image may be trusted
-    flushing,   ///< write: who flushes the journal
-    truncating, ///< write: who absorbs a journal into the base; read: who wants the base to stay
+    use,           ///< read: by everybody with the database open; write: by its only user
+    gate,          ///< passed by all who want a section
+    section,       ///< read: a read section, write: a write section
+    opening,       ///< write: who judges whether the image may be trusted
+    flushing,      ///< write: who flushes the journal
+    truncating,    ///< write: who absorbs a journal into the base; read: who wants the base to stay
+    owners = 1024, ///< and those behind it, one per number of an owner; write: who has that number
 };
 
 bool lock_byte_for_reading(int file, lock_byte byte, bool wait);

@@ -65,6 +65,8 @@ class store {
     void distrust_image() { control_.distrust(); }
     int image() const { return image_; }
     const recovery_report& report() const { return report_; }
+    /// Who makes blocks outside of sections.
+    owner_table& owners() const { return control_->owners; }
     /// What the undo log of this image must carry.
     u64 making() const { return control_->making; }
     const disk_directory& directory() const { return directory_; }

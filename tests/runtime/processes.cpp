@@ -147,6 +147,22 @@ int run_child(const std::vector<std::string>& arguments) {
     } else if (operation == "work_until_killed") {
         say("working");
         work_for_ever(handle);
+    } else if (operation == "die_with_blocks") {
+        // One of them is linked by another handle, which leads to a second one.
+        const handle_ptr other = open_mapped(arguments[1], 0);
+        std::array<void**, 40> blocks;
+        for (void**& each : blocks)
+            each = static_cast<void**>(handle->alloc(handle->alloc_ctx, 1, &each == &blocks[0] ? 3000 : 100));
+        *blocks[0] = blocks[1];
+        loom_write_begin(other);
+        arbor_set_key(other->alloc_ctx, "linked", blocks[0]);
+        loom_write_commit(other);
+        kill(getpid(), SIGKILL);
+    } else if (operation == "store_in_silence") {
+        loom_write_begin(handle);
+        set_cell(handle, 0, 1);
+        cells_of(handle)[50] = 1;
+        loom_write_commit(handle);
     } else if (operation == "die_reading") {
         loom_read_begin(handle);
         kill(getpid(), SIGKILL);

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <sys/wait.h>
 
 namespace {
 using namespace runtime_test;
@@ -261,6 +262,34 @@ TEST(a_disk, without_room_takes_a_commit_back) {
     EXPECT_EQ(cells_of(handle)[0], 0u);
     work(handle, 1);
     EXPECT_EQ(cells_of(handle)[0], 1u);
+}
+
+/// What a process has made and not handed over goes with it, unless something leads there.
+TEST(a_dead_process, leaves_no_blocks_behind) {
+    scratch_directory directory;
+    const std::string path = directory.file("left.db");
+    const handle_ptr handle = open_durable(path, LOOM_DURABILITY_ORDERED);
+    make_cells(handle);
+    for (int round = 0; round < 3; ++round) {
+        const std::uint64_t before = usage_of(handle).blocks;
+        child_process({"die_with_blocks", path}).wait();
+        EXPECT_EQ(usage_of(handle).blocks, before + 40 + (round == 0));
+        open_durable(path, LOOM_DURABILITY_DEFAULT).reset();
+        EXPECT_EQ(usage_of(handle).blocks, before + 2 + (round == 0))
+            << "the linked one, its second, and the root";
+        expect_sound(handle);
+    }
+}
+
+TEST(checking_mode, ends_a_process_whose_store_the_journal_does_not_have) {
+    scratch_directory directory;
+    const std::string path = directory.file("checked.db");
+    make_cells(open_durable(path, LOOM_DURABILITY_ORDERED));
+    const bool was_checked = std::getenv("LOOM_CHECK_COMMITS");
+    for (const bool checked : {!was_checked, was_checked}) {
+        checked ? setenv("LOOM_CHECK_COMMITS", "1", 1) : unsetenv("LOOM_CHECK_COMMITS");
+        EXPECT_EQ(WIFSIGNALED(child_process({"store_in_silence", path}).wait()), checked);
+    }
 }
 
 struct copies : testing::Test {
