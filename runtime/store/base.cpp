@@ -20,6 +20,9 @@ constexpr u64 batch = 256;
 constexpr u64 most_kept_bytes = u64{16} << 20;
 constexpr u64 not_kept = ~u64{0};
 
+bool is_zero(const std::byte (&page)[page_size]) {
+    return std::all_of(page, page + page_size, [](std::byte byte) { return byte == std::byte{0}; });
+}
 u64 place_of_entry(u64 page) { return first_page_entry + page * sizeof(page_entry); }
 } // namespace
 
@@ -169,20 +172,26 @@ u32 base_file::read_page(u64 page, std::byte* bytes) const {
     return 0;
 }
 
+u32 base_file::read_pages(u64 first, std::span<std::byte> pages) const {
+    // All at once, where the file is long enough for that.
+    const int error = pages_.read(first * page_size, pages.data(), pages.size());
+    if (error && error != ENODATA) return failed(pages_, "read", error);
+    if (!error) return 0;
+    for (u64 i = 0; i < pages.size() / page_size; ++i)
+        if (const u32 failure = read_page(first + i, pages.data() + i * page_size)) return failure;
+    return 0;
+}
+
 u32 base_file::copy_to(std::byte* image, u64 size, std::span<const page_checksum> excused) {
     std::vector<page_entry> entries(batch);
     const u64 pages = std::min(record_.pages, size / page_size);
     for (u64 first = 0; first < pages; first += batch) {
         const u64 count = std::min(batch, pages - first);
         if (const u32 error = read_entries(first, std::span(entries).first(count))) return error;
-        // All of the batch at once, where the file is long enough for that.
         std::byte* const place = image + first * page_size;
-        const int result = pages_.read(first * page_size, place, count * page_size);
-        if (result && result != ENODATA) return failed(pages_, "read", result);
+        if (const u32 error = read_pages(first, {place, count * page_size})) return error;
         for (u64 i = 0; i < count; ++i) {
             std::byte* const page = place + i * page_size;
-            if (result == ENODATA)
-                if (const u32 error = read_page(first + i, page)) return error;
             if (entries[i].checksum == 0 && entries[i].number == 0) {
                 std::memset(page, 0, page_size);
                 continue;
@@ -371,7 +380,8 @@ u32 base_file::copy_from(const std::byte* image, u64 size, u64 number, const dig
             std::memset(page, 0, sizeof page);
             std::memcpy(page, image + offset, std::min(page_size, size - offset));
             const u64 sum = checksum_of(page, page_size);
-            if (sum == entries[i].checksum) continue;
+            const bool was_written = entries[i].checksum || entries[i].number;
+            if (sum == entries[i].checksum || (!was_written && is_zero(page))) continue;
             entries[i] = {sum, number};
             if (const int error = pages_.write(offset, page, page_size)) return failed(pages_, "written", error);
             if (const int error = checksums_.write(place_of_entry(first + i), &entries[i], sizeof entries[i]))

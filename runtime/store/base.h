@@ -55,6 +55,10 @@ class base_file {
     u32 set_state(base_state state);
     /// Copies all pages to `image`, each checked. Pages of which `excused` says so need not fit.
     u32 copy_to(std::byte* image, u64 size, std::span<const page_checksum> excused);
+    /// Pages as they are, not checked; those behind the end of the file are zero.
+    u32 read_pages(u64 first, std::span<std::byte> pages) const;
+    /// What is known of pages from `first` on.
+    u32 read_entries(u64 first, std::span<page_entry> entries) const;
     /// Whether each page fits its entry. Calls `report` with the number of each page that does not.
     u32 verify(void (*report)(u64 page, void* context), void* context);
 
@@ -65,7 +69,6 @@ class base_file {
     struct absorption;
     u32 read_record();
     u32 write_record(base_record next);
-    u32 read_entries(u64 first, std::span<page_entry> entries) const;
     u32 read_page(u64 page, std::byte* bytes) const;
     u32 failed(const disk_file& file, const char* what, int error) const;
     u32 damaged(u64 page) const;

@@ -70,6 +70,11 @@ u32 journal::open(const disk_directory& directory, const u8 (&incarnation)[16], 
     return 0;
 }
 
+int journal::open_single(const disk_directory& directory, const char* name, const u8 (&incarnation)[16]) {
+    std::memcpy(incarnation_, incarnation, sizeof incarnation);
+    return files_[0].open(directory, name, false);
+}
+
 // --------------------------------------------------------------------------------------------------- writing
 
 int journal::begin(journal_place& place) {
@@ -259,6 +264,31 @@ u32 journal::each_value(u32 file, const journal_entry& entry, const value_fn& vi
 bool journal::read(const journal_place& place, journal_entry& entry) const {
     return read_any(place, entry) && entry.header.kind != entry_kind::page_checksums &&
            entry.header.number == place.number + 1 && entry.header.previous == place.previous;
+}
+
+bool journal::find(u64 number, const digest& own, journal_place& place) const {
+    bool found = false;
+    journal_entry entry;
+    for (u32 file = 0; file < journal_files; ++file) {
+        const journal_place start = start_of(file);
+        // The one that begins earlier leads to the other.
+        if (start.offset == 0 || (found && start.number > place.number)) continue;
+        journal_place end = start;
+        while (end.number < number && read(end, entry))
+            end = place_behind(entry, file);
+        if (end.number != number || !(end.previous == own)) continue;
+        place = end;
+        found = true;
+    }
+    return found;
+}
+
+bool journal::read_next(journal_place& place, journal_entry& entry) const {
+    if (read(place, entry)) return true;
+    const u32 other = (place.file + 1) % journal_files;
+    if (!begins_behind(other, place.number, place.previous)) return false;
+    place = start_of(other);
+    return read(place, entry);
 }
 
 bool journal::read_checksums(const journal_place& place, journal_entry& entry) const {

@@ -92,6 +92,9 @@ class journal {
     static int create(const disk_directory& directory, mode_t mode, const u8 (&incarnation)[16], u64 number,
                       const digest& previous);
     u32 open(const disk_directory& directory, const u8 (&incarnation)[16], bool writable);
+    /// Takes a file that holds entries, among other things, for the first of both; for reading. 0 or an error
+    /// number.
+    int open_single(const disk_directory& directory, const char* name, const u8 (&incarnation)[16]);
 
     /// Makes the other file the one that is written. What it holds is lost.
     int begin(journal_place& place);
@@ -110,6 +113,11 @@ class journal {
     journal_place start_of(u32 file) const;
     /// Finds the entry behind `place`. False when none fits there.
     bool read(const journal_place& place, journal_entry& entry) const;
+    /// The place right behind the entry of that number and digest, in the file that began earlier. False when
+    /// neither file leads there.
+    bool find(u64 number, const digest& own, journal_place& place) const;
+    /// Finds the entry behind `place`, which goes over to the other file where the first one ends.
+    bool read_next(journal_place& place, journal_entry& entry) const;
     /// Calls `visit` with the bytes of each range of an entry, long ranges in several parts. 0 or an error number;
     /// one of `visit` ends the reading.
     using value_fn = std::function<u32(const value_part& part)>;

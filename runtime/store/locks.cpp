@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace loom {
@@ -35,6 +36,16 @@ void unlock_byte(int file, lock_byte byte) { set_lock(file, F_UNLCK, byte, false
 bool is_locked_by_another(int file, lock_byte byte) {
     struct flock lock = describe(F_WRLCK, byte);
     return fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+directory_lock::directory_lock(int directory)
+    : descriptor_(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    while (descriptor_ >= 0 && flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+directory_lock::~directory_lock() {
+    if (descriptor_ >= 0) close(descriptor_);
 }
 
 } // namespace loom

@@ -26,4 +26,16 @@ void unlock_byte(int file, lock_byte byte);
 /// Whether another open file description has a lock there.
 bool is_locked_by_another(int file, lock_byte byte);
 
+/// A lock on a directory, given up with its scope: who has it makes the database there.
+class directory_lock {
+  public:
+    explicit directory_lock(int directory);
+    ~directory_lock();
+    directory_lock(const directory_lock&) = delete;
+    directory_lock& operator=(const directory_lock&) = delete;
+
+  private:
+    int descriptor_;
+};
+
 } // namespace loom

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -53,27 +52,6 @@ std::string foreign_name_in(const disk_directory& directory) {
     closedir(entries);
     return found;
 }
-
-/// A lock on a directory, given up with its scope.
-class directory_lock {
-  public:
-    explicit directory_lock(const disk_directory& directory)
-        : descriptor_(openat(directory.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        while (descriptor_ >= 0 && flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
-    ~directory_lock() {
-        if (descriptor_ >= 0) close(descriptor_);
-    }
-    directory_lock(const directory_lock&) = delete;
-    directory_lock& operator=(const directory_lock&) = delete;
-
-  private:
-    int descriptor_;
-};
-
-/// Who may read a file may search the directory.
-mode_t directory_mode(u32 mode) { return mode | (mode & 0444) >> 2; }
 } // namespace
 
 // --------------------------------------------------------------------------------------------------- finding
@@ -115,8 +93,8 @@ u32 store::refuse_file_system() const {
 u32 store::find(const std::string& path, const store_plan* plan, const first_page_fn& first_page) {
     int error = directory_.open(path);
     if (error == ENOENT && plan) {
-        const bool made = mkdir(path.c_str(), directory_mode(plan->mode ? plan->mode : 0666)) == 0;
-        if (made && plan->mode) chmod(path.c_str(), directory_mode(plan->mode));
+        const bool made = mkdir(path.c_str(), mode_of_directory(plan->mode ? plan->mode : 0666)) == 0;
+        if (made && plan->mode) chmod(path.c_str(), mode_of_directory(plan->mode));
         if (!made && errno != EEXIST)
             return fail(
                 static_cast<u32>(errno),
@@ -162,7 +140,7 @@ file_identity store::identity() const {
 
 /// Whoever has the lock of the directory makes the database; who comes later finds it made.
 u32 store::make(const store_plan& plan, const first_page_fn& first_page) {
-    const directory_lock lock(directory_);
+    const directory_lock lock(directory_.descriptor());
     if (directory_.has(superblock_name)) return 0;
     const std::string other = foreign_name_in(directory_);
     if (!other.empty())
@@ -355,21 +333,7 @@ u32 store::make_image() {
 /// The place in the journal at which the base is.
 u32 store::find_start(journal_place& place) const {
     const base_record& record = base_.record();
-    bool found = false;
-    journal_entry entry;
-    for (u32 file = 0; file < journal_files; ++file) {
-        journal_place here = journal_.start_of(file);
-        if (here.offset == 0) continue;
-        // The one that begins earlier leads to the other.
-        if (found && here.number > place.number) continue;
-        journal_place end = here;
-        while (end.number < record.number && journal_.read(end, entry))
-            end = place_behind(entry, file);
-        if (end.number != record.number || !(end.previous == record.previous)) continue;
-        place = end;
-        found = true;
-    }
-    if (found) return 0;
+    if (journal_.find(record.number, record.previous, place)) return 0;
     return fail(
         EIO,
         "database %s: the base is of commit %" PRIu64

@@ -33,6 +33,9 @@ static_assert(offsetof(superblock, checksum) == 136);
 /// Random bytes, not all of the first eight zero.
 void fill_random(u8 (&bytes)[16]);
 
+/// Who may read the files may search their directory.
+constexpr mode_t mode_of_directory(u32 mode) { return mode | (mode & 0444) >> 2; }
+
 superblock make_superblock(u64 base, u64 room, durability level, u32 mode, const std::string& name);
 /// Writes, flushes and links it.
 int write_superblock(const disk_directory& directory, const superblock& made);

@@ -70,4 +70,17 @@ unsigned arguments::number(std::string_view name, unsigned highest, unsigned oth
     return number;
 }
 
+std::uint32_t wanted_mode(const arguments& line) {
+    const std::optional<std::string> digits = line.value("--mode");
+    if (!digits) return 0;
+    std::uint32_t mode = 0;
+    const char* const end = digits->data() + digits->size();
+    const auto [rest, error] = std::from_chars(digits->data(), end, mode, 8);
+    if (error != std::errc{} || rest != end || mode > 0777 || (mode & 0600) != 0600)
+        throw usage_failure("--mode " + *digits +
+                            ": is no access right of files that their owner may read and write; "
+                            "take three octal digits, such as 640");
+    return mode;
+}
+
 } // namespace tool

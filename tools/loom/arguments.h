@@ -1,6 +1,7 @@
 // The command line of one command: its positional arguments and options. What commands exist is told by main.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -43,5 +44,8 @@ class arguments {
     std::vector<std::string> positional_;
     std::vector<given> options_;
 };
+
+/// The access rights of `--mode`, in octal digits; 0 without it.
+std::uint32_t wanted_mode(const arguments& line);
 
 } // namespace tool

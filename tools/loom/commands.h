@@ -22,6 +22,10 @@ int walk_table(context& c);
 int find_record(context& c);
 int show_record(context& c);
 
+// backup_commands.cpp
+int back_up_database(context& c);
+int restore_database(context& c);
+
 // transfer_commands.cpp
 int import_file(context& c);
 int export_tables(context& c);

@@ -5,7 +5,6 @@
 #include "table_type.h"
 #include "xml_file.h"
 
-#include <charconv>
 #include <iomanip>
 #include <iostream>
 
@@ -60,20 +59,6 @@ std::uint32_t wanted_durability(const arguments& line) {
     if (level == "ordered") return LOOM_DURABILITY_ORDERED;
     if (level == "durable") return LOOM_DURABILITY_DURABLE;
     throw usage_failure("--durability " + level + ": is no level; take volatile, ordered or durable");
-}
-
-/// The access rights of `--mode`, in octal digits; 0 without it.
-std::uint32_t wanted_mode(const arguments& line) {
-    const std::optional<std::string> digits = line.value("--mode");
-    if (!digits) return 0;
-    std::uint32_t mode = 0;
-    const char* const end = digits->data() + digits->size();
-    const auto [rest, error] = std::from_chars(digits->data(), end, mode, 8);
-    if (error != std::errc{} || rest != end || mode > 0777 || (mode & 0600) != 0600)
-        throw usage_failure("--mode " + *digits +
-                            ": is no access right of files that their owner may read and write; "
-                            "take three octal digits, such as 640");
-    return mode;
 }
 
 void select_tenant(const arguments& line) {

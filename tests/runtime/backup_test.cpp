@@ -1,0 +1,165 @@
+// Backups: written beside a writer, restored to what a commit has made; what is damaged or does not go together is
+// told, and leaves nothing.
+#include "tests/runtime/support.h"
+
+#include <loom_runtime/backup.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+namespace {
+using namespace runtime_test;
+constexpr std::size_t cells = 2000;
+
+struct backups : testing::Test {
+    handle_ptr open(const std::string& path, std::uint32_t flags = 0) {
+        loom_open_options options{};
+        options.size = sizeof options;
+        options.kind = LOOM_DB_MAPPED;
+        options.flags = flags;
+        options.path = path.c_str();
+        options.journal_limit = 32 << 10;
+        options.reserve = 64 << 20;
+        handle_ptr handle(loom_open(&options));
+        EXPECT_TRUE(handle) << loom_error_text();
+        return handle;
+    }
+    /// Every cell of a page tells of one commit, and the first cell of all of the latest.
+    void work(loom_handle* handle, std::uint64_t number) {
+        ASSERT_EQ(loom_write_begin(handle), 0u) << loom_error_text();
+        for (std::size_t i = 0; i < 100; ++i)
+            set_cell(handle, number * 100 % cells + i, number);
+        set_cell(handle, 0, number);
+        ASSERT_EQ(loom_write_commit(handle), 0u) << loom_error_text();
+    }
+    handle_ptr make() {
+        handle_ptr handle = open(path, LOOM_OPEN_CREATE);
+        loom_write_begin(handle);
+        auto* made = static_cast<std::uint64_t*>(handle->alloc(handle->alloc_ctx, 1, cells * 8));
+        std::memset(made, 0, cells * 8);
+        arbor_set_key(handle->alloc_ctx, "cells", made);
+        loom_write_commit(handle);
+        return handle;
+    }
+    std::uint32_t restore(const std::vector<std::string>& files, const std::string& to,
+                          std::uint64_t commit = LOOM_BACKUP_ALL) {
+        std::vector<const char*> names;
+        for (const std::string& file : files)
+            names.push_back(file.c_str());
+        loom_restore_options options{};
+        options.size = sizeof options;
+        options.path = to.c_str();
+        options.files = names.data();
+        options.file_count = static_cast<std::uint32_t>(names.size());
+        options.commit = commit;
+        return loom_restore(&options, nullptr);
+    }
+    /// The restored database is what `work` has made up to some number, which is returned.
+    std::uint64_t number_in(const std::string& restored) {
+        const handle_ptr handle = open(restored);
+        if (!handle) return ~std::uint64_t{0};
+        expect_sound(handle);
+        const std::uint64_t* all = cells_of(handle);
+        const std::uint64_t number = all[0];
+        for (std::uint64_t each = number; each > 0 && each + cells / 100 > number; --each)
+            for (std::size_t i = 1; i < 100; ++i)
+                EXPECT_EQ(all[each * 100 % cells + i], each) << "as of " << number;
+        work(handle, number + 1);
+        return number;
+    }
+
+    scratch_directory directory;
+    std::string path = directory.file("first.db");
+};
+
+TEST_F(backups, beside_a_writer_are_what_a_commit_has_made) {
+    handle_ptr handle = make();
+    std::atomic<std::uint64_t> written{0};
+    std::atomic<bool> ends{false};
+    std::thread writer([&] {
+        const handle_ptr own = open(path);
+        for (std::uint64_t number = 1; !ends; ++number) {
+            work(own, number);
+            written = number;
+            if (number % 50 == 0) loom_database_sync(own);
+        }
+    });
+    struct made {
+        std::string file;
+        std::uint64_t written;
+        loom_backup_report report;
+    };
+    std::vector<made> all;
+    for (int i = 0; i < 16; ++i) {
+        const std::uint64_t since = i % 8 ? all.back().report.last_commit : LOOM_BACKUP_ALL;
+        const std::uint64_t before = written;
+        while (written < before + static_cast<std::uint64_t>(i % 3) * 40)
+            std::this_thread::yield();
+        all.push_back({directory.file("backup" + std::to_string(i)), written, {}});
+        EXPECT_EQ(loom_backup(handle, all.back().file.c_str(), since, &all.back().report), 0u)
+            << loom_error_text();
+    }
+    ends = true;
+    writer.join();
+    handle.reset(); // its addresses are those of the restored ones
+    std::vector<std::string> chain;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (i % 8 == 0) chain.clear();
+        chain.push_back(all[i].file);
+        SCOPED_TRACE(all[i].file);
+        const std::string restored = directory.file("restored" + std::to_string(i));
+        ASSERT_EQ(restore(chain, restored), 0u) << loom_error_text();
+        EXPECT_GE(number_in(restored), all[i].written);
+        // An earlier commit, a few before the last one: the first of all was that which made the cells.
+        const std::uint64_t earlier = (all[i].report.first_commit + all[i].report.last_commit) / 2;
+        if (earlier < 3) continue;
+        ASSERT_EQ(restore(chain, restored + "e", earlier), 0u) << loom_error_text();
+        EXPECT_LE(number_in(restored + "e"), earlier);
+    }
+    // Without the one in the middle, or behind another full one, a backup does not fit.
+    EXPECT_EQ(restore({all[0].file, all[1].file, all[7].file}, directory.file("none")), 22u);
+    EXPECT_FALSE(std::filesystem::exists(directory.file("none")));
+}
+
+TEST_F(backups, that_are_damaged_are_told) {
+    {
+        const handle_ptr handle = make();
+        for (std::uint64_t number = 1; number <= 120; ++number)
+            work(handle, number);
+        ASSERT_EQ(loom_database_sync(handle), 0u);
+        for (std::uint64_t number = 121; number <= 140; ++number)
+            work(handle, number);
+        ASSERT_EQ(loom_backup(handle, directory.file("good").c_str(), LOOM_BACKUP_ALL, nullptr), 0u);
+        EXPECT_EQ(loom_backup(handle, directory.file("good").c_str(), LOOM_BACKUP_ALL, nullptr), 17u);
+    }
+    random_source random(5);
+    const std::string victim = directory.file("bad"), target = directory.file("target");
+    const auto size = std::filesystem::file_size(directory.file("good"));
+    unsigned told = 0;
+    for (int round = 0; round < 120; ++round) {
+        std::filesystem::copy_file(directory.file("good"), victim,
+                                   std::filesystem::copy_options::overwrite_existing);
+        const auto place = static_cast<long>(random() % size);
+        if (round % 10 == 0) {
+            std::filesystem::resize_file(victim, static_cast<std::uintmax_t>(place));
+        } else {
+            std::fstream file(victim, std::ios::binary | std::ios::in | std::ios::out);
+            file.seekg(place);
+            const int byte = file.get();
+            file.seekp(place);
+            file.put(static_cast<char>(byte ^ (1 << random() % 8)));
+        }
+        if (restore({victim}, target) != 0) {
+            ++told;
+            EXPECT_NE(std::string(loom_error_text()).find(victim), std::string::npos) << loom_error_text();
+            EXPECT_FALSE(std::filesystem::exists(target));
+            continue;
+        }
+        EXPECT_EQ(number_in(target), 140u) << place;
+        std::filesystem::remove_all(target);
+    }
+    EXPECT_GT(told, 80u);
+}
+} // namespace
