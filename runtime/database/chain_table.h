@@ -58,6 +58,10 @@ struct chain_table {
             }
     }
 
+    /// Where the node must be.
+    u64 slot_of(const Node& node) const { return place(Hash(node)); }
+    static Node* next_of(const Node& node) { return node.*Next; }
+
   private:
     u64 place(u64 hash) const { return (hash * 0x9E3779B97F4A7C15u >> 20) & (slot_count - 1); }
 

@@ -114,6 +114,11 @@ class store {
     u32 leave_volatile(const std::byte* image, u64 size);
     /// Whether there is no other user of the database.
     bool is_only_user() const;
+    /// Told each fault of a file: its place and what it means.
+    using fault_fn = std::function<void(const std::string& place, const std::string& meaning)>;
+    /// Checks all files, and counts the pages of the base and the entries of the journal. Others go on, but for
+    /// truncations, which wait. 0, or an error number with a text when it cannot be done.
+    u32 verify_files(const fault_fn& report, u64& pages, u64& entries);
 
   private:
     u32 make(const store_plan& plan, const first_page_fn& first_page);
@@ -134,6 +139,10 @@ class store {
     u32 apply(const journal_entry& entry, u32 file, const room_fn& make_room, std::byte* memory, u64& size) const;
     u32 apply_behind(journal_place& place, u64 last, const room_fn& make_room, std::byte* memory, u64& size) const;
     u32 find_start(journal_place& place) const;
+    void verify_superblock(const fault_fn& report) const;
+    void verify_base(const fault_fn& report, u64& pages);
+    void verify_journal(const fault_fn& report, const journal_place& last, u64& entries) const;
+    void verify_control(const fault_fn& report, const journal_place& last) const;
     u32 check_end(const journal_place& place, u64 flushed_before);
     u32 fail_for_good(u32 error);
     u32 settle_trusted();

@@ -26,6 +26,9 @@ int show_record(context& c);
 int back_up_database(context& c);
 int restore_database(context& c);
 
+// verify_commands.cpp
+int verify_database(context& c);
+
 // transfer_commands.cpp
 int import_file(context& c);
 int export_tables(context& c);

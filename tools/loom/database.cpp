@@ -42,10 +42,10 @@ database database::checked(loom_handle* handle, const std::string& path) {
     return {handle, path};
 }
 
-database database::open(const std::string& path) {
+database database::open(const std::string& path, std::uint32_t flags) {
     if (!fs::exists(path))
         throw failure(path + ": there is no such database", "make a database with 'loom create " + path + "'");
-    return checked(loom_open_mapped(path.c_str(), 0), path);
+    return checked(loom_open_mapped(path.c_str(), flags), path);
 }
 
 database database::create(const std::string& path, std::uint64_t reserve, std::uint32_t durability,

@@ -27,7 +27,8 @@ struct stored_table {
 class database {
   public:
     /// Opens the file; throws failure when there is no such database.
-    static database open(const std::string& path);
+    /// `flags` are LOOM_OPEN_ ones.
+    static database open(const std::string& path, std::uint32_t flags = 0);
     /// Makes the file; throws failure when there is one.
     static database create(const std::string& path, std::uint64_t reserve = 0, std::uint32_t durability = 0,
                            std::uint32_t mode = 0);

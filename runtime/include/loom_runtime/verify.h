@@ -1,0 +1,66 @@
+/* Looking through a database for damage, and saving what can be read of a damaged one. Programs that only use
+ * databases do not need this header. */
+#ifndef LOOM_RUNTIME_VERIFY_H
+#define LOOM_RUNTIME_VERIFY_H
+
+#include <loom/handle.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum loom_finding_kind {
+    LOOM_FINDING_DAMAGE = 1,   /**< something contradicts itself: data are lost, or will be */
+    LOOM_FINDING_LOST = 2,     /**< in order, but nobody can reach it any more: room is lost */
+    LOOM_FINDING_UNCHECKED = 3 /**< could not be looked at; the meaning says what would be needed */
+};
+/** One finding. The texts are valid during the call. */
+typedef struct loom_finding {
+    uint32_t kind;       /**< enum loom_finding_kind */
+    const char* place;   /**< "base, page 7", "table bed_tbl, record at offset 81920" */
+    const char* meaning; /**< what is wrong there, and what depends on it */
+} loom_finding;
+/** Told each finding, in order, when everything was looked at and no lock is held any more. */
+typedef void (*loom_finding_fn)(const loom_finding* finding, void* context);
+
+/** Flags of loom_database_verify. */
+enum {
+    /** Compares the image with what base and journal hold together, byte by byte. Bytes of objects that nobody can
+     * reach are left out: who made them outside of a section tells them with its next commit. */
+    LOOM_VERIFY_DEEP = 1,
+    /** Gives back lost blocks, in one write section, when nothing is damaged and nothing was left unchecked. The
+     * handle must have the database to itself (LOOM_OPEN_EXCLUSIVE, or a private database). */
+    LOOM_VERIFY_RECLAIM = 2
+};
+
+/** What was looked at and found. */
+typedef struct loom_verify_result {
+    uint64_t damaged;   /**< findings of each kind; also those that were too many to be told */
+    uint64_t lost;
+    uint64_t unchecked;
+    uint64_t pages;          /**< of the base */
+    uint64_t entries;        /**< of the journal */
+    uint64_t tables;
+    uint64_t records;
+    uint64_t blocks;         /**< in use */
+    uint64_t lost_blocks;    /**< of them, reached from nowhere */
+    uint64_t lost_bytes;
+    uint64_t reclaimed_blocks;
+} loom_verify_result;
+
+/** Looks through the database behind the handle: checksums and order of its files; the arena's blocks and lists;
+ * every structure and tree with order, balance and parents; rings; counts of tables, tenants and references; by the
+ * types' descriptions all blocks that objects own. Other users may go on, but for the time in which memory is looked
+ * at nobody writes: a read section is taken unless the handle has a section (for the time of reclaiming, a write
+ * section). `report` and `result` may be null. Bundles of the tables should be loaded: trees are compared by their
+ * functions.
+ *
+ * 0 when it could be done, whatever was found; otherwise an error number with a text: 16 for LOOM_VERIFY_RECLAIM
+ * with others at work, 22 for it inside a section, and those of loom_read_begin. */
+uint32_t loom_database_verify(loom_handle* handle, uint32_t flags, loom_finding_fn report, void* context,
+                              loom_verify_result* result);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

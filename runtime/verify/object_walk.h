@@ -1,0 +1,73 @@
+// Walking over objects by the descriptions of their types: every block that they own is reached, every pointer is
+// proved before it is followed, and the references that they hold are counted. Used by verification and salvage.
+#pragma once
+
+#include "runtime/verify/block_map.h"
+#include "runtime/verify/findings.h"
+#include "runtime/verify/known_types.h"
+
+#include <set>
+
+namespace loom {
+
+class object_walk {
+  public:
+    object_walk(block_map& blocks, const known_types& types, findings& found)
+        : blocks_(blocks), types_(types), found_(found) {}
+
+    /// Where the objects walked next are held: "table bed_tbl".
+    void set_holder(std::string holder) { holder_ = std::move(holder); }
+    /// Tells where the tracking area of an object is that has it elsewhere.
+    void add_tracking_offset(const void* object, u32 offset) { tracking_offsets_[object] = offset; }
+
+    /// Reaches an object of that type in a block of its own, and all that it owns. False when something is wrong
+    /// with it, so that nobody should follow its pointers.
+    bool walk(const void* object, const known_type& type);
+    /// Counted references that were met, by reference.
+    const std::unordered_map<u64, u64>& references() const { return references_; }
+    /// Types of objects that were met and are not described: what these own is not known.
+    const std::set<std::string>& undescribed() const { return undescribed_; }
+
+  private:
+    struct waiting_object {
+        const std::byte* at;
+        const known_type* type; ///< null: of a value that is not a record
+        const loom_attribute_description* value;
+    };
+    /// An object in place, inside a block.
+    struct part {
+        const std::byte* at;
+        const known_type& type;
+        const std::byte* block;
+        u64 block_size;
+        bool nested;
+    };
+
+    std::string place_of(const part& holder, const loom_attribute_description& attribute) const;
+    std::string place_of(const void* object, const std::string& type) const;
+    bool damaged(const part& holder, const loom_attribute_description& attribute, std::string meaning);
+    bool walk_waiting(const waiting_object& next);
+    bool has_right_type(const part& object);
+    bool walk_part(const part& object);
+    bool walk_attribute(const part& holder, const loom_attribute_description& attribute);
+    bool walk_value(const part& holder, const loom_attribute_description& attribute, const std::byte* value,
+                    const std::byte* block, u64 block_size);
+    bool walk_array(const part& holder, const loom_attribute_description& attribute);
+    bool walk_list(const part& holder, const loom_attribute_description& attribute);
+    bool walk_element_flags(const part& holder, const loom_attribute_description& attribute, u64 count);
+    bool take_block(const part& holder, const loom_attribute_description& attribute, const void* block,
+                    u64 needed);
+    void count_reference(const loom_oid& oid);
+    void wait_for(const part& holder, const loom_attribute_description& attribute, const void* object);
+
+    block_map& blocks_;
+    const known_types& types_;
+    findings& found_;
+    std::string holder_;
+    std::unordered_map<const void*, u32> tracking_offsets_;
+    std::vector<waiting_object> waiting_;
+    std::unordered_map<u64, u64> references_;
+    std::set<std::string> undescribed_;
+};
+
+} // namespace loom
