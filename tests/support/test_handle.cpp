@@ -133,12 +133,22 @@ void test_handle::name(const void* address, size_t length, std::string name) {
 std::string test_handle::name_of(const void* address) const {
     if (address == nullptr) return "0";
     const u8* at = static_cast<const u8*>(address);
-    auto found = names_.upper_bound(at);
-    if (found == names_.begin()) return "?";
-    --found;
-    const size_t offset = static_cast<size_t>(at - found->first);
-    if (offset >= found->second.length) return "?";
-    return offset == 0 ? found->second.name : found->second.name + "+" + std::to_string(offset);
+    for (auto found = names_.upper_bound(at); found != names_.begin();) {
+        --found;
+        const size_t offset = static_cast<size_t>(at - found->first);
+        if (offset < found->second.length)
+            return offset == 0 ? found->second.name : found->second.name + "+" + std::to_string(offset);
+    }
+    return "?";
+}
+
+const void* test_handle::address_of(const std::string& name, size_t* length) const {
+    for (const auto& [address, range] : names_)
+        if (range.name == name) {
+            if (length != nullptr) *length = range.length;
+            return address;
+        }
+    return nullptr;
 }
 
 std::string test_handle::log_of(const std::function<void()>& body) {
@@ -201,6 +211,7 @@ void* test_handle::on_alloc(decltype(loom_handle::alloc) real_alloc, void* conte
     const u8* address = static_cast<const u8*>(made);
     block& at = blocks_[address];
     at.fresh = true;
+    at.size = size;
     if (options_.check_stores)
         at.shadow.assign(address, address + size);
     else
@@ -222,6 +233,7 @@ void test_handle::on_free(void* context, u32 in_domain, void* address) {
     if (options_.check_stores) look_at(found->first, found->second);
     freed_.push_back(address);
     last_event_ = "free " + name_of(address);
+    names_.erase(names_.lower_bound(found->first), names_.lower_bound(found->first + found->second.size));
     blocks_.erase(found);
     real_free_(context, in_domain, address);
 }
@@ -252,13 +264,18 @@ bool test_handle::on_range(const void* address, size_t length) {
 
 std::string test_handle::describe_live_blocks() const {
     std::string text;
-    for (const auto& [address, at] : blocks_) {
-        char line[64];
-        snprintf(line, sizeof line, "%p", static_cast<const void*>(address));
-        text += line;
-        text += " " + name_of(address) + "\n";
-    }
+    for (const auto& [address, at] : blocks_)
+        text += name_of(address) + ", " + std::to_string(at.size) + " bytes\n";
     return text;
+}
+
+void test_handle::name_block(const void* address, const std::string& to) {
+    const auto block = blocks_.find(static_cast<const u8*>(address));
+    if (block == blocks_.end()) return;
+    const auto known = names_.find(block->first);
+    const bool by_number =
+        known != names_.end() && known->second.name.find_first_not_of("0123456789", 1) == std::string::npos;
+    if (known == names_.end() || by_number) name(address, block->second.size, to);
 }
 
 // ---- Checker -----------------------------------------------------------------------------------------------

@@ -56,6 +56,8 @@ class test_handle {
     void name(const void* address, size_t length, std::string name);
     /// What an address prints as.
     std::string name_of(const void* address) const;
+    /// Where a named range begins, and how long it is; null when nothing has the name.
+    const void* address_of(const std::string& name, size_t* length) const;
     /// Runs the body and returns its events, one per line.
     std::string log_of(const std::function<void()>& body);
     bool logging() const { return logging_; }
@@ -74,8 +76,10 @@ class test_handle {
     u64 allocations() const { return allocations_; }
     /// Blocks in use are no longer counted: what stays with the database.
     void forget_blocks() { blocks_.clear(); }
-    /// Blocks in use, one per line.
+    /// The names of the blocks in use, one per line.
     std::string describe_live_blocks() const;
+    /// Names the block in use that begins there, if any does and has no name of its own.
+    void name_block(const void* address, const std::string& name);
 
     /// From now on the arena refuses every notice.
     void refuse_ranges() { refusing_ = true; }
@@ -117,6 +121,7 @@ class test_handle {
 
   private:
     struct block {
+        size_t size;
         std::vector<u8> shadow;
         bool fresh;
     };

@@ -1,48 +1,57 @@
-// The small bundle's tables at hand: records made with plain calls, and dumps of what a table holds.
+// What texts of calls and tests say of the small bundle's tables: records made in one call, dumps of what a table
+// holds, and runtime operations that fail on demand.
 #pragma once
 
-#include "any_table.h"
-#include "watched_operations.h"
+#include "tests/support/test_handle.h"
 
 #include <table_forms/table_forms.h>
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-namespace table_tests {
-
-/// A test on one database of the small bundle.
-class forms_test : public ::testing::Test {
-  protected:
-    explicit forms_test(const trellis::testing::handle_options& options = {});
-
-    loom_handle* h() { return handle.get(); }
-    static constexpr u32 d = test_handle::domain;
-
-    loom_table* open_numbers(const char* name = "numbers");
-    loom_table* open_places(const char* name = "places");
-    /// A record of number_tbl with payload, named "<id>:<source>" in logs and dumps.
-    number_tbl_table_record* number(u32 id, u32 src = 1);
-    number_tbl_table_record* insert_number(loom_table* table, u32 id, u32 src = 1);
-    /// A record of place_tbl with payload and key, named by its key in logs and dumps.
-    place_tbl_table_record* place(const char* name, u32 position, u32 src = 1);
-
-    /// "1:1 3:2": the records in the order of the tree.
-    std::string dump(loom_table* numbers);
-    /// "a=1 b=2 | 2": the ring in order with its numbers, and seq_count.
-    std::string ring(const loom_table* places);
-    std::string log_of(const std::function<void()>& body) { return handle.log_of(body); }
-
-    test_handle handle;
-    u32 err = 0;
-};
-
-trellis::testing::handle_options shared_kind(); // mapped, with containment reports
-
-/// Fields print as "<label>.<field>" in logs from now on; the first word, and so the whole object, as the label.
-void name_fields(test_handle& handle, loom_table* table, const std::string& label);
-void name_fields(test_handle& handle, loom_table_record* record, const std::string& label);
-
-} // namespace table_tests
+extern "C" {
+/// Names the table's fields `label.field` in logs from now on, and the whole `label`.
+void name_table(loom_handle* handle, uint32_t domain, loom_table* table, const char* label);
+/// A record of number_tbl with payload, which is named "<id>:<source>", and one that is in the table.
+number_tbl_table_record* make_number(loom_handle* handle, uint32_t domain, uint32_t id, uint32_t src);
+number_tbl_table_record* insert_number(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t id,
+                                       uint32_t src, uint32_t* err);
+/// A record of place_tbl with payload and key, which is named by its key.
+place_tbl_table_record* make_place(loom_handle* handle, uint32_t domain, const char* name, uint32_t position,
+                                   uint32_t src);
+place_tbl_table_record* insert_place(loom_handle* handle, uint32_t domain, loom_table* table, const char* name,
+                                     uint32_t position, uint32_t src, uint32_t* err);
+/// "1:1 3:2": the records of a number_tbl in the order of the tree.
+const char* records_of(loom_handle* handle, uint32_t domain, loom_table* numbers);
+/// "a=1 b=2 | 2": the ring of a place_tbl in order with its numbers, and seq_count.
+const char* ring_of(loom_handle* handle, uint32_t domain, const loom_table* places);
+/// Where ids of number_tbl come from; null before the first.
+loom_table_id_root* id_root(loom_handle* handle, uint32_t domain);
+uint32_t count_tables(loom_handle* handle, uint32_t domain);
+/// Opens a number_tbl with a name of that length, or a path of that length behind "a/".
+loom_table* open_long(loom_handle* handle, uint32_t domain, uint32_t length, uint32_t is_path, uint32_t* err);
+uint64_t id_in_another_arena(loom_handle* handle, uint32_t domain, uint32_t* err);
+/// From now on the operation of that name fails with the number instead of doing its work. For
+/// `loom_request_oid_mapping_destroy` the number 0 answers "not yet", for `arbor_set_key` and
+/// `loom_oid_mapping_create` any number is a refusal.
+void let_fail(loom_handle* handle, uint32_t domain, const char* operation, uint32_t number);
+void let_work(loom_handle* handle, uint32_t domain, const char* operation);
+/// From now on the process takes the database for a shared one whose write lock is held or not.
+void count_as_shared(loom_handle* handle, uint32_t domain, uint32_t write_locked);
+/// How many rooms are too small for a record, all of which must fail with 90 and keep what lies behind them,
+/// without the header; and how many lengths of its bytes are too short.
+uint32_t every_room(loom_handle* handle, uint32_t domain, const pair_tbl_table_record* record, uint32_t* err);
+uint32_t every_cut(loom_handle* handle, uint32_t domain, const void* wire, uint32_t* err);
+uint32_t every_message_room(loom_handle* handle, uint32_t domain, note_action_message* message, uint32_t* err);
+uint32_t every_message_cut(loom_handle* handle, uint32_t domain, const void* wire, uint32_t* err);
+/// Prints what a stream holds and returns how much that is.
+uint64_t recorded(loom_handle* handle, uint32_t domain, void* stream);
+/// Visitors of number_tbl that log whom they see; `user` is the handle. The second one ends behind record 2.
+int32_t visit(number_tbl_table_record* record, void* handle);
+int32_t visit_two(number_tbl_table_record* record, void* handle);
+/// Puts in place a side table of objects, or takes it away again; one that is there stays.
+void exchange_map(loom_handle* handle, uint32_t domain, void* map);
+/// Switches of the handle.
+void silence_duplicates(loom_handle* handle, uint32_t domain, uint32_t silent);
+void tag_headers(loom_handle* handle, uint32_t domain, uint32_t tag);
+void activate_bundle(loom_handle* handle, uint32_t domain, uint32_t active);
+void collect_garbage(loom_handle* handle, uint32_t domain, uint32_t collecting);
+void validate_garbage(loom_handle* handle, uint32_t domain, uint32_t validating);
+}

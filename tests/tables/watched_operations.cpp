@@ -1,4 +1,5 @@
-#include "watched_operations.h"
+// Runtime operations that the table layer calls, written into the test handle's log and made to fail on demand.
+#include "forms.h"
 
 #include <loom/loom.h>
 
@@ -13,25 +14,14 @@ using trellis::u64;
 using trellis::u8;
 using trellis::testing::test_handle;
 
-namespace table_tests {
-
 namespace {
-std::map<std::string, u32, std::less<>>& failures() {
-    static std::map<std::string, u32, std::less<>> all;
-    return all;
-}
+std::map<std::string, u32, std::less<>> failures;
 std::optional<bool> shared; // the lock, while the database counts as shared
 } // namespace
 
-failing::failing(std::string operation, u32 number) : operation_(std::move(operation)) {
-    failures()[operation_] = number;
-}
-failing::~failing() { failures().erase(operation_); }
-
-shared_database::shared_database(bool write_locked) { shared = write_locked; }
-shared_database::~shared_database() { shared.reset(); }
-
-} // namespace table_tests
+void let_fail(loom_handle*, u32, const char* operation, u32 number) { failures[operation] = number; }
+void let_work(loom_handle*, u32, const char* operation) { failures.erase(operation); }
+void count_as_shared(loom_handle*, u32, u32 write_locked) { shared = write_locked != 0; }
 
 namespace {
 
@@ -51,8 +41,8 @@ std::string named(const loom_handle* handle, const void* address) {
 }
 /// Stores the number the operation is to fail with, if it is.
 bool fails(const char* operation, u32* err) {
-    const auto found = table_tests::failures().find(operation);
-    if (found == table_tests::failures().end()) return false;
+    const auto found = failures.find(operation);
+    if (found == failures.end()) return false;
     if (err != nullptr) *err = found->second;
     return true;
 }
@@ -167,10 +157,10 @@ WATCHED loom_table* loomdb_database_toc_get_table_root(loom_handle* handle, u32 
 
 WATCHED u32 loomlib_db_is_shared(void) {
     REAL(loomlib_db_is_shared);
-    return table_tests::shared ? 1 : real();
+    return shared ? 1 : real();
 }
 
 WATCHED u32 loomlib_database_is_write_locked(loom_handle* handle) {
     REAL(loomlib_database_is_write_locked);
-    return table_tests::shared ? static_cast<u32>(*table_tests::shared) : real(handle);
+    return shared ? static_cast<u32>(*shared) : real(handle);
 }
