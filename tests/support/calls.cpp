@@ -218,6 +218,7 @@ class stage {
             },
             &status));
         for (std::string line; std::getline(said, line);) {
+            if (line.empty()) continue;
             const size_t assertion = line.find("Assertion"); // behind program, file and line
             std::cout << (assertion == std::string::npos ? line : line.substr(assertion)) << "\n";
         }

@@ -24,6 +24,10 @@ constexpr way_to_open ways_to_open[] = {
     {"by_id", [](loom_handle* h, u32* err) { return number_tbl_table_open_by_id(h, 1, 7, 0, err); }},
     {"by_automatic_id", [](loom_handle* h, u32* err) { return number_tbl_table_open_auto_id(h, 1, 0, err); }}};
 
+struct trace_texts {
+    trace_texts() { trellis::testing::add_trace_texts_of(reinterpret_cast<const void*>(&number_tbl_insert)); }
+} const trace_texts_added;
+
 class without_memory : public testing::TestWithParam<std::tuple<u32, way_to_open>> {
   protected:
     loom_table* open(loom_handle* handle) { return std::get<1>(GetParam()).open(handle, &err); }
