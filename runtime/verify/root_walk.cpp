@@ -1,12 +1,15 @@
 // The order of the steps matters: each structure is proved before a later step follows its pointers.
 #include "runtime/verify/root_walk.h"
 
+#include <loom/registry.h>
+
 #include <algorithm>
 
 namespace loom {
 namespace {
 constexpr u32 kind_table = 2;
 std::string told(u64 number) { return std::to_string(number); }
+constexpr auto nothing_more = [](const auto&) { return true; };
 } // namespace
 
 bool root_walk::take(const void* block, u64 needed, const char* what) {
@@ -22,9 +25,10 @@ bool root_walk::take(const void* block, u64 needed, const char* what) {
     return false;
 }
 
-/// Proves a hash table and calls `visit` with each node; false when it is damaged or a visit says so.
-template <class Table, class Visit>
-bool root_walk::walk_chains(const Table& table, const char* what, bool owns_nodes, Visit visit) {
+/// Proves a hash table, whose nodes `take` proves, and calls `visit` with each node; false when it is damaged or
+/// one of them says so.
+template <class Table, class Take, class Visit>
+bool root_walk::walk_chains(const Table& table, const char* what, Take take_node, Visit visit) {
     if (table.slot_count == 0 && table.size == 0) return true;
     const u64 reserve = blocks_.memory().header().reserve;
     if (table.slot_count == 0 || (table.slot_count & (table.slot_count - 1)) != 0 ||
@@ -36,7 +40,7 @@ bool root_walk::walk_chains(const Table& table, const char* what, bool owns_node
     u64 count = 0;
     for (u64 slot = 0; slot < table.slot_count; ++slot)
         for (auto* node = table.slots[slot]; node; node = table.next_of(*node)) {
-            if (owns_nodes ? !take(node, sizeof *node, what) : blocks_.size_at(node) < sizeof *node) return false;
+            if (!take_node(*node)) return false;
             if (++count > table.size || table.slot_of(*node) != slot) {
                 found_.damage(what, "the entry at offset " + told(blocks_.offset_of(node)) +
                                         " is in a place where nobody looks for it");
@@ -77,6 +81,7 @@ bool root_walk::walk(const database_root* root) {
         walk.walk(table);
     objects_.set_holder("objects with references of their own");
     walk_mapped_objects();
+    reach_nursery();
     for (const std::string& each : objects_.undescribed())
         found_.unchecked("type " + each, "is not described: what its objects own is not known");
     check_references();
@@ -120,12 +125,19 @@ bool root_walk::walk_type(const type_node& node) {
     return true;
 }
 
+void root_walk::take_types_of_bundles() {
+    for (const loom_module_node* node = loom_module_tot_root.first; node; node = node->next)
+        for (loom_type_info* const* info = node->type_infos; info && *info; ++info)
+            types_.add(**info, find_description(**info));
+}
+
 bool root_walk::walk_types() {
-    if (!walk_chains(root_->types, "type information", true,
+    if (!walk_chains(root_->types, "type information", owned("type information"),
                      [&](const type_node& node) { return walk_type(node); }))
         return false;
     types_.connect();
-    return walk_chains(root_->tracking, "the side table of tracking areas", true, [&](const tracking_node& node) {
+    constexpr char what[] = "the side table of tracking areas";
+    return walk_chains(root_->tracking, what, owned(what), [&](const tracking_node& node) {
         objects_.add_tracking_offset(node.object, node.offset);
         return true;
     });
@@ -135,13 +147,13 @@ bool root_walk::walk_types() {
 
 bool root_walk::walk_references() {
     constexpr char what[] = "the references by number", by_object[] = "the references by object";
-    const auto yes = [](const auto&) { return true; };
-    if (!walk_chains(root_->oids_by_reference, what, true, yes) ||
-        !walk_chains(root_->oids_by_object, by_object, false, [&](const loom_oid_mapping& mapping) {
-            if (blocks_.is_reached(&mapping)) return true;
-            found_.damage(by_object, "reference " + told(mapping.reference) + " cannot be found by its number");
-            return false;
-        }))
+    const auto is_known = [&](const loom_oid_mapping& mapping) {
+        if (blocks_.is_reached(&mapping)) return true;
+        found_.damage(by_object, "an entry leads to something that cannot be found by its number");
+        return false;
+    };
+    if (!walk_chains(root_->oids_by_reference, what, owned(what), nothing_more) ||
+        !walk_chains(root_->oids_by_object, by_object, is_known, nothing_more))
         return false;
     if (root_->oids_by_reference.size != root_->oids_by_object.size) {
         found_.damage(what, "there are " + told(root_->oids_by_reference.size) + ", by object " +
@@ -155,14 +167,21 @@ bool root_walk::walk_references() {
 bool root_walk::walk_contents() {
     constexpr char what[] = "a table of contents";
     if (!walk_list<&toc::next>(root_->tocs, what, true)) return false;
+    // An entry shares its block with the table's mapping, as a rule.
+    const auto take_entry = [&](const toc_entry& entry) {
+        const auto* entries = reinterpret_cast<const std::byte*>(&entry) - offsetof(table_entries, place);
+        return (blocks_.is_reached(entries) && arena::size_of(entries) >= sizeof(table_entries)) ||
+               take(entries, sizeof(table_entries), what);
+    };
     for (const toc* each = root_->tocs; each; each = each->next)
-        if (!walk_chains(each->tables, what, true, [](const toc_entry&) { return true; })) return false;
-    return true;
+        if (!walk_chains(each->tables, what, take_entry, nothing_more)) return false;
+    const table_entries* spare = root_->spare_entries;
+    return !spare || take(spare, sizeof *spare, what);
 }
 
 bool root_walk::walk_locations() {
     constexpr char what[] = "the stored locations";
-    return walk_chains(root_->locations, what, true, [&](const location_node& node) {
+    return walk_chains(root_->locations, what, owned(what), [&](const location_node& node) {
         if (arena::size_of(&node) > sizeof node + node.length) return true;
         found_.damage(what, "the one at offset " + told(blocks_.offset_of(&node)) + " is longer than its block");
         return false;
@@ -185,9 +204,9 @@ bool root_walk::walk_tenants(const loom_table* table) {
     if (words.cursors && words.cursors->read_place > words.cursors->write_place)
         found_.damage(label, "its read cursor is ahead of its write cursor");
     if (!words.tenants) return true;
-    return take(words.tenants, sizeof *words.tenants, label.c_str()) &&
-           walk_chains(*words.tenants, (label + ", its counts by tenant").c_str(), true,
-                       [](const tenant_node&) { return true; });
+    const std::string counts = label + ", its counts by tenant";
+    return take(words.tenants, sizeof *words.tenants, counts.c_str()) &&
+           walk_chains(*words.tenants, counts.c_str(), owned(counts.c_str()), nothing_more);
 }
 
 bool root_walk::walk_tables() {
@@ -254,6 +273,25 @@ void root_walk::walk_mapped_objects() {
     });
 }
 
+/// Blocks with an owner are of objects that are being made: nobody else can know what they will hold, so every
+/// word in them may be a pointer.
+void root_walk::reach_nursery() {
+    std::vector<const void*> waiting;
+    blocks_.each_lost([&](void* payload, u64) {
+        if (arena::owner_of(payload) == 0) return;
+        blocks_.reach(payload);
+        waiting.push_back(payload);
+    });
+    has_nursery_ = !waiting.empty();
+    while (!waiting.empty()) {
+        const auto* words = static_cast<const u64*>(waiting.back());
+        waiting.pop_back();
+        for (u64 i = 0; i < arena::size_of(words) / sizeof(u64); ++i)
+            if (const void* block = blocks_.block_around(reinterpret_cast<const void*>(words[i])))
+                if (blocks_.reach(block)) waiting.push_back(block);
+    }
+}
+
 // ------------------------------------------------------------------------------------------------------- counts
 
 void root_walk::check_references() {
@@ -269,6 +307,7 @@ void root_walk::check_references() {
             "is counted " + told(mapping.count) + " times, but held " + told(holders) + " times: ";
         if (mapping.count < holders)
             return found_.damage(place, meaning + "its object may end while it is needed");
+        if (has_nursery_) return; // its objects may hold some
         unheld_.emplace_back(&mapping, holders);
         found_.lost(place, meaning + "its object cannot end");
     });

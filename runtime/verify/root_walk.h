@@ -11,6 +11,9 @@ class root_walk {
     root_walk(const arena& memory, findings& found)
         : blocks_(memory), found_(found), objects_(blocks_, types_, found_) {}
 
+    /// Objects have the type words of the bundles: those of a private database.
+    void take_types_of_bundles();
+
     /// Looks at everything. False when the structures are damaged, so that nobody should follow them.
     bool walk(const database_root* root);
     const block_map& blocks() const { return blocks_; }
@@ -22,8 +25,12 @@ class root_walk {
 
   private:
     bool take(const void* block, u64 needed, const char* what);
-    template <class Table, class Visit>
-    bool walk_chains(const Table& table, const char* what, bool owns_nodes, Visit visit);
+    /// Proves nodes that lie in blocks of their own.
+    auto owned(const char* what) {
+        return [this, what](const auto& node) { return take(&node, sizeof node, what); };
+    }
+    template <class Table, class Take, class Visit>
+    bool walk_chains(const Table& table, const char* what, Take take_node, Visit visit);
     template <auto Next, class Node>
     bool walk_list(const Node* first, const char* what, bool owns_nodes);
     void walk_named_roots();
@@ -37,6 +44,7 @@ class root_walk {
     bool walk_tenants(const loom_table* table);
     bool check_contents();
     void walk_mapped_objects();
+    void reach_nursery();
     void check_references();
     void check_totals(const table_totals& totals);
 
@@ -48,6 +56,7 @@ class root_walk {
     std::vector<const loom_table*> tables_;
     std::vector<std::pair<loom_oid_mapping*, u64>> unheld_;
     bool knows_all_ = true;
+    bool has_nursery_ = false;
 };
 
 } // namespace loom

@@ -68,14 +68,9 @@ void tell_lost(const root_walk& walk, findings& found) {
                    std::to_string(found.result.lost_blocks - most_lost_told) + " more are reached from nowhere");
 }
 
-/// What differs inside of blocks that nobody can reach was told to no commit yet.
 void compare_image(database& db, const block_map& blocks, findings& found) {
     const u32 error = db.compare_with_disk([&](const value_range& range) {
-        const std::byte* at = db.memory.base() + range.offset;
-        const void* block = blocks.block_around(at);
-        const u64 rest =
-            block ? static_cast<u64>(static_cast<const std::byte*>(block) + arena::size_of(block) - at) : 0;
-        if (block && !blocks.is_reached(block) && range.length <= rest) return;
+        const void* block = blocks.block_around(db.memory.base() + range.offset);
         found.damage("image, offset " + std::to_string(range.offset),
                      std::to_string(range.length) + " bytes are not what base and journal hold together" +
                          (block ? ", in the block at offset " + std::to_string(blocks.offset_of(block)) : "") +
@@ -126,6 +121,7 @@ u32 verify(open_handle& own, u32 flags, findings& found) {
         if (section.error()) return section.error();
         if (!check_arena(db, found)) return 0;
         walk = std::make_unique<root_walk>(db.memory, found);
+        if (own.view.db_kind == LOOM_DB_PRIVATE) walk->take_types_of_bundles();
         may_reclaim = verify_memory(db, flags, found, *walk);
     }
     if (!reclaims || !may_reclaim || (found.result.lost_blocks == 0 && walk->unheld().empty())) return 0;

@@ -25,8 +25,8 @@ typedef void (*loom_finding_fn)(const loom_finding* finding, void* context);
 
 /** Flags of loom_database_verify. */
 enum {
-    /** Compares the image with what base and journal hold together, byte by byte. Bytes of objects that nobody can
-     * reach are left out: who made them outside of a section tells them with its next commit. */
+    /** Compares the image with what base and journal hold together, byte by byte. What handles have made outside of
+     * sections is left out until their next commit, as are the insides of free blocks and the counters of types. */
     LOOM_VERIFY_DEEP = 1,
     /** Gives back lost blocks, in one write section, when nothing is damaged and nothing was left unchecked. The
      * handle must have the database to itself (LOOM_OPEN_EXCLUSIVE, or a private database). */
