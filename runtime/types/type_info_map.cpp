@@ -209,15 +209,18 @@ LOOM_EXPORT void loom_update_variant_info(loom_handle* handle, uint32_t, loom_ty
     if (!source || !manifested) return;
     open_handle* own = opened(handle);
     if (std::erase(own->unentered_types, manifested)) return own->space_of(manifested).memory.release(manifested);
-    const bool older =
-        !created && manifested->variant_table && manifested->variant_table->n_variants < source->n_variants;
-    if (!created && manifested->variant_table && !older) return;
+    const bool has_data = !created && manifested->variant_table;
+    const bool older = has_data && manifested->variant_table->n_variants < source->n_variants;
     database& space = own->space_of(manifested);
+    const type_node* node = created ? nullptr : find_node(space, static_tinfo->luid_text);
+    const bool undescribed = node && !node->description && find_description(*static_tinfo);
+    if (has_data && !older && !undescribed) return;
     const write_scope scope(*own);
     if (&space == own->db.get() && !scope) return;
+    if (older || undescribed) renew_description(space, *static_tinfo);
+    if (has_data && !older) return;
     const bool made = older ? add_variants(space, *manifested->variant_table, *source)
                             : make_variant_data(space, *manifested, *source);
-    if (made && older) renew_description(space, *static_tinfo);
     if (!made) loom_store_err(handle, LOOM_ENOMEM);
 }
 
