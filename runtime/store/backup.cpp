@@ -53,6 +53,8 @@ class output_file {
         if (const int error = directory_.open(slash == std::string::npos ? "." : path.substr(0, slash + 1)))
             return failed(error);
         if (name_.empty() || directory_.has(name_.c_str())) return failed(name_.empty() ? EISDIR : EEXIST);
+        if (directory_.has(superblock_name))
+            return fail(EINVAL, "backup %s: lies in a database; name a file elsewhere", path.c_str());
         int error = file_.create_unnamed(directory_, mode);
         if (error == EOPNOTSUPP) {
             error = file_.create(directory_, temporary_name().c_str(), mode);

@@ -48,4 +48,11 @@ directory_lock::~directory_lock() {
     if (descriptor_ >= 0) close(descriptor_);
 }
 
+bool directory_lock::is_taken(int directory) {
+    const int descriptor = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool taken = descriptor >= 0 && flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    if (descriptor >= 0) close(descriptor);
+    return taken;
+}
+
 } // namespace loom

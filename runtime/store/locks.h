@@ -31,6 +31,8 @@ class directory_lock {
   public:
     explicit directory_lock(int directory);
     ~directory_lock();
+    /// Whether somebody has the lock.
+    static bool is_taken(int directory);
     directory_lock(const directory_lock&) = delete;
     directory_lock& operator=(const directory_lock&) = delete;
 

@@ -217,17 +217,21 @@ class new_directory {
   public:
     ~new_directory() {
         if (!lock_ || finished_) return;
-        for (const char* name : {base_name, checksums_name, journal_names[0], journal_names[1]})
-            if (directory_.has(name)) directory_.remove(name);
-        rmdir(directory_.path().c_str());
+        remove_unfinished(directory_);
+        if (made_) rmdir(directory_.path().c_str());
     }
+    /// What a making that was cut off has left there goes.
     u32 make(const std::string& path) {
-        int error = mkdir(path.c_str(), 0700) == 0 ? 0 : errno;
-        if (!error) error = directory_.open(path);
+        made_ = mkdir(path.c_str(), 0700) == 0;
+        int error = made_ || errno == EEXIST ? directory_.open(path) : errno;
+        if (error == ENOTDIR) error = EEXIST;
         if (!error) lock_.emplace(directory_.descriptor());
-        if (!error && directory_.has(superblock_name)) error = EEXIST;
+        if (!error && (directory_.has(superblock_name) || !foreign_name_in(directory_).empty())) {
+            error = EEXIST;
+            lock_.reset();
+        }
+        if (!error) error = remove_unfinished(directory_);
         if (!error) return 0;
-        lock_.reset();
         return fail(static_cast<u32>(error),
                     "database %s: cannot be made: %s; name a place where nothing is, in a directory that you may "
                     "write to",
@@ -239,6 +243,7 @@ class new_directory {
   private:
     disk_directory directory_;
     std::optional<directory_lock> lock_;
+    bool made_ = false;
     bool finished_ = false;
 };
 

@@ -125,6 +125,7 @@ class store {
     u32 make_files(const store_plan& plan, const first_page_fn& first_page);
     u32 refuse_file_system() const;
     u32 refuse_other_path(int error) const;
+    u32 refuse_unmade() const;
     u32 open_control();
     u32 renew_files();
     u32 open_files();

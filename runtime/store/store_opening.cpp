@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -16,13 +15,7 @@
 namespace loom {
 namespace {
 constexpr char image_name[] = "image";
-constexpr char undo_name[] = "undo";
-constexpr char control_name[] = "control";
 constexpr char renewed_name[] = "renewed";
-/// What a making that was cut off may have left in its directory.
-constexpr const char* made_names[] = {base_name,  checksums_name, journal_names[0], journal_names[1],
-                                      image_name, undo_name,      control_name,     "superblock.unfinished"};
-
 /// File systems whose shared mappings are not the same memory on all machines, by the number in `statfs`.
 struct remote_file_system {
     u64 number;
@@ -32,26 +25,6 @@ constexpr remote_file_system remote_file_systems[] = {
     {0x6969, "NFS"},      {0x517B, "SMB"},     {0xFF534D42, "CIFS"}, {0xFE534D42, "SMB2"}, {0x01021997, "9p"},
     {0x00c36400, "Ceph"}, {0x5346414F, "AFS"}, {0x65735546, "FUSE"}, {0x73757245, "Coda"}, {0x564c, "NCP"},
 };
-
-bool is_one_of_made_names(const char* name) {
-    return std::any_of(std::begin(made_names), std::end(made_names),
-                       [&](const char* each) { return std::strcmp(name, each) == 0; });
-}
-
-/// A name in the directory that no database has, or "".
-std::string foreign_name_in(const disk_directory& directory) {
-    const int again = openat(directory.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* entries = again >= 0 ? fdopendir(again) : nullptr;
-    if (!entries) return "";
-    std::string found;
-    while (const dirent* entry = readdir(entries)) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 && !is_one_of_made_names(name))
-            found = name;
-    }
-    closedir(entries);
-    return found;
-}
 } // namespace
 
 // --------------------------------------------------------------------------------------------------- finding
@@ -90,6 +63,25 @@ u32 store::refuse_file_system() const {
     return 0;
 }
 
+/// A directory without a superblock is no database, or none yet.
+u32 store::refuse_unmade() const {
+    const char* path = directory_.path().c_str();
+    const std::string other = foreign_name_in(directory_);
+    if (!other.empty())
+        return fail(EINVAL, "database %s: is no database, but a directory with other files (%s); name another one",
+                    path, other.c_str());
+    if (directory_lock::is_taken(directory_.descriptor()))
+        return fail(EBUSY, "database %s: is just being made by another process; try again when that is done",
+                    path);
+    if (!has_unfinished(directory_))
+        return fail(EINVAL, "database %s: is an empty directory; make a database there, or name another one",
+                    path);
+    return fail(
+        EINVAL,
+        "database %s: has no superblock, so its making was cut off before anything was in it; make it again",
+        path);
+}
+
 u32 store::find(const std::string& path, const store_plan* plan, const first_page_fn& first_page) {
     int error = directory_.open(path);
     if (error == ENOENT && plan) {
@@ -106,17 +98,7 @@ u32 store::find(const std::string& path, const store_plan* plan, const first_pag
     if (error) return refuse_other_path(error);
     if (const u32 refused = refuse_file_system()) return refused;
     if (!directory_.has(superblock_name)) {
-        if (!plan) {
-            const std::string other = foreign_name_in(directory_);
-            if (!other.empty())
-                return fail(EINVAL,
-                            "database %s: is no database, but a directory with other files (%s); name another one",
-                            path.c_str(), other.c_str());
-            return fail(
-                EINVAL,
-                "database %s: is no database: it has no superblock, so its making was cut off; make it again",
-                path.c_str());
-        }
+        if (!plan) return refuse_unmade();
         if (const u32 failed = make(*plan, first_page)) return failed;
     }
     if (const u32 failed = read_superblock(directory_, superblock_)) return failed;
@@ -160,9 +142,7 @@ u32 store::make_files(const store_plan& plan, const first_page_fn& first_page) {
     const superblock made = make_superblock(plan.base, plan.room, plan.level, mode, plan.name);
     std::vector<std::byte> page(page_size);
     first_page(made, page);
-    int error = 0;
-    for (const char* name : made_names)
-        if (!error && directory_.has(name)) error = directory_.remove(name);
+    int error = remove_unfinished(directory_);
     if (!error) error = base_file::create(directory_, made.mode, made.incarnation, page, 0, {});
     if (!error) error = journal::create(directory_, made.mode, made.incarnation, 0, {});
     if (!error) error = directory_.flush();

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <iterator>
 #include <sys/random.h>
 
 namespace loom {
@@ -14,6 +17,15 @@ namespace {
 constexpr char magic[8] = {'L', 'O', 'O', 'M', 'B', 'A', 'S', 'E'};
 constexpr u64 file_size = 4096;
 constexpr char name_while_made[] = "superblock.unfinished";
+
+/// What a making that was cut off may have left in its directory.
+constexpr const char* made_names[] = {"base",  "checksums", "journal.0", "journal.1",
+                                      "image", "undo",      "control",   name_while_made};
+
+bool is_one_of_made_names(const char* name) {
+    return std::any_of(std::begin(made_names), std::end(made_names),
+                       [&](const char* each) { return std::strcmp(name, each) == 0; });
+}
 
 int write_whole(disk_file& file, const superblock& made) {
     std::byte block[file_size]{};
@@ -91,6 +103,32 @@ u32 read_superblock(const disk_directory& directory, superblock& found) {
             directory.path().c_str(), found.version, store_version);
     if (found.checksum != checksum_of_record(found))
         return fail(EINVAL, "%s is damaged; restore the database from a backup", path.c_str());
+    return 0;
+}
+
+std::string foreign_name_in(const disk_directory& directory) {
+    const int again = openat(directory.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* entries = again >= 0 ? fdopendir(again) : nullptr;
+    if (!entries) return "";
+    std::string found;
+    while (const dirent* entry = readdir(entries)) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 && !is_one_of_made_names(name))
+            found = name;
+    }
+    closedir(entries);
+    return found;
+}
+
+bool has_unfinished(const disk_directory& directory) {
+    return std::any_of(std::begin(made_names), std::end(made_names),
+                       [&](const char* each) { return directory.has(each); });
+}
+
+int remove_unfinished(disk_directory& directory) {
+    for (const char* name : made_names)
+        if (directory.has(name))
+            if (const int error = directory.remove(name)) return error;
     return 0;
 }
 

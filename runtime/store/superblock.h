@@ -42,4 +42,12 @@ int write_superblock(const disk_directory& directory, const superblock& made);
 /// 0, or an error number with a text that names the file and the cure.
 u32 read_superblock(const disk_directory& directory, superblock& found);
 
+// Of a directory without a superblock:
+
+/// A name in it that no database has, or "".
+std::string foreign_name_in(const disk_directory& directory);
+/// Whether a making that was cut off has left files, and their removal.
+bool has_unfinished(const disk_directory& directory);
+int remove_unfinished(disk_directory& directory);
+
 } // namespace loom

@@ -50,7 +50,9 @@ database database::open(const std::string& path, std::uint32_t flags) {
 
 database database::create(const std::string& path, std::uint64_t reserve, std::uint32_t durability,
                           std::uint32_t mode) {
-    if (fs::exists(path)) throw failure(path + ": is there already", "remove it, or take another name");
+    // A directory without a superblock is one where a database may be made, or its making was cut off.
+    if (fs::exists(path) && (!fs::is_directory(path) || fs::exists(path + "/superblock")))
+        throw failure(path + ": is there already", "remove it, or take another name");
     loom_open_options options{};
     options.size = sizeof options;
     options.kind = LOOM_DB_MAPPED;

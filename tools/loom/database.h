@@ -1,6 +1,8 @@
 // A database file as commands see it: opening with clear failures, sections that end whatever happens, its tables.
 #pragma once
 
+#include "interruption.h"
+
 #include <loom_runtime/runtime.h>
 
 #include <cstdint>
@@ -60,6 +62,7 @@ class read_section {
     read_section& operator=(const read_section&) = delete;
 
   private:
+    orderly_end guard_;
     loom_handle* handle_;
 };
 
@@ -73,6 +76,7 @@ class write_section {
     void commit();
 
   private:
+    orderly_end guard_;
     const database& database_;
     bool open_ = true;
 };

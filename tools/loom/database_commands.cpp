@@ -99,6 +99,7 @@ int walk_table(context& c) {
     std::optional<std::uint8_t> source;
     if (c.line.has("--src")) source = wanted_source(c.line);
     for (loom_table_record* record : table.type.records(db.handle(), table.stored.table, source)) {
+        check_interruption();
         if (c.line.has("--xml"))
             write_indented(std::cout, table.type.to_xml(db.handle(), record), 0);
         else if (c.line.has("--text"))

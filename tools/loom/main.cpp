@@ -2,7 +2,9 @@
 // help, and how failures are told. What commands do stands in *_commands.cpp.
 #include "commands.h"
 #include "failure.h"
+#include "interruption.h"
 #include "trace_lines.h"
+#include "whole_file.h"
 
 #include <algorithm>
 #include <iomanip>
@@ -213,7 +215,10 @@ int run(const command& wanted, std::span<const std::string> words) {
     if (line.positional().size() > wanted.most)
         throw usage_failure("'" + line[wanted.most] + "' is too much", cure);
     std::optional<trace_recording> recording;
-    if (const auto path = line.value("--trace")) recording.emplace(*path);
+    if (const auto path = line.value("--trace")) {
+        refuse_part_of_database(*path);
+        recording.emplace(*path);
+    }
     bundles loaded(line);
     context c{line, loaded};
     return wanted.run(c);
@@ -253,6 +258,7 @@ void report(const std::exception& error, const std::string& cure) {
 } // namespace tool
 
 int main(int count, char** words) {
+    tool::handle_interruptions();
     try {
         const std::vector<std::string> all(words + 1, words + count);
         const int status = tool::dispatch(all);
@@ -266,5 +272,6 @@ int main(int count, char** words) {
     } catch (const std::exception& error) {
         tool::report(error, {});
     }
+    tool::end_as_interrupted();
     return tool::exit_failed;
 }

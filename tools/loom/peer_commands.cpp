@@ -102,6 +102,7 @@ void send_all_records(context& c, Connect connect) {
     const peer_pointer peer = receive_peer(socket);
     loom_set_peer(db.handle(), peer.get());
     for (loom_table_record* record : records) {
+        check_interruption();
         const std::vector<std::byte> bytes = type.to_bytes(db.handle(), record);
         const std::string key = stored.label() + " " + type.key_text(db.handle(), stored.table, record);
         socket.send_all(bytes);

@@ -1,6 +1,7 @@
 #include "stream_socket.h"
 
 #include "failure.h"
+#include "interruption.h"
 
 #include <array>
 #include <cerrno>
@@ -88,7 +89,10 @@ stream_socket::stream_socket(stream_socket&& other) noexcept : descriptor_(other
 void stream_socket::send_all(std::span<const std::byte> bytes) const {
     while (!bytes.empty()) {
         const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
+        if (sent < 0 && errno == EINTR) {
+            check_interruption();
+            continue;
+        }
         if (sent <= 0) throw failure("the other side is gone: " + system_error());
         bytes = bytes.subspan(static_cast<std::size_t>(sent));
     }
@@ -98,7 +102,10 @@ bool stream_socket::receive_or_end(std::span<std::byte> bytes, const std::string
     std::size_t received = 0;
     while (received < bytes.size()) {
         const ssize_t count = ::recv(descriptor_, bytes.data() + received, bytes.size() - received, 0);
-        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EINTR) {
+            check_interruption();
+            continue;
+        }
         if (count < 0 && errno == EAGAIN) throw failure(what + " does not come");
         if (count < 0) throw failure(what + " cannot be received: " + system_error());
         if (count == 0 && received == 0) return false;

@@ -1,21 +1,20 @@
 // Commands that move whole tables: import, export, compare.
 #include "commands.h"
 #include "failure.h"
+#include "interruption.h"
 #include "table_type.h"
 #include "trace_lines.h"
+#include "whole_file.h"
 #include "xml_file.h"
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,6 +45,7 @@ class importer {
     importer(const database& db) : handle_(db.handle()) {}
 
     void take(const std::string& file, const record_element& element) {
+        check_interruption();
         const std::string place = place_of_element(file, element);
         const table_type& type = type_of(element, place);
         loom_table* table = table_of(type, element, place);
@@ -133,6 +133,7 @@ void export_table(std::ostream& out, context& c, const database& db, const store
                   exported& result) {
     const table_type type = table_type::of(stored, db, c.loaded);
     for (loom_table_record* record : table_type::all_records(stored.table)) {
+        check_interruption();
         const std::string element = type.to_xml(db.handle(), record);
         const auto read_back = type.draft_from_xml(element, "the XML of a record");
         if (!type.equal(record, read_back.get()))
@@ -145,34 +146,6 @@ void export_table(std::ostream& out, context& c, const database& db, const store
         ++result.records;
     }
 }
-
-/// A file that appears under its name only when all of it is written.
-class whole_file {
-  public:
-    explicit whole_file(std::string path) : path_(std::move(path)), stream_(path_ + ".part", std::ios::binary) {
-        if (!stream_) throw failure(path_ + ": cannot be written: " + std::strerror(errno), cure);
-    }
-    ~whole_file() {
-        if (!finished_) std::remove((path_ + ".part").c_str());
-    }
-    whole_file(const whole_file&) = delete;
-    whole_file& operator=(const whole_file&) = delete;
-
-    std::ostream& stream() { return stream_; }
-    void finish() {
-        stream_.close();
-        if (!stream_ || std::rename((path_ + ".part").c_str(), path_.c_str()) != 0)
-            throw failure(path_ + ": cannot be written: " + std::strerror(errno), cure);
-        finished_ = true;
-    }
-
-  private:
-    static constexpr const char* cure =
-        "name a file in a directory that is there, that has room and that you may write to";
-    std::string path_;
-    std::ofstream stream_;
-    bool finished_ = false;
-};
 
 exported export_all(std::ostream& out, context& c, const database& db, const std::vector<stored_table>& tables) {
     exported result;
@@ -192,6 +165,7 @@ using records_by_identity = std::map<identity, loom_table_record*>;
 records_by_identity identified(const table_type& type, const database& db, const stored_table& stored) {
     records_by_identity result;
     for (loom_table_record* record : table_type::all_records(stored.table)) {
+        check_interruption();
         const record_place place = place_of(record);
         result.emplace(identity{place.tenant, type.key_text(db.handle(), stored.table, record), place.source},
                        record);
@@ -220,6 +194,7 @@ unsigned compare_tables(const table_type& type, const database& left, const stor
     const records_by_identity right_records = identified(type, right, right_table);
     unsigned equal = 0;
     for (const auto& [id, record] : left_records) {
+        check_interruption();
         const auto other = right_records.find(id);
         const std::string name = left_table.label() + " " + std::get<std::string>(id);
         if (other == right_records.end())
@@ -235,33 +210,32 @@ unsigned compare_tables(const table_type& type, const database& left, const stor
     return equal;
 }
 
-/// An empty file that is gone with the object.
-class scratch_file {
+/// Memory that is a file for other processes.
+class memory_file {
   public:
-    scratch_file() {
-        const int descriptor = ::mkstemp(path_.data());
-        if (descriptor < 0) throw failure(path_ + ": cannot be made: " + std::strerror(errno));
-        ::close(descriptor);
+    memory_file() : descriptor_(::memfd_create("loom", MFD_CLOEXEC)) {
+        if (descriptor_ < 0) throw failure(std::string("no memory for a file: ") + std::strerror(errno));
     }
-    ~scratch_file() { std::remove(path_.c_str()); }
-    scratch_file(const scratch_file&) = delete;
-    scratch_file& operator=(const scratch_file&) = delete;
-    const std::string& path() const { return path_; }
+    ~memory_file() { ::close(descriptor_); }
+    memory_file(const memory_file&) = delete;
+    memory_file& operator=(const memory_file&) = delete;
+    int descriptor() const { return descriptor_; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
 
   private:
-    std::string path_ = (std::filesystem::temp_directory_path() / "loom-XXXXXX").string();
+    int descriptor_;
 };
 
-/// Runs a program without its output; its wait status.
-int quiet_status(const std::vector<std::string>& command) {
+/// Runs a program whose output goes to `output`; its wait status.
+int status_of(const std::vector<std::string>& command, int output) {
     std::vector<char*> words;
     for (const std::string& word : command)
         words.push_back(const_cast<char*>(word.c_str()));
     words.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    for (const int stream : {STDOUT_FILENO, STDERR_FILENO})
-        ::posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
+    ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     pid_t process = 0;
     const int error = ::posix_spawn(&process, words[0], &actions, nullptr, words.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
@@ -287,12 +261,12 @@ class other_database {
 
   private:
     void read_by_another_process(context& c, const std::string& path, const failure& reason) {
-        const scratch_file xml;
-        std::vector<std::string> command = {"/proc/self/exe", "export", path, "--output", xml.path()};
+        const memory_file xml;
+        std::vector<std::string> command = {"/proc/self/exe", "export", path};
         for (const char* option : {"--bundle", "--bundle-path"})
             for (const std::string& value : c.line.values(option))
                 command.insert(command.end(), {option, value});
-        if (quiet_status(command) != 0) throw failure(reason);
+        if (status_of(command, xml.descriptor()) != 0) throw failure(reason);
         c.loaded.load_all();
         database_.emplace(database::in_memory());
         write_section writing(*database_);
