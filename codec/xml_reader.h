@@ -17,12 +17,14 @@ namespace trellis::codec {
 struct xml_path {
     char text[256];
     bool cut = false; // names nothing, or something else
-    void below(const char* parent, const char* name) { note(snprintf(text, sizeof text, "%s/%s", parent, name)); }
+    void below(const char* parent, const char* name) {
+        keep_whether_cut(snprintf(text, sizeof text, "%s/%s", parent, name));
+    }
     /// Positions count from 1.
     void below(const char* parent, const char* name, u32 position) {
-        note(snprintf(text, sizeof text, "%s/%s[%u]", parent, name, position));
+        keep_whether_cut(snprintf(text, sizeof text, "%s/%s[%u]", parent, name, position));
     }
-    void note(int length) { cut = length >= static_cast<int>(sizeof text); }
+    void keep_whether_cut(int length) { cut = length >= static_cast<int>(sizeof text); }
 };
 
 /// What all reading steps of one record share.

@@ -26,17 +26,15 @@ using says = diag::record_says;
 
 // ---- One value in place ------------------------------------------------------------------------------------
 
-template <class A>
-requires is_plain<A> || is_object<A> || is_length<A> value_of<A>
-*get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
+template <is_one_value A>
+value_of<A>* get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return nullptr;
     return fetch_cell<A>(c, object, cell_of<A>(object));
 }
 
-template <class A>
-requires is_plain<A> || is_length<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
-                                                           u32* err) {
+template <is_read_by_value A>
+plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return plain_of<A>{};
     value_of<A>* cell = direct::get<typename A::type>(c, cell_of<A>(object));
@@ -47,8 +45,7 @@ requires is_plain<A> || is_length<A> plain_of<A> get_value(loom_handle* handle, 
 
 /// The store comes first, the tracking check behind it: a set on an object that should be tracked and is not has
 /// changed the value when it fails.
-template <class A>
-requires is_plain<A> || is_object<A>
+template <is_set_as_a_whole A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object,
          std::conditional_t<is_nested_record<A>, value_of<A>, const value_of<A>>* value, u32* err) {
     const call c{handle, domain, err};
@@ -58,8 +55,7 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object,
     c.report_containment(value, object);
 }
 
-template <class A>
-requires is_plain<A>
+template <is_plain A>
 void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
@@ -80,9 +76,6 @@ void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, plain_of<A
 namespace record {
 
 // ---- All values at once ------------------------------------------------------------------------------------
-
-template <class A>
-concept is_fetched_by_get_all = is_plain<A> || is_length<A>;
 
 /// Calls the body for the attributes of each variant that the instance has reached; the variant is read afresh
 /// for each later one.
@@ -118,7 +111,7 @@ void get_all(loom_handle* handle, u32 domain, typename M::object* object, Argume
     each_reached_attribute<M>(object, [&](i8 variant) {
         u32 position = 0;
         for_each_attribute(typename M::attributes{}, [&]<class A>() {
-            if constexpr (is_fetched_by_get_all<A>) {
+            if constexpr (is_read_by_value<A>) {
                 if (A::at.since == variant)
                     fetch_into<A>(c, object, static_cast<plain_of<A>*>(arguments[position]));
                 ++position;

@@ -23,9 +23,8 @@ inline bool is_selected(const holder_of<A>* object) {
 }
 
 /// The arm's value whatever the discriminator says; a null arm is the value type's to decide.
-template <class A>
-requires is_arm<A> value_of<A>
-*get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
+template <is_arm A>
+value_of<A>* get(loom_handle* handle, u32 domain, holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return nullptr;
     return fetch_cell<A>(c, object, object == nullptr ? nullptr : pointer_of<A>(object));
@@ -39,8 +38,7 @@ inline void report_detached(const call& c, const value_of<A>* arm, const void* h
 
 /// Takes ownership of the value and selects the arm's case. An old value is overwritten, not ended: whoever kept
 /// a pointer to it owns it.
-template <class A>
-requires is_arm<A>
+template <is_arm A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
@@ -52,8 +50,8 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* val
     c.report_containment(value, object);
 }
 
-template <class A>
-requires is_arm<A> u32 set_cr(loom_handle* handle, holder_of<A>* object, value_of<A>* value) {
+template <is_arm A>
+u32 set_cr(loom_handle* handle, holder_of<A>* object, value_of<A>* value) {
     set<A>(handle, handle->cr_domain, object, value, &handle->last_error);
     return handle->last_error;
 }

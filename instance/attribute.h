@@ -133,6 +133,25 @@ template <class A>
 concept is_array_of_values = is_array<A> && is_plain_value(A::type::category);
 template <class A>
 concept is_array_of_records = is_array<A> && A::type::category == value_category::record;
+template <class A>
+concept is_variable_array_of_values = is_variable_array<A> && is_array_of_values<A>;
+template <class A>
+concept is_variable_array_of_records = is_variable_array<A> && is_array_of_records<A>;
+template <class A>
+concept is_fixed_array_of_values = is_fixed_array<A> && is_array_of_values<A>;
+template <class A>
+concept is_single = !is_array<A>;
+template <class A>
+concept is_string = is_counted_string<A> || is_fixed_string<A>;
+
+/// One value in the record itself.
+template <class A>
+concept is_one_value = is_plain<A> || is_object<A> || is_length<A>;
+/// Of these: what `get_value` and `get_all` hand out by value, and what is set by one store.
+template <class A>
+concept is_read_by_value = is_plain<A> || is_length<A>;
+template <class A>
+concept is_set_as_a_whole = is_plain<A> || is_object<A>;
 
 /// Calls `body.template operator()<A>()` for each attribute in schema order.
 template <class... A, class Body>

@@ -1,7 +1,8 @@
-// The three things that nearly every operation gets: handle, domain and error word, with the error discipline
-// of the whole library written once. What a call works on stands elsewhere.
+// One call of a bundle's operation: what frame/call.h holds, with the variant gate's error, the entry of
+// operations, and the reports to the shared-database layer.
 #pragma once
 
+#include "frame/call.h"
 #include "instance/direct.h"
 
 #include <loom/handle.h>
@@ -21,19 +22,13 @@ inline tracking_mode tracking_mode_of(const loom_handle* handle) {
     return tracking_mode::corrupted;
 }
 
-/// Handle, domain and error word of one operation.
-struct call {
-    loom_handle* handle;
-    u32 domain;
-    u32* error;
+struct direct_listeners {
+    static bool has(const loom_handle* handle) { return !direct::is_unwatched(handle); }
+};
 
-    /// An error of an earlier operation stops this one before it does anything.
-    bool pending() const { return *error != 0; }
+/// One operation of a bundle.
+struct call : basic_call<direct_listeners> {
     void clear_last_error() const { direct::clear_last_error(handle); }
-    void fail(u32 number) const {
-        *error = number;
-        loom_store_err(handle, number);
-    }
     /// Attribute, value, table or message is out of reach for the variant or the peer.
     void fail_epoch(u32 number = LOOM_EIDRM) const { loom_store_epoch_err(handle, number, error); }
 
@@ -42,20 +37,6 @@ struct call {
         if (pending()) return false;
         clear_last_error();
         return true;
-    }
-
-    void* allocate(size_t size) const { return handle->alloc(handle->alloc_ctx, domain, size); }
-    void release(void* block) const { handle->free(handle->alloc_ctx, domain, block); }
-
-    /// Announces that `length` bytes at `address` are about to change.
-    [[gnu::always_inline]] void announce(const void* address, size_t length, const void* owner) const {
-        if (!direct::is_unwatched(handle)) handle->write_hook(handle, address, length, domain, owner);
-    }
-    /// Announces and stores one value.
-    template <class T>
-    void store(T* address, T value, const void* owner) const {
-        announce(address, sizeof(T), owner);
-        *address = value;
     }
 
     bool contains() const { return handle->containment != 0; }
@@ -71,6 +52,6 @@ struct call {
 };
 
 /// The `_cr` forms work on the handle's own domain and its sticky error slot.
-inline call chain_call(loom_handle* handle) { return {handle, handle->cr_domain, &handle->last_error}; }
+inline call chain_call(loom_handle* handle) { return {{handle, handle->cr_domain, &handle->last_error}}; }
 
 } // namespace trellis

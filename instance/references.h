@@ -40,7 +40,7 @@ void* get_by_ref_cr(loom_handle* handle, holder_of<A>* object) {
 
 /// Traces an old reference without a mapping; the texts are made only for a level that is on.
 template <class A>
-[[gnu::noinline]] void note_missing_mapping(loom_handle* handle, const loom_oid* oid) {
+[[gnu::noinline]] void trace_missing_mapping(loom_handle* handle, const loom_oid* oid) {
     if (spoor_module_test(A::model::bundle::trace_module(), diag::information) == 0) return;
     char id[33] = {};
     char source[33] = {};
@@ -72,7 +72,7 @@ inline void clear_reference(const call& c, holder_of<A>* object) {
             return;
         }
         if (mapping == nullptr) {
-            note_missing_mapping<A>(c.handle, oid);
+            trace_missing_mapping<A>(c.handle, oid);
         } else {
             loomlib_update_oid_ref_count(c.handle, c.domain, mapping, 0, c.error);
             if (c.pending()) {

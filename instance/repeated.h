@@ -125,9 +125,8 @@ inline u32 count_of_elements(const holder_of<A>* object) {
         return pointer_of<A>(object) == nullptr ? 0 : count_of<A>(object);
 }
 
-template <class A>
-requires is_array<A> value_of<A>
-*get(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u32* err) {
+template <is_array A>
+value_of<A>* get(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return nullptr;
     if (index >= count_of_elements<A>(object)) {
@@ -137,16 +136,14 @@ requires is_array<A> value_of<A>
     return fetch_cell<A>(c, object, elements_of<A>(object) + index);
 }
 
-template <class A>
-requires is_array_of_values<A> plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object,
-                                                     u32 index, u32* err) {
+template <is_array_of_values A>
+plain_of<A> get_value(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u32* err) {
     value_of<A>* element = get<A>(handle, domain, object, index, err);
     return element == nullptr ? plain_of<A>{}
                               : direct::get_value<typename A::type>({handle, domain, err}, element);
 }
 
-template <class A>
-requires is_array_of_values<A>
+template <is_array_of_values A>
 void get_mem(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>* destination, u32 length,
              u32* err) {
     const call c{handle, domain, err};
@@ -162,9 +159,9 @@ void get_mem(loom_handle* handle, u32 domain, holder_of<A>* object, value_of<A>*
 
 /// Traces the first growth of the field in this process.
 template <class A>
-inline void note_reallocation() {
-    static bool noted;
-    if (__atomic_exchange_n(&noted, true, __ATOMIC_RELAXED)) return;
+inline void trace_reallocation() {
+    static bool traced;
+    if (__atomic_exchange_n(&traced, true, __ATOMIC_RELAXED)) return;
     say_of<A, says::attribute_set_worker_reallocating>();
 }
 
@@ -274,7 +271,7 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
     }
     const value_of<A>* block = pointer_of<A>(object);
     if (block == nullptr || index >= static_cast<u32>(count_of<A>(object))) {
-        if (block != nullptr) note_reallocation<A>();
+        if (block != nullptr) trace_reallocation<A>();
         const u32 earlier = *c.error; // of the holder's variant: whether the array grows is another question
         *c.error = 0;
         if (!grow<A>(c, object, index + 1, tracked)) return;
@@ -295,29 +292,24 @@ void set_element(const call& c, holder_of<A>* object, u32 index, source_of<A>* v
     if (value != nullptr) c.report_containment(value, object);
 }
 
-template <class A>
-requires is_variable_array<A>
+template <is_variable_array A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
     set_element<A>({handle, domain, err}, object, index, value, true);
 }
 
-template <class A>
-requires(is_variable_array<A> && !is_array_of_records<A>) u32
-    set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value) {
+template <is_variable_array A>
+u32 set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value) {
     set_element<A>(chain_call(handle), object, index, value, true);
     return handle->last_error;
 }
-template <class A>
-requires(is_variable_array<A>&& is_array_of_records<A>) u32
-    set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value, u32 by_move) {
+template <is_variable_array_of_records A>
+u32 set_cr(loom_handle* handle, holder_of<A>* object, u32 index, source_of<A>* value, u32 by_move) {
     set_element<A>(chain_call(handle), object, index, value, by_move != 0);
     return handle->last_error;
 }
 
-template <class A>
-requires(is_variable_array<A>&& is_array_of_values<A>) void set_value(loom_handle* handle, u32 domain,
-                                                                      holder_of<A>* object, u32 index,
-                                                                      plain_of<A> value, u32* err) {
+template <is_variable_array_of_values A>
+void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
     value_of<A>* slot = get<A>(handle, domain, object, index, err);
@@ -334,11 +326,9 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_value(loom_handl
 }
 
 /// Replaces the whole array by `length` elements; after a failed allocation the array is empty.
-template <class A>
-requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* handle, u32 domain,
-                                                                    holder_of<A>* object,
-                                                                    const value_of<A>* source, u32 length,
-                                                                    u32* err) {
+template <is_variable_array_of_values A>
+void set_mem(loom_handle* handle, u32 domain, holder_of<A>* object, const value_of<A>* source, u32 length,
+             u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
     const bool tracked = tracking_on<A, says::attribute_set_mem_corrupted_handle>(c);
@@ -363,8 +353,7 @@ requires(is_variable_array<A>&& is_array_of_values<A>) void set_mem(loom_handle*
 }
 
 /// Ends all elements and the block. The element flags stay; the next growth replaces them.
-template <class A>
-requires is_variable_array<A>
+template <is_variable_array A>
 void remove_elements(loom_handle* handle, u32 domain, holder_of<A>* object) {
     if (object == nullptr || pointer_of<A>(object) == nullptr) return;
     u32 error = 0;
@@ -378,8 +367,7 @@ void remove_elements(loom_handle* handle, u32 domain, holder_of<A>* object) {
 // ---- Fixed arrays ------------------------------------------------------------------------------------------
 
 /// The index is not tested; a null value changes and marks nothing.
-template <class A>
-requires is_fixed_array<A>
+template <is_fixed_array A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, source_of<A>* value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object) || value == nullptr) return;
@@ -391,10 +379,8 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, sourc
     c.report_containment(value, object);
 }
 
-template <class A>
-requires(is_fixed_array<A>&& is_array_of_values<A>) void set_value(loom_handle* handle, u32 domain,
-                                                                   holder_of<A>* object, u32 index,
-                                                                   plain_of<A> value, u32* err) {
+template <is_fixed_array_of_values A>
+void set_value(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, plain_of<A> value, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
     value_of<A>* slot = get<A>(handle, domain, object, index, err);
@@ -404,10 +390,9 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_value(loom_handle* 
     if (require_tracked<A, says::attribute_set_value_not_tracked>(c, object)) mark_element<A>(c, object, index);
 }
 
-template <class A>
-requires(is_fixed_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* handle, u32 domain,
-                                                                 holder_of<A>* object, const value_of<A>* source,
-                                                                 u32 length, u32* err) {
+template <is_fixed_array_of_values A>
+void set_mem(loom_handle* handle, u32 domain, holder_of<A>* object, const value_of<A>* source, u32 length,
+             u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
     if (length > A::extent) {
@@ -421,9 +406,8 @@ requires(is_fixed_array<A>&& is_array_of_values<A>) void set_mem(loom_handle* ha
     mark<A, says::attribute_set_mem_corrupted_handle, says::attribute_set_mem_not_tracked>(c, object);
 }
 
-template <class A>
-requires is_array_of_values<A> u32 set_mem_cr(loom_handle* handle, holder_of<A>* object, const value_of<A>* source,
-                                              u32 length) {
+template <is_array_of_values A>
+u32 set_mem_cr(loom_handle* handle, holder_of<A>* object, const value_of<A>* source, u32 length) {
     set_mem<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
     return handle->last_error;
 }
@@ -444,8 +428,7 @@ inline void copy_out(const call& c, char* destination, u32 size, const char* tex
     destination[length] = 0;
 }
 
-template <class A>
-requires is_counted_string<A>
+template <is_counted_string A>
 void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return;
@@ -453,8 +436,7 @@ void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destinatio
     copy_out(c, destination, size, text, text == nullptr ? 0 : static_cast<u32>(count_of<A>(object)));
 }
 
-template <class A>
-requires is_fixed_string<A>
+template <is_fixed_string A>
 void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destination, u32 size, u32* err) {
     const call c{handle, domain, err};
     if (!c.enter() || !reach<A>(c, object)) return;
@@ -462,8 +444,7 @@ void get(loom_handle* handle, u32 domain, holder_of<A>* object, char* destinatio
 }
 
 /// The length counts modulo the width of the length attribute; an empty string has no block.
-template <class A>
-requires is_counted_string<A>
+template <is_counted_string A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
@@ -485,8 +466,7 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* sour
 }
 
 /// Fills the rest behind a shorter text as strncpy does, within `length`; no terminator is promised.
-template <class A>
-requires is_fixed_string<A>
+template <is_fixed_string A>
 void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* source, u32 length, u32* err) {
     const call c{handle, domain, err};
     if (!enter_write<A>(c, object)) return;
@@ -499,9 +479,8 @@ void set(loom_handle* handle, u32 domain, holder_of<A>* object, const char* sour
     mark<A, says::attribute_set_corrupted_handle, says::attribute_set_not_tracked>(c, object);
 }
 
-template <class A>
-requires(is_counted_string<A> || is_fixed_string<A>) u32
-    set_cr(loom_handle* handle, holder_of<A>* object, const char* source, u32 length) {
+template <is_string A>
+u32 set_cr(loom_handle* handle, holder_of<A>* object, const char* source, u32 length) {
     set<A>(handle, handle->cr_domain, object, source, length, &handle->last_error);
     return handle->last_error;
 }

@@ -75,8 +75,8 @@ inline u32 element_count(const holder_of<A>* object) {
 
 // ---- One value ---------------------------------------------------------------------------------------------
 
-template <class A>
-requires(!is_array<A>) u8 state_flag_get(loom_handle* handle, u32 domain, const holder_of<A>* object, u32* err) {
+template <is_single A>
+u8 state_flag_get(loom_handle* handle, u32 domain, const holder_of<A>* object, u32* err) {
     const call c{handle, domain, err};
     if (!enter_flag_get<A, says::attribute_state_flag_get_corrupted_handle,
                         says::attribute_state_flag_get_not_tracked>(c, object))
@@ -84,9 +84,8 @@ requires(!is_array<A>) u8 state_flag_get(loom_handle* handle, u32 domain, const 
     return *own_flag<A>(c, object);
 }
 
-template <class A>
-requires(!is_array<A>) void state_flag_set(loom_handle* handle, u32 domain, holder_of<A>* object, u8 state,
-                                           u32* err) {
+template <is_single A>
+void state_flag_set(loom_handle* handle, u32 domain, holder_of<A>* object, u8 state, u32* err) {
     const call c{handle, domain, err};
     if (!enter_flag_set<A, says::attribute_state_flag_set_corrupted_handle,
                         says::attribute_state_flag_set_not_tracked>(c, object) ||
@@ -97,9 +96,8 @@ requires(!is_array<A>) void state_flag_set(loom_handle* handle, u32 domain, hold
 
 // ---- Array elements ----------------------------------------------------------------------------------------
 
-template <class A>
-requires is_array<A> u8 state_flag_get(loom_handle* handle, u32 domain, const holder_of<A>* object, u32 index,
-                                       u32* err) {
+template <is_array A>
+u8 state_flag_get(loom_handle* handle, u32 domain, const holder_of<A>* object, u32 index, u32* err) {
     const call c{handle, domain, err};
     if (!enter_flag_get<A, says::attribute_state_flag_get_corrupted_handle,
                         says::attribute_state_flag_get_not_tracked>(c, object))
@@ -112,8 +110,7 @@ requires is_array<A> u8 state_flag_get(loom_handle* handle, u32 domain, const ho
     return flags == nullptr ? u8{0} : flags[index];
 }
 
-template <class A>
-requires is_array<A>
+template <is_array A>
 void state_flag_set(loom_handle* handle, u32 domain, holder_of<A>* object, u32 index, u8 state, u32* err) {
     const call c{handle, domain, err};
     if (!enter_flag_set<A, says::attribute_state_flag_set_corrupted_handle,
@@ -156,7 +153,7 @@ void state_flag_get_arr(loom_handle* handle, u32 domain, const holder_of<A>* obj
     *out = element_flags<A>(c, object);
 }
 
-/// The bytes go to the start of the tracking area, not to the element bytes, and without a notice: a fixed
+/// The bytes go to the start of the tracking area, not to the element bytes, and unannounced: a fixed
 /// property of this operation that callers rely on.
 template <class A>
 void state_flag_set_arr(loom_handle* handle, u32 domain, holder_of<A>* object, const u8* source, u32 length,
@@ -178,7 +175,7 @@ void state_flag_set_arr(loom_handle* handle, u32 domain, holder_of<A>* object, c
 namespace record {
 
 /// Fills the whole area, pointer members included, and then the element blocks through the pointers as they then
-/// stand: no caller may use it on a record with elements. No notice is given.
+/// stand: no caller may use it on a record with elements. Nothing is announced.
 template <class M>
 void set_all_state_tracking_flag(loom_handle* handle, u32 domain, typename M::object* object, u8 state) {
     u32 unused = 0;

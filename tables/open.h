@@ -143,8 +143,8 @@ inline loom_table* make_table(const call& c, open_mode mode, u32 dynamic) {
         return nullptr;
     }
     memset(table, 0, sizeof(loom_table));
-    notify_arena<T, says::table_open_internal_arena_refused, 0>(c, LOOM_DOMAIN_NONE, &table->db_word,
-                                                                sizeof table->db_word, nullptr);
+    announce_to_arena<T, says::table_open_internal_arena_refused, 0>(c, LOOM_DOMAIN_NONE, &table->db_word,
+                                                                     sizeof table->db_word, nullptr);
     table->db_word = 0;
     table->header.loom_tinfo = resident_type_info<typename T::bundle>(c, T::type_info());
     if (table->header.loom_tinfo == nullptr) {

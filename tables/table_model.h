@@ -1,4 +1,4 @@
-// What all themes of the tables share: the forms of keys, the parts of a record, trace statements, reports and
+// What all themes of the tables share: the kinds of keys, the parts of a record, trace statements, reports and
 // statistics. No exported function stands here.
 #pragma once
 
@@ -200,10 +200,10 @@ inline void report_end(const call& c, const void* object) {
     if (c.reports_to_shared_database()) loomdb_plat_set_destroy(c.handle, c.domain, object);
 }
 
-/// A notice to the arena that `size` bytes of `changed` are about to change, marked dirty as part of `object`
+/// Announces to the arena that `size` bytes at `address` are about to change, and marks `object` dirty
 /// (null: not marked). A refusal ends the process.
 template <class T, says Refused, u32 Copy>
-inline void notify_arena(const call& c, u32 domain, const void* address, size_t size, const void* object) {
+inline void announce_to_arena(const call& c, u32 domain, const void* address, size_t size, const void* object) {
     const u32 accepted = arbor_set_range(c.handle->alloc_ctx, address, size, domain);
     if (object != nullptr) mark_dirty(c, object);
     if (accepted == 1) return;
@@ -211,10 +211,11 @@ inline void notify_arena(const call& c, u32 domain, const void* address, size_t 
     die<T, Refused, Copy>();
 }
 
-/// Stores a link of the table list. Handles without an arena get no notice.
+/// Stores a link of the table list. Without an arena nothing is announced.
 template <class T, says Refused, u32 Copy, class Value>
 inline void store_link(const call& c, Value* cell, Value value, const void* object) {
-    if (c.handle->alloc_ctx != nullptr) notify_arena<T, Refused, Copy>(c, c.domain, cell, sizeof(Value), object);
+    if (c.handle->alloc_ctx != nullptr)
+        announce_to_arena<T, Refused, Copy>(c, c.domain, cell, sizeof(Value), object);
     *cell = value;
 }
 

@@ -135,7 +135,7 @@ void loomdb_update_tenant_counter(loom_handle* handle, uint32_t domain, loom_tab
 void loomdb_get_tenant_counter(loom_handle* handle, uint32_t domain, loom_table* table, uint32_t* count,
                                uint16_t tenant, const uint8_t* src);
 
-/** The arena behind a handle's alloc_ctx: named roots, and notices of what is about to change. */
+/** The arena behind a handle's alloc_ctx: named roots, and announcements of what is about to change. */
 void* arbor_get_key(void* arena, const char* key);
 /** 0 on failure. */
 uint32_t arbor_set_key(void* arena, const char* key, void* block);

@@ -1,4 +1,4 @@
-// The allocator inside an arena, its named roots, and where notices go.
+// The allocator inside an arena, its named roots, and where announcements go.
 #include "runtime/database/arena.h"
 
 #include "runtime/database/debug_arena.h"
@@ -86,13 +86,13 @@ void arena::detach() {
     if (base_ && private_memory_) unpoison(base_, header().extent);
 }
 
-// ------------------------------------------------------------------------------------------------- notices
+// ------------------------------------------------------------------------------------------------- announcements
 
-bool arena::note(const void* address, u64 size) {
+bool arena::tell_listeners(const void* address, u64 size) {
     if (size == 0 || !contains(address)) return true;
     const u64 offset = offset_of(address);
     if (size > header().extent - std::min(offset, header().extent)) {
-        fail(EINVAL, "arena: a notice of %llu bytes at offset %llu runs past the end of the arena",
+        fail(EINVAL, "arena: an announcement of %llu bytes at offset %llu runs past the end of the arena",
              static_cast<unsigned long long>(size), static_cast<unsigned long long>(offset));
         return false;
     }
@@ -109,8 +109,8 @@ bool arena::note(const void* address, u64 size) {
     return true;
 }
 
-void arena::note_or_end(const void* address, u64 size) {
-    if (!note(address, size)) fatal("%s", error_text().c_str());
+void arena::tell_listeners_or_end(const void* address, u64 size) {
+    if (!tell_listeners(address, size)) fatal("%s", error_text().c_str());
 }
 
 void arena::set_debug(debug_arena* debug) {
@@ -221,7 +221,7 @@ block* arena::pop_cached(u64 total) {
     if (!piece) return nullptr;
     if (size_in(head_of(piece)) != total || !(head_of(piece) & block_cached))
         fatal("arena: the block at %p was changed after it was freed", static_cast<void*>(payload_of(piece)));
-    // The link is given to the caller as fresh memory, which needs no notices: its old value is kept here.
+    // The link is given to the caller as fresh memory, which is not announced: its old value is kept here.
     announce_or_end(piece, 2 * sizeof(u64));
     assign(h.cached[total / 16], next_of(piece));
     count_cached(-1, -static_cast<i64>(total));

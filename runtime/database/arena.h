@@ -1,6 +1,6 @@
 // Arena memory: one range of addresses with an allocator of its own inside. The same code serves private memory
 // and images of databases; what differs is the backing that gives it room. Sections, files and locks are not known
-// here, only the undo log and the debug arena that listen to notices.
+// here, only the undo log and the debug arena that listen to announcements.
 //
 //   base                                                                     top          extent        reserve
 //   | arena_header | block | block | ...                                      |  untouched  |  not there yet |
@@ -152,8 +152,8 @@ class arena {
     static u64 size_of(const void* payload);
 
     /// The bytes are about to change. False when the undo log has no room.
-    bool announce(const void* address, u64 size) { return !listened_ || note(address, size); }
-    /// Whether notices go anywhere at all.
+    bool announce(const void* address, u64 size) { return !listened_ || tell_listeners(address, size); }
+    /// Whether anybody listens to announcements at all.
     bool listened() const { return listened_; }
     /// Announces and stores.
     template <class T>
@@ -161,17 +161,17 @@ class arena {
         announce_or_end(&place, sizeof place);
         place = value;
     }
-    /// For stores that cannot be refused: a notice without room in the log ends the process, so that what the
-    /// section has done so far can still be undone.
+    /// For stores that cannot be refused: an announcement without room in the log ends the process, so that what
+    /// the section has done so far can still be undone.
     void announce_or_end(const void* address, u64 size) {
-        if (listened_) note_or_end(address, size);
+        if (listened_) tell_listeners_or_end(address, size);
     }
 
-    /// From here on notices go to `log`, and freed blocks keep their contents.
+    /// From here on announcements go to `log`, and freed blocks keep their contents.
     void open_section(undo_log& log);
     /// Carries out the deferred frees; they are still part of the section.
     void finish_section();
-    /// Notices go nowhere again.
+    /// Announcements go nowhere again.
     void close_section();
     /// The ranges that the open section has changed, in order and without overlap: what was announced, the blocks
     /// that it took from free lists, and everything above the former top. Of an `allocation`, a section that only
@@ -205,8 +205,8 @@ class arena {
     void detach();
 
   private:
-    bool note(const void* address, u64 size);
-    void note_or_end(const void* address, u64 size);
+    bool tell_listeners(const void* address, u64 size);
+    void tell_listeners_or_end(const void* address, u64 size);
     block* pop_cached(u64 total);
     block* take(u64 total);
     block* take_free(u64 total);

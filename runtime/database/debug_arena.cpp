@@ -18,7 +18,7 @@ u8* reserved_bytes(u64 size) {
 }
 
 void print_run(const loom_unannounced_store* store, void*) {
-    std::fprintf(stderr, "loom debug arena: %llu bytes at %p (offset %llu) changed without a notice, in ",
+    std::fprintf(stderr, "loom debug arena: %llu bytes at %p (offset %llu) changed unannounced, in ",
                  static_cast<unsigned long long>(store->length), store->address,
                  static_cast<unsigned long long>(store->offset));
     if (store->block)
@@ -83,15 +83,16 @@ void debug_arena::released(u64 offset, u64 size) {
     tags_.erase(offset);
 }
 
-void debug_arena::report_run(u64 offset, u64 size, bool at_notice) {
+void debug_arena::report_run(u64 offset, u64 size, bool at_announcement) {
     const auto [block, block_size] = arena_->block_around(offset);
     const u32 tag = block ? tag_of(arena_->offset_of(block)) : 0;
-    const loom_unannounced_store store{arena_->base() + offset, offset, size, block, block_size, tag, at_notice};
+    const loom_unannounced_store store{arena_->base() + offset, offset, size, block, block_size, tag,
+                                       at_announcement};
     ++found_;
     report_(&store, context_);
 }
 
-void debug_arena::compare(u64 offset, u64 size, bool at_notice) {
+void debug_arena::compare(u64 offset, u64 size, bool at_announcement) {
     const u8* memory = reinterpret_cast<const u8*>(arena_->base());
     const u64 end = offset + size;
     const auto differs = [&](u64 i) { return states_[i] == watched && raw_load(memory + i) != shadow_[i]; };
@@ -103,7 +104,7 @@ void debug_arena::compare(u64 offset, u64 size, bool at_notice) {
         u64 stop = at + 1;
         while (stop < end && differs(stop))
             ++stop;
-        report_run(at, stop - at, at_notice);
+        report_run(at, stop - at, at_announcement);
         copy(at, stop - at);
         at = stop;
     }

@@ -1,4 +1,4 @@
-// The debug arena: a shadow copy of an arena that tells which bytes changed without a notice. How it is used, and
+// The debug arena: a shadow copy of an arena that tells which bytes changed unannounced. How it is used, and
 // the rules of what may change, stand in loom_runtime/arena.h.
 #pragma once
 
@@ -45,8 +45,8 @@ class debug_arena {
     };
     debug_arena() = default;
     void excuse(u64 offset, u64 size);
-    void compare(u64 offset, u64 size, bool at_notice);
-    void report_run(u64 offset, u64 size, bool at_notice);
+    void compare(u64 offset, u64 size, bool at_announcement);
+    void report_run(u64 offset, u64 size, bool at_announcement);
     void copy(u64 offset, u64 size);
 
     arena* arena_ = nullptr;

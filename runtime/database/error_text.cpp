@@ -87,11 +87,11 @@ void fail(loom_handle* handle, unsigned* err, unsigned number, const char* forma
 
 void set_error(loom_handle* handle, unsigned* err, unsigned number) {
     *err = number;
-    note_error(number, true);
+    remember_reported_error(number, true);
     if (handle) handle->last_error = number;
 }
 
-void note_error(unsigned number, bool again) {
+void remember_reported_error(unsigned number, bool again) {
     const bool same = latest.number == number && (again || !latest.reported);
     if (!same) *latest.text = 0;
     latest.number = number;

@@ -27,7 +27,7 @@ void set_error(loom_handle* handle, unsigned* err, unsigned number);
 
 /// Somebody reports `number`, `again` what the handle's slot holds already. The text that belongs to it stays; a
 /// number that came without one gets its meaning as text.
-void note_error(unsigned number, bool again);
+void remember_reported_error(unsigned number, bool again);
 
 void clear_error_text();
 /// What a successful entry point returns.

@@ -5,7 +5,7 @@
 
 namespace loom {
 namespace {
-/// Bundles raise these without a notice.
+/// Bundles raise these unannounced.
 void add_counters(const arena& memory, const database_root& root, std::vector<value_range>& ranges) {
     root.types.each([&](const type_node& node) {
         const loom_variant_table* table = node.info->variant_table;

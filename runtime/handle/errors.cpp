@@ -9,7 +9,7 @@
 using loom::fail;
 
 LOOM_EXPORT void loom_store_err(loom_handle* handle, uint32_t number) {
-    if (number) loom::note_error(number, handle && handle->last_error == number);
+    if (number) loom::remember_reported_error(number, handle && handle->last_error == number);
     if (handle) handle->last_error = number;
 }
 

@@ -1,5 +1,6 @@
 // What the runtime keeps behind a loom_handle, and the access of one handle to its database: sections, memory,
-// notices. The address of this object is also the `alloc_ctx`, `tinfo_ctx` and `shared_alloc_ctx` of the handle.
+// announcements. The address of this object is also the `alloc_ctx`, `tinfo_ctx` and `shared_alloc_ctx` of the
+// handle.
 #pragma once
 
 #include "runtime/database/database.h"

@@ -212,7 +212,7 @@ LOOM_EXPORT uint32_t loom_bundle_manifest(loom_bundle* bundle, loom_handle* hand
     uint32_t err = 0;
     initialize(handle, handle->cr_domain, &err);
     if (!err) return done();
-    note_error(err, true);
+    remember_reported_error(err, true);
     return fail(err, "bundle %s: its type information does not fit into the database: %s", bundle->path.c_str(),
                 error_text().c_str());
 }

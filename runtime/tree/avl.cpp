@@ -33,7 +33,7 @@ class writer {
     }
 
   private:
-    /// A refused notice in the middle of a change: only the undo log can bring the tree back into order.
+    /// A refused announcement in the middle of a change: only the undo log can bring the tree back into order.
     [[noreturn]] static void end_process() {
         arbor_perror();
         std::abort();

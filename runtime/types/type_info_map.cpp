@@ -74,7 +74,7 @@ loom_variant_entry* new_entries(database& space, i8 count) {
         space.memory.allocate(static_cast<u64>(count) * sizeof(loom_variant_entry)));
 }
 
-/// Bundles raise some of these counters without a notice.
+/// Bundles raise some of these counters unannounced.
 void leave_counters_out(database& space, const loom_variant_entry* entries, i8 count) {
     if (!space.debug) return;
     for (i8 i = 0; i < count; ++i)

@@ -8,7 +8,7 @@
 namespace {
 /// Most of these numbers mean that an element is absent: words are made only for those who ask.
 uint32_t told(uint32_t error) {
-    if (error) loom::note_error(error, false);
+    if (error) loom::remember_reported_error(error, false);
     return error;
 }
 } // namespace

@@ -298,7 +298,7 @@ TEST_P(arena, debugging_finds_stores_without_a_notice) {
     block[50] = 4; // announced too late
     announce(block + 48, 8);
     ASSERT_EQ(found.stores.size(), 3u);
-    EXPECT_EQ(found.stores[2].at_notice, 1u);
+    EXPECT_EQ(found.stores[2].at_announcement, 1u);
     EXPECT_EQ(loom_debug_arena_check(handle), 1u);
     loom_write_commit(handle);
 }

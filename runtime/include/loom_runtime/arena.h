@@ -4,7 +4,7 @@
  * The debug arena keeps a shadow copy of the memory. A byte may change when it was announced to the write hook or
  * to the arena since the last check, or when it lies in a block that was allocated since then (fresh memory needs
  * no announcements). Everything else is an unannounced store: it would be missing from the undo log. Statistics
- * counters of type information are exempt, since bundles raise some of them without a notice.
+ * counters of type information are exempt, since bundles raise some of them unannounced.
  *
  * Memory of a mapped database is compared between loom_write_begin and its commit only, since other processes
  * change it at other times; commit checks by itself. */
@@ -40,22 +40,22 @@ void loom_arena_fail_after(loom_handle* handle, uint64_t count);
 typedef void (*loom_block_fn)(void* block, uint64_t size, uint32_t tag, void* context);
 void loom_arena_each_block(loom_handle* handle, loom_block_fn visit, void* context);
 
-/** A run of bytes that changed without a notice. */
+/** A run of bytes that changed unannounced. */
 typedef struct loom_unannounced_store {
     const void* address;
     uint64_t offset; /**< of `address` in the arena */
     uint64_t length;
     const void* block; /**< the block that it lies in; null: the arena's own records or free memory */
     uint64_t block_size;
-    uint32_t block_tag; /**< call-site tag of the block's allocation, 0 if not known */
-    uint32_t at_notice; /**< 1: found when the range was announced later, 0: found by a check */
+    uint32_t block_tag;       /**< call-site tag of the block's allocation, 0 if not known */
+    uint32_t at_announcement; /**< 1: found when the range was announced later, 0: found by a check */
 } loom_unannounced_store;
 typedef void (*loom_unannounced_fn)(const loom_unannounced_store* store, void* context);
 
 /** Turns the debug arena on. `report` is called for each run found; null prints it to the standard error. */
 uint32_t loom_debug_arena_start(loom_handle* handle, loom_unannounced_fn report, void* context);
 /** Compares, reports, and starts over from the present contents. Returns the runs found by this call and by
- * notices since the last check. */
+ * announcements since the last check. */
 uint64_t loom_debug_arena_check(loom_handle* handle);
 /** Leaves a range out of all further comparisons (`exempt` 1) or takes it in again. */
 void loom_debug_arena_exempt(loom_handle* handle, const void* address, size_t length, uint32_t exempt);
