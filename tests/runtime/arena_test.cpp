@@ -239,6 +239,26 @@ TEST_P(arena, memory_can_be_freed_only_once) {
     free(large);
     EXPECT_DEATH(free(large), "is freed, but it is no block in use");
     EXPECT_DEATH(free(static_cast<char*>(alloc(64)) + 16), "is freed, but it is no block in use");
+    block = alloc(40);
+    loom_write_begin(handle);
+    free(block); // put off to the section's end
+    EXPECT_DEATH(free(block), "is freed, but it is no block in use");
+    loom_write_abort(handle);
+}
+
+TEST_P(arena, a_root_has_room_for_its_name) {
+    void* block = alloc(8);
+    for (std::size_t length = 0; length <= 32; ++length) {
+        std::vector<void*> holes; // with a block in use behind each
+        for (std::size_t size = 24; size < 128; size += 16) {
+            holes.push_back(alloc(size));
+            alloc(size);
+        }
+        for (void* hole : holes)
+            free(hole);
+        EXPECT_EQ(arbor_set_key(handle->alloc_ctx, std::string(length, 'n').c_str(), block), 1u);
+        EXPECT_EQ(loom_arena_verify(handle), 0u) << length << ": " << loom_error_text();
+    }
 }
 
 #if defined(__SANITIZE_ADDRESS__)
