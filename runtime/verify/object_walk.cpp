@@ -44,7 +44,6 @@ bool object_walk::damaged(const part& holder, const loom_attribute_description& 
 }
 
 bool object_walk::walk(const void* object, const known_type& type) {
-    const auto* at = static_cast<const std::byte*>(object);
     if (blocks_.size_at(object) == 0) {
         found_.damage(place_of(object, type.name), "lies in no block that is in use");
         return false;
@@ -53,7 +52,11 @@ bool object_walk::walk(const void* object, const known_type& type) {
         found_.damage(place_of(object, type.name), "is owned twice: both would end it");
         return false;
     }
-    waiting_.assign(1, {at, &type, nullptr});
+    return walk_reached(object, type);
+}
+
+bool object_walk::walk_reached(const void* object, const known_type& type) {
+    waiting_.assign(1, {static_cast<const std::byte*>(object), &type, nullptr});
     bool good = true;
     while (!waiting_.empty()) {
         const waiting_object next = waiting_.back();

@@ -23,6 +23,8 @@ class object_walk {
     /// Reaches an object of that type in a block of its own, and all that it owns. False when something is wrong
     /// with it, so that nobody should follow its pointers.
     bool walk(const void* object, const known_type& type);
+    /// The same for an object whose block was reached already.
+    bool walk_reached(const void* object, const known_type& type);
     /// Counted references that were met, by reference.
     const std::unordered_map<u64, u64>& references() const { return references_; }
     /// Types of objects that were met and are not described: what these own is not known.

@@ -88,7 +88,7 @@ bool table_walk::take_record(const e_avl_node* node) {
         found_.damage(label_, "a link of its tree leads to no record: the records behind it cannot be reached");
         return false;
     }
-    if (record_ ? blocks_.is_reached(record) : !blocks_.reach(record)) {
+    if (!blocks_.reach(record)) {
         found_.damage(place_of(record), "is in the tree twice, or belongs to something else");
         return false;
     }
@@ -103,7 +103,7 @@ bool table_walk::walk_record(const loom_table_record* record) {
     if (!(record->record_flags & REC_IN_TABLE))
         found_.damage(place_of(record), "is in the tree, but not marked as such");
     if (record->location) ++totals_.location_uses[reinterpret_cast<const void*>(record->location)];
-    return record_ && objects_.walk(record, *record_);
+    return record_ && objects_.walk_reached(record, *record_);
 }
 
 /// Neighbours are compared by the bundle's own function, which follows their pointers: only sound ones are.
