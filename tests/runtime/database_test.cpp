@@ -379,6 +379,53 @@ TEST_F(database_file, verification_survives_any_damage) {
     }
 }
 
+/// The machine goes down with a section open, and the last commit was not on the disk: the log knows the bytes of
+/// a commit that is gone.
+TEST_F(database_file, the_log_of_an_earlier_image_is_not_put_back) {
+    handle_ptr handle = make();
+    const std::vector<char> journal = bytes_of(part("journal.0"));
+    loom_write_begin(handle);
+    set_cell(handle, 7, 1);
+    ASSERT_EQ(loom_write_commit(handle), 0u);
+    handle.reset();
+    child_process({"die_in_section", path}).wait();
+    write(part("journal.0"), journal);
+    std::filesystem::remove(part("image"));
+    std::filesystem::remove(part("control"));
+    handle = open_mapped(path, 0);
+    EXPECT_EQ(cells_of(handle)[7], 0u);
+    expect_sound(handle);
+}
+
+TEST_F(database_file, an_abort_leaves_the_image_as_it_was) {
+    const handle_ptr handle = make();
+    const std::vector<char> before = bytes_of(part("image"));
+    loom_write_begin(handle);
+    std::memset(handle->alloc(handle->alloc_ctx, 1, large_size), 'x', large_size);
+    loom_write_abort(handle);
+    EXPECT_TRUE(bytes_of(part("image")) == before);
+}
+
+TEST_F(database_file, closing_and_refusing_leave_no_files_and_mappings) {
+    const auto in_use = [&] {
+        auto count = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line);)
+            count += line.find(path) != std::string::npos;
+        return count;
+    };
+    make().reset();
+    const auto before = in_use();
+    {
+        const handle_ptr handle = open_mapped(path, 0);
+        EXPECT_FALSE(loom_open_mapped(path.c_str(), LOOM_OPEN_EXCLUSIVE));
+    }
+    EXPECT_EQ(in_use(), before);
+    write(part("superblock"), {});
+    EXPECT_FALSE(loom_open_mapped(path.c_str(), 0));
+    EXPECT_EQ(in_use(), before);
+}
+
 TEST_F(database_file, a_dead_reader_blocks_nobody) {
     handle_ptr handle = make();
     child_process child({"die_reading", path});
