@@ -419,6 +419,12 @@ TEST_F(database_file, closing_and_refusing_leave_no_files_and_mappings) {
     {
         const handle_ptr handle = open_mapped(path, 0);
         EXPECT_FALSE(loom_open_mapped(path.c_str(), LOOM_OPEN_EXCLUSIVE));
+        loom_write_begin(handle);
+        arbor_set_key(handle->alloc_ctx, "large", handle->alloc(handle->alloc_ctx, 1, large_size));
+        loom_write_commit(handle);
+        loom_write_begin(handle);
+        overwrite_large(handle, 5); // the log outgrows its first mapping
+        loom_write_abort(handle);
     }
     EXPECT_EQ(in_use(), before);
     write(part("superblock"), {});
