@@ -8,6 +8,7 @@
 #include "runtime/export.h"
 #include "runtime/trace/clock.h"
 #include "runtime/trace/record.h"
+#include "runtime/trace/trace_file.h"
 
 #include <algorithm>
 #include <array>
@@ -18,6 +19,7 @@
 #include <dlfcn.h>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -27,16 +29,6 @@ namespace {
 constexpr std::size_t ring_size = std::size_t{128} << 10;
 constexpr u32 most_modules = 1024;
 constexpr u8 first_level = 6;
-constexpr u32 file_version = 1;
-
-struct file_header {
-    char magic[8];
-    u32 version;
-    u32 process;
-    u64 start;
-    u64 reserved;
-};
-constexpr char file_magic[8] = {'L', 'O', 'O', 'M', 'T', 'R', 'C', 'E'};
 
 // -------------------------------------------------------------------------------------------------- modules
 
@@ -105,7 +97,8 @@ struct collector_state {
     std::vector<std::unique_ptr<ring>> rings;
     std::vector<ring*> free_rings;
     ring* late = nullptr; ///< for threads that have given their ring back already
-    std::FILE* file = nullptr;
+    trace_writer file;
+    u64 lost_before_file = 0; ///< of lost_records, when the file was opened
 };
 collector_state& collector() {
     static auto* state = new collector_state;
@@ -132,15 +125,14 @@ void write_ring(collector_state& state, ring& from) {
     u64 dropped = 0;
     const tick_reader clock;
     empty_ring(from, [&](trace_entry& entry, const std::byte* place) {
-        if (!state.file) {
+        if (!state.file.is_open()) {
             ++dropped;
             return;
         }
         entry.time = clock.time_of(entry.time);
-        std::fwrite(&entry, sizeof entry, 1, state.file);
-        std::fwrite(place + sizeof entry, 1, entry.size - sizeof entry, state.file);
+        state.file.add(entry, place + sizeof entry);
     });
-    lost_records += dropped;
+    lost_records += dropped + state.file.finish_block(lost_records - state.lost_before_file);
 }
 
 ring* new_ring(collector_state& state) {
@@ -166,7 +158,7 @@ struct ring_owner {
         const std::lock_guard guard(state.mutex);
         phase = thread_phase::ended;
         if (!own_ring) return;
-        if (state.file) write_ring(state, *own_ring);
+        if (state.file.is_open()) write_ring(state, *own_ring);
         state.free_rings.push_back(own_ring);
         own_ring = nullptr;
     }
@@ -315,21 +307,24 @@ void emit(const u8* unit, u32 index, u16 module, u32 level_word, Arguments... ar
 
 // ------------------------------------------------------------------------------------------------- the file
 
-void write_module(std::FILE* file, u16 number, const std::string& name) {
-    std::array<std::byte, largest_entry> bytes{};
-    const text_argument text(name.c_str());
-    trace_entry entry{};
-    entry.size = static_cast<u16>((sizeof entry + text.size() + 7) & ~std::size_t{7});
-    entry.kind = entry_module;
-    entry.module = number;
-    entry.arguments = text_argument::kind;
-    entry.time = time_now();
-    std::memcpy(bytes.data(), &entry, sizeof entry);
-    text.write(bytes.data() + sizeof entry);
-    std::fwrite(bytes.data(), entry.size, 1, file);
-}
-
 __attribute__((destructor)) void close_at_exit() { loom_trace_close(); }
+
+// A child of a fork is a writer of its own. Records that were buffered at that moment are its parent's, and of all
+// threads it has only the one that forked.
+void before_fork() { collector().mutex.lock(); }
+void after_fork_in_parent() { collector().mutex.unlock(); }
+void after_fork_in_child() {
+    collector_state& state = collector();
+    state.free_rings.clear();
+    for (const auto& each : state.rings) {
+        each->tail.store(each->head.load());
+        if (each.get() != own_ring && each.get() != state.late) state.free_rings.push_back(each.get());
+    }
+    if (own_ring) own_ring->thread = static_cast<u32>(gettid());
+    state.file.begin_as_child();
+    state.lost_before_file = lost_records;
+    state.mutex.unlock();
+}
 
 u32 register_module(const char* name, u16& number) {
     module_table& table = modules();
@@ -348,7 +343,7 @@ u32 register_module(const char* name, u16& number) {
     number = static_cast<u16>(count);
     collector_state& state = collector();
     const std::lock_guard file_guard(state.mutex);
-    if (state.file) write_module(state.file, number, name);
+    state.file.add_module(number, name);
     return 0;
 }
 
@@ -448,37 +443,30 @@ LOOM_EXPORT void loom_trace_set_tap(loom_trace_fn call, void* context) {
 }
 
 LOOM_EXPORT uint32_t loom_trace_open(const char* path) {
-    module_table& table = modules();
-    const std::lock_guard modules_guard(table.mutex);
     collector_state& state = collector();
     const std::lock_guard guard(state.mutex);
-    if (state.file) return fail(EEXIST, "a trace file is open already");
-    state.file = std::fopen(path, "wbe");
-    if (!state.file)
-        return fail(static_cast<u32>(errno), "trace file %s: cannot be made: %s", path, words_of(errno).c_str());
-    file_header header{{}, file_version, static_cast<u32>(getpid()), time_now(), 0};
-    std::memcpy(header.magic, file_magic, sizeof file_magic);
-    std::fwrite(&header, sizeof header, 1, state.file);
-    for (u32 i = 1; i < table.count.load(std::memory_order_relaxed); ++i)
-        write_module(state.file, static_cast<u16>(i), table.names[i]);
+    if (state.file.is_open()) return fail(EEXIST, "a trace file is open already");
+    static const int follows_forks = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    if (follows_forks != 0) return fail(static_cast<u32>(follows_forks), "trace file %s: no memory", path);
+    if (const u32 error = state.file.open(path)) return error;
+    state.lost_before_file = lost_records;
+    lost_records += state.file.finish_block(0);
     return done();
 }
 
 LOOM_EXPORT void loom_trace_flush(void) {
     collector_state& state = collector();
     const std::lock_guard guard(state.mutex);
-    if (!state.file) return;
+    if (!state.file.is_open()) return;
     for (const auto& each : state.rings)
         write_ring(state, *each);
-    std::fflush(state.file);
 }
 
 LOOM_EXPORT void loom_trace_close(void) {
     loom_trace_flush();
     collector_state& state = collector();
     const std::lock_guard guard(state.mutex);
-    if (state.file) std::fclose(state.file);
-    state.file = nullptr;
+    state.file.close(lost_records - state.lost_before_file);
 }
 
 LOOM_EXPORT uint64_t loom_trace_drain(loom_trace_fn visit, void* context) {
@@ -506,33 +494,3 @@ LOOM_EXPORT uint64_t loom_trace_drain(loom_trace_fn visit, void* context) {
 }
 
 LOOM_EXPORT uint64_t loom_trace_lost(void) { return lost_records.load(); }
-
-LOOM_EXPORT uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit, void* context) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rbe"), std::fclose);
-    if (!file)
-        return fail(static_cast<u32>(errno), "trace file %s: cannot be opened: %s", path, words_of(errno).c_str());
-    file_header header{};
-    if (std::fread(&header, sizeof header, 1, file.get()) != 1 ||
-        std::memcmp(header.magic, file_magic, sizeof file_magic) != 0)
-        return fail(EINVAL, "trace file %s: is no trace file", path);
-    if (header.version != file_version)
-        return fail(EINVAL, "trace file %s: has version %u, this runtime reads version %u", path, header.version,
-                    file_version);
-    std::vector<std::string> names(most_modules);
-    std::array<std::byte, 0x10000> arguments;
-    trace_entry entry;
-    for (u64 number = 1; std::fread(&entry, sizeof entry, 1, file.get()) == 1; ++number) {
-        loom_trace_record record;
-        const bool whole = entry.size >= sizeof entry && std::fread(arguments.data(), 1, entry.size - sizeof entry,
-                                                                    file.get()) == entry.size - sizeof entry;
-        if (!whole || !decode_entry(entry, arguments.data(), record))
-            return fail(EINVAL, "trace file %s: entry %llu is %s", path, static_cast<unsigned long long>(number),
-                        whole ? "damaged" : "cut short");
-        if (entry.kind == entry_module && entry.module < most_modules && record.arguments[0].text)
-            names[entry.module].assign(record.arguments[0].text, record.arguments[0].text_length);
-        if (entry.kind != entry_record) continue;
-        record.module_name = entry.module < most_modules ? names[entry.module].c_str() : "";
-        visit(&record, context);
-    }
-    return done();
-}

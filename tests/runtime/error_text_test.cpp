@@ -153,7 +153,7 @@ const entry_point functions[] = {
                         CALL(loom_trace_set_level(nullptr, 6))},
     {"trace_open", CALL(loom_trace_open("/no/such/file")), "/no/such/file",
                    CALL(loom_trace_open(g.directory.file("trace").c_str()))},
-    {"trace_read_file", CALL(loom_trace_read_file("/dev/null", nullptr, nullptr)), "is no trace file", nullptr},
+    {"trace_read_file", CALL(loom_trace_read_file("/dev/null", nullptr, nullptr, nullptr)), "is no trace file", nullptr},
 };
 const entry_point operations[] = {
     {"alloc", CALL(given(g.handle->alloc(g.handle->alloc_ctx, 1, std::size_t{1} << 60))), "no room for 1152921504606846976",

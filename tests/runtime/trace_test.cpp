@@ -5,11 +5,15 @@
 
 #include <algorithm>
 #include <bzlib.h>
+#include <csignal>
 #include <cstring>
 #include <elf.h>
 #include <fstream>
 #include <map>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 using namespace runtime_test;
@@ -167,7 +171,7 @@ TEST_F(tracing, many_threads_write_while_others_read) {
                       ASSERT_EQ(std::string(record->arguments[0].text, record->arguments[0].text_length),
                                 "some text of any length" + record->arguments[1].number % 20);
                   },
-                  &state),
+                  &state, nullptr),
               0u)
         << loom_error_text();
     EXPECT_EQ(state.count, threads * rounds);
@@ -193,7 +197,7 @@ TEST_F(tracing, a_damaged_file_is_told_from_a_whole_one) {
     const auto read = [&](const std::string& contents) {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
         kept_records records;
-        return loom_trace_read_file(path.c_str(), kept_records::add, &records);
+        return loom_trace_read_file(path.c_str(), kept_records::add, &records, nullptr);
     };
     EXPECT_EQ(read(good), 0u);
     EXPECT_EQ(read(good.substr(0, 20)), std::uint32_t{EINVAL});
@@ -208,6 +212,142 @@ TEST_F(tracing, a_damaged_file_is_told_from_a_whole_one) {
             bad[32 + random() % (bad.size() - 32)] = static_cast<char>(random());
         read(bad);
     }
+}
+
+/// A file that processes write at once.
+class trace_of_many : public tracing {
+  protected:
+    static constexpr std::uint32_t records = 3000;
+
+    /// A process that writes, and has ended when it is waited for.
+    template <class Body>
+    static pid_t fork_writer(Body body) {
+        const pid_t process = fork();
+        if (process == 0) {
+            body();
+            _exit(0);
+        }
+        return process;
+    }
+    static void wait_for(pid_t process) {
+        int status = 0;
+        ASSERT_EQ(waitpid(process, &status, 0), process);
+    }
+    static void write_records(std::uint32_t writer, std::uint32_t count) {
+        for (std::uint32_t i = 0; i < count; ++i)
+            __SPf_4(unit, writer, 0, level_3, i);
+    }
+    /// Counts each writer's records, which must follow each other from 0.
+    std::uint32_t read() {
+        counts.clear();
+        return loom_trace_read_file(
+            path.c_str(),
+            [](const loom_trace_record* record, void* context) {
+                auto& own = *static_cast<trace_of_many*>(context);
+                EXPECT_EQ(record->arguments[0].number, own.counts[record->index]++);
+            },
+            this, &losses);
+    }
+
+    const std::string path = directory.file("trace");
+    std::map<std::uint32_t, std::uint64_t> counts;
+    loom_trace_losses losses{};
+};
+
+TEST_F(trace_of_many, no_record_of_eight_writers_is_lost) {
+    std::vector<pid_t> processes;
+    const auto start = [&](bool opens) {
+        processes.push_back(fork_writer([&, number = static_cast<std::uint32_t>(processes.size())] {
+            if (opens) loom_trace_open(path.c_str());
+            std::thread other(write_records, 2 * number, records);
+            write_records(2 * number + 1, records);
+            other.join();
+            loom_trace_close();
+        }));
+    };
+    start(true);
+    start(true);
+    ASSERT_EQ(loom_trace_open(path.c_str()), 0u);
+    write_records(100, 1); // not twice, although it is in the buffer of both at the fork
+    start(false);
+    start(false);
+    for (const pid_t each : processes)
+        wait_for(each);
+    loom_trace_close();
+    ASSERT_EQ(read(), 0u) << loom_error_text();
+    for (std::uint32_t writer = 0; writer < 8; ++writer)
+        EXPECT_EQ(counts[writer], records) << writer;
+    EXPECT_EQ(counts[100], 1u);
+    EXPECT_EQ(losses.records + losses.blocks + losses.open_writers, 0u);
+}
+
+TEST_F(trace_of_many, a_killed_writer_loses_its_last_block_and_this_is_told) {
+    constexpr std::uint32_t writers = 6;
+    for (std::uint32_t writer = 0; writer < writers; ++writer) {
+        const pid_t process = fork_writer([&] {
+            loom_trace_open(path.c_str());
+            for (std::uint32_t i = 0;; ++i) {
+                __SPf_4(unit, writer, 0, level_3, i);
+                if (i % 50 != 0) continue;
+                loom_trace_flush();
+                usleep(200); // the file must not outgrow its reader
+            }
+        });
+        while (read() != 0 || counts[writer] == 0)
+            std::this_thread::yield();
+        kill(process, SIGKILL);
+        wait_for(process);
+        ASSERT_EQ(read(), 0u) << loom_error_text();
+        EXPECT_EQ(losses.open_writers, writer + 1);
+        EXPECT_EQ(losses.records, 0u);
+    }
+    // What one leaves that dies in the middle of a write, seldom as it is hit.
+    const std::uint64_t blocks = losses.blocks;
+    std::ofstream(path, std::ios::binary | std::ios::app) << "TBLK and not more of it";
+    ASSERT_EQ(read(), 0u);
+    EXPECT_EQ(losses.blocks, blocks + 1);
+    ASSERT_EQ(loom_trace_open(path.c_str()), 0u);
+    write_records(50, records);
+    loom_trace_close();
+    ASSERT_EQ(read(), 0u) << loom_error_text();
+    EXPECT_EQ(losses.blocks, blocks + 1);
+    EXPECT_EQ(losses.open_writers, writers);
+    EXPECT_EQ(counts[50], records);
+}
+
+TEST_F(trace_of_many, what_finds_no_room_is_counted_in_the_file) {
+    ASSERT_EQ(loom_trace_open(path.c_str()), 0u);
+    const std::uint64_t lost = loom_trace_lost();
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit scarce{1000, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &scarce);
+    write_records(1, records);
+    loom_trace_flush();
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(loom_trace_lost() - lost, records);
+    write_records(2, 5);
+    loom_trace_close();
+    ASSERT_EQ(read(), 0u) << loom_error_text();
+    EXPECT_EQ(counts, (std::map<std::uint32_t, std::uint64_t>{{2, 5}}));
+    EXPECT_EQ(losses.records, records);
+    EXPECT_EQ(losses.blocks + losses.open_writers, 0u);
+}
+
+TEST_F(trace_of_many, of_another_version_is_refused_and_left_alone) {
+    loom_trace_open(path.c_str());
+    loom_trace_close();
+    std::fstream(path, std::ios::binary | std::ios::in | std::ios::out).seekp(8).put(3);
+    const auto size = std::filesystem::file_size(path);
+    for (const std::uint32_t error : {read(), loom_trace_open(path.c_str())}) {
+        EXPECT_EQ(error, std::uint32_t{EINVAL});
+        EXPECT_NE(
+            std::string(loom_error_text()).find("has version 3, this runtime knows version 2: read it with the"),
+            std::string::npos)
+            << loom_error_text();
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), size);
 }
 
 TEST_F(tracing, a_thread_that_ends_leaves_its_records) {

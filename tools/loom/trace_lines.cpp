@@ -3,8 +3,10 @@
 #include "bundles.h"
 #include "failure.h"
 
+#include <algorithm>
 #include <ctime>
 #include <dlfcn.h>
+#include <iostream>
 
 namespace tool {
 namespace {
@@ -37,6 +39,18 @@ std::string time_text(std::uint64_t nanoseconds) {
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
     std::snprintf(text + length, sizeof text - length, ".%09uZ", static_cast<unsigned>(nanoseconds % per_second));
     return text;
+}
+
+/// What is missing in the file, on the standard error stream.
+void tell_losses(const std::string& path, const loom_trace_losses& losses) {
+    const auto tell = [&](std::uint64_t count, const char* one, const char* many) {
+        if (count != 0) std::cerr << "loom: " << path << ": " << count << (count == 1 ? one : many) << '\n';
+    };
+    tell(losses.records, " record was lost by its writer", " records were lost by their writers");
+    tell(losses.blocks, " block is missing: its writer was killed while it wrote",
+         " blocks are missing: their writers were killed while they wrote");
+    tell(losses.open_writers, " writer has not closed the file: it still writes, or its last records are lost",
+         " writers have not closed the file: they still write, or their last records are lost");
 }
 
 } // namespace
@@ -76,13 +90,18 @@ void print_trace_file(std::ostream& out, const std::string& path) {
     const auto keep = [](const loom_trace_record* record, void* context) {
         static_cast<std::vector<kept_record>*>(context)->emplace_back(*record);
     };
-    const std::uint32_t error = loom_trace_read_file(path.c_str(), keep, &records);
+    loom_trace_losses losses{};
+    const std::uint32_t error = loom_trace_read_file(path.c_str(), keep, &records, &losses);
     const std::string reason = error ? loom_error_text() : "";
+    std::stable_sort(records.begin(), records.end(),
+                     [](const auto& a, const auto& b) { return a.view().time < b.view().time; });
     const trace_texts texts;
     for (const kept_record& record : records) {
         const loom_trace_record view = record.view();
         out << time_text(view.time) << " [" << view.thread << "] " << texts.line(record) << '\n';
     }
+    out.flush();
+    tell_losses(path, losses);
     if (error)
         throw failure(reason, records.empty()
                                   ? "name a file that a program wrote with loom_trace_open, or loom with --trace"

@@ -5,16 +5,26 @@
  * when a thread ends), or by loom_trace_drain; without either a full buffer loses its old records, which is
  * counted. A record of level 0 is written out at once, and its text goes to the standard error stream as well.
  *
+ * Any number of processes and threads may write one trace file: each appends whole blocks of entries under a lock of
+ * the file. Nothing that is there is overwritten; who wants a fresh file removes the old one. Without room on the disk,
+ * or when a stopped process keeps the lock, a writer loses the block, and its next one tells how many records that
+ * were.
+ *
  * A trace file holds, little-endian:
- *   32 bytes   "LOOMTRCE", u32 version 1, u32 process id, u64 start time, u64 zero
- *   entries    each a multiple of 8 bytes long:
+ *   32 bytes   "LOOMTRCE", u32 version 2, u32 blocks that were cut off, u64 time at which it was made, u64 place up
+ *              to which it is whole
+ *   blocks     0  u32 0x4B4C4254   4  u32 size of the block   8  u32 process id   12  u32 1: its writer's last one
+ *             16  u64 start time of the writer   24  u64 number, from 0   32  u64 records that the writer has lost
+ *             40  u64 checksum of the block
+ *             48  entries, each a multiple of 8 bytes long:
  *     0  u16 size of the entry      2  u8 kind: 1 a record, 2 the name of a module   3  u8 level
  *     4  u16 module number          6  u16 arguments, one hexadecimal digit each (1, 4 or 5), the first lowest
  *     8  u32 index in the unit     12  u32 thread id
  *    16  u64 time in nanoseconds since 1970-01-01T00:00:00Z
  *    24  16 bytes unit hash
  *    40  arguments: 1 u16 length (0xFFFF: null) and the characters, at most LOOM_TRACE_TEXT_MAX; 4 u32; 5 u64
- * The entry of a module has its name as its one argument. Several processes write several files.
+ * The entry of a module has its name as its one argument and holds for the writer's entries behind it. Behind a
+ * writer that was killed in the middle of a block the rest of it is cut off.
  *
  * All functions may be called from any thread. Callbacks must not call functions of this header. */
 #ifndef LOOM_RUNTIME_TRACE_H
@@ -59,19 +69,31 @@ uint32_t loom_trace_set_level(const char* module, uint32_t level);
  * not overlap. Null takes the tap away. */
 void loom_trace_set_tap(loom_trace_fn tap, void* context);
 
-/** Starts a trace file; 17 when one is open, otherwise an errno value with a text in loom_error_text. */
+/** Writes to a trace file from now on, behind what is there; it is made if needed. 17 when one is open, 22 when the
+ *  file is no trace file or one of another version, otherwise an errno value; with a text. A child of a fork goes on
+ *  as a writer of its own, without the records that were buffered at that moment. */
 uint32_t loom_trace_open(const char* path);
 /** Writes all buffers into the open file. */
 void loom_trace_flush(void);
+/** Writes all buffers, and that nothing else was lost. The end of the process does this by itself. */
 void loom_trace_close(void);
 /** Hands all buffered records to `visit`, in order of time, and takes them out of the buffers; `visit` null drops
  *  them. Returns their number. */
 uint64_t loom_trace_drain(loom_trace_fn visit, void* context);
-/** Records that full buffers have lost since the process began. */
+/** Records that this process has lost since it began: in full buffers, and in blocks that could not be written. */
 uint64_t loom_trace_lost(void);
 
-/** Reads a trace file. 0, or an error number with a text; the records before the fault have been visited then. */
-uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit, void* context);
+/** What is known to be missing in a trace file. */
+typedef struct loom_trace_losses {
+    uint64_t records;      /**< lost by writers that went on */
+    uint64_t blocks;       /**< cut off or missing: at most the last one of each writer that was killed */
+    uint64_t open_writers; /**< that have not closed the file: they still write, or were killed with what they had
+                            *   buffered */
+} loom_trace_losses;
+
+/** Reads a trace file, block by block as they were appended, and tells what is missing; `losses` may be null. 0, or
+ *  an error number with a text; the records before the fault have been visited then. Others may write meanwhile. */
+uint32_t loom_trace_read_file(const char* path, loom_trace_fn visit, void* context, loom_trace_losses* losses);
 
 /** Texts of one bundle or of several, read from the sections `.spoor_luids_*` and `.spoor_format_strings` of their
  *  shared objects. */
