@@ -328,7 +328,7 @@ void trace_writer::close(u64 lost) {
 
 /// The file's end is where it was when a block cannot be written.
 bool trace_writer::append(u64 lost, u32 flags) {
-    if (!modules_are_told_) block_.insert(block_.end(), modules_.begin(), modules_.end());
+    if (!modules_are_told_) block_.insert(block_.begin() + sizeof(block_head), modules_.begin(), modules_.end());
     block_head head{block_magic,
                     static_cast<u32>(block_.size()),
                     static_cast<u32>(getpid()),
