@@ -207,31 +207,52 @@ std::shared_ptr<database> database::open_mapped(const loom_open_options& options
     const bool may_make = options.flags & LOOM_OPEN_CREATE;
     if (may_make && !plan_database(path, options, plan)) return nullptr;
     auto files = std::make_unique<store>();
-    if (files->find(path, may_make ? &plan : nullptr, fill_first_page) != 0) return nullptr;
+    const bool read_only = options.flags & LOOM_OPEN_READ_ONLY;
+    if (read_only && (may_make || exclusive)) {
+        fail(EINVAL,
+             "database %s: what is opened for reading only is not made and not used exclusively; choose one",
+             path.c_str());
+        return nullptr;
+    }
+    if (files->find(path, may_make ? &plan : nullptr, fill_first_page, read_only) != 0) return nullptr;
     if (options.durability) files->strengthen(static_cast<durability>(options.durability));
     if (options.journal_limit) files->set_journal_limit(options.journal_limit);
-    std::weak_ptr<database>& known = open_databases()[files->identity()];
-    if (auto open_already = known.lock()) {
-        if (exclusive || open_already->exclusive) {
-            fail(EBUSY,
-                 exclusive ? "database %s: is in use; close the other handles on it to use it exclusively"
-                           : "database %s: is in use exclusively; close the other handle on it",
-                 path.c_str());
-            return nullptr;
-        }
-        open_already->files->strengthen(files->level());
-        return open_already;
-    }
     auto made = std::make_shared<database>();
-    made->files = std::move(files);
     made->path = path;
     made->mapped = true;
     made->exclusive = exclusive;
-    if (made->files->enter(exclusive) != 0 || made->open_log() != 0 || !made->map_image()) return nullptr;
-    made->files->entered();
-    made->checks_commits_ = std::getenv(checking_variable) != nullptr;
+    made->read_only = read_only;
+    std::weak_ptr<database>& known = open_databases()[files->identity()];
+    if (auto open_already = known.lock()) {
+        if (!made->may_share(*open_already)) return nullptr;
+        open_already->files->strengthen(files->level());
+        return open_already;
+    }
+    made->files = std::move(files);
+    if (read_only) {
+        if (made->files->enter_read_only() != 0 || !made->map_snapshot()) return nullptr;
+    } else {
+        if (made->files->enter(exclusive) != 0 || made->open_log() != 0 || !made->map_image()) return nullptr;
+        made->files->entered();
+        made->checks_commits_ = std::getenv(checking_variable) != nullptr;
+    }
     known = made;
     return made;
+}
+
+/// Whether this process may have a database open once more, in the way that was asked for.
+bool database::may_share(const database& open_already) const {
+    const char* reason = nullptr;
+    if (exclusive)
+        reason = "is in use; close the other handles on it to use it exclusively";
+    else if (open_already.exclusive)
+        reason = "is in use exclusively; close the other handle on it";
+    else if (read_only && !open_already.read_only)
+        reason = "is open for writing in this process; use that handle, or close it";
+    else if (!read_only && open_already.read_only)
+        reason = "is open for reading only in this process; close the other handle on it to open it for writing";
+    if (reason) fail(EBUSY, "database %s: %s", path.c_str(), reason);
+    return !reason;
 }
 
 void database::release(std::shared_ptr<database>& used) {
@@ -251,29 +272,49 @@ u32 database::open_log() {
     return log_->make_file(*files);
 }
 
-bool database::map_image() {
+/// The addresses of the database, all that there will ever be; null with a text.
+void* database::map_at_base(int flags, int file) {
     const superblock& fixed = files->fixed();
-    // All that there will ever be is mapped at once: pages behind the file's end become usable as the file grows,
-    // in every process that has it mapped.
     void* place = mmap(reinterpret_cast<void*>(fixed.base), fixed.room, PROT_READ | PROT_WRITE,
-                       MAP_SHARED | MAP_FIXED_NOREPLACE, files->image(), 0);
+                       flags | MAP_FIXED_NOREPLACE, file, 0);
     const int error = errno;
-    if (place != MAP_FAILED && reinterpret_cast<u64>(place) != fixed.base) {
-        munmap(place, fixed.room);
-        place = MAP_FAILED;
-    }
-    if (place == MAP_FAILED) {
-        if (error == EEXIST)
-            fail(EADDRINUSE,
-                 "database %s: must lie at address %" PRIx64
-                 ", but that is taken by %s; close what lies there, or open "
-                 "the database in a process of its own",
-                 path.c_str(), fixed.base, taken_by(fixed.base, fixed.room).c_str());
-        else
-            fail(static_cast<u32>(error), "database %s: cannot be mapped at address %" PRIx64 ": %s", path.c_str(),
-                 fixed.base, words_of(error).c_str());
+    if (place != MAP_FAILED && reinterpret_cast<u64>(place) == fixed.base) return place;
+    if (place != MAP_FAILED) munmap(place, fixed.room);
+    if (place != MAP_FAILED || error == EEXIST)
+        fail(EADDRINUSE,
+             "database %s: must lie at address %" PRIx64
+             ", but that is taken by %s; close what lies there, or open the database in a process of its own",
+             path.c_str(), fixed.base, taken_by(fixed.base, fixed.room).c_str());
+    else if (error == ENOMEM)
+        fail(ENOMEM,
+             "database %s: the process has no %" PRIu64
+             " bytes of addresses left for it; raise its limit (ulimit -v), or close other databases",
+             path.c_str(), fixed.room);
+    else
+        fail(static_cast<u32>(error), "database %s: cannot be mapped at address %" PRIx64 ": %s", path.c_str(),
+             fixed.base, words_of(error).c_str());
+    return nullptr;
+}
+
+/// A state of the database, in memory of this process.
+bool database::map_snapshot() {
+    void* place = map_at_base(MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1);
+    if (!place) return false;
+    reserve_ = files->fixed().room;
+    if (files->read_snapshot(static_cast<std::byte*>(place)) != 0 ||
+        check_header(*static_cast<const arena_header*>(place), files->fixed(), path) != 0) {
+        munmap(place, reserve_);
         return false;
     }
+    memory.attach(static_cast<std::byte*>(place), this, false);
+    return true;
+}
+
+bool database::map_image() {
+    const superblock& fixed = files->fixed();
+    // Pages behind the file's end become usable as the file grows, in every process that has it mapped.
+    void* place = map_at_base(MAP_SHARED, files->image());
+    if (!place) return false;
     reserve_ = fixed.room;
     const arena_header& header = *static_cast<const arena_header*>(place);
     u32 failed = check_header(header, fixed, path);
@@ -309,6 +350,7 @@ database::~database() {
 }
 
 void database::close_in_order() {
+    if (read_only) return;
     // What fails here was told to those who wanted it on the disk, or will be found by the next opener.
     if (files->level() == durability::volatile_) {
         files->leave_volatile(memory.base(), memory.header().top);
@@ -319,6 +361,7 @@ void database::close_in_order() {
 }
 
 bool database::extend(std::byte* base, u64 old_extent, u64 extent) {
+    if (read_only) return false;
     if (mapped)
         return posix_fallocate(files->image(), static_cast<off_t>(old_extent),
                                static_cast<off_t>(extent - old_extent)) == 0;

@@ -85,6 +85,7 @@ class database : public backing {
     arena memory;
     bool mapped = false;
     bool exclusive = false;
+    bool read_only = false; ///< memory of this process, with a state of the database
     std::string path;
     std::unique_ptr<debug_arena> debug;
     u64 found_by_commits = 0;     ///< unannounced stores that commits have reported
@@ -98,6 +99,9 @@ class database : public backing {
     bool make_log();
     u32 open_log();
     bool map_image();
+    bool map_snapshot();
+    void* map_at_base(int flags, int file);
+    bool may_share(const database& open_already) const;
     bool roll_back(u64 extent);
     void close_in_order();
     void check_commit();

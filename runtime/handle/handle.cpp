@@ -106,6 +106,11 @@ void sweep_the_dead(open_handle& handle) {
 /// Locks for a mapped database, and its root.
 u32 prepare_mapped(open_handle& handle) {
     database& db = *handle.db;
+    if (db.read_only) {
+        // The whole life of the handle is a read section: what it makes lies in memory of its own.
+        handle.section = section_kind::read;
+        return db.make_root() ? 0 : fail(ENOMEM, "database %s: has no room for its root", db.path.c_str());
+    }
     if (const u32 error = handle.lock.open(db.files->lock_file()))
         return fail(error, "database %s: cannot be opened for locking: %s", db.path.c_str(),
                     words_of(static_cast<int>(error)).c_str());
@@ -131,6 +136,8 @@ void open_handle::choose_hooks() {
 }
 
 u32 open_handle::begin_write(section_purpose purpose) {
+    if (db->read_only)
+        return fail(EROFS, "database %s: was opened for reading only; open it for writing", db->path.c_str());
     if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
     if (db->mapped && purpose == section_purpose::changes)
         if (const u32 error = db->files->check_failure()) return error;
@@ -215,6 +222,7 @@ void open_handle::give_up_write() {
 }
 
 u32 open_handle::begin_read() {
+    if (db->read_only) return 0;
     if (section != section_kind::none) return fail(EBUSY, "this handle has a section already");
     while (shared()) {
         if (db->writer.load() == std::this_thread::get_id())
@@ -234,6 +242,7 @@ u32 open_handle::begin_read() {
 }
 
 u32 open_handle::end_read() {
+    if (db->read_only) return 0;
     if (section != section_kind::read) return fail(EINVAL, "this handle has no read section");
     section = section_kind::none;
     if (shared()) {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace loom {
@@ -59,6 +60,12 @@ int disk_directory::rename(const char* name, const char* new_name) {
 int disk_directory::flush() {
     if (const int refused = show(path_, LOOM_DISK_FLUSH_DIRECTORY, "")) return refused;
     return carried_out([&] { return fsync(descriptor_); });
+}
+
+u64 disk_directory::file_system() const {
+    if (const int shown = show(path_, LOOM_DISK_FILE_SYSTEM, "")) return static_cast<u32>(shown);
+    struct statfs system {};
+    return fstatfs(descriptor_, &system) == 0 ? static_cast<u32>(system.f_type) : 0;
 }
 
 int disk_directory::flush_parent() {

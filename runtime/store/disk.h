@@ -22,7 +22,8 @@ enum loom_disk_kind {
     LOOM_DISK_FLUSH,
     LOOM_DISK_REMOVE,
     LOOM_DISK_RENAME, ///< `name` becomes `new_name`, in place of a file of that name; "" is the file without name
-    LOOM_DISK_FLUSH_DIRECTORY
+    LOOM_DISK_FLUSH_DIRECTORY,
+    LOOM_DISK_FILE_SYSTEM ///< its kind is asked for; a result other than 0 is taken for that
 };
 struct loom_disk_operation {
     enum loom_disk_kind kind;
@@ -59,6 +60,8 @@ class disk_directory {
     int remove(const char* name);
     int rename(const char* name, const char* new_name);
     int flush();
+    /// The number by which statfs knows the kind of file system; 0 when it tells none.
+    u64 file_system() const;
     /// Flushes the directory that this one lies in.
     int flush_parent();
 

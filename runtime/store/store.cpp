@@ -36,6 +36,7 @@ void store::strengthen(durability wanted) {
 // --------------------------------------------------------------------------------------------------- commits
 
 journal_place store::place_of_last_commit() const {
+    if (is_read_only()) return snapshot_place_;
     journal_place place;
     if (!control_.read_place(place)) fatal("database %s: its control page is damaged", directory_.path().c_str());
     return place;
@@ -97,6 +98,7 @@ u32 store::fail_for_good(u32 error) {
 }
 
 u32 store::check_failure() const {
+    if (is_read_only()) return 0;
     const u32 error = control_->failed.load(std::memory_order_acquire);
     if (!error) return 0;
     return fail(
@@ -109,7 +111,7 @@ u32 store::check_failure() const {
 // --------------------------------------------------------------------------------------------------- flushes
 
 u32 store::flush(u64 number) {
-    if (superblock_.level == durability::volatile_) return 0;
+    if (superblock_.level == durability::volatile_ || is_read_only()) return 0;
     while (control_->flushed.load(std::memory_order_acquire) < number) {
         if (const u32 error = check_failure()) return error;
         const std::lock_guard guard(flush_mutex_);
@@ -134,8 +136,8 @@ u32 store::flush(u64 number) {
 // ------------------------------------------------------------------------------------------------ truncation
 
 bool store::wants_truncation() const {
-    return superblock_.level != durability::volatile_ && control_->first_of_file - 1 > control_->absorbed &&
-           control_->failed == 0;
+    return superblock_.level != durability::volatile_ && !is_read_only() &&
+           control_->first_of_file - 1 > control_->absorbed && control_->failed == 0;
 }
 
 u32 store::truncate() {

@@ -51,13 +51,19 @@ class store {
     ~store();
 
     /// Finds the directory, or makes it when `plan` is not null. 0, or an error number with a text.
-    u32 find(const std::string& path, const store_plan* plan, const first_page_fn& first_page);
+    u32 find(const std::string& path, const store_plan* plan, const first_page_fn& first_page, bool read_only);
     const superblock& fixed() const { return superblock_; }
     file_identity identity() const;
 
     /// Becomes a user of the database: opens what belongs to it, and makes the image anew unless it can be
     /// trusted. Until `entered` others wait who want to become one. 0, or an error number with a text.
     u32 enter(bool exclusive);
+    /// Opens what is needed to read the database, and changes nothing. There are no sections then.
+    u32 enter_read_only();
+    bool is_read_only() const { return control_.operator->() == nullptr; }
+    /// Puts the latest state of a database that was entered so together in memory that is zero so far and as long
+    /// as its room. 0, or an error number with a text.
+    u32 read_snapshot(std::byte* memory);
     void entered();
     /// Between the two: the image is made anew, since it cannot be put in order. Refused while others use it.
     u32 rebuild();
@@ -96,7 +102,7 @@ class store {
     /// Adds the entries behind `place`, as far as the journal files still lead on from there.
     u32 read_on(std::byte* memory, u64& size, journal_place& place) const;
     /// Up to which commit the base has the journal's entries.
-    u64 absorbed() const { return control_->absorbed.load(std::memory_order_acquire); }
+    u64 absorbed() const { return is_read_only() ? base_.record().number : control_->absorbed.load(); }
     /// The journal's end.
     journal_place place_of_last_commit() const;
 
@@ -164,6 +170,7 @@ class store {
     durability level_ = durability::ordered;
     u64 journal_limit_ = u64{64} << 20;
     recovery_report report_;
+    journal_place snapshot_place_; ///< of a database that is read only
 
     std::mutex flush_mutex_;
     std::mutex truncation_mutex_;

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace loom {
@@ -52,10 +51,9 @@ u32 store::refuse_other_path(int error) const {
 }
 
 u32 store::refuse_file_system() const {
-    struct statfs system {};
-    if (fstatfs(directory_.descriptor(), &system) != 0) return 0;
+    const u64 found = directory_.file_system();
     for (const remote_file_system& each : remote_file_systems)
-        if (static_cast<u64>(system.f_type) == each.number)
+        if (found == each.number)
             return fail(ENOTSUP,
                         "database %s: lies on a file system of the kind %s, where processes do not share memory; "
                         "put it on a local one",
@@ -82,7 +80,7 @@ u32 store::refuse_unmade() const {
         path);
 }
 
-u32 store::find(const std::string& path, const store_plan* plan, const first_page_fn& first_page) {
+u32 store::find(const std::string& path, const store_plan* plan, const first_page_fn& first_page, bool read_only) {
     int error = directory_.open(path);
     if (error == ENOENT && plan) {
         const bool made = mkdir(path.c_str(), mode_of_directory(plan->mode ? plan->mode : 0666)) == 0;
@@ -103,7 +101,8 @@ u32 store::find(const std::string& path, const store_plan* plan, const first_pag
     }
     if (const u32 failed = read_superblock(directory_, superblock_)) return failed;
     level_ = superblock_.level;
-    lock_file_ = openat(directory_.descriptor(), superblock_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    lock_file_ =
+        openat(directory_.descriptor(), superblock_name, (read_only ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOFOLLOW);
     if (lock_file_ >= 0) return 0;
     return fail(
         static_cast<u32>(errno),
@@ -313,6 +312,11 @@ u32 store::make_image() {
 /// The place in the journal at which the base is.
 u32 store::find_start(journal_place& place) const {
     const base_record& record = base_.record();
+    if (superblock_.level == durability::volatile_) {
+        // Its commits are in no journal.
+        place = {record.number, record.previous};
+        return 0;
+    }
     if (journal_.find(record.number, record.previous, place)) return 0;
     return fail(
         EIO,

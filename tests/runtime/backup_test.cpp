@@ -2,12 +2,18 @@
 // told, and leaves nothing.
 #include "tests/runtime/support.h"
 
+#include "runtime/store/disk.h"
+
 #include <loom_runtime/backup.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 using namespace runtime_test;
@@ -56,16 +62,21 @@ struct backups : testing::Test {
         options.commit = commit;
         return loom_restore(&options, nullptr);
     }
-    /// The restored database is what `work` has made up to some number, which is returned.
-    std::uint64_t number_in(const std::string& restored) {
-        const handle_ptr handle = open(restored);
-        if (!handle) return ~std::uint64_t{0};
+    /// The database is what `work` has made up to some number, which is returned.
+    std::uint64_t number_read(loom_handle* handle) {
         expect_sound(handle);
         const std::uint64_t* all = cells_of(handle);
         const std::uint64_t number = all[0];
         for (std::uint64_t each = number; each > 0 && each + cells / 100 > number; --each)
             for (std::size_t i = 1; i < 100; ++i)
                 EXPECT_EQ(all[each * 100 % cells + i], each) << "as of " << number;
+        return number;
+    }
+    /// The same, and it goes on from there.
+    std::uint64_t number_in(const std::string& restored) {
+        const handle_ptr handle = open(restored);
+        if (!handle) return ~std::uint64_t{0};
+        const std::uint64_t number = number_read(handle);
         work(handle, number + 1);
         return number;
     }
@@ -161,5 +172,48 @@ TEST_F(backups, that_are_damaged_are_told) {
         std::filesystem::remove_all(target);
     }
     EXPECT_GT(told, 80u);
+}
+
+TEST_F(backups, are_not_needed_to_read_beside_a_writer) {
+    make().reset();
+    const pid_t writer = fork();
+    if (writer == 0) {
+        const handle_ptr own = open(path);
+        for (std::uint64_t number = 1;; ++number) {
+            work(own, number);
+            if (number % 50 == 0) loom_database_sync(own);
+        }
+    }
+    std::uint64_t last = 0;
+    for (int i = 0; i < 50; ++i) {
+        const handle_ptr handle = open(path, LOOM_OPEN_READ_ONLY);
+        const std::uint64_t number = number_read(handle);
+        EXPECT_GE(number, last);
+        last = number;
+    }
+    EXPECT_GT(last, 0u);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+
+    const handle_ptr handle = open(path, LOOM_OPEN_READ_ONLY), again = open(path, LOOM_OPEN_READ_ONLY);
+    EXPECT_EQ(loom_write_begin(handle), std::uint32_t{EROFS});
+    EXPECT_EQ(loom_read_begin(handle), 0u);
+    EXPECT_NE(handle->alloc(handle->alloc_ctx, 1, 100), nullptr);
+    EXPECT_EQ(loom_read_end(handle), 0u);
+    EXPECT_EQ(loom_database_sync(handle), 0u);
+    EXPECT_EQ(loom_backup(handle, directory.file("of-a-snapshot").c_str(), LOOM_BACKUP_ALL, nullptr), 0u);
+    EXPECT_FALSE(loom_open_mapped(path.c_str(), 0));
+    EXPECT_NE(std::string(loom_error_text()).find("reading only in this process"), std::string::npos);
+}
+
+/// Processes on other machines would not see each other's stores.
+TEST_F(backups, and_databases_are_not_kept_where_memory_is_not_shared) {
+    make().reset();
+    loom_disk_observe([](const loom_disk_operation* operation,
+                         void*) { return operation->kind == LOOM_DISK_FILE_SYSTEM ? 0x6969 : 0; },
+                      nullptr);
+    EXPECT_FALSE(loom_open_mapped(path.c_str(), 0));
+    EXPECT_NE(std::string(loom_error_text()).find("of the kind NFS"), std::string::npos);
+    loom_disk_observe(nullptr, nullptr);
 }
 } // namespace

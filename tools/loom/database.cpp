@@ -3,7 +3,9 @@
 #include "bundles.h"
 #include "failure.h"
 
+#include <cerrno>
 #include <filesystem>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -46,6 +48,12 @@ database database::open(const std::string& path, std::uint32_t flags) {
     if (!fs::exists(path))
         throw failure(path + ": there is no such database", "make a database with 'loom create " + path + "'");
     return checked(loom_open_mapped(path.c_str(), flags), path);
+}
+
+database database::open_for_reading(const std::string& path, bool snapshot) {
+    const bool may_write = ::access((path + "/superblock").c_str(), W_OK) == 0 || errno == ENOENT;
+    if (may_write && !snapshot) return open(path);
+    return open(path, LOOM_OPEN_READ_ONLY);
 }
 
 database database::create(const std::string& path, std::uint64_t reserve, std::uint32_t durability,

@@ -31,6 +31,9 @@ class database {
     /// Opens the file; throws failure when there is no such database.
     /// `flags` are LOOM_OPEN_ ones.
     static database open(const std::string& path, std::uint32_t flags = 0);
+    /// The same for who only reads: as it is now, without changing a thing, when `snapshot` is set or when the
+    /// files may not be written.
+    static database open_for_reading(const std::string& path, bool snapshot);
     /// Makes the file; throws failure when there is one.
     static database create(const std::string& path, std::uint64_t reserve = 0, std::uint32_t durability = 0,
                            std::uint32_t mode = 0);

@@ -78,7 +78,7 @@ int create_database(context& c) {
 }
 
 int list_tables(context& c) {
-    const database db = database::open(c.line[0]);
+    const database db = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     const read_section reading(db);
     const std::vector<stored_table> tables = db.tables();
     if (tables.empty()) std::cout << db.path() << ": no tables yet\n";
@@ -92,7 +92,7 @@ int list_tables(context& c) {
 }
 
 int walk_table(context& c) {
-    const database db = database::open(c.line[0]);
+    const database db = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     select_tenant(c.line);
     const read_section reading(db);
     const opened_table table = open_table(c, db, c.line[1]);
@@ -111,7 +111,7 @@ int walk_table(context& c) {
 }
 
 int find_record(context& c) {
-    const database db = database::open(c.line[0]);
+    const database db = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     select_tenant(c.line);
     const read_section reading(db);
     const opened_table table = open_table(c, db, c.line[1]);
@@ -120,7 +120,7 @@ int find_record(context& c) {
 }
 
 int show_record(context& c) {
-    const database db = database::open(c.line[0]);
+    const database db = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     select_tenant(c.line);
     const read_section reading(db);
     const opened_table table = open_table(c, db, c.line[1]);

@@ -251,7 +251,7 @@ class other_database {
   public:
     other_database(context& c, const std::string& path) {
         try {
-            database_.emplace(database::open(path));
+            database_.emplace(database::open_for_reading(path, c.line.has("--read-only")));
         } catch (const failure& reason) {
             read_by_another_process(c, path, reason);
         }
@@ -266,6 +266,7 @@ class other_database {
         for (const char* option : {"--bundle", "--bundle-path"})
             for (const std::string& value : c.line.values(option))
                 command.insert(command.end(), {option, value});
+        if (c.line.has("--read-only")) command.push_back("--read-only");
         if (status_of(command, xml.descriptor()) != 0) throw failure(reason);
         c.loaded.load_all();
         database_.emplace(database::in_memory());
@@ -312,7 +313,7 @@ int import_file(context& c) {
 }
 
 int export_tables(context& c) {
-    const database db = database::open(c.line[0]);
+    const database db = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     const read_section reading(db);
     std::vector<stored_table> tables;
     if (c.line.positional().size() > 1)
@@ -337,7 +338,7 @@ int export_tables(context& c) {
 }
 
 int compare_databases(context& c) {
-    const database left = database::open(c.line[0]);
+    const database left = database::open_for_reading(c.line[0], c.line.has("--read-only"));
     const other_database other_side(c, c.line[1]);
     const database& right = other_side.get();
     if (same_database(left, right)) {

@@ -48,8 +48,13 @@ enum {
 };
 /** Flags of loom_open for mapped databases. */
 enum {
-    LOOM_OPEN_CREATE = 1,   /**< make the database when there is none */
-    LOOM_OPEN_EXCLUSIVE = 2 /**< no other handle may have it open: no locks are needed, it is not shared */
+    LOOM_OPEN_CREATE = 1,    /**< make the database when there is none */
+    LOOM_OPEN_EXCLUSIVE = 2, /**< no other handle may have it open: no locks are needed, it is not shared */
+    /** A state of the database as of the opening, in memory of this process, built from what is committed: others
+     * go on writing and are not followed. Nothing in the directory changes; it may lie on a medium that cannot be
+     * written, and needs read rights only. Sections to read are allowed and cost nothing, sections to write fail
+     * with 30. A volatile database must not be in use. */
+    LOOM_OPEN_READ_ONLY = 4
 };
 /** What of a mapped database outlives the machine. The level stands in the database; who opens it may ask for more
  * for the commits of his process, never for less. */
