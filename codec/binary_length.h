@@ -18,12 +18,14 @@ constexpr u32 counted_size(u32 count) {
 template <class A, bool Straight>
 [[gnu::always_inline]] inline u32 length_of_value(const call& c, const value_of<A>* value) {
     using type = typename A::type;
-    if constexpr (type::category == value_category::enumeration) return enumeration_size;
-    if constexpr (type::category == value_category::flag_set) return flag_set_frame_size + sizeof value->bits;
+    if constexpr (type::category == value_category::enumeration) return wire::enumeration_size;
+    if constexpr (type::category == value_category::flag_set)
+        return wire::flag_set_frame_size + sizeof value->bits;
     if constexpr (type::category == value_category::record && Straight) {
         if (value != nullptr) {
             if constexpr (has_part_model<type>)
-                return header_of(value)->loom_variant < 0 ? frame_size : part_size<typename type::model>;
+                return header_of(value)->loom_variant < 0 ? wire::record_frame_size
+                                                          : part_size<typename type::model>;
             else
                 return type::len_straight(c.handle, c.domain, value);
         }
@@ -122,7 +124,7 @@ template <class M>
 [[gnu::noinline]] u32 len_internal(loom_handle* handle, u32 domain, const typename M::object* object) {
     const call c{handle, domain, nullptr};
     const i8 variant = direct::instance_variant(object, 1, 0);
-    u32 sum = codec::frame_size;
+    u32 sum = wire::record_frame_size;
     if (object == nullptr) {
         codec::each_reached<M>(0, [&]<class A>() {
             sum += codec::length_of_absent<A>(c);
@@ -151,7 +153,7 @@ template <class M>
 template <class M>
 [[gnu::always_inline]] inline u32 len_straight(loom_handle* handle, u32 domain, const typename M::object* object) {
     const call c{handle, domain, nullptr};
-    u32 sum = codec::frame_size;
+    u32 sum = wire::record_frame_size;
     const i8 variant = header_of(object)->loom_variant;
     if (variant >= 0)
         codec::each_reached<M>(

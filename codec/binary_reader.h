@@ -123,7 +123,8 @@ struct reader {
         if constexpr (is_counted_value<typename Type::c_type>)
             if (take_counted(v)) return;
         if constexpr (Type::category == value_category::record && !has_part_model<Type>) {
-            if (holds(frame_size) && !c.pending() && (at()[1] & LOOM_WIRE_FLAGS) == 0) {
+            if (holds(wire::record_frame_size) && !c.pending() &&
+                (at()[wire::flags_place] & LOOM_WIRE_FLAGS) == 0) {
                 advance(Type::unmarshal_straight(c.handle, c.domain, at(), v, room(), existing, c.error));
                 return;
             }
@@ -461,8 +462,8 @@ inline void store_type_info(const call& c, loom_type_info** word, const void* ow
 }
 
 /// Takes the position to the end that the jump names, if that lies ahead. True when something was skipped.
-inline bool jump_ahead(u32* position, u32 base, u32 jump) {
-    const u32 end = base + jump;
+inline bool jump_ahead(u32* position, u32 base, loom_wire_jump jump) {
+    const u32 end = base + static_cast<u32>(jump);
     if (static_cast<i32>(end) <= static_cast<i32>(*position)) return false;
     *position = end;
     return true;
@@ -476,7 +477,8 @@ inline bool jump_ahead(u32* position, u32 base, u32 jump) {
 }
 /// That of a record: besides, nothing is tracked, neither here nor on the wire.
 [[gnu::always_inline]] inline bool reads_straight(const call& c, const u8* buffer, i32 length) {
-    if (!is_plain_case(c, length, frame_size) || (buffer[1] & LOOM_WIRE_FLAGS) != 0) return false;
+    if (!is_plain_case(c, length, wire::record_frame_size) || (buffer[wire::flags_place] & LOOM_WIRE_FLAGS) != 0)
+        return false;
     const tracking_mode mode = c.mode();
     return mode == tracking_mode::absent || mode == tracking_mode::off;
 }
@@ -495,9 +497,10 @@ template <class M>
     c.clear_last_error();
     loom_object* header = header_of(object);
     const i8 variant = codec::lowered_variant(buffer[0], header);
-    u32 jump = 0;
-    codec::load_form(buffer + codec::jump_place, &jump, 1);
-    codec::reader r{c, buffer, codec::frame_size, length, existing, false, codec::state_bytes::absent, nullptr};
+    loom_wire_jump jump = 0;
+    codec::load_form(buffer + wire::record_jump_place, &jump, 1);
+    codec::reader r{c,        buffer, wire::record_frame_size,    length,
+                    existing, false,  codec::state_bytes::absent, nullptr};
 
     auto then = codec::next_step::next_attribute;
     if (variant >= 0)
@@ -509,8 +512,8 @@ template <class M>
     if (then == codec::next_step::give_up) return 0;
 
     const u32 reached = r.position;
-    if (codec::jump_ahead(&r.position, codec::jump_place, jump))
-        diag::say<M, says::unmarshal_jump_skips>(reached, codec::jump_place, jump);
+    if (codec::jump_ahead(&r.position, wire::record_jump_place, jump))
+        diag::say<M, says::unmarshal_jump_skips>(reached, wire::record_jump_place, jump);
 
     header->loom_variant = variant;
     header->loom_tinfo = M::type::type_info();
@@ -533,7 +536,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename M::o
     u8 flags = codec::read_flags(r);
 
     const u32 base = r.position;
-    u32 jump = 0;
+    loom_wire_jump jump = 0;
     r.frame_field(&jump, _loom_variant_jump_unmarshal);
 
     const bool on_wire = (flags & OBJ_STATE_TRACKED) != 0;

@@ -103,7 +103,8 @@ struct writer {
             }
         }
         if constexpr (Type::category == value_category::record && !has_part_model<Type>) {
-            if (v != nullptr && fits(frame_size) && !c.pending() && goes_straight<Type>(header_of(v))) {
+            if (v != nullptr && fits(wire::record_frame_size) && !c.pending() &&
+                goes_straight<Type>(header_of(v))) {
                 position += Type::marshal_straight(c.handle, c.domain, at(), v, room(), c.error);
                 keep_aside_epoch_error();
                 return;
@@ -239,16 +240,16 @@ inline void write_flags(writer& w, u8 flags) {
 class jump_writer {
   public:
     explicit jump_writer(writer& w) : start_(w.position) {
-        w.frame_field(u32{0}, _loom_variant_jump_marshal);
+        w.frame_field(loom_wire_jump{0}, _loom_variant_jump_marshal);
         has_room_ = w.position != start_;
     }
     void close(const writer& w) const {
         if (!has_room_) return;
-        const u32 jump = w.position - start_;
+        const auto jump = static_cast<loom_wire_jump>(w.position - start_);
         if (direct::offered)
             store_form(w.buffer + start_, &jump, 1);
         else
-            _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, 4, w.c.error);
+            _loom_variant_jump_marshal(w.c.handle, w.c.domain, w.buffer + start_, &jump, sizeof jump, w.c.error);
     }
 
   private:
@@ -306,7 +307,7 @@ template <class Model>
 template <class Model>
 [[gnu::always_inline]] inline bool writes_straight(const call& c, const typename Model::object* object,
                                                    i32 length) {
-    if (!is_plain_case<Model>(c, object, length, frame_size)) return false;
+    if (!is_plain_case<Model>(c, object, length, wire::record_frame_size)) return false;
     const tracking_mode mode = c.mode();
     return goes_straight<Model>(header_of(object)) &&
            (mode == tracking_mode::absent || mode == tracking_mode::off);
@@ -323,7 +324,7 @@ template <class M>
     const call c{handle, domain, err};
     c.clear_last_error();
     const i8 variant = header_of(object)->loom_variant;
-    codec::writer w{c, buffer, codec::frame_size, length, false};
+    codec::writer w{c, buffer, wire::record_frame_size, length, false};
     if (variant >= 0)
         codec::each_reached<M>(
             variant, [&]<class A>() __attribute__((always_inline)) {
@@ -331,9 +332,9 @@ template <class M>
                 return true;
             });
     buffer[0] = static_cast<u8>(variant);
-    buffer[1] = 0;
-    const u32 jump = w.position - codec::jump_place;
-    codec::store_form(buffer + codec::jump_place, &jump, 1);
+    buffer[wire::flags_place] = 0;
+    const auto jump = static_cast<loom_wire_jump>(w.position - wire::record_jump_place);
+    codec::store_form(buffer + wire::record_jump_place, &jump, 1);
     codec::bring_back_epoch_error(w);
     return w.position;
 }

@@ -79,21 +79,21 @@ namespace trellis::enumeration {
 
 template <class E>
 u32 len(loom_handle*, u32, const typename E::object*) {
-    return codec::enumeration_size;
+    return wire::enumeration_size;
 }
 template <class E>
 u32 len_cr(loom_handle* handle) {
-    return handle->last_error != 0 ? 0 : codec::enumeration_size;
+    return handle->last_error != 0 ? 0 : wire::enumeration_size;
 }
 
 template <class E>
 u32 marshal(loom_handle* handle, u32 domain, void* buffer, const typename E::object* object, i32 length,
             u32* err) {
     const call c{handle, domain, err};
-    if (codec::is_plain_case<E>(c, object, length, codec::enumeration_size) &&
+    if (codec::is_plain_case<E>(c, object, length, wire::enumeration_size) &&
         codec::put_part<E>(static_cast<u8*>(buffer), object)) {
         c.clear_last_error();
-        return codec::enumeration_size;
+        return wire::enumeration_size;
     }
     if (!codec::enter_with_room(c, object, length)) return 0;
     bool cut_down;
@@ -110,10 +110,10 @@ template <class E>
 u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename E::object* object, i32 length,
               u32 existing, u32* err) {
     const call c{handle, domain, err};
-    if (codec::is_plain_case(c, length, codec::enumeration_size) &&
+    if (codec::is_plain_case(c, length, wire::enumeration_size) &&
         codec::take_part<E>(static_cast<const u8*>(buffer), object)) {
         c.clear_last_error();
-        return codec::enumeration_size;
+        return wire::enumeration_size;
     }
     if (!codec::enter_with_room(c, length)) return 0;
     loom_object* header = header_of(object);

@@ -69,7 +69,7 @@ u32 unmarshal(loom_handle* handle, u32 domain, const void* buffer, typename F::o
     codec::reader r = codec::compact_reader(c, buffer, length, existing);
     const i8 variant = codec::read_variant(r, header);
     const u32 base = r.position;
-    u32 jump = 0;
+    loom_wire_jump jump = 0;
     r.frame_field(&jump, _loom_variant_jump_unmarshal);
     c.store<i8>(&header->loom_variant, variant, object);
     codec::store_type_info<F>(c, direct::type_info_word(object), object);

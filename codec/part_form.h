@@ -8,17 +8,10 @@
 #pragma once
 
 #include "codec/fixed_form.h"
+#include "frame/wire_sizes.h"
 #include "instance/flag_set.h"
 
 namespace trellis::codec {
-
-/// Variant, flags and jump of a record, and where the jump stands.
-constexpr u32 frame_size = 6;
-constexpr u32 jump_place = 2;
-/// Variant and value of an enumeration.
-constexpr u32 enumeration_size = 5;
-/// Variant and jump of a flag set.
-constexpr u32 flag_set_frame_size = 5;
 
 template <class F>
 constexpr u32 bit_bytes_of = sizeof(F::object::bits);
@@ -41,11 +34,11 @@ template <class Model>
 constexpr u32 part_size = [] {
     constexpr value_category category = Model::type::category;
     if constexpr (category == value_category::flag_set)
-        return flag_set_frame_size + bit_bytes_of<Model>;
+        return wire::flag_set_frame_size + bit_bytes_of<Model>;
     else if constexpr (is_any_enumeration(category))
-        return enumeration_size;
+        return wire::enumeration_size;
     else {
-        u32 size = frame_size;
+        u32 size = wire::record_frame_size;
         for_each_attribute(typename Model::attributes{}, [&]<class A>() { size += fixed_form_size<A>; });
         return size;
     }
@@ -67,18 +60,18 @@ template <class Model>
     if (variant > Model::newest) return false;
     if constexpr (category == value_category::flag_set) {
         if (bit_bytes_on_wire<Model>(variant) != bit_bytes_of<Model>) return false;
-        constexpr u32 jump = part_size<Model> - 1;
-        store_form(out + 1, &jump, 1);
-        memcpy(out + flag_set_frame_size, part->bits, bit_bytes_of<Model>);
+        constexpr loom_wire_jump jump = part_size<Model> - wire::flag_set_jump_place;
+        store_form(out + wire::flag_set_jump_place, &jump, 1);
+        memcpy(out + wire::flag_set_frame_size, part->bits, bit_bytes_of<Model>);
     } else if constexpr (is_any_enumeration(category)) {
         const u32 internal = static_cast<u32>(enumeration::map_to_internal_value<Model>(part->value));
-        store_form(out + 1, &internal, 1);
+        store_form(out + wire::enumeration_value_place, &internal, 1);
     } else {
         if (variant < 0 || (header->loom_flags & OBJ_RA_DATA) != 0) return false;
-        out[1] = 0;
-        constexpr u32 jump = part_size<Model> - jump_place;
-        store_form(out + jump_place, &jump, 1);
-        u32 place = frame_size;
+        out[wire::flags_place] = 0;
+        constexpr loom_wire_jump jump = part_size<Model> - wire::record_jump_place;
+        store_form(out + wire::record_jump_place, &jump, 1);
+        u32 place = wire::record_frame_size;
         for_each_attribute(
             typename Model::attributes{}, [&]<class A>() __attribute__((always_inline)) {
                 store_form(out + place, field_of<A>(part), values_in_form<A>);
@@ -98,19 +91,23 @@ template <class Model>
     loom_object* header = header_of(part);
     const i8 variant = lowered_variant(in[0], header);
     if constexpr (category == value_category::flag_set) {
-        u32 jump;
-        load_form(in + 1, &jump, 1);
-        if (jump != part_size<Model> - 1 || bit_bytes_on_wire<Model>(variant) != bit_bytes_of<Model>) return false;
-        memcpy(part->bits, in + flag_set_frame_size, bit_bytes_of<Model>);
+        loom_wire_jump jump;
+        load_form(in + wire::flag_set_jump_place, &jump, 1);
+        if (jump != part_size<Model> - wire::flag_set_jump_place ||
+            bit_bytes_on_wire<Model>(variant) != bit_bytes_of<Model>)
+            return false;
+        memcpy(part->bits, in + wire::flag_set_frame_size, bit_bytes_of<Model>);
     } else if constexpr (is_any_enumeration(category)) {
         u32 internal;
-        load_form(in + 1, &internal, 1);
+        load_form(in + wire::enumeration_value_place, &internal, 1);
         part->value = enumeration::user_value_of_internal<Model>(internal);
     } else {
-        u32 jump;
-        load_form(in + jump_place, &jump, 1);
-        if (variant < 0 || (in[1] & LOOM_WIRE_FLAGS) != 0 || jump != part_size<Model> - jump_place) return false;
-        u32 place = frame_size;
+        loom_wire_jump jump;
+        load_form(in + wire::record_jump_place, &jump, 1);
+        if (variant < 0 || (in[wire::flags_place] & LOOM_WIRE_FLAGS) != 0 ||
+            jump != part_size<Model> - wire::record_jump_place)
+            return false;
+        u32 place = wire::record_frame_size;
         for_each_attribute(
             typename Model::attributes{}, [&]<class A>() __attribute__((always_inline)) {
                 load_form(in + place, field_of<A>(part), values_in_form<A>);

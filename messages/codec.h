@@ -15,9 +15,10 @@ using wire::cursor;
 template <class M>
 u32 len(loom_handle* handle, u32 domain, const object_of<M>* message) {
     if constexpr (has_payload<M>)
-        return wire::frame_size + M::payload::len(handle, domain, payload_in<M>(message));
+        return wire::message_frame_size + M::payload::len(handle, domain, payload_in<M>(message));
     else
-        return static_cast<void>(handle), static_cast<void>(domain), static_cast<void>(message), wire::frame_size;
+        return static_cast<void>(handle), static_cast<void>(domain), static_cast<void>(message),
+               wire::message_frame_size;
 }
 
 template <class M>
@@ -92,7 +93,7 @@ u32 marshal_internal(loom_handle* handle, u32 domain, void* buffer, object_of<M>
     loom_message_header& header = message->msg_header;
     header.hdr_length = at.position();
     header.hdr_word = handle->header_tag;
-    _loom_message_header_marshal(handle, domain, buffer, &header, LOOM_MESSAGE_HEADER_WIRE_SIZE, err);
+    _loom_message_header_marshal(handle, domain, buffer, &header, wire::header_size, err);
     return at.position();
 }
 

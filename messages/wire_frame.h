@@ -6,7 +6,7 @@
 // The header is written last, with the whole length, over 27 zero bytes.
 #pragma once
 
-#include "frame/basic_types.h"
+#include "frame/wire_sizes.h"
 #include "instance/call.h"
 
 #include <loom/loom.h>
@@ -14,8 +14,6 @@
 #include <string.h>
 
 namespace trellis::wire {
-
-constexpr u32 frame_size = LOOM_MESSAGE_HEADER_WIRE_SIZE + LOOM_LUID_SIZE;
 
 /// A position in a buffer of limited room.
 class cursor {
@@ -49,9 +47,9 @@ inline bool take_room(const call& c, const cursor& at, u32 size) {
 
 /// Writes the frame's zeroed header place and the luid. True when there is a header to fill in at the end.
 inline bool write_frame(const call& c, cursor& at, const u8* luid) {
-    if (!take_room(c, at, LOOM_MESSAGE_HEADER_WIRE_SIZE)) return false;
-    memset(at.here(), 0, LOOM_MESSAGE_HEADER_WIRE_SIZE);
-    at.advance(u32{LOOM_MESSAGE_HEADER_WIRE_SIZE});
+    if (!take_room(c, at, header_size)) return false;
+    memset(at.here(), 0, header_size);
+    at.advance(header_size);
     if (take_room(c, at, LOOM_LUID_SIZE)) {
         memcpy(at.here(), luid, LOOM_LUID_SIZE);
         at.advance(u32{LOOM_LUID_SIZE});

@@ -18,7 +18,7 @@ using wire::cursor;
 
 template <class T>
 u32 table_record_len(loom_handle* handle, u32 domain, const record_of<T>* record) {
-    u32 length = wire::frame_size + T::payload::len(handle, domain, payload_in<T>(record));
+    u32 length = wire::message_frame_size + T::payload::len(handle, domain, payload_in<T>(record));
     if constexpr (has_key_object<T>) length += T::key::type::len(handle, domain, key_in<T>(record));
     return length;
 }
@@ -69,7 +69,7 @@ u32 table_record_marshal_internal(loom_handle* handle, u32 domain, void* buffer,
     header.hdr_sttr = loomlib_type_header_get_state_tracking_flag(payload_start);
     header.hdr_word = handle->header_tag;
     header.hdr_length = at.position();
-    _loom_message_header_marshal(handle, domain, buffer, &header, LOOM_MESSAGE_HEADER_WIRE_SIZE, err);
+    _loom_message_header_marshal(handle, domain, buffer, &header, wire::header_size, err);
     return at.position();
 }
 

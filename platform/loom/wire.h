@@ -30,11 +30,13 @@ uint32_t _loom_instance_ra_data_marshal(loom_handle* handle, uint32_t domain, vo
                                         uint32_t* err);
 uint32_t _loom_instance_ra_data_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer,
                                           uint64_t* address, uint8_t* kind, int32_t length, uint32_t* err);
-/** The variant jump: 4 bytes. */
-uint32_t _loom_variant_jump_marshal(loom_handle* handle, uint32_t domain, void* buffer, const uint32_t* jump,
+/** The distance of a variant jump, from its own first byte to the end of the item. What it takes in memory it
+ * takes on the wire: 4 bytes. */
+typedef uint32_t loom_wire_jump;
+uint32_t _loom_variant_jump_marshal(loom_handle* handle, uint32_t domain, void* buffer, const loom_wire_jump* jump,
                                     int32_t length, uint32_t* err);
-uint32_t _loom_variant_jump_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer, uint32_t* jump,
-                                      int32_t length, uint32_t* err);
+uint32_t _loom_variant_jump_unmarshal(loom_handle* handle, uint32_t domain, const void* buffer,
+                                      loom_wire_jump* jump, int32_t length, uint32_t* err);
 /** The element count of a list: 4 bytes. */
 uint32_t _loom_list_len_marshal(loom_handle* handle, uint32_t domain, void* buffer, const uint32_t* count,
                                 int32_t length, uint32_t* err);

@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "schema_model.h"
 
+#include "frame/wire_sizes.h"
+
 #include <loom/wire.h>
 
 #include <algorithm>
@@ -189,7 +191,7 @@ class annotator {
         number_field(1, "header state tracking", "");
         number_field(4, "header tag", "");
         number_field(4, "header length", " bytes");
-        field(LOOM_MESSAGE_HEADER_WIRE_SIZE - 16, "header padding", "");
+        field(trellis::wire::header_size - sizeof(loom_message_header), "header padding", "");
         field(LOOM_LUID_SIZE, "luid", "of table " + table);
     }
 
@@ -207,10 +209,12 @@ class annotator {
         const std::byte flags = rest().empty() ? std::byte{} : rest().front();
         const bool states = (flags & state_bytes_follow) != std::byte{};
         field(1, "flags", states ? "state bytes follow each field" : "no state bytes");
-        if ((flags & remote_data_follows) != std::byte{}) field(9, "remote address data", "");
+        if ((flags & remote_data_follows) != std::byte{})
+            field(trellis::wire::ra_data_size, "remote address data", "");
         const std::size_t base = at_;
-        const std::uint64_t jump = number_in(rest().first(std::min<std::size_t>(4, rest().size())));
-        field(4, "jump",
+        const std::uint64_t jump =
+            number_in(rest().first(std::min<std::size_t>(trellis::wire::jump_size, rest().size())));
+        field(trellis::wire::jump_size, "jump",
               "to " + std::to_string(base + jump) + ", " + std::to_string(base + jump - begin) + " bytes in all");
 
         std::map<std::string, std::string> values; // of this record, for arms

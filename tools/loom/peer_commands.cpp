@@ -13,6 +13,8 @@
 #include "table_type.h"
 #include "xml_file.h"
 
+#include "frame/wire_sizes.h"
+
 #include <loom/wire.h>
 
 #include <array>
@@ -22,8 +24,8 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t header_size = LOOM_MESSAGE_HEADER_WIRE_SIZE;
-constexpr std::size_t frame_size = header_size + LOOM_LUID_SIZE;
+using trellis::wire::header_size;
+using trellis::wire::message_frame_size;
 constexpr std::size_t largest_message = std::size_t{256} * 1024 * 1024;
 
 // ----------------------------------------------------------------------------------------------------- manifests
@@ -117,17 +119,17 @@ void send_all_records(context& c, Connect connect) {
 
 /// The next message, frame included; empty when the sender has closed.
 std::vector<std::byte> receive_message(const stream_socket& socket, loom_handle* handle) {
-    std::vector<std::byte> message(frame_size);
+    std::vector<std::byte> message(message_frame_size);
     if (!socket.receive_or_end(message, "a record's frame")) return {};
     loom_message_header header{};
     std::uint32_t error = 0;
     _loom_message_header_unmarshal(handle, tool_domain, message.data(), &header, header_size, &error);
-    if (error || header.hdr_magic != LOOM_MESSAGE_HEADER_MAGIC || header.hdr_length < frame_size ||
+    if (error || header.hdr_magic != LOOM_MESSAGE_HEADER_MAGIC || header.hdr_length < message_frame_size ||
         header.hdr_length > largest_message)
         throw failure("what came in is no table record: its header is wrong",
                       "let 'loom send' or a program with the same frame write to this socket");
     message.resize(header.hdr_length);
-    socket.receive_all(std::span(message).subspan(frame_size), "a record");
+    socket.receive_all(std::span(message).subspan(message_frame_size), "a record");
     return message;
 }
 
