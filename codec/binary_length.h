@@ -98,8 +98,11 @@ inline u32 length_of_absent(const call& c) {
         return loomlib_oid_len(c.handle, c.domain, nullptr);
     else if constexpr (is_list<A>)
         return absent.template operator()<types::u_int32>();
-    else
-        return 0; // lengths stand with their arrays; no arm is selected
+    else {
+        needs_nothing<A, attribute_shape::length,
+                      attribute_shape::arm>(); // length: with its array; no arm is selected
+        return 0;
+    }
 }
 
 /// State bytes of one attribute, as if no array were empty.
@@ -111,8 +114,11 @@ template <class A>
         return 1 + A::extent;
     else if constexpr (is_variable_array<A>)
         return 1 + count_of<A>(object);
-    else
+    else {
+        using enum attribute_shape;
+        needs_nothing<A, plain, object, counted_string, fixed_string, oid, arm, list>(); // but their own
         return 1;
+    }
 }
 
 } // namespace trellis::codec

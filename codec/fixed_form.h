@@ -41,8 +41,9 @@ template <class T>
 template <class Type>
 concept has_fixed_form_type = is_plain_value(Type::category) || is_octets<typename Type::c_type>;
 template <class A>
-concept has_fixed_form = (is_plain<A> || is_object<A> || is_fixed_array<A> ||
-                          is_fixed_string<A>)&&has_fixed_form_type<typename A::type>;
+concept lies_in_place = A::facts.in_place || is_fixed_string<A>;
+template <class A>
+concept has_fixed_form = lies_in_place<A> && has_fixed_form_type<typename A::type>;
 
 template <class A>
 constexpr u32 values_in_form = [] {

@@ -67,6 +67,8 @@ inline void render_attribute(xml_writer& w, const holder_of<A>* object) {
             w.template value<type>(A::name, element, state);
             return !w.c.pending();
         });
+    } else {
+        needs_nothing<A, attribute_shape::oid>(); // identities mean nothing outside their database
     }
 }
 

@@ -147,7 +147,7 @@ void set_all(loom_handle* handle, u32 domain, typename M::object* object, Argume
     each_reached_attribute<M>(object, [&](i8 variant) {
         u32 position = 0;
         for_each_attribute(typename M::attributes{}, [&]<class A>() {
-            if constexpr (is_plain<A>) {
+            if constexpr (A::facts.settable) {
                 if (A::at.since == variant)
                     direct::set_value<typename A::type>(c, cell_of<A>(object),
                                                         slots[position].template as<plain_of<A>>());
@@ -171,7 +171,7 @@ template <class M>
 inline void release_replaced_flags(const call& c, typename M::object* to, const typename M::object* from) {
     if (c.mode() != tracking_mode::on || !is_tracked(to) || !is_tracked(from)) return;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>) {
+        if constexpr (has_flag_block<A>) {
             if (!has_room_for<A>(to) || !has_room_for<A>(from)) return;
             u8*& flags = element_flags_of<A>(tracking_area<M>(c, to));
             if (flags == nullptr || flags == element_flags_of<A>(tracking_area<M>(c, from))) return;
@@ -179,6 +179,18 @@ inline void release_replaced_flags(const call& c, typename M::object* to, const 
             c.store<u8*>(&flags, nullptr, nullptr);
         }
     });
+}
+
+template <class A>
+inline void release_replaced_values(const call& c, holder_of<A>* to, const holder_of<A>* from) {
+    value_of<A>* values = cell_of<A>(to);
+    const value_of<A>* kept = cell_of<A>(from);
+    for (u32 i = 0; i < values_in_place<A>; ++i) {
+        if constexpr (A::type::category == value_category::record)
+            A::type::release_replaced(c.handle, c.domain, values + i, kept + i);
+        else if (memcmp(values + i, kept + i, sizeof *values) != 0)
+            A::type::destroy_internal(c.handle, c.domain, values + i, 0);
+    }
 }
 
 /// What `to` holds outside and does not share with `from` goes back: before a block copy overwrites `to`, and for
@@ -191,15 +203,8 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
     release_replaced_flags<M>(c, to, from);
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if (!has_room_for<A>(to) || !has_room_for<A>(from)) return;
-        if constexpr ((is_object<A> || is_fixed_array<A>)&&owns_storage(A::type::category)) {
-            value_of<A>* values = cell_of<A>(to);
-            const value_of<A>* kept = cell_of<A>(from);
-            for (u32 i = 0; i < values_in_place<A>; ++i) {
-                if constexpr (A::type::category == value_category::record)
-                    A::type::release_replaced(handle, domain, values + i, kept + i);
-                else if (memcmp(values + i, kept + i, sizeof *values) != 0)
-                    A::type::destroy_internal(handle, domain, values + i, 0);
-            }
+        if constexpr (is_object<A> || is_fixed_array<A>) {
+            if constexpr (owns_storage(A::type::category)) release_replaced_values<A>(c, to, from);
         } else if constexpr (is_variable_array<A> || is_counted_string<A> || is_arm<A>) {
             if (pointer_of<A>(from) != pointer_of<A>(to)) tear_down<A>(c, to);
         } else if constexpr (is_list<A>) {
@@ -208,6 +213,9 @@ void release_replaced(loom_handle* handle, u32 domain, typename M::object* to, c
             if (first_of(head) != nullptr && head->first != list_of<A>(from)->first) tear_down<A>(c, to);
         } else if constexpr (is_oid<A>) {
             if (refers(*oid_of<A>(to))) tear_down<A>(c, to);
+        } else {
+            using enum attribute_shape;
+            needs_nothing<A, plain, length, fixed_string>();
         }
     });
 }
@@ -270,11 +278,10 @@ void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* d
     const call c{handle, domain, err};
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if (!has_room_for<A>(destination) || !has_room_for<A>(source)) return;
-        if constexpr (is_object<A> && owns_storage(A::type::category)) {
-            take_private_copy<A>(c, cell_of<A>(destination), cell_of<A>(source));
-        } else if constexpr (is_fixed_array<A> && owns_storage(A::type::category)) {
-            for (u32 i = 0; i < A::extent; ++i)
-                take_private_copy<A>(c, cell_of<A>(destination) + i, cell_of<A>(source) + i);
+        if constexpr (is_object<A> || is_fixed_array<A>) {
+            if constexpr (owns_storage(A::type::category))
+                for (u32 i = 0; i < values_in_place<A>; ++i)
+                    take_private_copy<A>(c, cell_of<A>(destination) + i, cell_of<A>(source) + i);
         } else if constexpr (is_variable_array<A> || is_counted_string<A>) {
             c.store<value_of<A>*>(&pointer_of<A>(source), nullptr, source);
             using count = typename A::length::type::c_type;
@@ -285,6 +292,9 @@ void post_copyout_cleanup(loom_handle* handle, u32 domain, typename M::object* d
             move_list<A>(c, destination, source);
         } else if constexpr (is_oid<A>) {
             if (refers(*oid_of<A>(source))) c.store<loom_oid>(oid_of<A>(source), loom_oid{}, source);
+        } else {
+            using enum attribute_shape;
+            needs_nothing<A, plain, length, fixed_string>(); // whole in the block that was copied
         }
     });
 }
@@ -299,7 +309,7 @@ inline void move_tracking_area(const call& c, typename M::object* destination, t
     c.announce(to, size, to);
     memcpy(to, from, size);
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>)
+        if constexpr (has_flag_block<A>)
             if (has_room_for<A>(source)) c.store<u8*>(&element_flags_of<A>(from), nullptr, nullptr);
     });
 }

@@ -51,6 +51,7 @@ struct attribute {
     using type = Type; // facade of the value or element type
     static constexpr place at = P;
     static constexpr attribute_shape shape = S;
+    static constexpr shape_facts facts = facts_of(S);
 };
 
 template <class Model, class Type, place P>
@@ -128,6 +129,15 @@ concept is_array = is_fixed_array<A> || is_variable_array<A>;
 /// A record, union or choice in place: has a tracking area inside its holder's.
 template <class A>
 concept is_nested_record = is_object<A> && A::type::category == value_category::record;
+/// The same, or N of them.
+template <class A>
+concept nests_records = (A::type::category == value_category::record) && A::facts.in_place;
+/// The tracking area points at a block with one state byte per element.
+template <class A>
+concept has_flag_block = A::facts.flag_block;
+/// Refers to a stored object, which counts its references.
+template <class A>
+concept is_reference = A::facts.reference;
 /// Arrays of scalars and booleans, whose elements pass by value.
 template <class A>
 concept is_array_of_values = is_array<A> && is_plain_value(A::type::category);
@@ -146,12 +156,19 @@ concept is_string = is_counted_string<A> || is_fixed_string<A>;
 
 /// One value in the record itself.
 template <class A>
-concept is_one_value = is_plain<A> || is_object<A> || is_length<A>;
+concept is_one_value = A::facts.whole || is_length<A>;
 /// Of these: what `get_value` and `get_all` hand out by value, and what is set by one store.
 template <class A>
-concept is_read_by_value = is_plain<A> || is_length<A>;
+concept is_read_by_value = A::facts.gettable;
 template <class A>
-concept is_set_as_a_whole = is_plain<A> || is_object<A>;
+concept is_set_as_a_whole = A::facts.whole;
+
+/// The last branch of a chain over shapes: names those that need nothing there. An attribute of any other shape
+/// does not compile, so that who adds a shape is led to every chain.
+template <class A, attribute_shape... S>
+constexpr void needs_nothing() {
+    static_assert(((A::shape == S) || ...), "a chain over attribute shapes has no branch for this shape");
+}
 
 /// Calls `body.template operator()<A>()` for each attribute in schema order.
 template <class... A, class Body>
@@ -193,8 +210,10 @@ consteval diag::trace_kind trace_kind_of() {
         return flag_set;
     else if constexpr (is_nested_record<A>)
         return A::type::trace_unit == A::model::trace_unit && A::type::oid_count == 0 ? near_record : far_record;
-    else
+    else {
+        needs_nothing<A, attribute_shape::object>(); // no more than any other value
         return value_object;
+    }
 }
 
 } // namespace trellis

@@ -86,12 +86,16 @@ void get_luid(loom_handle* handle, u32 domain, const typename M::object* object,
 template <class M, class Body>
 inline void each_nested_area(typename M::object* object, Body&& body) {
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_nested_record<A>) {
-            if (has_room_for<A>(object)) body.template operator()<A>(cell_of<A>(object), nested_track<A>);
-        } else if constexpr (is_fixed_array<A> && is_array_of_records<A>) {
+        if constexpr (nests_records<A>) {
             if (!has_room_for<A>(object)) return;
-            for (u32 i = 0; i < A::extent; ++i)
-                body.template operator()<A>(cell_of<A>(object) + i, element_track<A> + i * A::type::tracking_size);
+            if constexpr (is_nested_record<A>) {
+                body.template operator()<A>(cell_of<A>(object), nested_track<A>);
+            } else {
+                static_assert(is_fixed_array<A>);
+                for (u32 i = 0; i < A::extent; ++i)
+                    body.template operator()<A>(cell_of<A>(object) + i,
+                                                element_track<A> + i * A::type::tracking_size);
+            }
         }
     });
 }
@@ -175,7 +179,7 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
     const i8 variant = peer_variant<M>(c, tinfo);
 
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_oid<A>) {
+        if constexpr (is_reference<A>) {
             loom_type_info*& word = target_word_of<A>(object);
             announce(&word, sizeof word, nullptr);
             word = resident_type_info<typename M::bundle>(c, A::target());
@@ -217,16 +221,23 @@ u32 initialize(loom_handle* handle, u32 domain, typename M::object* object, cons
 
     // Attributes of later variants are set up too, whatever the instance's variant is.
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category)) {
-            if (!direct::is_ready_when_zero<typename A::type>())
-                initialize_inside<typename A::type>(c, cell_of<A>(object), write_through, no_accounting, base);
-        } else if constexpr (is_fixed_array<A> && has_header(A::type::category)) {
-            for (u32 i = 0; i < A::extent; ++i)
-                initialize_inside<typename A::type>(c, cell_of<A>(object) + i, write_through, no_accounting, base);
+        if constexpr (is_plain<A> || is_object<A>) {
+            if constexpr (is_initialised(A::type::category))
+                if (!direct::is_ready_when_zero<typename A::type>())
+                    initialize_inside<typename A::type>(c, cell_of<A>(object), write_through, no_accounting, base);
+        } else if constexpr (is_fixed_array<A>) {
+            if constexpr (has_header(A::type::category))
+                for (u32 i = 0; i < A::extent; ++i)
+                    initialize_inside<typename A::type>(c, cell_of<A>(object) + i, write_through, no_accounting,
+                                                        base);
         } else if constexpr (is_list<A>) {
             loom_list_head* head = list_of<A>(object);
             announce(head, 16, nullptr);
             head->first = head->last = head;
+        } else {
+            // Ready when zero; an oid's type word stands already.
+            using enum attribute_shape;
+            needs_nothing<A, variable_array, length, counted_string, fixed_string, oid, arm>();
         }
     });
     return 0;
@@ -373,8 +384,8 @@ inline void tear_down_list(const call& c, loom_list_head* head) {
 /// Ends one attribute by its shape. False stops the destroy of the object.
 template <class A>
 inline bool tear_down(const call& c, holder_of<A>* object) {
-    if constexpr (is_object<A> && owns_storage(A::type::category)) {
-        return tear_down_object<A>(c, cell_of<A>(object));
+    if constexpr (is_object<A>) {
+        if constexpr (owns_storage(A::type::category)) return tear_down_object<A>(c, cell_of<A>(object));
     } else if constexpr (is_fixed_array<A>) {
         tear_down_elements<A>(c, cell_of<A>(object), A::extent);
     } else if constexpr (is_variable_array<A>) {
@@ -398,6 +409,9 @@ inline bool tear_down(const call& c, holder_of<A>* object) {
         }
     } else if constexpr (is_list<A>) {
         tear_down_list<A>(c, list_of<A>(object));
+    } else {
+        using enum attribute_shape;
+        needs_nothing<A, plain, length, fixed_string>();
     }
     return true;
 }
@@ -407,7 +421,7 @@ template <class M>
 inline void release_element_flags(const call& c, typename M::object* object) {
     u8* area = nullptr;
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>) {
+        if constexpr (has_flag_block<A>) {
             if (!has_room_for<A>(object)) return;
             if (area == nullptr) area = tracking_area<M>(c, object);
             u8*& flags = element_flags_of<A>(area);
@@ -508,7 +522,7 @@ void set_instance_embedded(loom_handle* handle, u32 domain, typename M::object* 
         return;
     }
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr ((is_plain<A> || is_object<A>)&&is_initialised(A::type::category))
+        if constexpr (is_set_as_a_whole<A> && is_initialised(A::type::category))
             if (!direct::is_ready_when_zero<typename A::type>())
                 A::type::set_instance_embedded(handle, domain, cell_of<A>(object));
     });

@@ -164,7 +164,7 @@ namespace record {
 template <class M>
 constexpr u32 own_oid_count = [] {
     u32 count = 0;
-    for_each_attribute(typename M::attributes{}, [&]<class A>() { count += is_oid<A> ? 1u : 0u; });
+    for_each_attribute(typename M::attributes{}, [&]<class A>() { count += is_reference<A> ? 1u : 0u; });
     return count;
 }();
 
@@ -198,7 +198,7 @@ void get_object_references(loom_handle* handle, u32 domain, const typename M::ob
     }
     [[maybe_unused]] u32 position = 0;
     all_attributes(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_oid<A>) {
+        if constexpr (is_reference<A>) {
             const loom_oid* oid = oid_of<A>(object);
             void* reference = nullptr;
             if (refers(*oid)) {
@@ -222,9 +222,9 @@ void forget_references(loom_handle* handle, u32 domain, typename M::object* obje
     const call c{handle, domain, &unused};
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
         if (!has_room_for<A>(object)) return;
-        if constexpr (is_oid<A>) {
+        if constexpr (is_reference<A>) {
             if (refers(*oid_of<A>(object))) c.store<loom_oid>(oid_of<A>(object), loom_oid{}, object);
-        } else if constexpr (is_nested_record<A> || (is_fixed_array<A> && is_array_of_records<A>)) {
+        } else if constexpr (nests_records<A>) {
             for (u32 i = 0; inside && i < values_in_place<A>; ++i)
                 A::type::forget_references(handle, domain, cell_of<A>(object) + i, true);
         }

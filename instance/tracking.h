@@ -184,7 +184,7 @@ void set_all_state_tracking_flag(loom_handle* handle, u32 domain, typename M::ob
     u8* area = tracking_area<M>(c, object);
     memset(area, state, tracking_size_of<M>(object));
     for_each_attribute(typename M::attributes{}, [&]<class A>() {
-        if constexpr (is_variable_array<A>) {
+        if constexpr (has_flag_block<A>) {
             if (!has_room_for<A>(object)) return;
             const u32 count = static_cast<u32>(count_of<A>(object));
             if (count == 0) return;

@@ -372,7 +372,7 @@ class builder {
     void resolve_arm(const syntax::attribute& from, record& holder, attribute& into) {
         into.discriminator = from.discriminator->text;
         into.case_name = from.selected_by->text;
-        if (into.shape != attribute_shape::plain && into.shape != attribute_shape::object) {
+        if (!facts_of(into.shape).whole) {
             out_.add(into.where, "the arm " + quoted(into.name) + " is no single value",
                      "wrap arrays, strings, lists and oids in a record of their own");
             return;

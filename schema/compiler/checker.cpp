@@ -352,8 +352,7 @@ class checker {
         path.push_back(&r);
         int deepest = 0;
         for (const attribute& a : r.attributes) {
-            const bool in_place = a.shape == attribute_shape::object || a.shape == attribute_shape::fixed_array;
-            const record* nested = in_place ? a.type.of_record : nullptr;
+            const record* nested = facts_of(a.shape).in_place ? a.type.of_record : nullptr;
             if (nested == nullptr) continue;
             const auto start = std::find(path.begin(), path.end(), nested);
             if (start == path.end()) {
@@ -425,7 +424,7 @@ class checker {
     }
     /// Keys are compared value by value and need a total order.
     void check_key_attribute(const attribute& a, const location& where, bool record_as_attribute) {
-        const bool single = a.shape == attribute_shape::plain || a.shape == attribute_shape::object;
+        const bool single = facts_of(a.shape).whole;
         const bool unordered = a.type.name == "double" || a.type.name == "float";
         const std::string subject = quoted(a.name) + " cannot be a key";
         if (record_as_attribute)

@@ -26,11 +26,6 @@ std::string_view member_declaration(const attribute& of) {
     return {};
 }
 
-bool is_in_place(const attribute& of) {
-    return of.shape == attribute_shape::plain || of.shape == attribute_shape::object ||
-           of.shape == attribute_shape::fixed_array;
-}
-
 bool is_named_type(const type_ref& type) {
     return type.of_record != nullptr || type.of_enumeration != nullptr || type.of_flag_set != nullptr;
 }
@@ -72,7 +67,7 @@ void emit_public_header(emission& run, const record& type, const type_text& text
     std::set<std::string> pointed_at;
     for (const attribute& each : type.attributes) {
         if (!is_named_type(each.type)) continue;
-        if (is_in_place(each))
+        if (facts_of(each.shape).in_place)
             includes.push_back(header_of(run.source, each.type));
         else
             pointed_at.insert(c_type(each.type));
@@ -94,9 +89,7 @@ void emit_public_header(emission& run, const record& type, const type_text& text
 bool has_fixed_form(const attribute& of) {
     static const std::set<std::string> octets = {"ipv4_addr", "ipv6_addr", "loom_mac_addr"};
     if (of.shape == attribute_shape::fixed_string) return true;
-    if (of.shape != attribute_shape::plain && of.shape != attribute_shape::object &&
-        of.shape != attribute_shape::fixed_array)
-        return false;
+    if (!facts_of(of.shape).in_place) return false;
     const builtin* value = of.type.value;
     return is_plain_value(of.type) || (value != nullptr && octets.contains(value->name));
 }
@@ -185,7 +178,7 @@ void add_attribute(template_writer& text, const attribute& of) {
         static constexpr char name[] = "$attribute";
 )",
              with);
-    if (of.shape == attribute_shape::oid)
+    if (facts_of(of.shape).reference)
         text.add("        static loom_type_info* target() { return &::_$target_table_type_info_internal; }\n",
                  with);
     text.add("    };\n");
@@ -205,7 +198,7 @@ void emit_model(emission& run, const record& type) {
     std::vector<std::string> members;
     for (const attribute& each : type.attributes) {
         if (is_named_type(each.type)) (is_part_of_holders(each.type) ? parts : facades).insert(each.type.name);
-        if (each.shape == attribute_shape::oid) targets.insert(each.target_table);
+        if (facts_of(each.shape).reference) targets.insert(each.target_table);
         members.push_back(model_member(each));
     }
     template_writer text = run.writer("Attributes and figures of $type.",

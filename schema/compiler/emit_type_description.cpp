@@ -18,10 +18,24 @@ namespace {
 
 constexpr const char* owners_of_blocks[] = {"loom_vstring", "nexa_bytestr", "loom_aes_vstring",
                                             "loom_aes_password_vstring", "loom_username_vstring"};
-static_assert(static_cast<unsigned>(attribute_shape::list) == LOOM_SHAPE_LIST &&
-              static_cast<unsigned>(attribute_shape::oid) == LOOM_SHAPE_OID);
 
 using luid = std::array<std::uint8_t, 16>;
+
+std::uint8_t shape_of(attribute_shape shape) {
+    switch (shape) {
+    case attribute_shape::plain: return LOOM_SHAPE_PLAIN;
+    case attribute_shape::object: return LOOM_SHAPE_OBJECT;
+    case attribute_shape::fixed_array: return LOOM_SHAPE_FIXED_ARRAY;
+    case attribute_shape::variable_array: return LOOM_SHAPE_VARIABLE_ARRAY;
+    case attribute_shape::length: return LOOM_SHAPE_LENGTH;
+    case attribute_shape::counted_string: return LOOM_SHAPE_COUNTED_STRING;
+    case attribute_shape::fixed_string: return LOOM_SHAPE_FIXED_STRING;
+    case attribute_shape::oid: return LOOM_SHAPE_OID;
+    case attribute_shape::arm: return LOOM_SHAPE_ARM;
+    case attribute_shape::list: return LOOM_SHAPE_LIST;
+    }
+    __builtin_unreachable();
+}
 
 std::uint8_t form_of(const type_ref& type) {
     if (type.of_record != nullptr) return LOOM_FORM_RECORD;
@@ -154,7 +168,7 @@ description described(const bundle& source, const record& type) {
         loom_attribute_description each{};
         each.name = made.text(a.name);
         each.type_name = made.text(a.type.name);
-        each.shape = static_cast<std::uint8_t>(a.shape);
+        each.shape = shape_of(a.shape);
         const bool is_text =
             a.shape == attribute_shape::counted_string || a.shape == attribute_shape::fixed_string;
         const bool is_oid = a.shape == attribute_shape::oid;
@@ -165,7 +179,7 @@ description described(const bundle& source, const record& type) {
                      : is_oid ? 8 + static_cast<std::uint32_t>(sizeof(loom_oid))
                               : extent_of(a.type).width;
         each.extent = a.extent == 0 ? 1 : a.extent;
-        each.track = a.shape == attribute_shape::length ? LOOM_TYPE_NONE : a.track;
+        each.track = facts_of(a.shape).tracked ? a.track : LOOM_TYPE_NONE;
         each.other = place_of(type, a.length_name.empty() ? a.discriminator : a.length_name);
         each.case_value = a.case_value;
         each.reference = made.reference(luid_of(source, a));

@@ -59,8 +59,12 @@ std::string written_type(const attribute& a) {
     case attribute_shape::fixed_string: return "string[" + std::to_string(a.extent) + "]";
     case attribute_shape::oid: return "oid -> " + a.target_table;
     case attribute_shape::list: return "list of " + a.type.name;
-    default: return a.type.name;
+    case attribute_shape::plain:
+    case attribute_shape::object:
+    case attribute_shape::length:
+    case attribute_shape::arm: return a.type.name;
     }
+    __builtin_unreachable();
 }
 
 void identify_types(bundle& b) {

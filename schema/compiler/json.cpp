@@ -58,7 +58,7 @@ json of(const attribute& a) {
     }
     result["since"] = a.since;
     result["offset"] = a.offset;
-    if (a.shape != attribute_shape::length) result["track"] = a.track;
+    if (facts_of(a.shape).tracked) result["track"] = a.track;
     result["trace"] = a.trace;
     return result;
 }
@@ -275,17 +275,23 @@ class json_reader {
     }
 
     void fill_type(const json& from, attribute_shape shape, syntax::type& into) {
-        using enum attribute_shape;
-        if (shape == fixed_array || shape == variable_array) into.is = syntax::type_kind::array;
-        if (shape == counted_string || shape == fixed_string) into.is = syntax::type_kind::text;
-        if (shape == list) into.is = syntax::type_kind::list;
-        if (shape == oid) {
+        const auto extent = [&] { return static_cast<std::uint32_t>(number_in(from, "extent", 1, 65535)); };
+        const auto length = [&] { return word_in(from, "length", "an array"); };
+        switch (shape) {
+        case attribute_shape::fixed_array: into.is = syntax::type_kind::array, into.extent = extent(); break;
+        case attribute_shape::variable_array: into.is = syntax::type_kind::array, into.length = length(); break;
+        case attribute_shape::fixed_string: into.is = syntax::type_kind::text, into.extent = extent(); break;
+        case attribute_shape::counted_string: into.is = syntax::type_kind::text, into.length = length(); break;
+        case attribute_shape::list: into.is = syntax::type_kind::list; break;
+        case attribute_shape::oid:
             into.is = syntax::type_kind::oid;
             into.name = word_in(from, "target", "an oid");
+            break;
+        case attribute_shape::plain:
+        case attribute_shape::object:
+        case attribute_shape::length:
+        case attribute_shape::arm: break; // the type's name says all
         }
-        if (shape == fixed_array || shape == fixed_string)
-            into.extent = static_cast<std::uint32_t>(number_in(from, "extent", 1, 65535));
-        if (shape == variable_array || shape == counted_string) into.length = word_in(from, "length", "an array");
     }
 
     syntax::member member(const json& from) {

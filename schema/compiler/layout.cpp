@@ -36,11 +36,14 @@ room room_of(const attribute& a) {
         const extent_of_value element = extent_of(a.type);
         return {std::uint64_t{element.width} * a.extent, element.alignment};
     }
-    default: {
+    case attribute_shape::plain:
+    case attribute_shape::object:
+    case attribute_shape::length: {
         const extent_of_value value = extent_of(a.type);
         return {value.width, value.alignment};
     }
     }
+    __builtin_unreachable();
 }
 
 std::uint32_t layout_size_of(std::uint32_t used_length) {
@@ -58,10 +61,7 @@ void settle_sizes(named& type) {
 }
 
 /// Whether a value of the attribute's type, in place or in a fixed array, is a record with an area of its own.
-const record* nested_in(const attribute& a) {
-    const bool in_place = a.shape == attribute_shape::object || a.shape == attribute_shape::fixed_array;
-    return in_place ? a.type.of_record : nullptr;
-}
+const record* nested_in(const attribute& a) { return facts_of(a.shape).in_place ? a.type.of_record : nullptr; }
 
 class layout {
   public:
@@ -94,7 +94,7 @@ class layout {
                                            [](const attribute& a) { return nested_in(a) != nullptr; });
         r.oid_count = static_cast<std::uint32_t>(
             std::count_if(r.attributes.begin(), r.attributes.end(),
-                          [](const attribute& a) { return a.shape == attribute_shape::oid; }));
+                          [](const attribute& a) { return facts_of(a.shape).reference; }));
     }
 
     void place_in_instance(record& r) {
@@ -122,10 +122,10 @@ class layout {
         std::uint64_t at = 0;
         std::uint32_t alignment = 1;
         for (attribute& a : r.attributes) {
-            if (a.shape != attribute_shape::length) {
+            if (facts_of(a.shape).tracked) {
                 a.track = static_cast<std::uint32_t>(at++);
                 if (a.shape == attribute_shape::fixed_array) at += a.extent;
-                if (a.shape == attribute_shape::variable_array) {
+                if (facts_of(a.shape).flag_block) {
                     alignment = 8;
                     at = aligned(at, 8) + pointer_size;
                 }

@@ -183,12 +183,7 @@ constexpr operation of_list_element[] = {
 
 /// The tables of an attribute's accessors; none when nobody knows what the attribute is.
 std::vector<std::span<const operation>> accessors_of(const attribute& of) {
-    switch (of.shape) {
-    case attribute_shape::oid: return {of_oid, states};
-    case attribute_shape::counted_string:
-    case attribute_shape::fixed_string: return {of_string, states};
-    default: break;
-    }
+    if (of.shape == attribute_shape::oid) return {of_oid, states};
     if (!is_known(of.type)) return {};
     const bool values = is_plain_value(of.type);
     switch (of.shape) {
@@ -204,15 +199,18 @@ std::vector<std::span<const operation>> accessors_of(const attribute& of) {
         return {of_variable_objects, states_of_elements};
     case attribute_shape::arm: return {of_arm, states};
     case attribute_shape::list: return {of_list, states};
-    default: return {};
+    case attribute_shape::counted_string:
+    case attribute_shape::fixed_string: return {of_string, states};
+    case attribute_shape::oid: break;
     }
+    return {of_oid, states};
 }
 
 /// Parameters of get_all and set_all: what is read also has the lengths.
 std::string all_parameters(const record& type, bool outs) {
     std::string text;
     for (const attribute& each : type.attributes)
-        if (each.shape == attribute_shape::plain || (outs && each.shape == attribute_shape::length))
+        if (outs ? facts_of(each.shape).gettable : facts_of(each.shape).settable)
             text += ", " + plain_c_type(each.type) + (outs ? "* out_" : " value_") + each.name;
     return text;
 }

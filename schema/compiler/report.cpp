@@ -38,7 +38,7 @@ std::string text_of(const record& r) {
         widest = std::max(widest, a.name.size());
     text += "   offset  tracks  since  attribute\n";
     for (const attribute& a : r.attributes) {
-        const std::string track = a.shape == attribute_shape::length ? padded("-", 7, true) : number(a.track);
+        const std::string track = facts_of(a.shape).tracked ? number(a.track) : padded("-", 7, true);
         text += "  " + number(a.offset) + " " + track + "  " + padded(std::to_string(a.since), 5, true) + "  " +
                 padded(a.name, widest) + "  " + written_type(a);
         if (a.shape == attribute_shape::arm) text += " in case " + a.case_name + " of " + a.discriminator;
