@@ -206,6 +206,22 @@ u32 base_file::copy_to(std::byte* image, u64 size, std::span<const page_checksum
     return 0;
 }
 
+void base_file::copy_readable(std::byte* image, u64 size, const std::function<void(u64 page)>& lost) {
+    std::vector<page_entry> entries(batch);
+    const u64 pages = std::min(record_.pages, size / page_size);
+    for (u64 first = 0; first < pages; first += batch) {
+        const u64 count = std::min(batch, pages - first);
+        const bool known = read_entries(first, std::span(entries).first(count)) == 0;
+        for (u64 i = 0; i < count; ++i) {
+            std::byte* const page = image + (first + i) * page_size;
+            if (known && entries[i].checksum == 0 && entries[i].number == 0) continue;
+            if (known && read_page(first + i, page) == 0 && checksum_of(page, page_size) == entries[i].checksum)
+                continue;
+            lost(first + i);
+        }
+    }
+}
+
 u32 base_file::verify(void (*report)(u64 page, void* context), void* context) {
     std::vector<page_entry> entries(batch);
     std::byte page[page_size];

@@ -59,6 +59,8 @@ class base_file {
     u32 read_pages(u64 first, std::span<std::byte> pages) const;
     /// What is known of pages from `first` on.
     u32 read_entries(u64 first, std::span<page_entry> entries) const;
+    /// Copies what can be read to `image`, zero so far, and calls `lost` with each page that does not fit.
+    void copy_readable(std::byte* image, u64 size, const std::function<void(u64 page)>& lost);
     /// Whether each page fits its entry. Calls `report` with the number of each page that does not.
     u32 verify(void (*report)(u64 page, void* context), void* context);
 

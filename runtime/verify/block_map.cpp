@@ -1,6 +1,9 @@
 // Marking blocks: a bit for each 16 bytes of the arena.
 #include "runtime/verify/block_map.h"
 
+#include "runtime/store/base.h"
+
+#include <algorithm>
 #include <bit>
 
 namespace loom {
@@ -8,17 +11,75 @@ namespace {
 constexpr u64 step = 16; // payloads lie at multiples of it
 }
 
-block_map::block_map(const arena& memory) : memory_(memory) {
-    const arena_header& h = memory.header();
-    bit_count_ = h.top / step + 1;
+void block_map::make_bits() {
+    bit_count_ = memory_.header().top / step + 1;
     begins_.resize(bit_count_ / 64 + 1);
     reached_.resize(begins_.size());
-    memory.each_block([&](void* payload, u64) {
-        const u64 bit = memory.offset_of(payload) / step;
-        if (bit >= bit_count_) return;
-        begins_[bit / 64] |= u64{1} << bit % 64;
-        ++blocks_;
-    });
+}
+
+void block_map::add(u64 offset) {
+    const u64 bit = offset / step;
+    if (bit >= bit_count_) return;
+    begins_[bit / 64] |= u64{1} << bit % 64;
+    ++blocks_;
+}
+
+block_map::block_map(const arena& memory) : memory_(memory) {
+    make_bits();
+    memory.each_block([&](void* payload, u64) { add(memory.offset_of(payload)); });
+}
+
+/// How blocks lie in memory that is damaged.
+class block_map::damaged_row {
+  public:
+    damaged_row(const arena& memory, std::span<const u64> lost_pages)
+        : base_(memory.base()), top_(memory.header().top), lost_(lost_pages) {}
+
+    u64 size_at(u64 offset) const { return head_at(offset) & block_size_mask; }
+    bool is_in_use(u64 offset) const {
+        const u64 head = head_at(offset);
+        return (head & block_in_use) && !(head & (block_cached | block_deferred));
+    }
+    bool is_lost(u64 offset, u64 size) const {
+        const auto page = std::lower_bound(lost_.begin(), lost_.end(), offset / page_size);
+        return page != lost_.end() && *page * page_size < offset + size;
+    }
+    /// Whether a block may begin there, and as many behind it, each knowing of the one before.
+    bool leads_on(u64 offset, u32 further) const {
+        if (offset + block_head_size > top_ || is_lost(offset, block_head_size)) return false;
+        const u64 size = size_at(offset);
+        if (size < smallest_block || size % step != 0 || size > top_ - offset) return false;
+        const u64 next = offset + size;
+        if (further == 0 || next + block_head_size > top_ || is_lost(next, block_head_size)) return true;
+        if (head_at(next) == 0) return true; // behind the last block nothing was ever stored
+        const bool knows =
+            ((head_at(next) & block_previous_in_use) != 0) == ((head_at(offset) & block_in_use) != 0);
+        return knows && leads_on(next, further - 1);
+    }
+
+  private:
+    u64 head_at(u64 offset) const { return raw_load(reinterpret_cast<const u64*>(base_ + offset)); }
+
+    const std::byte* base_;
+    u64 top_;
+    std::span<const u64> lost_;
+};
+
+block_map::block_map(const arena& memory, std::span<const u64> lost_pages) : memory_(memory) {
+    make_bits();
+    const damaged_row row(memory, lost_pages);
+    constexpr u32 proof = 4; // blocks behind one that is found anew
+    bool on_track = true;
+    for (u64 offset = first_block; offset + block_head_size <= memory.header().top;) {
+        on_track = row.leads_on(offset, on_track ? 1 : proof);
+        if (!on_track) {
+            offset += step;
+            continue;
+        }
+        const u64 size = row.size_at(offset);
+        if (row.is_in_use(offset) && !row.is_lost(offset, size)) add(offset + block_head_size);
+        offset += size;
+    }
 }
 
 u64 block_map::bit_of(const void* payload) const {

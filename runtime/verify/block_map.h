@@ -4,11 +4,17 @@
 
 #include "runtime/database/arena.h"
 
+#include <span>
+
 namespace loom {
 
 class block_map {
   public:
     explicit block_map(const arena& memory);
+    /// Of an arena that is damaged, parts of which are not known: `lost_pages`, in order. Where blocks do not lead
+    /// on from one to the next, the next place is looked for from which they do. Blocks that lie in a lost page,
+    /// in part or as a whole, are left out.
+    block_map(const arena& memory, std::span<const u64> lost_pages);
 
     /// Bytes that the block in use behind `payload` can hold; 0 when no block begins there.
     u64 size_at(const void* payload) const;
@@ -25,9 +31,12 @@ class block_map {
     const arena& memory() const { return memory_; }
 
   private:
+    class damaged_row;
     using bits = std::vector<u64>;
     /// The bit of an address that payloads may have; the number of all bits for any other.
     u64 bit_of(const void* payload) const;
+    void make_bits();
+    void add(u64 offset);
     static bool is_set(const bits& all, u64 bit) { return (all[bit / 64] >> bit % 64 & 1) != 0; }
 
     const arena& memory_;

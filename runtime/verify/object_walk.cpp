@@ -101,6 +101,7 @@ bool object_walk::walk_part(const part& object) {
     bool good = true;
     for (const loom_attribute_description* each : object.type.owning)
         if (static_cast<u32>(each->since) <= layout) good = walk_attribute(object, *each) && good;
+    if (visit_object_ && description->kind == LOOM_TYPE_RECORD) visit_object_(object.at);
     return good;
 }
 
@@ -118,7 +119,7 @@ bool object_walk::walk_attribute(const part& holder, const loom_attribute_descri
     case LOOM_SHAPE_VARIABLE_ARRAY:
     case LOOM_SHAPE_COUNTED_STRING: return walk_array(holder, attribute);
     case LOOM_SHAPE_LIST: return walk_list(holder, attribute);
-    case LOOM_SHAPE_OID: count_reference(read<loom_oid>(at + sizeof(void*))); return true;
+    case LOOM_SHAPE_OID: count_reference(at + sizeof(void*)); return true;
     case LOOM_SHAPE_ARM: {
         const void* arm = read<const void*>(at);
         if (!arm) return true;
@@ -238,7 +239,9 @@ bool object_walk::walk_list(const part& holder, const loom_attribute_description
                    "counts " + std::to_string(head.count) + " elements, but has " + std::to_string(count));
 }
 
-void object_walk::count_reference(const loom_oid& oid) {
+void object_walk::count_reference(const std::byte* at) {
+    if (visit_reference_) visit_reference_(at);
+    const auto oid = read<loom_oid>(at);
     const u8* identity = blocks_.memory().header().identity;
     if (!(oid.object & oid_counted) || std::memcmp(oid.source, identity, sizeof oid.source) != 0) return;
     u64 reference = 0;

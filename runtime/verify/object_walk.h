@@ -25,6 +25,12 @@ class object_walk {
     bool walk(const void* object, const known_type& type);
     /// The same for an object whose block was reached already.
     bool walk_reached(const void* object, const known_type& type);
+    /// Called with each object that was looked at, in place or not, and with each loom_oid in them.
+    using part_fn = std::function<void(const std::byte*)>;
+    void set_visitors(part_fn object, part_fn reference) {
+        visit_object_ = std::move(object);
+        visit_reference_ = std::move(reference);
+    }
     /// Counted references that were met, by reference.
     const std::unordered_map<u64, u64>& references() const { return references_; }
     /// Types of objects that were met and are not described: what these own is not known.
@@ -59,7 +65,7 @@ class object_walk {
     bool walk_element_flags(const part& holder, const loom_attribute_description& attribute, u64 count);
     bool take_block(const part& holder, const loom_attribute_description& attribute, const void* block,
                     u64 needed);
-    void count_reference(const loom_oid& oid);
+    void count_reference(const std::byte* at);
     void wait_for(const part& holder, const loom_attribute_description& attribute, const void* object);
 
     block_map& blocks_;
@@ -70,6 +76,8 @@ class object_walk {
     std::vector<waiting_object> waiting_;
     std::unordered_map<u64, u64> references_;
     std::set<std::string> undescribed_;
+    part_fn visit_object_;
+    part_fn visit_reference_;
 };
 
 } // namespace loom

@@ -28,6 +28,7 @@ int restore_database(context& c);
 
 // verify_commands.cpp
 int verify_database(context& c);
+int salvage_database(context& c);
 
 // transfer_commands.cpp
 int import_file(context& c);

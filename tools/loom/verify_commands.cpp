@@ -1,10 +1,11 @@
-// The command that looks through a database for damage.
+// The commands that look through a database for damage, and save what can be read of a damaged one.
 #include "commands.h"
 #include "database.h"
 #include "failure.h"
 
 #include <loom_runtime/verify.h>
 
+#include <filesystem>
 #include <iostream>
 
 namespace tool {
@@ -57,6 +58,27 @@ int verify_database(context& c) {
     if (reclaims)
         std::cout << db.path() << ": " << counted(result.reclaimed_blocks, "block", "blocks") << " reclaimed\n";
     return result.damaged == 0 ? exit_good : exit_failed;
+}
+
+int salvage_database(context& c) {
+    const std::string &damaged = c.line[0], &path = c.line[1];
+    if (!std::filesystem::exists(damaged)) throw failure(damaged + ": there is no such database");
+    if (std::filesystem::exists(path))
+        throw failure(path + ": is there already", "remove it, or take another name");
+    c.loaded.load_all();
+    loom_salvage_result result{};
+    if (loom_database_salvage(damaged.c_str(), path.c_str(), print_finding, nullptr, &result) != 0) {
+        const failure reason = runtime_failure();
+        std::filesystem::remove_all(path);
+        throw reason;
+    }
+    std::cout << path << ": " << counted(result.records, "record", "records") << " of "
+              << counted(result.tables, "table", "tables") << " salvaged";
+    if (result.lost_records != 0)
+        std::cout << ", " << counted(result.lost_records, "record", "records") << " lost";
+    if (result.findings == 0) std::cout << ", nothing lost";
+    std::cout << '\n';
+    return result.findings == 0 ? exit_good : exit_failed;
 }
 
 } // namespace tool

@@ -60,6 +60,27 @@ typedef struct loom_verify_result {
 uint32_t loom_database_verify(loom_handle* handle, uint32_t flags, loom_finding_fn report, void* context,
                               loom_verify_result* result);
 
+/** What a salvage has brought over, and what not. */
+typedef struct loom_salvage_result {
+    uint64_t tables;
+    uint64_t records;
+    uint64_t lost_records; /**< that were found, but are damaged; those of which nothing is left are not counted */
+    uint64_t lost_pages;   /**< of the base */
+    uint64_t findings;     /**< all that `report` was told */
+} loom_salvage_result;
+
+/** Makes a new database at `path` of all that can still be read of the one at `damaged`: its image, if it can still
+ * be opened, otherwise its base and what follows in its journal. Nothing in the memory is trusted: records are looked
+ * for in all blocks, so that broken trees and lists lose none, and are taken when every block they own is there. They
+ * keep tenant, source, stored location, the order of ordered tables, and their references to tables, which are made
+ * anew; states of attributes and replication cursors begin anew. The bundles of all tables must be loaded.
+ *
+ * What was lost is told to `report`, which may be null, as is `result`. `damaged` must not be in use, and is left as
+ * it is but for what every opening does. 0 when it could be done, whatever was lost; otherwise an error number with a
+ * text: 16 while it is in use, 17 when something lies at `path`, 5 when nothing of it can be read. */
+uint32_t loom_database_salvage(const char* damaged, const char* path, loom_finding_fn report, void* context,
+                               loom_salvage_result* result);
+
 #ifdef __cplusplus
 }
 #endif
