@@ -373,6 +373,17 @@ u32 salvage(const char* damaged, const char* path, findings& found, loom_salvage
 
 using namespace loom;
 
+LOOM_EXPORT uint32_t loom_database_verify_files(const char* path, loom_finding_fn report, void* context,
+                                                uint64_t* damaged) {
+    findings found;
+    salvage_source source;
+    const u32 error = source.read_files(
+        path, [&](const std::string& place, const std::string& meaning) { found.damage(place, meaning); });
+    if (damaged) *damaged = found.result.damaged;
+    if (report) found.tell(report, context);
+    return done(error);
+}
+
 LOOM_EXPORT uint32_t loom_database_salvage(const char* damaged, const char* path, loom_finding_fn report,
                                            void* context, loom_salvage_result* result) {
     findings found;

@@ -39,11 +39,25 @@ std::string summary(const loom_verify_result& result) {
     return text + (parts.empty() ? "counts are too high" : parts);
 }
 
+/// Opens it; one that cannot be opened is told by its files.
+database opened(const context& c, bool alone) {
+    const std::string& path = c.line[0];
+    try {
+        return alone ? database::open(path, LOOM_OPEN_EXCLUSIVE)
+                     : database::open_for_reading(path, c.line.has("--read-only"));
+    } catch (const failure&) {
+        std::uint64_t damaged = 0;
+        if (loom_database_verify_files(path.c_str(), print_finding, nullptr, &damaged) != 0 || damaged == 0) throw;
+        throw failure(path + ": cannot be opened: " + counted(damaged, "damage", "damages"),
+                      "restore it from a backup; 'loom salvage " + path + " NEW' saves what can be read");
+    }
+}
+
 } // namespace
 
 int verify_database(context& c) {
     const bool reclaims = c.line.has("--reclaim");
-    const database db = database::open(c.line[0], reclaims ? std::uint32_t{LOOM_OPEN_EXCLUSIVE} : 0);
+    const database db = opened(c, reclaims);
     try {
         // Nothing in the database can be trusted to tell which ones it needs.
         c.loaded.load_all();

@@ -60,6 +60,11 @@ typedef struct loom_verify_result {
 uint32_t loom_database_verify(loom_handle* handle, uint32_t flags, loom_finding_fn report, void* context,
                               loom_verify_result* result);
 
+/** Looks through the files of a database that cannot be opened any more: superblock, base, journal. Nothing is
+ * changed. `report` may be null; it is told the damages, whose number goes to `damaged` (which may be null). 0 when
+ * it could be done; otherwise an error number with a text: 16 while it is in use, 5 when nothing of it can be read. */
+uint32_t loom_database_verify_files(const char* path, loom_finding_fn report, void* context, uint64_t* damaged);
+
 /** What a salvage has brought over, and what not. */
 typedef struct loom_salvage_result {
     uint64_t tables;
