@@ -1,4 +1,48 @@
-/* The database layer as tables see it: table list, TOC, tree, replication, garbage collection, tenants. */
+/* The database layer as tables see it: table list, TOC, tree, replication, garbage collection, tenants, and
+ * the arena that all of it lies in. Bundles call it by name; applications need it only to walk records and
+ * tables by hand. Opening databases and their sections stand in <loom_runtime/runtime.h>.
+ *
+ * Guarantees
+ *   - Every store of the runtime into a database is announced to its arena first. So what happens between
+ *     begin and commit of a write section is there whole or not at all, whoever dies in between, and abort
+ *     puts back each byte.
+ *   - The structures hold addresses of the database alone, and each process has it at the same address: a
+ *     table or record that was found may be kept for as long as it lives, and means the same to another
+ *     process.
+ *   - A search (e_avl_search, _get_, loomdb_..._get) stores nothing and allocates nothing, and a tree of n
+ *     nodes is at most 1.44 log2(n) deep. Inserts and deletes of nodes allocate nothing either.
+ *   - Functions that make something make all of it, or nothing and set an error.
+ *
+ * Caveats
+ *   - Nothing proves a pointer. A record that was ended, a table that was freed, an object of an aborted
+ *     section: their addresses mean something else by then.
+ *   - A store that is not announced (arbor_set_range, or the handle's write hook) is not undone by an abort,
+ *     is missing behind a crash of the machine, and is what the debug arena (<loom_runtime/arena.h>) finds.
+ *   - A comparison function must be a total order over what does not change while the node is in the tree.
+ *     Keys are changed outside of their table only.
+ *   - A refused announcement in the middle of a change to a tree ends the process: the undo log alone can
+ *     bring the tree back into order, and the next process that takes the lock does so.
+ *
+ * Lifetime and ownership. Tables and records live in the database until they are freed or destroyed, whoever
+ * made them. Nodes belong to the records that they lie in: to unlink one frees nothing. Words called the
+ * database layer's own are not touched by others. Texts and luids that are handed in are read during the call
+ * alone.
+ *
+ * Threads and processes. A handle is used by one thread at a time; threads that share a database have a handle
+ * each. In read sections any number of threads and processes search the same tables; changes want the write
+ * lock, which loomlib_database_is_write_locked tells. Trees in other memory (alloc_ctx null) are the caller's
+ * to guard.
+ *
+ * Fork. A child of fork has no handles: those of its parent share their locks with it, and are neither used
+ * nor closed there; exec and _exit end them. It opens its own.
+ *
+ * Signals. No function may be called by a signal handler. One that ends the process does no harm, at any
+ * instruction.
+ *
+ * Errors. `err` points at an error word that must be 0, or hold an earlier error, with which nothing is done
+ * and null or 0 is returned. What goes wrong sets it to one of the numbers of handle.h (errno values) and
+ * leaves its reason in words to loom_error_text. Functions without it cannot fail, but for those that say what
+ * they return. */
 #ifndef LOOM_DATABASE_H
 #define LOOM_DATABASE_H
 

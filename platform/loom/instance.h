@@ -1,5 +1,39 @@
 /* What generated object code asks of the runtime: errors, variants, type information, tracking offsets,
- * statistics, scratch memory, and the reports of containment. Object references stand in oid.h. */
+ * statistics, scratch memory, and the reports of containment. Object references stand in oid.h. Bundles call
+ * it by name; applications have no need of it, runtimes implement it.
+ *
+ * Guarantees
+ *   - Type information that is handed out stays where it is: a manifested record as long as its database
+ *     (unless the section that made it is aborted), a static one as long as its bundle is loaded.
+ *   - Adjusting an object's variant never lowers it, and never raises it beyond what its layout has room for,
+ *     what the code at hand knows, or what the peer speaks.
+ *   - Statistics of static records are exact with any number of threads.
+ *
+ * Caveats
+ *   - Objects are not proved beyond their first word. What is no object, or was ended, is undefined where the
+ *     function does not say 22.
+ *   - A record of type information that was just made holds a pointer of this process until
+ *     loom_update_variant_info has been called; nobody else may see it before.
+ *   - Statistics of manifested records are plain increments: they are exact as far as writers follow one
+ *     another, and an abort leaves them as they are.
+ *   - The workspace is one per handle. Its bytes are gone with the next call that takes it, of clones for
+ *     instance.
+ *
+ * Lifetime and ownership. Nothing here takes an object over, and nothing hands one over. Explanations are
+ * copied. Blocks of loomlib_malloc belong to the caller and lie outside of any database.
+ *
+ * Threads and processes. A handle is used by one thread at a time. Functions without a handle (variants,
+ * flags, type information of an object, luids, hashes) only read their arguments and may be called from any
+ * thread. What stores into a database wants the section that the store would want.
+ *
+ * Fork. As for handles: a child opens its own. Functions without a handle go on working there.
+ *
+ * Signals. None of these may be called by a signal handler, but for SuperFastHash and the readers of an
+ * object's header.
+ *
+ * Errors. `err` points at an error word; with an error in it functions do nothing. What fails sets it and,
+ * where told, the handle's slot (loom_handle::last_error): 12 no memory, 22 no object, 43 out of reach for the
+ * variant, 52 unknown to the peer. Reasons in words are at loom_error_text. */
 #ifndef LOOM_INSTANCE_H
 #define LOOM_INSTANCE_H
 

@@ -1,7 +1,35 @@
-/* The binary trace facility. A call passes the address of its unit's 16 hash bytes, the index of the statement
- * in that unit, the module number, the level word (level in the top byte) and raw arguments. Texts stay in
- * sections that are not loaded. All functions may be called from any thread at any time; module number 0
- * stands for a module that is not registered yet. */
+/* The binary trace facility, as code that traces sees it. A call passes the address of its unit's 16 hash
+ * bytes, the index of the statement in that unit, the module number, the level word (level in the top byte)
+ * and raw arguments. Texts stay in sections that are not loaded. Levels, files and readers stand in
+ * <loom_runtime/trace.h>.
+ *
+ * Guarantees
+ *   - Emitting formats nothing, waits for nobody and, but for a thread's first record, allocates nothing: it
+ *     copies some tens of bytes into a buffer of the thread. While its level is off, a statement costs a call
+ *     and a comparison.
+ *   - Strings are copied before the call returns, at most 480 characters of each.
+ *   - A thread's records stay in their order. A record of level 0 is written out before the call returns.
+ *   - Nothing fails: no call sets an error or ends the process. Records that had no room are counted.
+ *
+ * Caveats
+ *   - Without an open file or a drain a full buffer loses what it holds. A process that is killed loses what
+ *     its threads have buffered, but for records of level 0; one that calls exit() writes it out.
+ *   - With a file open, the thread that finds its buffer full writes it out, and waits for the disk.
+ *   - Records are ordered by a clock that processors share; between threads some tens of nanoseconds say
+ *     nothing.
+ *   - Text of users goes into traces as it is. A reader escapes it.
+ *
+ * Lifetime and ownership. Unit hashes and module names must stay until the process ends: records refer to
+ * them, and bundles that are unloaded leave their names behind. Everything else is copied.
+ *
+ * Threads. All functions may be called from any thread at any time, also while threads begin and end. Module
+ * number 0 stands for a module that is not registered yet.
+ *
+ * Fork. A child is a writer of its own, into the same file where one is open. What was buffered at that moment
+ * is its parent's to write.
+ *
+ * Signals. Not for signal handlers: a record that a handler traces in the middle of another one of its thread
+ * is damaged, and so is the other. */
 #ifndef LOOM_TRACE_H
 #define LOOM_TRACE_H
 
