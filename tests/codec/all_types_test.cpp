@@ -67,10 +67,10 @@ class subject {
     void* object_;
 };
 
-class AllTypes : public ::testing::TestWithParam<std::string> {};
-class AllRecords : public ::testing::TestWithParam<std::string> {};
+class all_types : public ::testing::TestWithParam<std::string> {};
+class all_records : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
+TEST_P(all_types, binary_form_is_the_walkers_and_comes_back) {
     for (const tracking_pair& tracking : tracking_pairs) {
         const database writing(tracking.writer), reading(tracking.reader);
         for (uint32_t seed = 0; seed < rounds; ++seed) {
@@ -116,7 +116,7 @@ TEST_P(AllTypes, BinaryFormIsTheWalkersAndComesBack) {
     }
 }
 
-TEST_P(AllTypes, NothingIsLeftBehind) {
+TEST_P(all_types, nothing_is_left_behind) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking);
         // What the database itself keeps is made once, by the first object that has a use for it.
@@ -143,7 +143,7 @@ TEST_P(AllTypes, NothingIsLeftBehind) {
     }
 }
 
-TEST_P(AllTypes, EveryStoreOfTheReaderIsAnnounced) {
+TEST_P(all_types, every_store_of_the_reader_is_announced) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking);
         std::mt19937 random(1);
@@ -163,7 +163,7 @@ TEST_P(AllTypes, EveryStoreOfTheReaderIsAnnounced) {
     }
 }
 
-TEST_P(AllTypes, SelectedArmsWithoutValueAreMissed) {
+TEST_P(all_types, selected_arms_without_value_are_missed) {
     const database writing(LOOM_TRACKING_ON);
     for (uint32_t seed = 0; seed < rounds; ++seed) {
         std::mt19937 random(seed);
@@ -178,7 +178,7 @@ TEST_P(AllTypes, SelectedArmsWithoutValueAreMissed) {
     }
 }
 
-TEST_P(AllTypes, BuffersOfEveryLength) {
+TEST_P(all_types, buffers_of_every_length) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking), skipping;
         std::mt19937 random(3);
@@ -212,7 +212,7 @@ TEST_P(AllTypes, BuffersOfEveryLength) {
 /// Damaged counts ask for gigabytes: a reader of damaged bytes has this much memory.
 constexpr uint64_t little = 16u << 20;
 
-TEST_P(AllTypes, DamagedBytesDoNoHarm) {
+TEST_P(all_types, damaged_bytes_do_no_harm) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking, LOOM_DB_PRIVATE, little);
         for (uint32_t seed = 0; seed < 20; ++seed) {
@@ -234,7 +234,7 @@ TEST_P(AllTypes, DamagedBytesDoNoHarm) {
     }
 }
 
-TEST_P(AllTypes, JumpsFarBehindTheEndDoNoHarm) {
+TEST_P(all_types, jumps_far_behind_the_end_do_no_harm) {
     constexpr uint8_t far[] = {0x7f, 0xff, 0xff, 0xf0};
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database writing(tracking), reading(tracking, LOOM_DB_PRIVATE, little),
@@ -257,7 +257,7 @@ TEST_P(AllTypes, JumpsFarBehindTheEndDoNoHarm) {
     }
 }
 
-TEST_P(AllTypes, TextIsTheWalkers) {
+TEST_P(all_types, text_is_the_walkers) {
     const database plain;
     for (uint32_t seed = 0; seed < rounds; ++seed) {
         std::mt19937 random(seed);
@@ -283,7 +283,7 @@ TEST_P(AllTypes, TextIsTheWalkers) {
     }
 }
 
-TEST_P(AllTypes, XmlIsTheWalkersAndComesBack) {
+TEST_P(all_types, xml_is_the_walkers_and_comes_back) {
     for (const uint32_t tracking : {LOOM_TRACKING_NONE, LOOM_TRACKING_ON}) {
         const database handle(tracking);
         for (uint32_t seed = 0; seed < rounds; ++seed) {
@@ -314,7 +314,7 @@ TEST_P(AllTypes, XmlIsTheWalkersAndComesBack) {
     }
 }
 
-TEST_P(AllTypes, OrderAndHashAreTheWalkers) {
+TEST_P(all_types, order_and_hash_are_the_walkers) {
     const database plain;
     for (uint32_t seed = 0; seed < 4 * rounds; ++seed) {
         std::mt19937 random(seed);
@@ -338,7 +338,7 @@ TEST_P(AllTypes, OrderAndHashAreTheWalkers) {
     EXPECT_EQ(one.operations().hash(nullptr, 77), 77u);
 }
 
-TEST_P(AllRecords, AbsentInstanceHasTheLengthOfAnEmptyOne) {
+TEST_P(all_records, absent_instance_has_the_length_of_an_empty_one) {
     const database plain;
     const named_type type(GetParam());
     subject empty(GetParam(), plain);
@@ -427,7 +427,7 @@ void expect_arms_to_end(const std::string& type, const database& on, void* objec
     }
 }
 
-TEST_P(AllTypes, FaultsEndTheProcessWithTheirTrace) {
+TEST_P(all_types, faults_end_the_process_with_their_trace) {
     const std::string corrupted = "Corrupted LOOM Handle",
                       mismatch = "LOOM handle and object state tracking mis-match",
                       no_type = "tinfo is null or corrupted", lives = "lives";
@@ -487,8 +487,8 @@ TEST_P(AllTypes, FaultsEndTheProcessWithTheirTrace) {
 }
 
 std::string label(const ::testing::TestParamInfo<std::string>& info) { return info.param; }
-INSTANTIATE_TEST_SUITE_P(Bundle, AllTypes, ::testing::ValuesIn(type_names()), label);
-INSTANTIATE_TEST_SUITE_P(Bundle, AllRecords, ::testing::ValuesIn(record_names()), label);
+INSTANTIATE_TEST_SUITE_P(bundle, all_types, ::testing::ValuesIn(type_names()), label);
+INSTANTIATE_TEST_SUITE_P(bundle, all_records, ::testing::ValuesIn(record_names()), label);
 
 } // namespace
 } // namespace trellis::testing

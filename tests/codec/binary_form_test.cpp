@@ -27,7 +27,7 @@ simple_union* empty_union(loom_handle* handle) {
     return made;
 }
 
-TEST(BinaryForm, UnionWithoutActiveArm) {
+TEST(binary_form, union_without_active_arm) {
     const database plain, off(LOOM_TRACKING_OFF);
     for (const database* each : {&plain, &off}) {
         simple_union* object = empty_union(*each);
@@ -39,7 +39,7 @@ TEST(BinaryForm, UnionWithoutActiveArm) {
     }
 }
 
-TEST(BinaryForm, UnionWithStateBytes) {
+TEST(binary_form, union_with_state_bytes) {
     const database on(LOOM_TRACKING_ON);
     simple_union* object = empty_union(on);
     EXPECT_EQ(simple_union_len(on, domain, object), 15u);
@@ -51,7 +51,7 @@ TEST(BinaryForm, UnionWithStateBytes) {
     simple_union_destroy(on, domain, object);
 }
 
-TEST(BinaryForm, ScalarStepStoresBehindTheEndAndStays) {
+TEST(binary_form, scalar_step_stores_behind_the_end_and_stays) {
     const database on(LOOM_TRACKING_ON);
     simple_union* object = empty_union(on);
     exact_buffer buffer(12, 0xAA);
@@ -61,14 +61,14 @@ TEST(BinaryForm, ScalarStepStoresBehindTheEndAndStays) {
     simple_union_destroy(on, domain, object);
 }
 
-TEST(BinaryForm, UntrackedObjectUnderTrackingHandleHasEmptyStates) {
+TEST(binary_form, untracked_object_under_tracking_handle_has_empty_states) {
     const database plain, on(LOOM_TRACKING_ON);
     simple_union* object = empty_union(plain);
     EXPECT_EQ(marshal("simple_union", on, object, 20).bytes, "00 08 00 00 00 0d 01 00 00 00 00 00 00 00 00");
     simple_union_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, SelectedArms) {
+TEST(binary_form, selected_arms) {
     const database plain;
     simple_union* object = empty_union(plain);
     uint32_t error = 0;
@@ -89,7 +89,7 @@ TEST(BinaryForm, SelectedArms) {
     simple_union_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, EnumerationsTravelByInternalValue) {
+TEST(binary_form, enumerations_travel_by_internal_value) {
     const database plain;
     ud_enum_custom_neg_val* object = ud_enum_custom_neg_val_create(plain, domain);
     uint32_t error = 0;
@@ -114,7 +114,7 @@ TEST(BinaryForm, EnumerationsTravelByInternalValue) {
     ud_enum_custom_neg_val_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, FlagSetsTravelAsTheyLie) {
+TEST(binary_form, flag_sets_travel_as_they_lie) {
     const database plain;
     ud_flag_big* object = ud_flag_big_create(plain, domain);
     uint32_t error = 0;
@@ -128,7 +128,7 @@ TEST(BinaryForm, FlagSetsTravelAsTheyLie) {
     ud_flag_big_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, FlagSetReaderJumpsOverWhatALaterWriterAdds) {
+TEST(binary_form, flag_set_reader_jumps_over_what_a_later_writer_adds) {
     const database plain;
     ud_flag* object = ud_flag_create(plain, domain);
     const std::vector<uint8_t> bytes = {5, 0, 0, 0, 8, 0x21, 0x02, 0xEE, 0xEE};
@@ -139,7 +139,7 @@ TEST(BinaryForm, FlagSetReaderJumpsOverWhatALaterWriterAdds) {
     ud_flag_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, LengthsOfAbsentAndVanishedInstances) {
+TEST(binary_form, lengths_of_absent_and_vanished_instances) {
     const database plain;
     EXPECT_EQ(simple_union_len(plain, domain, nullptr), 11u);
     EXPECT_EQ(simple_choice_len(plain, domain, nullptr), 11u);
@@ -151,7 +151,7 @@ TEST(BinaryForm, LengthsOfAbsentAndVanishedInstances) {
     rec_type_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, ErrorsStopBeforeAnythingIsTouched) {
+TEST(binary_form, errors_stop_before_anything_is_touched) {
     const database plain;
     rec_type* object = rec_type_create(plain, domain);
     exact_buffer buffer(600, 0xAA);
@@ -166,7 +166,7 @@ TEST(BinaryForm, ErrorsStopBeforeAnythingIsTouched) {
     rec_type_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, RemoteAddressBlockGoesOutEmptyAndIsDropped) {
+TEST(binary_form, remote_address_block_goes_out_empty_and_is_dropped) {
     const database plain;
     string_key* object = string_key_create(plain, domain);
     object->loom_flags |= OBJ_RA_DATA;
@@ -184,7 +184,7 @@ TEST(BinaryForm, RemoteAddressBlockGoesOutEmptyAndIsDropped) {
     string_key_destroy(plain, domain, object);
 }
 
-TEST(BinaryForm, OnlyTravellingFlagsAreTakenFromTheWire) {
+TEST(binary_form, only_travelling_flags_are_taken_from_the_wire) {
     const database plain;
     string_key* object = string_key_create(plain, domain);
     const std::vector<uint8_t> bytes = {0, 0xD7, 0, 0, 0, 8, 0, 0, 0, 0};
@@ -194,7 +194,7 @@ TEST(BinaryForm, OnlyTravellingFlagsAreTakenFromTheWire) {
     string_key_destroy(plain, domain, object);
 }
 
-TEST(Skew, MarshalForAnOlderPeerIsWholeInTheOlderForm) {
+TEST(skew, marshal_for_an_older_peer_is_whole_in_the_older_form) {
     const database plain;
     trellis_telemetry_data* object = trellis_telemetry_data_create(plain, domain);
     std::vector<uint32_t> lengths;
@@ -222,7 +222,7 @@ TEST(Skew, MarshalForAnOlderPeerIsWholeInTheOlderForm) {
     trellis_telemetry_data_destroy(plain, domain, object);
 }
 
-TEST(Skew, PartsThatAreCutDownDoNotStopTheOthers) {
+TEST(skew, parts_that_are_cut_down_do_not_stop_the_others) {
     const database plain;
     rec_child_comp_key_parent_sing* object = rec_child_comp_key_parent_sing_create(plain, domain);
     object->comp_attr.loom_variant = 0; // without its unions, which need an arm
@@ -278,7 +278,7 @@ class skewed_records {
     custom_rpc_type_timeout* object = custom_rpc_type_timeout_create(plain, domain);
 };
 
-TEST(Skew, ReaderStopsAtWhatItsLayoutHolds) {
+TEST(skew, reader_stops_at_what_its_layout_holds) {
     skewed_records records;
     records.object->loom_layout_variant = 0;
     records.object->custom_timeout = 5;
@@ -288,7 +288,7 @@ TEST(Skew, ReaderStopsAtWhatItsLayoutHolds) {
     EXPECT_EQ(records.object->custom_timeout, 5u) << "left alone";
 }
 
-TEST(Skew, OlderFormLeavesLaterFieldsAlone) {
+TEST(skew, older_form_leaves_later_fields_alone) {
     skewed_records records;
     records.source->loom_variant = 0;
     records.object->custom_timeout = 5;
@@ -298,7 +298,7 @@ TEST(Skew, OlderFormLeavesLaterFieldsAlone) {
     EXPECT_EQ(records.object->custom_timeout, 5u);
 }
 
-TEST(Skew, VanishedRecordIsAFrame) {
+TEST(skew, vanished_record_is_a_frame) {
     skewed_records records;
     records.source->loom_variant = -1;
     records.transfer();
@@ -306,7 +306,7 @@ TEST(Skew, VanishedRecordIsAFrame) {
     EXPECT_EQ(records.object->duration, 0u);
 }
 
-TEST(Reader, ArrayLongerThanTheBytesIsCutWithoutError) {
+TEST(reader, array_longer_than_the_bytes_is_cut_without_error) {
     const database plain;
     ud_type_with_arr* source = ud_type_with_arr_create(plain, domain);
     const uint8_t bytes[] = {1, 2, 3, 4, 5, 6};
@@ -326,7 +326,7 @@ TEST(Reader, ArrayLongerThanTheBytesIsCutWithoutError) {
     ud_type_with_arr_destroy(plain, domain, source);
 }
 
-TEST(Reader, FailedAllocationLeavesAnEmptyArray) {
+TEST(reader, failed_allocation_leaves_an_empty_array) {
     const database plain;
     ud_type_with_arr* source = ud_type_with_arr_create(plain, domain);
     const uint8_t bytes[] = {1, 2, 3};
@@ -347,7 +347,7 @@ TEST(Reader, FailedAllocationLeavesAnEmptyArray) {
     ud_type_with_arr_destroy(plain, domain, source);
 }
 
-TEST(Reader, ListsOfAnotherLengthAreReplacedAndThoseOfTheSameAreKept) {
+TEST(reader, lists_of_another_length_are_replaced_and_those_of_the_same_are_kept) {
     const database plain;
     rec_with_list* source = rec_with_list_create(plain, domain);
     rec_with_list* object = rec_with_list_create(plain, domain);

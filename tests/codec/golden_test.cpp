@@ -162,9 +162,9 @@ class instance {
     uint32_t last_mark_ = 0;
 };
 
-class Golden : public ::testing::TestWithParam<std::string> {};
+class golden : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(Golden, AllForms) {
+TEST_P(golden, all_forms) {
     const fs::path folder(GOLDEN_FOLDER);
     const fs::path input = folder / (GetParam() + ".xml");
     const instance plain(input, LOOM_TRACKING_NONE), tracked(input, LOOM_TRACKING_ON);
@@ -189,7 +189,7 @@ std::vector<std::string> kinds() {
     return names;
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, Golden, ::testing::ValuesIn(kinds()), [](const auto& info) { return info.param; });
+INSTANTIATE_TEST_SUITE_P(kinds, golden, ::testing::ValuesIn(kinds()), [](const auto& info) { return info.param; });
 
 } // namespace
 } // namespace trellis::testing

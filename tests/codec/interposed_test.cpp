@@ -30,7 +30,7 @@ extern "C" void loomlib_adjust_variant(loom_handle* handle, uint32_t domain, voi
 namespace trellis::testing {
 namespace {
 
-TEST(Interposed, OperationIsCalled) {
+TEST(interposed, operation_is_called) {
     const database memory;
     leaf* object = leaf_create(memory, domain);
     calls = 0;
@@ -42,7 +42,7 @@ TEST(Interposed, OperationIsCalled) {
 
 /// An error of the holder's variant keeps an element neither from the list nor from the array, so that it must not
 /// end there.
-TEST(Interposed, WhatAHolderHasTakenStaysThoughItReportsAnError) {
+TEST(interposed, what_a_holder_has_taken_stays_though_it_reports_an_error) {
     const database memory;
     const uint64_t blocks = memory.blocks();
     everything* object = everything_create(memory, domain);

@@ -203,14 +203,14 @@ const journey journeys[] = {
 
 std::ostream& operator<<(std::ostream& out, const journey& each) { return out << each.type; }
 
-class Order : public ::testing::TestWithParam<std::tuple<journey, bool>> {
+class order : public ::testing::TestWithParam<std::tuple<journey, bool>> {
   public:
     static std::string name_of(const ParamType& param) {
         return std::string(std::get<0>(param).type) + (std::get<1>(param) ? "_tracked" : "");
     }
 };
 
-TEST_P(Order, OfJourneys) {
+TEST_P(order, of_journeys) {
     const auto& [journey, tracked] = GetParam();
     const std::string told = journey.told(tracked ? LOOM_TRACKING_ON : LOOM_TRACKING_NONE);
     const fs::path golden = fs::path(GOLDEN_FOLDER) / "order" / (name_of(GetParam()) + ".txt");
@@ -222,10 +222,10 @@ TEST_P(Order, OfJourneys) {
     std::ofstream(seen, std::ios::binary) << told;
     ADD_FAILURE() << "see the differences with\n  diff -u " << golden.string() << " " << seen.string();
 }
-INSTANTIATE_TEST_SUITE_P(Types, Order, ::testing::Combine(::testing::ValuesIn(journeys), ::testing::Bool()),
-                         [](const auto& info) { return Order::name_of(info.param); });
+INSTANTIATE_TEST_SUITE_P(types, order, ::testing::Combine(::testing::ValuesIn(journeys), ::testing::Bool()),
+                         [](const auto& info) { return order::name_of(info.param); });
 
-// ---- Damage ------------------------------------------------------------------------------------------------
+// ---- damage ------------------------------------------------------------------------------------------------
 
 /// What is stored as error and said, a line each.
 std::string words_of(const std::string& events) {
@@ -334,9 +334,9 @@ const damage damages[] = {
 
 std::ostream& operator<<(std::ostream& out, const damage& each) { return out << each.name; }
 
-class Damage : public ::testing::TestWithParam<damage> {};
+class damage : public ::testing::TestWithParam<damage> {};
 
-TEST_P(Damage, IsToldInThisOrder) {
+TEST_P(damage, is_told_in_this_order) {
     test_handle handle;
     u32 read = 0, error = 0;
     EXPECT_EQ(words_of(handle.log_of([&] { read = GetParam().reads(handle, &error); })), GetParam().words);
@@ -344,7 +344,7 @@ TEST_P(Damage, IsToldInThisOrder) {
     EXPECT_EQ(error, GetParam().error);
     EXPECT_EQ(handle.live_blocks(), 0u) << handle.describe_live_blocks();
 }
-INSTANTIATE_TEST_SUITE_P(Kinds, Damage, ::testing::ValuesIn(damages),
+INSTANTIATE_TEST_SUITE_P(kinds, damage, ::testing::ValuesIn(damages),
                          [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

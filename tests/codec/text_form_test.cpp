@@ -20,7 +20,7 @@ std::string print(const char* type, loom_handle* handle, const void* object, int
     return text;
 }
 
-TEST(TextForm, UnionPrintsTheSelectedArmByItsPath) {
+TEST(text_form, union_prints_the_selected_arm_by_its_path) {
     const database plain;
     simple_union* object = simple_union_create(plain, domain);
     uint32_t error = 0;
@@ -39,7 +39,7 @@ TEST(TextForm, UnionPrintsTheSelectedArmByItsPath) {
     simple_union_destroy(plain, domain, object);
 }
 
-TEST(TextForm, NestedClosingBraceStandsBehindUnwrittenBytes) {
+TEST(text_form, nested_closing_brace_stands_behind_unwritten_bytes) {
     const database plain;
     wrapped_union* object = wrapped_union_create(plain, domain);
     EXPECT_EQ(print("wrapped_union", plain, object, 0), "u@wrapped_union: {\n"
@@ -50,7 +50,7 @@ TEST(TextForm, NestedClosingBraceStandsBehindUnwrittenBytes) {
     wrapped_union_destroy(plain, domain, object);
 }
 
-TEST(TextForm, OlderRecordsEndWithoutBrace) {
+TEST(text_form, older_records_end_without_brace) {
     const database plain;
     custom_rpc_type_timeout* object = custom_rpc_type_timeout_create(plain, domain);
     object->duration = 5;
@@ -66,7 +66,7 @@ TEST(TextForm, OlderRecordsEndWithoutBrace) {
     custom_rpc_type_timeout_destroy(plain, domain, object);
 }
 
-TEST(TextForm, ArraysAndLists) {
+TEST(text_form, arrays_and_lists) {
     const database plain;
     uint32_t error = 0;
     rec_with_list* list = rec_with_list_create(plain, domain);
@@ -90,7 +90,7 @@ TEST(TextForm, ArraysAndLists) {
     ud_type_with_arr_destroy(plain, domain, arrays);
 }
 
-TEST(TextForm, EnumerationsAndFlagSets) {
+TEST(text_form, enumerations_and_flag_sets) {
     const database plain;
     uint32_t error = 0;
     ud_enum_custom_val* value = ud_enum_custom_val_create(plain, domain);
@@ -108,7 +108,7 @@ TEST(TextForm, EnumerationsAndFlagSets) {
     ud_flag_destroy(plain, domain, flags);
 }
 
-TEST(TextForm, ChainForms) {
+TEST(text_form, chain_forms) {
     const database plain;
     simple_union* object = simple_union_create(plain, domain);
     char buffer[200] = "untouched";

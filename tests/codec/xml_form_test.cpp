@@ -33,7 +33,7 @@ uint32_t from_xml(const char* type, loom_handle* handle, const std::string& text
     return error;
 }
 
-TEST(XmlForm, ArmsAreNamedByDiscriminatorAndArm) {
+TEST(xml_form, arms_are_named_by_discriminator_and_arm) {
     const database plain;
     simple_union* object = simple_union_create(plain, domain);
     EXPECT_EQ(to_xml("simple_union", plain, object), "<e><val_discr><EN_VAL_0/></val_discr></e>");
@@ -47,7 +47,7 @@ TEST(XmlForm, ArmsAreNamedByDiscriminatorAndArm) {
     simple_union_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, ArmsAreReadOfTheCaseThatTheDocumentOrTheInstanceSelects) {
+TEST(xml_form, arms_are_read_of_the_case_that_the_document_or_the_instance_selects) {
     const database plain;
     simple_union* object = simple_union_create(plain, domain);
     EXPECT_EQ(from_xml("simple_union", plain,
@@ -69,7 +69,7 @@ TEST(XmlForm, ArmsAreReadOfTheCaseThatTheDocumentOrTheInstanceSelects) {
     simple_union_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, StatesAndVariants) {
+TEST(xml_form, states_and_variants) {
     const database plain, on(LOOM_TRACKING_ON);
     custom_rpc_type_timeout* object = custom_rpc_type_timeout_create(on, domain);
     uint32_t error = 0;
@@ -86,14 +86,14 @@ TEST(XmlForm, StatesAndVariants) {
     custom_rpc_type_timeout_destroy(on, domain, object);
 }
 
-TEST(XmlForm, UntrackedObjectUnderTrackingHandleEndsAfterItsTag) {
+TEST(xml_form, untracked_object_under_tracking_handle_ends_after_its_tag) {
     const database plain, on(LOOM_TRACKING_ON);
     string_key* object = string_key_create(plain, domain);
     EXPECT_EQ(to_xml("string_key", on, object, "e", 0, 22), "<e>");
     string_key_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, CountsStandInFrontOfElementsOfOneName) {
+TEST(xml_form, counts_stand_in_front_of_elements_of_one_name) {
     const database plain;
     ud_type_with_arr* object = ud_type_with_arr_create(plain, domain);
     uint32_t error = 0;
@@ -106,7 +106,7 @@ TEST(XmlForm, CountsStandInFrontOfElementsOfOneName) {
     ud_type_with_arr_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, ArraysTakeWhatIsThere) {
+TEST(xml_form, arrays_take_what_is_there) {
     const database plain;
     ud_type_with_arr* arrays = ud_type_with_arr_create(plain, domain);
     EXPECT_EQ(from_xml("ud_type_with_arr", plain,
@@ -137,7 +137,7 @@ TEST(XmlForm, ArraysTakeWhatIsThere) {
     rec_child_comp_key_parent_sing_destroy(plain, domain, fixed);
 }
 
-TEST(XmlForm, ListsAreAppendedTo) {
+TEST(xml_form, lists_are_appended_to) {
     const database plain;
     ud_type_keyless_list* object = ud_type_keyless_list_create(plain, domain);
     const std::string text = "<e><list_attr><b_attr>true</b_attr></list_attr><list_attr/>"
@@ -150,7 +150,7 @@ TEST(XmlForm, ListsAreAppendedTo) {
     ud_type_keyless_list_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, CountedStringsAreCutByTheirCount) {
+TEST(xml_form, counted_strings_are_cut_by_their_count) {
     const database plain;
     rec_type* object = rec_type_create(plain, domain);
     EXPECT_EQ(from_xml("rec_type", plain,
@@ -166,7 +166,7 @@ TEST(XmlForm, CountedStringsAreCutByTheirCount) {
     rec_type_destroy(plain, domain, object);
 }
 
-TEST(XmlForm, AbsentRecordAndUnreadableValue) {
+TEST(xml_form, absent_record_and_unreadable_value) {
     const database plain;
     const_default_type* object = const_default_type_create(plain, domain);
     EXPECT_EQ(from_xml("const_default_type", plain, "<other/>", object), 2u);
@@ -230,9 +230,9 @@ std::string stretched(size_t length, const deep_element& each) {
     return std::string(length - strlen(each.below) - 1, 'e');
 }
 
-class DeepElement : public ::testing::TestWithParam<deep_element> {};
+class deep_element : public ::testing::TestWithParam<deep_element> {};
 
-TEST_P(DeepElement, IsFoundWithinTheBound) {
+TEST_P(deep_element, is_found_within_the_bound) {
     const database plain;
     const named_type type(GetParam().type);
     for (size_t length = 240; length <= 260; ++length) {
@@ -245,14 +245,14 @@ TEST_P(DeepElement, IsFoundWithinTheBound) {
         type.destroy(plain, domain, object);
     }
 }
-INSTANTIATE_TEST_SUITE_P(XmlForm, DeepElement, ::testing::ValuesIn(deep_elements), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(xml_form, deep_element, ::testing::ValuesIn(deep_elements), [](const auto& info) {
     std::string name = info.param.type + std::string(info.param.below);
     std::replace_if(
         name.begin(), name.end(), [](char c) { return isalnum(c) == 0; }, '_');
     return name;
 });
 
-TEST(XmlForm, TheWholeFailingPathIsTold) {
+TEST(xml_form, the_whole_failing_path_is_told) {
     const database plain;
     struct {
         const char* type;
@@ -287,7 +287,7 @@ TEST(XmlForm, TheWholeFailingPathIsTold) {
     }
 }
 
-TEST(XmlForm, EnumerationsAndFlagSets) {
+TEST(xml_form, enumerations_and_flag_sets) {
     const database plain;
     uint32_t error = 0;
     ud_enum_custom_val* value = ud_enum_custom_val_create(plain, domain);

@@ -29,13 +29,13 @@ std::string sample() {
     return text;
 }
 
-TEST(Robustness, CutAnywhere) {
+TEST(robustness, cut_anywhere) {
     const std::string text = sample();
     for (std::size_t end = 0; end < text.size(); end += 37)
         survive(text.substr(0, end));
 }
 
-TEST(Robustness, GarbledBytes) {
+TEST(robustness, garbled_bytes) {
     const std::string text = sample();
     std::mt19937 random(20240607);
     const std::string alphabet = "{}[]:,=.->/ \n\tax_09\"\xff\x00@";
@@ -47,7 +47,7 @@ TEST(Robustness, GarbledBytes) {
     }
 }
 
-TEST(Robustness, ShuffledLines) {
+TEST(robustness, shuffled_lines) {
     std::vector<std::string> lines;
     std::istringstream in(sample());
     for (std::string line; std::getline(in, line);)
@@ -61,7 +61,7 @@ TEST(Robustness, ShuffledLines) {
     }
 }
 
-TEST(Robustness, GarbledJson) {
+TEST(robustness, garbled_json) {
     const std::string text = json_text(*model_of(
         "bundle s\nenum e {\n A\n}\nrecord r {\n d: e {\n case A\n x: u_int8\n }\n"
         " n: u_int8\n v: r2[n]\n}\nrecord r2 {\n s: string[16]\n n: u_int8\n}\ntable t of r2 keyed by n\n"));
@@ -88,7 +88,7 @@ std::string nested(int depth, bool rising, const std::string& type_suffix) {
     return text + "record p {\n x: u_int8\n}\ntable t of p keyed by record r" + std::to_string(depth - 1) + "\n";
 }
 
-TEST(Robustness, DeepNestingIsRefused) {
+TEST(robustness, deep_nesting_is_refused) {
     for (const bool rising : {true, false}) {
         const compiled result = compile(std::vector<source_text>{{"s.trellis", nested(20000, rising, "")}});
         ASSERT_FALSE(result.good());
@@ -98,14 +98,14 @@ TEST(Robustness, DeepNestingIsRefused) {
     }
 }
 
-TEST(Robustness, SizesThatMultiplyAreRefused) {
+TEST(robustness, sizes_that_multiply_are_refused) {
     const compiled result = compile(std::vector<source_text>{{"s.trellis", nested(40, true, "[60000]")}});
     ASSERT_FALSE(result.good());
     const compiled doubled = compile(std::vector<source_text>{{"s.trellis", nested(60, true, "")}});
     ASSERT_FALSE(doubled.good());
 }
 
-TEST(Robustness, EndlessRunsEnd) {
+TEST(robustness, endless_runs_end) {
     std::string text = "bundle s\nrecord r {\n";
     for (int i = 0; i < 2000; ++i)
         text += " a" + std::to_string(i) + "_0 .. a" + std::to_string(i) + "_1000: u_int8\n";

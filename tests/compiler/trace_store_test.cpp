@@ -7,7 +7,7 @@
 namespace trellis::schema::testing {
 namespace {
 
-TEST(TraceStore, PlacesOfTypesAndAttributes) {
+TEST(trace_store, places_of_types_and_attributes) {
     const auto entries = trace_entries(catalogue());
     const auto text_at = [&](int unit, std::uint32_t place) {
         return entries[static_cast<std::size_t>(unit)][place].text;

@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t domain = watched_memory::domain;
 
-class FrameFields : public testing::Test {
+class frame_fields : public testing::Test {
   protected:
     using writer = std::function<uint32_t(void* buffer, int32_t length)>;
     using reader = std::function<uint32_t(const void* buffer, int32_t length)>;
@@ -71,14 +71,14 @@ class FrameFields : public testing::Test {
     watched_memory memory;
 };
 
-TEST_F(FrameFields, AreNumbersMostSignificantByteFirst) {
+TEST_F(frame_fields, are_numbers_most_significant_byte_first) {
     expect_number(int8_t{-2}, {0xfe}, _loom_instance_variant_marshal, _loom_instance_variant_unmarshal);
     expect_number(uint8_t{0x28}, {0x28}, _loom_instance_obj_flag_marshal, _loom_instance_obj_flag_unmarshal);
     expect_number(0x01020304u, {1, 2, 3, 4}, _loom_variant_jump_marshal, _loom_variant_jump_unmarshal);
     expect_number(0xfffefdfcu, {0xff, 0xfe, 0xfd, 0xfc}, _loom_list_len_marshal, _loom_list_len_unmarshal);
 }
 
-TEST_F(FrameFields, RaDataIsNineBytes) {
+TEST_F(frame_fields, ra_data_is_nine_bytes) {
     const uint64_t address = 0x0102030405060708;
     const uint8_t kind = 9;
     uint64_t got_address = 1;
@@ -97,7 +97,7 @@ TEST_F(FrameFields, RaDataIsNineBytes) {
         [&] { return got_address == 0 && got_kind == 0; });
 }
 
-TEST_F(FrameFields, MessageHeaderIsTwentySevenBytes) {
+TEST_F(frame_fields, message_header_is_twenty_seven_bytes) {
     const loom_message_header header{188, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, 1, 0x01020304, 0x0a0b0c0d};
     const loom_message_header zero{};
     loom_message_header got{};
@@ -115,7 +115,7 @@ TEST_F(FrameFields, MessageHeaderIsTwentySevenBytes) {
         [&] { return same(got, header); }, [&] { return same(got, zero); });
 }
 
-TEST(TypeHeader, TellsWhetherStateBytesFollow) {
+TEST(type_header, tells_whether_state_bytes_follow) {
     const uint8_t tracked[] = {0, 0x28};
     const uint8_t plain[] = {8, 0x20};
     EXPECT_EQ(loomlib_type_header_get_state_tracking_flag(tracked), 1);

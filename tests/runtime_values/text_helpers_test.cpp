@@ -18,7 +18,7 @@ namespace {
 constexpr uint32_t domain = watched_memory::domain;
 constexpr char canary = '#';
 
-class TextHelpers : public testing::Test {
+class text_helpers : public testing::Test {
   protected:
     using writer = std::function<int64_t(char* buffer, int32_t length)>;
 
@@ -51,7 +51,7 @@ class TextHelpers : public testing::Test {
     uint32_t* err = &memory.error;
 };
 
-TEST_F(TextHelpers, PrintIsBoundedWithItsTerminator) {
+TEST_F(text_helpers, print_is_bounded_with_its_terminator) {
     EXPECT_EQ(written([&](char* buffer, int32_t length) {
                   return loom_snprintf(handle, domain, buffer, length, err, "%s@%d", "name", 42);
               }),
@@ -64,7 +64,7 @@ TEST_F(TextHelpers, PrintIsBoundedWithItsTerminator) {
     EXPECT_EQ(*err, 90u);
 }
 
-TEST_F(TextHelpers, BlanksHaveNoTerminator) {
+TEST_F(text_helpers, blanks_have_no_terminator) {
     EXPECT_EQ(written([&](char* buffer, int32_t length) {
                   return loom_print_space(handle, domain, buffer, 5, length, err);
               }),
@@ -78,7 +78,7 @@ TEST_F(TextHelpers, BlanksHaveNoTerminator) {
     EXPECT_EQ(*err, 90u);
 }
 
-TEST_F(TextHelpers, TagsCarryTheState) {
+TEST_F(text_helpers, tags_carry_the_state) {
     const auto open = [&](uint8_t state) {
         return written([&, state](char* buffer, int32_t length) {
             return start_tag(handle, domain, buffer, "rec", length, state, err);
@@ -104,7 +104,7 @@ TEST_F(TextHelpers, TagsCarryTheState) {
     EXPECT_EQ(*err, 22u);
 }
 
-TEST_F(TextHelpers, CharacterArraysPrintAsText) {
+TEST_F(text_helpers, character_arrays_print_as_text) {
     const std::string text("a\0b", 3);
     EXPECT_EQ(written([&](char* buffer, int32_t length) {
                   return var_string_print(handle, domain, buffer, 2, "n", text.data(), length, 3, err);
@@ -120,7 +120,7 @@ TEST_F(TextHelpers, CharacterArraysPrintAsText) {
               "n@var_string:\n");
 }
 
-TEST_F(TextHelpers, CharacterArraysReadBackTheirXml) {
+TEST_F(text_helpers, character_arrays_read_back_their_xml) {
     const std::string samples[] = {"", " ", "plain", "<&>", std::string("\0\x01\xff", 3), std::string(16, 'x')};
     for (const std::string& text : samples) {
         const auto size = static_cast<uint32_t>(text.size());
@@ -159,7 +159,7 @@ TEST_F(TextHelpers, CharacterArraysReadBackTheirXml) {
     }
 }
 
-TEST_F(TextHelpers, CharacterArraysRefuseWhatTheyCannotHold) {
+TEST_F(text_helpers, character_arrays_refuse_what_they_cannot_hold) {
     const auto document = parse("<r><s>12345</s></r>");
     char array[6] = "#####";
     char message[64] = "";

@@ -19,7 +19,7 @@ std::unique_ptr<uint8_t[]> exact_block(const void* bytes, size_t size) {
 }
 
 template <class F>
-class ValueOperations : public testing::Test {
+class value_operations : public testing::Test {
   protected:
     using type = typename F::type;
     static constexpr uint32_t rounds = 300;
@@ -78,9 +78,9 @@ class ValueOperations : public testing::Test {
     loom_handle* const handle = memory.handle();
     uint32_t* const err = &memory.error;
 };
-TYPED_TEST_SUITE(ValueOperations, all_families, family_names);
+TYPED_TEST_SUITE(value_operations, all_families, family_names);
 
-TYPED_TEST(ValueOperations, ReadBackWhatTheyMarshal) {
+TYPED_TEST(value_operations, read_back_what_they_marshal) {
     using F = TypeParam;
     for (uint32_t i = 0; i < this->rounds; ++i) {
         const auto value = this->random_value();
@@ -96,7 +96,7 @@ TYPED_TEST(ValueOperations, ReadBackWhatTheyMarshal) {
     }
 }
 
-TYPED_TEST(ValueOperations, StayWithinAShortWireBuffer) {
+TYPED_TEST(value_operations, stay_within_a_short_wire_buffer) {
     using F = TypeParam;
     for (int i = 0; i < 20; ++i) {
         const auto value = this->random_value();
@@ -119,7 +119,7 @@ TYPED_TEST(ValueOperations, StayWithinAShortWireBuffer) {
     }
 }
 
-TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
+TYPED_TEST(value_operations, take_any_bytes_as_input) {
     using F = TypeParam;
     for (uint32_t i = 0; i < 4 * this->rounds; ++i) {
         const auto source = this->random_value();
@@ -144,7 +144,7 @@ TYPED_TEST(ValueOperations, TakeAnyBytesAsInput) {
     }
 }
 
-TYPED_TEST(ValueOperations, ReadBackTheirXml) {
+TYPED_TEST(value_operations, read_back_their_xml) {
     using F = TypeParam;
     for (uint32_t i = 0; i < this->rounds; ++i) {
         const auto value = this->random_value();
@@ -160,7 +160,7 @@ TYPED_TEST(ValueOperations, ReadBackTheirXml) {
     }
 }
 
-TYPED_TEST(ValueOperations, StayWithinAShortTextBuffer) {
+TYPED_TEST(value_operations, stay_within_a_short_text_buffer) {
     using F = TypeParam;
     for (int i = 0; i < 12; ++i) {
         const auto value = this->random_value();
@@ -201,7 +201,7 @@ TYPED_TEST(ValueOperations, StayWithinAShortTextBuffer) {
     }
 }
 
-TYPED_TEST(ValueOperations, SayWhichElementTheyCannotRead) {
+TYPED_TEST(value_operations, say_which_element_they_cannot_read) {
     using F = TypeParam;
     const auto document =
         parse("<record><bad>no such value</bad><coded encoding=\"hex\">0g</coded><odd encoding=\"rot13\">x</odd>"
@@ -232,7 +232,7 @@ TYPED_TEST(ValueOperations, SayWhichElementTheyCannotRead) {
     EXPECT_TRUE(this->memory.unchanged());
 }
 
-TYPED_TEST(ValueOperations, DoNothingWithAnErrorPending) {
+TYPED_TEST(value_operations, do_nothing_with_an_error_pending) {
     using F = TypeParam;
     using type = typename F::type;
     loom_handle* const handle = this->handle;
@@ -273,7 +273,7 @@ TYPED_TEST(ValueOperations, DoNothingWithAnErrorPending) {
     EXPECT_EQ(handle->last_error, 0u);
 }
 
-TYPED_TEST(ValueOperations, TakeNullForWhatItStandsFor) {
+TYPED_TEST(value_operations, take_null_for_what_it_stands_for) {
     using F = TypeParam;
     using type = typename F::type;
     loom_handle* const handle = this->handle;
@@ -315,7 +315,7 @@ TYPED_TEST(ValueOperations, TakeNullForWhatItStandsFor) {
     }
 }
 
-TYPED_TEST(ValueOperations, AnnounceEveryStore) {
+TYPED_TEST(value_operations, announce_every_store) {
     using F = TypeParam;
     loom_handle* const handle = this->handle;
     uint32_t* const err = this->err;
@@ -352,7 +352,7 @@ TYPED_TEST(ValueOperations, AnnounceEveryStore) {
     }
 }
 
-TYPED_TEST(ValueOperations, CopyPrivately) {
+TYPED_TEST(value_operations, copy_privately) {
     using F = TypeParam;
     using type = typename F::type;
     loom_handle* const handle = this->handle;
@@ -399,7 +399,7 @@ void with_each_allocation_failing(watched_memory& memory, Operation operation) {
     memory.fail_allocation(0);
 }
 
-TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
+TYPED_TEST(value_operations, survive_failed_allocations) {
     using F = TypeParam;
     using type = typename F::type;
     loom_handle* const handle = this->handle;
@@ -455,7 +455,7 @@ TYPED_TEST(ValueOperations, SurviveFailedAllocations) {
 }
 
 /// Or two objects would give back one block.
-TYPED_TEST(ValueOperations, WithoutMemoryLeaveABlockCopyEmpty) {
+TYPED_TEST(value_operations, without_memory_leave_a_block_copy_empty) {
     using F = TypeParam;
     using type = typename F::type;
     std::vector<void (*)(loom_handle*, uint32_t, type*, const type*, uint32_t*)> ways = {F::set};
@@ -479,7 +479,7 @@ TYPED_TEST(ValueOperations, WithoutMemoryLeaveABlockCopyEmpty) {
     }
 }
 
-TYPED_TEST(ValueOperations, HashAndOrderAgree) {
+TYPED_TEST(value_operations, hash_and_order_agree) {
     using F = TypeParam;
     if constexpr (has_order<F>) {
         std::vector<typename TestFixture::held> values;
@@ -511,7 +511,7 @@ TYPED_TEST(ValueOperations, HashAndOrderAgree) {
     EXPECT_NE(F::hash(value, 1), F::hash(value, 2));
 }
 
-TYPED_TEST(ValueOperations, TakeTheirToldPlaceInAHolder) {
+TYPED_TEST(value_operations, take_their_told_place_in_a_holder) {
     using F = TypeParam;
     using type = typename F::type;
     loom_handle* const handle = this->handle;

@@ -84,7 +84,7 @@ ip_prefix prefix_of(uint32_t family, std::initializer_list<uint8_t> octets, uint
     return value;
 }
 
-TEST(ValueTexts, OfNumbers) {
+TEST(value_texts, of_numbers) {
     expect_forms<family::u_int8>(200, "200", "c8");
     expect_forms<family::u_int16>(258, "258", "0102");
     expect_forms<family::u_int32>(0x01020304, "16909060", "01020304");
@@ -102,7 +102,7 @@ TEST(ValueTexts, OfNumbers) {
     expect_forms<family::boolean>(256, "true", "00000100");
 }
 
-TEST(ValueTexts, OfAddresses) {
+TEST(value_texts, of_addresses) {
     ipv4_addr v4;
     const uint8_t octets[] = {192, 0, 2, 33};
     std::memcpy(&v4.address, octets, sizeof octets);
@@ -126,7 +126,7 @@ TEST(ValueTexts, OfAddresses) {
     expect_forms<family::physical>({}, "", "00");
 }
 
-TEST(ValueTexts, OfTimes) {
+TEST(value_texts, of_times) {
     expect_forms<family::calendar>({}, "1970-01-01T00:00:00Z", std::string(28, '0'));
     expect_forms<family::calendar>({1709206200, 500000000, 60, 0}, "2024-02-29T12:30:00.5+01:00",
                                    "0000000065e06ab81dcd6500003c");
@@ -144,7 +144,7 @@ TEST(ValueTexts, OfTimes) {
     expect_forms<family::stamp>({UINT32_MAX, UINT32_MAX}, "@18446744073709551615", "ffffffffffffffff");
 }
 
-TEST(ValueTexts, OfStrings) {
+TEST(value_texts, of_strings) {
     struct sample {
         std::string text;
         std::string print;
@@ -181,7 +181,7 @@ TEST(ValueTexts, OfStrings) {
     }
 }
 
-TEST(ValueTexts, OfBytesAndSecrets) {
+TEST(value_texts, of_bytes_and_secrets) {
     watched_memory memory;
     nexa_bytestr bytes{};
     nexa_bytestr_assign(memory.handle(), domain, &bytes, "\x00\xff\x41", 3, &memory.error);
@@ -198,7 +198,7 @@ TEST(ValueTexts, OfBytesAndSecrets) {
     EXPECT_EQ(secret.xml, "<v>hidden</v>");
 }
 
-TEST(ValueTexts, OfCharacters) {
+TEST(value_texts, of_characters) {
     watched_memory memory;
     EXPECT_EQ(forms_of<family::character>(memory, 'x').xml, "<v>x</v>");
     EXPECT_EQ(forms_of<family::character>(memory, '<').xml, "<v>&lt;</v>");
@@ -206,7 +206,7 @@ TEST(ValueTexts, OfCharacters) {
     EXPECT_EQ(forms_of<family::character>(memory, '\0').print, "v@char:\\x00\n");
 }
 
-TEST(ValueTexts, AreReadAsPeopleWriteThem) {
+TEST(value_texts, are_read_as_people_write_them) {
     EXPECT_EQ(read_text<family::u_int16>("\n  65535 "), "65535");
     EXPECT_EQ(read_text<family::int32>("+7"), "7");
     EXPECT_EQ(read_text<family::double_precision>("1.50e2"), "150");
@@ -220,7 +220,7 @@ TEST(ValueTexts, AreReadAsPeopleWriteThem) {
     EXPECT_EQ(read_text<family::bytestr>(" 00FF "), "00ff");
 }
 
-TEST(ValueTexts, AreRefusedWhenTheyAreNoValues) {
+TEST(value_texts, are_refused_when_they_are_no_values) {
     expect_refused<family::u_int8>({"", "-1", "256", "1.0", "0x10", "1 2", "one", "+-1", "++1"});
     expect_refused<family::int8>({"129", "-129"});
     expect_refused<family::double_precision>({"", "1e999", "inf", "nan", "NaN(0)", "NaN(zz)", "1,5", "0x1p3"});
@@ -243,7 +243,7 @@ TEST(ValueTexts, AreRefusedWhenTheyAreNoValues) {
 }
 
 /// Wire bytes that no writer makes.
-TEST(ValueTexts, HaveWireFormsThatAreRefused) {
+TEST(value_texts, have_wire_forms_that_are_refused) {
     watched_memory memory;
     const auto error_of = [&]<class F>(F, std::vector<uint8_t> bytes) {
         typename F::type value{};
@@ -261,7 +261,7 @@ TEST(ValueTexts, HaveWireFormsThatAreRefused) {
     EXPECT_EQ(memory.allocations(), 0u);
 }
 
-TEST(ValueTexts, StringsOrderByBytesThenLength) {
+TEST(value_texts, strings_order_by_bytes_then_length) {
     const auto compare = [](const char* a, const char* b) {
         char first[16], second[16];
         std::strcpy(first, a);
@@ -277,7 +277,7 @@ TEST(ValueTexts, StringsOrderByBytesThenLength) {
     EXPECT_EQ(compare("", "a"), -1);
 }
 
-TEST(ValueTexts, AddressesOrderByFamilyThenOctets) {
+TEST(value_texts, addresses_order_by_family_then_octets) {
     const ip_address none{}, small = address_of(4, {1, 2, 3, 4}), large = address_of(4, {200}),
                              other = address_of(6, {1}), zoned = address_of(6, {1}, 1);
     const ip_address* in_order[] = {&none, &small, &large, &other, &zoned};
@@ -289,7 +289,7 @@ TEST(ValueTexts, AddressesOrderByFamilyThenOctets) {
     EXPECT_EQ(timestamp_compare(&early, &late), -1);
 }
 
-TEST(StringAssignment, TakesItsOwnTextAndKeepsEqualBlocks) {
+TEST(string_assignment, takes_its_own_text_and_keeps_equal_blocks) {
     watched_memory memory;
     loom_vstring value{};
     const auto assign = [&](const char* text, uint32_t length) {
@@ -311,7 +311,7 @@ TEST(StringAssignment, TakesItsOwnTextAndKeepsEqualBlocks) {
     EXPECT_EQ(value.length, 0u);
 }
 
-TEST(SuperFastHash, GivesThePublishedValues) {
+TEST(super_fast_hash, gives_the_published_values) {
     const auto hash = [](std::string_view text, uint32_t seed) {
         return SuperFastHash(text.data(), static_cast<uint32_t>(text.size()), seed);
     };
@@ -333,7 +333,7 @@ TEST(SuperFastHash, GivesThePublishedValues) {
     EXPECT_EQ(double_hash(&minus_zero, 3), double_hash(&zero, 3));
 }
 
-TEST(ValueTypeInformation, NamesTheTypeAndItsOnlyVariant) {
+TEST(value_type_information, names_the_type_and_its_only_variant) {
     const struct {
         const char* name;
         const loom_type_info* info;

@@ -22,7 +22,7 @@ int64_t count_at(const document_pointer& document, const std::string& path) {
     return error ? -int64_t{error} : count;
 }
 
-TEST(XmlPaths, LeadToElements) {
+TEST(xml_paths, lead_to_elements) {
     const auto document = parse("<?xml version=\"1.0\"?>\n<!-- first -->\n"
                                 "<a state=\"1\">\n"
                                 "  <b>one</b>\n  <x/>\n  <b>two<i>inner</i></b>\n  <!-- note -->\n"
@@ -59,7 +59,7 @@ TEST(XmlPaths, LeadToElements) {
     EXPECT_EQ(count_at(document, "a//b"), -22);
 }
 
-TEST(XmlPaths, GiveValuesThatFit) {
+TEST(xml_paths, give_values_that_fit) {
     const auto document = parse("<a><t>12345</t><e/><h encoding=\"hex\">0041ff</h></a>");
     char value[8] = "#######";
     uint32_t needed = 0;
@@ -80,7 +80,7 @@ TEST(XmlPaths, GiveValuesThatFit) {
     EXPECT_EQ(xml_get_element_nodecount(nullptr, "a", &needed), 22u);
 }
 
-TEST(XmlPaths, TakeARecordingOfSeveralElements) {
+TEST(xml_paths, take_a_recording_of_several_elements) {
     const auto document = parse("<m><v>1</v></m><m><v>2</v></m><n/>");
     EXPECT_EQ(count_at(document, "m"), 2);
     EXPECT_EQ(value_at(document, "m[2]/v"), "2");
@@ -88,7 +88,7 @@ TEST(XmlPaths, TakeARecordingOfSeveralElements) {
     EXPECT_EQ(count_at(document, "n"), 1);
 }
 
-TEST(XmlDocuments, TellWhereATextIsNoDocument) {
+TEST(xml_documents, tell_where_a_text_is_no_document) {
     const struct {
         std::string text;
         uint32_t line;
@@ -116,7 +116,7 @@ TEST(XmlDocuments, TellWhereATextIsNoDocument) {
     }
 }
 
-TEST(XmlDocuments, ComeFromFiles) {
+TEST(xml_documents, come_from_files) {
     const std::string name = testing::TempDir() + "loom_xml_document_test.xml";
     std::FILE* file = std::fopen(name.c_str(), "wb");
     ASSERT_NE(file, nullptr);
@@ -138,7 +138,7 @@ TEST(XmlDocuments, ComeFromFiles) {
     EXPECT_EQ(error.number, 21u); // a directory
 }
 
-TEST(XmlDocuments, OutliveBombs) {
+TEST(xml_documents, outlive_bombs) {
     std::string entities = "<!DOCTYPE a [<!ENTITY x0 \"xxxxxxxxxx\">";
     for (int i = 1; i < 20; ++i) {
         const std::string before = "&x" + std::to_string(i - 1) + ";";
@@ -199,7 +199,7 @@ uint64_t cost_of_reading(int records, bool around_siblings) {
     return loom_xml_visited(document.get());
 }
 
-TEST(XmlDocuments, AreReadInLinearTime) {
+TEST(xml_documents, are_read_in_linear_time) {
     for (const bool around_siblings : {false, true}) {
         const uint64_t small = cost_of_reading(1'000, around_siblings);
         const uint64_t large = cost_of_reading(100'000, around_siblings);
@@ -209,7 +209,7 @@ TEST(XmlDocuments, AreReadInLinearTime) {
 }
 
 /// Long lists beside each other, read in turns, as the parts of one record are.
-TEST(XmlDocuments, KeepEveryListAtHand) {
+TEST(xml_documents, keep_every_list_at_hand) {
     constexpr uint64_t length = 3000;
     std::string text = "<t>";
     for (const char* list : {"a", "b", "c"}) {
