@@ -21,8 +21,9 @@ u64 checksum_of_trust(const control_page& page) {
 }
 
 using place_words = std::array<u64, 6>;
-place_words words_of(const journal_place& place) {
-    return {place.number, place.previous.low, place.previous.high, place.file, place.offset, 0};
+place_words words_of(const journal_end& end) {
+    const journal_place& place = end.place;
+    return {place.number, place.previous.low, place.previous.high, place.file, place.offset, end.first_of_file};
 }
 } // namespace
 
@@ -62,16 +63,15 @@ bool control::belongs_to(const u8 (&incarnation)[16]) const {
 }
 
 bool control::trusts(const u8 (&incarnation)[16], const image_identity& image) const {
-    journal_place place;
+    journal_end end;
     return belongs_to(incarnation) && page_->checksum == checksum_of_trust(*page_) && image.boot[0] != 0 &&
            std::memcmp(page_->boot, image.boot, sizeof image.boot) == 0 && page_->image_device == image.device &&
-           page_->image_number == image.number && read_place(place);
+           page_->image_number == image.number && read_end(end);
 }
 
 void control::distrust() { page_->checksum = 0; }
 
-void control::trust(const u8 (&incarnation)[16], const image_identity& image, u64 making,
-                    const journal_place& place) {
+void control::trust(const u8 (&incarnation)[16], const image_identity& image, u64 making, const journal_end& end) {
     page_->checksum = 0;
     std::memcpy(page_->magic, magic, sizeof magic);
     page_->version = control_version;
@@ -81,8 +81,8 @@ void control::trust(const u8 (&incarnation)[16], const image_identity& image, u6
     page_->image_device = image.device;
     page_->image_number = image.number;
     page_->making = making;
-    publish(place);
-    publish(place); // whatever the other place has held is gone
+    publish(end);
+    publish(end); // whatever the other place has held is gone
     page_->open_section = 0;
     page_->failed = 0;
     for (std::atomic<u64>& word : page_->owners.taken)
@@ -91,7 +91,7 @@ void control::trust(const u8 (&incarnation)[16], const image_identity& image, u6
     page_->checksum = checksum_of_trust(*page_);
 }
 
-bool control::read_place(journal_place& place) const {
+bool control::read_end(journal_end& end) const {
     // A place that is read is written anew only two commits later; who reads that slowly reads again.
     for (int tries = 0; tries < 100; ++tries) {
         const published_place& published = page_->places[page_->turn.load(std::memory_order_acquire) % 2];
@@ -100,16 +100,16 @@ bool control::read_place(journal_place& place) const {
             words[i] = published.words[i].load(std::memory_order_relaxed);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (published.check.load(std::memory_order_relaxed) != checksum_of(words.data(), sizeof words)) continue;
-        place = {words[0], {words[1], words[2]}, static_cast<u32>(words[3]), 0, words[4]};
-        return place.file < journal_files;
+        end = {{words[0], {words[1], words[2]}, static_cast<u32>(words[3]), 0, words[4]}, words[5]};
+        return end.place.file < journal_files;
     }
     return false;
 }
 
-void control::publish(const journal_place& place) {
+void control::publish(const journal_end& end) {
     const u64 next = page_->turn.load(std::memory_order_relaxed) + 1;
     published_place& published = page_->places[next % 2];
-    const place_words words = words_of(place);
+    const place_words words = words_of(end);
     published.check.store(0, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
     for (std::size_t i = 0; i < words.size(); ++i)

@@ -9,7 +9,13 @@
 
 namespace loom {
 
-/// The journal's end as its last commit left it. Written by who has the write lock, read by everybody: there are
+/// The journal's end as its last commit left it.
+struct journal_end {
+    journal_place place;
+    u64 first_of_file = 0; ///< number of the first entry of the file that is written
+};
+
+/// The same in shared memory. Written by who has the write lock, read by everybody: there are
 /// two, used by turns, so that a writer that dies in the middle leaves the other one.
 struct published_place {
     std::array<std::atomic<u64>, 6> words;
@@ -41,12 +47,11 @@ struct control_page {
 
     std::atomic<u64> turn; ///< of the place that holds
     std::array<published_place, 2> places;
-    std::atomic<u64> first_of_file; ///< number of the first entry of the file that is written
-    std::atomic<u64> open_section;  ///< number of the commit to be of an open write section, or 0
-    std::atomic<u64> flushed;       ///< up to which commit all entries are on the disk
-    std::atomic<u64> absorbed;      ///< up to which commit the base has them
-    std::atomic<u32> failed;        ///< error number of a write or flush that failed: no more commits
-    std::atomic<u32> wake;          ///< changes when there is something to flush
+    std::atomic<u64> open_section; ///< number of the commit to be of an open write section, or 0
+    std::atomic<u64> flushed;      ///< up to which commit all entries are on the disk
+    std::atomic<u64> absorbed;     ///< up to which commit the base has them
+    std::atomic<u32> failed;       ///< error number of a write or flush that failed: no more commits
+    std::atomic<u32> wake;         ///< changes when there is something to flush
     owner_table owners;
 };
 static_assert(sizeof(control_page) <= 4096 && std::atomic<u64>::is_always_lock_free);
@@ -77,11 +82,11 @@ class control {
     bool trusts(const u8 (&incarnation)[16], const image_identity& image) const;
     void distrust();
     /// From here on the image is trusted.
-    void trust(const u8 (&incarnation)[16], const image_identity& image, u64 making, const journal_place& place);
+    void trust(const u8 (&incarnation)[16], const image_identity& image, u64 making, const journal_end& end);
 
     /// The journal's end; false when neither place is whole.
-    bool read_place(journal_place& place) const;
-    void publish(const journal_place& place);
+    bool read_end(journal_end& end) const;
+    void publish(const journal_end& end);
 
   private:
     control_page* page_ = nullptr;

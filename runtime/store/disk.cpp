@@ -69,6 +69,7 @@ u64 disk_directory::file_system() const {
 }
 
 int disk_directory::flush_parent() {
+    if (const int refused = show(path_, LOOM_DISK_FLUSH_DIRECTORY, "..")) return refused;
     const int parent = openat(descriptor_, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (parent < 0) return errno;
     const int error = carried_out([&] { return fsync(parent); });
@@ -180,11 +181,6 @@ int disk_file::reserve(u64 size) {
         error = posix_fallocate(descriptor_, static_cast<off_t>(now), static_cast<off_t>(size - now));
     while (error == EINTR);
     return error;
-}
-
-int disk_file::resize(u64 size) {
-    if (const int refused = observe(LOOM_DISK_RESIZE, size, 0)) return refused;
-    return carried_out([&] { return ftruncate(descriptor_, static_cast<off_t>(size)); });
 }
 
 int disk_file::flush() {

@@ -18,7 +18,7 @@ extern "C" {
 enum loom_disk_kind {
     LOOM_DISK_CREATE, ///< a file under `name`, empty
     LOOM_DISK_WRITE,
-    LOOM_DISK_RESIZE, ///< to `offset` bytes; new ones are zero
+    LOOM_DISK_RESIZE, ///< grows to `offset` bytes; new ones are zero
     LOOM_DISK_FLUSH,
     LOOM_DISK_REMOVE,
     LOOM_DISK_RENAME, ///< `name` becomes `new_name`, in place of a file of that name; "" is the file without name
@@ -28,7 +28,7 @@ enum loom_disk_kind {
 struct loom_disk_operation {
     enum loom_disk_kind kind;
     const char* directory; ///< as the database was named
-    const char* name;      ///< of the file; "" for the directory
+    const char* name;      ///< of the file; "" for the directory, ".." for the one it lies in
     const char* new_name;
     unsigned long offset;
     unsigned long size;
@@ -100,7 +100,6 @@ class disk_file {
     int write(u64 offset, std::span<iovec> pieces);
     /// Room for `size` bytes is there, so that writing up to there cannot fail for want of it; ENOSPC otherwise.
     int reserve(u64 size);
-    int resize(u64 size);
     /// Contents, and what is needed to find them, are on the disk.
     int flush();
 

@@ -35,14 +35,36 @@ void store::strengthen(durability wanted) {
 
 // --------------------------------------------------------------------------------------------------- commits
 
-journal_place store::place_of_last_commit() const {
-    if (is_read_only()) return snapshot_place_;
-    journal_place place;
-    if (!control_.read_place(place)) fatal("database %s: its control page is damaged", directory_.path().c_str());
-    return place;
+journal_end store::end_of_journal() const {
+    if (is_read_only()) return {snapshot_place_, 0};
+    journal_end end;
+    if (!control_.read_end(end)) fatal("database %s: its control page is damaged", directory_.path().c_str());
+    return end;
 }
 
-u64 store::committed() const { return place_of_last_commit().number; }
+u64 store::committed() const { return end_of_journal().place.number; }
+
+/// Begins the other file when the present one has grown over its limit, unless the other is still needed: by the
+/// base, or by a machine that goes down before the present one's first entry is on the disk.
+int store::change_file(journal_end& end) {
+    const u64 flushed = control_->flushed.load(std::memory_order_acquire);
+    if (end.place.offset <= journal_limit_ || end.first_of_file - 1 > control_->absorbed ||
+        flushed < end.first_of_file)
+        return 0;
+    if (const int error = journal_.begin(end.place)) return error;
+    end.first_of_file = end.place.number + 1;
+    control_.publish(end);
+    return 0;
+}
+
+/// The journal has not got an entry.
+u32 store::refuse_commit(int error) {
+    if (error != ENOSPC && error != EDQUOT && error != EFBIG) return fail_for_good(static_cast<u32>(error));
+    return fail(static_cast<u32>(error),
+                "database %s: the journal has no room for the commit: %s; it was taken back: make room on the "
+                "disk and try again",
+                directory_.path().c_str(), words_of(error).c_str());
+}
 
 u64 store::begin_section() {
     const u64 number = committed() + 1;
@@ -52,42 +74,36 @@ u64 store::begin_section() {
 
 u32 store::commit(std::span<const value_range> ranges, const std::byte* image, bool waits_for_flush) {
     if (const u32 error = check_failure()) return error;
-    journal_place place = place_of_last_commit();
+    journal_end end = end_of_journal();
     if (superblock_.level == durability::volatile_) {
-        ++place.number;
-        control_.publish(place);
+        ++end.place.number;
+        control_.publish(end);
         return 0;
     }
-    const bool other_is_free = control_->first_of_file - 1 <= control_->absorbed;
-    if (place.offset > journal_limit_ && other_is_free) {
-        if (const int error = journal_.begin(place)) return fail_for_good(static_cast<u32>(error));
-        control_->first_of_file = place.number + 1;
-        control_.publish(place);
-    }
-    const u64 flushed = control_->flushed.load(std::memory_order_acquire);
-    const int error = journal_.append(place, entry_kind::values, ranges, image, flushed);
-    if (error == ENOSPC || error == EDQUOT || error == EFBIG)
-        return fail(static_cast<u32>(error),
-                    "database %s: the journal has no room for the commit: %s; it was taken back: make room on the "
-                    "disk and try again",
-                    directory_.path().c_str(), words_of(error).c_str());
-    if (error) return fail_for_good(static_cast<u32>(error));
-    control_.publish(place);
+    int error = change_file(end);
+    if (!error)
+        error = journal_.append(end.place, entry_kind::values, ranges, image,
+                                control_->flushed.load(std::memory_order_acquire));
+    if (error) return refuse_commit(error);
+    control_.publish(end);
     // The keeper looks at what is committed behind a store to `flushed`, we the other way round: one of us sees
     // it.
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (!waits_for_flush && control_->flushed.load(std::memory_order_acquire) + 1 == place.number) wake_keepers();
+    if (!waits_for_flush && control_->flushed.load(std::memory_order_acquire) + 1 == end.place.number)
+        wake_keepers();
     return 0;
 }
 
 bool store::was_committed(u64 number) {
-    journal_place place;
-    if (!control_.read_place(place)) return false;
+    journal_end end;
+    if (!control_.read_end(end)) return false;
+    journal_place& place = end.place;
     if (place.number >= number) return true;
     journal_entry entry;
     if (superblock_.level == durability::volatile_ || place.number + 1 != number || !journal_.read(place, entry))
         return false;
-    control_.publish(place_behind(entry, place.file));
+    place = place_behind(entry, place.file);
+    control_.publish(end);
     return true;
 }
 
@@ -118,12 +134,13 @@ u32 store::flush(u64 number) {
         if (!lock_byte_for_writing(lock_file_, lock_byte::flushing, true))
             return fail(static_cast<u32>(errno), "database %s: cannot be locked for a flush: %s",
                         directory_.path().c_str(), words_of(errno).c_str());
-        journal_place place;
         int error = 0;
         const u64 flushed = control_->flushed.load(std::memory_order_acquire);
-        if (flushed < number && control_.read_place(place)) {
+        if (flushed < number) {
+            const journal_end end = end_of_journal();
+            const journal_place& place = end.place;
             // The file that was written before may hold entries that were not flushed yet.
-            if (control_->first_of_file > flushed + 1) error = journal_.flush((place.file + 1) % journal_files);
+            if (end.first_of_file > flushed + 1) error = journal_.flush((place.file + 1) % journal_files);
             if (!error) error = journal_.flush(place.file);
             if (!error) control_->flushed.store(place.number, std::memory_order_release);
         }
@@ -136,8 +153,8 @@ u32 store::flush(u64 number) {
 // ------------------------------------------------------------------------------------------------ truncation
 
 bool store::wants_truncation() const {
-    return superblock_.level != durability::volatile_ && !is_read_only() &&
-           control_->first_of_file - 1 > control_->absorbed && control_->failed == 0;
+    return superblock_.level != durability::volatile_ && !is_read_only() && control_->failed == 0 &&
+           end_of_journal().first_of_file - 1 > control_->absorbed;
 }
 
 u32 store::truncate() {
@@ -146,16 +163,15 @@ u32 store::truncate() {
     u32 error = 0;
     // Looked at again: another process may just have done it.
     if (wants_truncation()) {
-        journal_place place;
-        const u64 last = control_->first_of_file - 1;
+        // The file before the present one; the next change of files waits for its absorption.
+        const journal_end end = end_of_journal();
+        const u64 last = end.first_of_file - 1;
         error = flush(last);
-        if (!error && control_.read_place(place)) {
-            error = base_.refresh();
-            if (!error)
-                error = base_.absorb(journal_, (place.file + 1) % journal_files, last,
-                                     control_->flushed.load(std::memory_order_acquire));
-            if (!error) control_->absorbed.store(last, std::memory_order_release);
-        }
+        if (!error) error = base_.refresh();
+        if (!error)
+            error = base_.absorb(journal_, (end.place.file + 1) % journal_files, last,
+                                 control_->flushed.load(std::memory_order_acquire));
+        if (!error) control_->absorbed.store(last, std::memory_order_release);
         // Without room it is tried again later; anything else must be looked at by somebody.
         if (error && error != ENOSPC && error != EDQUOT) fail_for_good(error);
     }
@@ -167,8 +183,8 @@ u32 store::leave_volatile(const std::byte* image, u64 size) {
     // Who opens it meanwhile waits, and finds the base closed or still in use.
     if (!lock_byte_for_writing(lock_file_, lock_byte::opening, true)) return static_cast<u32>(errno);
     u32 error = 0;
-    journal_place place;
-    if (is_only_user() && !has_open_section() && control_.read_place(place)) {
+    if (is_only_user() && !has_open_section()) {
+        const journal_place place = end_of_journal().place;
         error = base_.refresh();
         if (!error) error = base_.copy_from(image, size, place.number, place.previous);
     }

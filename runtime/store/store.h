@@ -103,8 +103,7 @@ class store {
     u32 read_on(std::byte* memory, u64& size, journal_place& place) const;
     /// Up to which commit the base has the journal's entries.
     u64 absorbed() const { return is_read_only() ? base_.record().number : control_->absorbed.load(); }
-    /// The journal's end.
-    journal_place place_of_last_commit() const;
+    journal_place place_of_last_commit() const { return end_of_journal().place; }
 
     // Under no lock:
 
@@ -151,6 +150,9 @@ class store {
     void verify_journal(const fault_fn& report, const journal_place& last, u64& entries) const;
     void verify_control(const fault_fn& report, const journal_place& last) const;
     u32 check_end(const journal_place& place, u64 flushed_before);
+    journal_end end_of_journal() const;
+    int change_file(journal_end& end);
+    u32 refuse_commit(int error);
     u32 fail_for_good(u32 error);
     u32 settle_trusted();
     void start_keeper();

@@ -302,10 +302,9 @@ u32 store::make_image() {
     fill_random(making);
     u64 number = 0;
     std::memcpy(&number, making, sizeof number);
-    control_->first_of_file = journal_.first_number(place.file);
     control_->absorbed = base_.record().number;
     control_->flushed = place.number;
-    control_.trust(superblock_.incarnation, identify_image(), number, place);
+    control_.trust(superblock_.incarnation, identify_image(), number, {place, journal_.first_number(place.file)});
     return 0;
 }
 

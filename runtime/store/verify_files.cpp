@@ -88,16 +88,16 @@ u32 store::verify_files(const fault_fn& report, u64& pages, u64& entries) {
     if (!lock_byte_for_reading(lock_file_, lock_byte::truncating, true))
         return fail(static_cast<u32>(errno), "database %s: cannot be locked: %s", directory_.path().c_str(),
                     words_of(errno).c_str());
-    journal_place last;
     if (base_.refresh() != 0) {
         report(checksums_name, error_text());
     } else {
         verify_base(report, pages);
-        if (!control_.read_place(last)) {
+        journal_end end;
+        if (!control_.read_end(end)) {
             report("control", "does not say where the journal ends");
         } else {
-            verify_control(report, last);
-            verify_journal(report, last, entries);
+            verify_control(report, end.place);
+            verify_journal(report, end.place, entries);
         }
     }
     unlock_byte(lock_file_, lock_byte::truncating);

@@ -1,5 +1,5 @@
 // Tests with more than one process: this program starts itself again as a child. Also the main function.
-#include "tests/runtime/support.h"
+#include "tests/runtime/crash.h"
 
 #include <csignal>
 #include <cstring>
@@ -50,7 +50,10 @@ std::string child_process::line() {
     return text;
 }
 
-void child_process::go_on() { EXPECT_EQ(write(input_, "\n", 1), 1); }
+void child_process::say(const std::string& text) {
+    const std::string line = text + "\n";
+    EXPECT_EQ(write(input_, line.data(), line.size()), static_cast<long>(line.size()));
+}
 
 int child_process::wait() {
     int status = 0;
@@ -122,6 +125,8 @@ void change_a_lot(loom_handle* handle) {
 
 int run_child(const std::vector<std::string>& arguments) {
     const std::string& operation = arguments[0];
+    if (operation == "crash") return crash_main(arguments);
+    if (operation == "check_wrecks") return check_wrecks();
     handle_ptr handle(loom_open_mapped(arguments[1].c_str(), 0));
     if (!handle) {
         say(loom_error_text());

@@ -1,6 +1,6 @@
 // Databases behind a crash of the machine: a model of the disk follows a workload, forgets or tears what was not
 // flushed at any point, and what is opened then must be what a commit has made. Also: copies of directories.
-#include "tests/runtime/support.h"
+#include "tests/runtime/crash.h"
 
 #include "runtime/store/disk.h"
 
@@ -14,211 +14,26 @@ namespace {
 using namespace runtime_test;
 using bytes = std::vector<char>;
 
-/// What happened to a file, as far as it is not known to be on the disk.
-struct change {
-    std::uint64_t offset;
-    bytes contents; ///< empty: a change of size, to `offset`
-};
-struct model_file {
-    bytes durable;
-    std::vector<change> pending;
-};
-
-void write_at(bytes& file, std::uint64_t offset, const char* contents, std::size_t size) {
-    if (file.size() < offset + size) file.resize(offset + size);
-    std::memcpy(file.data() + offset, contents, size);
-}
-
-/// The files of a directory as the disk has them, and what is on its way there.
-class disk_model {
-  public:
-    explicit disk_model(std::string directory) : directory_(std::move(directory)) {
-        for (const char* name : {"superblock", "base", "checksums", "journal.0", "journal.1"}) {
-            std::ifstream stream(directory_ + "/" + name, std::ios::binary);
-            files_[name].durable = {std::istreambuf_iterator<char>(stream), {}};
-        }
-        loom_disk_observe(&disk_model::see, this);
-    }
-    ~disk_model() { loom_disk_observe(nullptr, nullptr); }
-    disk_model(const disk_model&) = delete;
-    disk_model& operator=(const disk_model&) = delete;
-
-    /// Called before every operation: here the machine may go down.
-    std::function<void(disk_model&)> before_each;
-
-    /// Writes into `target` what a machine that goes down now leaves of the files.
-    void crash_into(const std::string& target, random_source& random) const {
-        std::filesystem::create_directory(target);
-        const unsigned manner = random() % 4;
-        for (const auto& [name, file] : files_) {
-            bytes contents = file.durable;
-            for (const change& each : file.pending) {
-                // Nothing, everything, or some of it, sector by sector and in any order.
-                if (manner == 0 || (manner == 2 && random() % 2)) continue;
-                if (each.contents.empty()) {
-                    contents.resize(std::max<std::size_t>(contents.size(), each.offset));
-                    continue;
-                }
-                for (std::size_t at = 0; at < each.contents.size();) {
-                    const std::size_t end = std::min(each.contents.size(), at + 512 - (each.offset + at) % 512);
-                    if (manner != 3 || random() % 2)
-                        write_at(contents, each.offset + at, each.contents.data() + at, end - at);
-                    at = end;
-                }
-            }
-            std::ofstream(target + "/" + name, std::ios::binary)
-                .write(contents.data(), static_cast<long>(contents.size()));
-        }
-    }
-
-  private:
-    static int see(const loom_disk_operation* operation, void* context) {
-        auto& self = *static_cast<disk_model*>(context);
-        const std::lock_guard guard(self.mutex_);
-        if (self.directory_ != operation->directory) return 0;
-        if (self.before_each) self.before_each(self);
-        model_file& file = self.files_[operation->name];
-        if (operation->kind == LOOM_DISK_RESIZE) file.pending.push_back({operation->offset, {}});
-        if (operation->kind == LOOM_DISK_WRITE) {
-            bytes contents;
-            for (unsigned i = 0; i < operation->piece_count; ++i) {
-                const auto* piece = static_cast<const char*>(operation->pieces[i].iov_base);
-                contents.insert(contents.end(), piece, piece + operation->pieces[i].iov_len);
-            }
-            file.pending.push_back({operation->offset, std::move(contents)});
-        }
-        if (operation->kind == LOOM_DISK_FLUSH) {
-            for (const change& each : file.pending)
-                if (each.contents.empty())
-                    file.durable.resize(std::max<std::size_t>(file.durable.size(), each.offset));
-                else
-                    write_at(file.durable, each.offset, each.contents.data(), each.contents.size());
-            file.pending.clear();
-        }
-        return 0;
-    }
-
-    std::string directory_;
-    std::map<std::string, model_file> files_;
-    std::mutex mutex_;
-};
-
 handle_ptr open_durable(const std::string& path, std::uint32_t level) {
-    loom_open_options options{};
-    options.size = sizeof options;
-    options.kind = LOOM_DB_MAPPED;
-    options.flags = LOOM_OPEN_CREATE;
-    options.path = path.c_str();
-    options.durability = level;
-    options.journal_limit = 8 << 10;
-    options.reserve = 64 << 20;
-    handle_ptr handle(loom_open(&options));
+    handle_ptr handle = open_for_work(path, level);
     EXPECT_TRUE(handle) << loom_error_text();
     return handle;
 }
 
-constexpr std::size_t cells = 100;
-void make_cells(loom_handle* handle) {
-    loom_write_begin(handle);
-    auto* made = static_cast<std::uint64_t*>(handle->alloc(handle->alloc_ctx, 1, cells * 8));
-    std::memset(made, 0, cells * 8);
-    arbor_set_key(handle->alloc_ctx, "cells", made);
-    loom_write_commit(handle);
-}
-
-/// The commit of that number: all cells tell of it, and a block comes or goes that is full of it. Nobody can reach
-/// a block before its name is set, so every other one is made in front of the section.
-void work(loom_handle* handle, std::uint64_t number) {
-    const std::size_t size = 100 + number * 997 % (number % 50 == 0 ? 300000 : 3000);
-    const auto block = [&] {
-        return std::memset(handle->alloc(handle->alloc_ctx, 1, size), static_cast<int>(number), size);
-    };
-    void* old = arbor_get_key(handle->alloc_ctx, "block");
-    void* fresh = !old && number % 4 == 1 ? block() : nullptr;
-    ASSERT_EQ(loom_write_begin(handle), 0u) << loom_error_text();
-    set_cell(handle, 0, number);
-    for (std::size_t i = 1; i < 6; ++i)
-        set_cell(handle, 1 + (number * 7 + i) % (cells - 2), number);
-    if (!old && !fresh) fresh = block();
-    arbor_set_key(handle->alloc_ctx, "block", fresh);
-    if (old) handle->free(handle->alloc_ctx, 1, old);
-    ASSERT_EQ(loom_write_commit(handle), 0u) << loom_error_text();
-}
-
-/// A digest of everything that the workload has made.
-std::string state_of(loom_handle* handle) {
-    std::string state;
-    if (const std::uint64_t* all = cells_of(handle)) state.assign(reinterpret_cast<const char*>(all), cells * 8);
-    if (const auto* block = static_cast<const char*>(arbor_get_key(handle->alloc_ctx, "block")))
-        state.append(block, 100);
-    return state;
-}
-
-class behind_a_crash : public testing::TestWithParam<std::uint32_t> {
-  protected:
-    /// Opens what a crash has left in another process's place, and tells the number of the commit that it holds.
-    std::uint64_t number_found_in(const std::string& path) {
-        const handle_ptr handle = open_durable(path, LOOM_DURABILITY_DEFAULT);
-        if (!handle) return ~std::uint64_t{0};
-        expect_sound(handle);
-        const std::string state = state_of(handle);
-        const std::uint64_t number = cells_of(handle)[0];
-        EXPECT_EQ(state, states.at(number));
-        // And it goes on from there.
-        work(handle, 1'000'000);
-        return number;
-    }
-
-    scratch_directory directory;
-    std::map<std::uint64_t, std::string> states;
-};
-
+/// A sample; scripts/crash takes many.
+class behind_a_crash : public testing::TestWithParam<std::uint32_t> {};
 TEST_P(behind_a_crash, a_database_is_what_a_commit_has_made) {
-    const std::string path = directory.file("model.db");
-    random_source random(GetParam());
-    struct wreck {
-        std::string path;
-        std::uint64_t acknowledged;
-        std::uint64_t last;
-    };
-    std::vector<wreck> wrecks;
-    {
-        handle_ptr handle = open_durable(path, GetParam());
-        make_cells(handle);
-        states[0] = state_of(handle);
-        ASSERT_EQ(loom_database_sync(handle), 0u);
-        handle.reset();
-        disk_model model(path);
-        std::uint64_t acknowledged = 0, last = 0;
-        model.before_each = [&](disk_model& disk) {
-            if (random() % 8) return;
-            wrecks.push_back({directory.file("wreck" + std::to_string(wrecks.size())), acknowledged, last});
-            disk.crash_into(wrecks.back().path, random);
-        };
-        handle = open_durable(path, GetParam());
-        for (std::uint64_t number = 1; number <= 300; ++number) {
-            last = number;
-            // What the commit will make is known before it is made: it may be on the disk before it returns.
-            work(handle, number);
-            states[number] = state_of(handle);
-            if (GetParam() == LOOM_DURABILITY_DURABLE) acknowledged = number;
-            if (number % 40 == 0) {
-                ASSERT_EQ(loom_database_sync(handle), 0u) << loom_error_text();
-                acknowledged = number;
-            }
-        }
-    }
-    ASSERT_GT(wrecks.size(), 30u);
-    for (const wreck& each : wrecks) {
-        SCOPED_TRACE(each.path);
-        const std::uint64_t found = number_found_in(each.path);
-        EXPECT_GE(found, each.acknowledged);
-        EXPECT_LE(found, each.last);
-        std::filesystem::remove_all(each.path);
-    }
+    crash_plan plan;
+    plan.level = GetParam();
+    plan.cuts = 30;
+    plan.failures = 3;
+    const crash_counts counts = run_crashes(plan);
+    EXPECT_GE(counts.cuts, plan.cuts);
+    EXPECT_EQ(counts.wrong, std::vector<std::string>{});
 }
 INSTANTIATE_TEST_SUITE_P(levels, behind_a_crash,
-                         testing::Values(std::uint32_t{LOOM_DURABILITY_ORDERED},
+                         testing::Values(std::uint32_t{LOOM_DURABILITY_VOLATILE},
+                                         std::uint32_t{LOOM_DURABILITY_ORDERED},
                                          std::uint32_t{LOOM_DURABILITY_DURABLE}));
 
 /// A flush that fails is not repeated: commits stop for good, reading goes on, and who opens the database next

@@ -87,7 +87,8 @@ class child_process {
     /// The next line that it prints.
     std::string line();
     /// Lets it go on: it waits for a line of input.
-    void go_on();
+    void go_on() { say(""); }
+    void say(const std::string& text);
     /// The exit status as waitpid tells it.
     int wait();
 
