@@ -334,9 +334,9 @@ const damage damages[] = {
 
 std::ostream& operator<<(std::ostream& out, const damage& each) { return out << each.name; }
 
-class damage : public ::testing::TestWithParam<damage> {};
+class every_damage : public ::testing::TestWithParam<damage> {};
 
-TEST_P(damage, is_told_in_this_order) {
+TEST_P(every_damage, is_told_in_this_order) {
     test_handle handle;
     u32 read = 0, error = 0;
     EXPECT_EQ(words_of(handle.log_of([&] { read = GetParam().reads(handle, &error); })), GetParam().words);
@@ -344,7 +344,7 @@ TEST_P(damage, is_told_in_this_order) {
     EXPECT_EQ(error, GetParam().error);
     EXPECT_EQ(handle.live_blocks(), 0u) << handle.describe_live_blocks();
 }
-INSTANTIATE_TEST_SUITE_P(kinds, damage, ::testing::ValuesIn(damages),
+INSTANTIATE_TEST_SUITE_P(kinds, every_damage, ::testing::ValuesIn(damages),
                          [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

@@ -230,9 +230,9 @@ std::string stretched(size_t length, const deep_element& each) {
     return std::string(length - strlen(each.below) - 1, 'e');
 }
 
-class deep_element : public ::testing::TestWithParam<deep_element> {};
+class every_deep_element : public ::testing::TestWithParam<deep_element> {};
 
-TEST_P(deep_element, is_found_within_the_bound) {
+TEST_P(every_deep_element, is_found_within_the_bound) {
     const database plain;
     const named_type type(GetParam().type);
     for (size_t length = 240; length <= 260; ++length) {
@@ -245,7 +245,7 @@ TEST_P(deep_element, is_found_within_the_bound) {
         type.destroy(plain, domain, object);
     }
 }
-INSTANTIATE_TEST_SUITE_P(xml_form, deep_element, ::testing::ValuesIn(deep_elements), [](const auto& info) {
+INSTANTIATE_TEST_SUITE_P(xml_form, every_deep_element, ::testing::ValuesIn(deep_elements), [](const auto& info) {
     std::string name = info.param.type + std::string(info.param.below);
     std::replace_if(
         name.begin(), name.end(), [](char c) { return isalnum(c) == 0; }, '_');
