@@ -3,7 +3,7 @@
 // beside its callers, in instance/direct.h and instance/direct_values.h and codec/fixed_form.h.
 #pragma once
 
-#include "frame/basic_types.h"
+#include "frame/value_list.h"
 
 #include <loom/direct.h>
 #include <loom/instance.h>
@@ -27,6 +27,26 @@ inline bool offered = false;
 #endif
 inline write_hook unfollowed_write_hook = nullptr;
 inline counter_hook unfollowed_counter_hook = nullptr;
+
+/// Whether the names are those of all values that are so.
+template <u32 N>
+consteval bool name_all(const char* const (&names)[N], bool (built_in_value::*are_so)() const) {
+    u32 count = 0;
+    for (const built_in_value& each : value_list::rows)
+        count += (each.*are_so)() ? 1u : 0u;
+    for (const char* const name : names)
+        if (!(built_in(name).*are_so)()) return false;
+    return count == N;
+}
+#define TRELLIS_NAME(T) #T,
+inline constexpr const char* scalars[] = {LOOM_DIRECT_SCALARS(TRELLIS_NAME)};
+inline constexpr const char* values[] = {LOOM_DIRECT_VALUES(TRELLIS_NAME)};
+inline constexpr const char* octets[] = {LOOM_DIRECT_OCTETS(TRELLIS_NAME)};
+inline constexpr const char* texts[] = {LOOM_DIRECT_TEXTS(TRELLIS_NAME)};
+#undef TRELLIS_NAME
+static_assert(name_all(scalars, &built_in_value::is_number) && name_all(values, &built_in_value::is_no_number) &&
+                  name_all(octets, &built_in_value::is_octets) && name_all(texts, &built_in_value::owns_block),
+              "<loom/direct.h> and frame/value_list.h differ");
 
 /// True when every operation of the list, as this bundle would call it, is the runtime's own.
 inline bool operations_lie_in(const loom_direct_forms& forms) {

@@ -16,17 +16,15 @@ constexpr bool is_built_in(value_category c) {
 
 /// Addresses that are nothing but their octets.
 template <class T>
-constexpr bool is_octets =
-    std::is_same_v<T, ipv4_addr> || std::is_same_v<T, ipv6_addr> || std::is_same_v<T, loom_mac_addr>;
+constexpr bool is_octets = make_of<T> == value_make::octets;
 
 /// Counted texts and byte strings: a length and a block of their own.
 template <class T>
-concept is_counted_value =
-    std::is_same_v<T, loom_vstring> || std::is_same_v<T, nexa_bytestr> || std::is_same_v<T, loom_aes_vstring> ||
-    std::is_same_v<T, loom_aes_password_vstring> || std::is_same_v<T, loom_username_vstring>;
+concept is_counted_value = make_of<T>
+== value_make::text || make_of<T> == value_make::byte_string;
 template <is_counted_value T>
 inline auto& bytes_of(T& value) {
-    if constexpr (std::is_same_v<T, nexa_bytestr>)
+    if constexpr (make_of<T> == value_make::byte_string)
         return value.bytes;
     else
         return value.text;
@@ -37,7 +35,7 @@ inline const void* bytes_of(const T& value) {
 }
 /// Texts keep a zero behind their last character.
 template <is_counted_value T>
-constexpr u32 terminator_size = std::is_same_v<T, nexa_bytestr> ? 0 : 1;
+constexpr u32 terminator_size = make_of<T> == value_make::text ? 1 : 0;
 /// A value without a block is empty.
 template <is_counted_value T>
 inline u32 byte_count_of(const T& value) {
@@ -84,8 +82,7 @@ inline bool is_ready_when_zero() {
 
 /// Addresses and times lie whole in their place.
 template <class T>
-constexpr bool lies_in_place = std::is_same_v<T, ip_address> || std::is_same_v<T, ip_prefix> || is_octets<T> ||
-                               std::is_same_v<T, calendar_time> || std::is_same_v<T, timestamp>;
+constexpr bool lies_in_place = make_of<T> == value_make::octets || make_of<T> == value_make::parts;
 
 template <class Type>
 inline u32 get_oid_count(const call& c, const typename Type::c_type* value) {

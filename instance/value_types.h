@@ -4,24 +4,13 @@
 // macros below.
 #pragma once
 
-#include "frame/basic_types.h"
+#include "frame/value_list.h"
 
+#include <loom/direct.h>
 #include <loom/oid.h>
 #include <loom/values.h>
 
 namespace trellis {
-
-enum class value_category : u8 {
-    scalar,
-    boolean,
-    object_value, // addresses, times, strings, byte strings
-    opaque_value,
-    shared_enumeration, // an enumeration that another bundle owns
-    enumeration,
-    flag_set,
-    record, // records, unions and choices
-    oid,
-};
 
 /// Passed by value: arrays of these have get_value, set_value and the _mem operations.
 constexpr bool is_plain_value(value_category c) {
@@ -206,62 +195,57 @@ concept has_part_model = requires {
 
 namespace types {
 
-#define TRELLIS_SCALAR(FACADE, T, C, CATEGORY)                                                                    \
+// The list's row of T, which a forgotten one has not.
+#define TRELLIS_BUILT_IN(T)                                                                                       \
+    static constexpr char name[] = #T;                                                                            \
+    static constexpr built_in_value row = built_in(name);                                                         \
+    static constexpr value_category category = row.category;                                                      \
+    static_assert(sizeof(c_type) == row.width && alignof(c_type) == row.alignment);                               \
+    TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    TRELLIS_COPY_FAMILY(T)                                                                                        \
+    TRELLIS_GET_FAMILY(T)
+#define TRELLIS_SCALAR(FACADE, T, C)                                                                              \
     struct FACADE {                                                                                               \
         using c_type = C;                                                                                         \
         using plain_type = C;                                                                                     \
-        static constexpr value_category category = value_category::CATEGORY;                                      \
-        static constexpr char name[] = #T;                                                                        \
-        TRELLIS_COMMON_FAMILY(T)                                                                                  \
-        TRELLIS_COPY_FAMILY(T)                                                                                    \
-        TRELLIS_GET_FAMILY(T)                                                                                     \
-        TRELLIS_PLAIN_FAMILY(T)
-#define TRELLIS_VALUE(T, CATEGORY)                                                                                \
+        TRELLIS_BUILT_IN(T)                                                                                       \
+        TRELLIS_PLAIN_FAMILY(T)                                                                                   \
+    };
+#define TRELLIS_VALUE(T)                                                                                          \
     struct T {                                                                                                    \
         using c_type = ::T;                                                                                       \
-        static constexpr value_category category = value_category::CATEGORY;                                      \
-        static constexpr char name[] = #T;                                                                        \
-        TRELLIS_COMMON_FAMILY(T)                                                                                  \
-        TRELLIS_COPY_FAMILY(T)                                                                                    \
+        TRELLIS_BUILT_IN(T)                                                                                       \
         TRELLIS_COMPARE_FAMILY(T)                                                                                 \
-        TRELLIS_GET_FAMILY(T)                                                                                     \
         TRELLIS_EMBEDDED_FAMILY(T)                                                                                \
         TRELLIS_VALUE_INITIALIZE(T)                                                                               \
         TRELLIS_REFERENCES_FAMILY(T)                                                                              \
         static void post_copyout_cleanup(loom_handle* h, u32 d, c_type* to, const c_type* from, u32* err) {       \
             ::T##_post_copyout_cleanup(h, d, to, from, err);                                                      \
-        }
+        }                                                                                                         \
+    };
 
 // clang-format off
-TRELLIS_SCALAR(u_int8, u_int8, std::uint8_t, scalar) };
-TRELLIS_SCALAR(u_int16, u_int16, std::uint16_t, scalar) };
-TRELLIS_SCALAR(u_int32, u_int32, std::uint32_t, scalar) };
-TRELLIS_SCALAR(u_int64, u_int64, std::uint64_t, scalar) };
-TRELLIS_SCALAR(int8, int8, std::int8_t, scalar) };
-TRELLIS_SCALAR(int16, int16, std::int16_t, scalar) };
-TRELLIS_SCALAR(int32, int32, std::int32_t, scalar) };
-TRELLIS_SCALAR(int64, int64, std::int64_t, scalar) };
-TRELLIS_SCALAR(char_, char, char, scalar) };
-TRELLIS_SCALAR(double_, double, double, scalar) };
-TRELLIS_SCALAR(float_, float, float, scalar) };
-TRELLIS_SCALAR(loom_boolean, loom_boolean, ::loom_boolean, boolean)
+TRELLIS_SCALAR(u_int8, u_int8, std::uint8_t)
+TRELLIS_SCALAR(u_int16, u_int16, std::uint16_t)
+TRELLIS_SCALAR(u_int32, u_int32, std::uint32_t)
+TRELLIS_SCALAR(u_int64, u_int64, std::uint64_t)
+TRELLIS_SCALAR(int8, int8, std::int8_t)
+TRELLIS_SCALAR(int16, int16, std::int16_t)
+TRELLIS_SCALAR(int32, int32, std::int32_t)
+TRELLIS_SCALAR(int64, int64, std::int64_t)
+TRELLIS_SCALAR(char_, char, char)
+TRELLIS_SCALAR(double_, double, double)
+TRELLIS_SCALAR(float_, float, float)
+struct loom_boolean {
+    using c_type = ::loom_boolean;
+    using plain_type = ::loom_boolean;
+    TRELLIS_BUILT_IN(loom_boolean)
+    TRELLIS_PLAIN_FAMILY(loom_boolean)
     TRELLIS_COMPARE_FAMILY(loom_boolean)
     TRELLIS_EMBEDDED_FAMILY(loom_boolean)
     TRELLIS_VALUE_INITIALIZE(loom_boolean)
 };
-TRELLIS_VALUE(ip_address, object_value) };
-TRELLIS_VALUE(ip_prefix, object_value) };
-TRELLIS_VALUE(ipv4_addr, object_value) };
-TRELLIS_VALUE(ipv6_addr, object_value) };
-TRELLIS_VALUE(loom_mac_addr, object_value) };
-TRELLIS_VALUE(calendar_time, object_value) };
-TRELLIS_VALUE(timestamp, object_value) };
-TRELLIS_VALUE(loom_vstring, object_value) };
-TRELLIS_VALUE(nexa_bytestr, object_value) };
-TRELLIS_VALUE(loom_phys_addr, opaque_value) };
-TRELLIS_VALUE(loom_aes_vstring, opaque_value) };
-TRELLIS_VALUE(loom_aes_password_vstring, opaque_value) };
-TRELLIS_VALUE(loom_username_vstring, opaque_value) };
+LOOM_DIRECT_VALUES(TRELLIS_VALUE)
 // clang-format on
 
 /// An oid attribute has operations of its own; this only says what it is.
@@ -271,8 +255,19 @@ struct oid {
     static constexpr char name[] = "oid";
 };
 
+#undef TRELLIS_BUILT_IN
 #undef TRELLIS_SCALAR
 #undef TRELLIS_VALUE
 
 } // namespace types
+
+/// What a C type is made of that stands for one built-in value; others are numbers.
+template <class C>
+inline constexpr value_make make_of = value_make::number;
+#define TRELLIS_MAKE(T)                                                                                           \
+    template <>                                                                                                   \
+    inline constexpr value_make make_of<::T> = types::T::row.make;
+LOOM_DIRECT_VALUES(TRELLIS_MAKE)
+#undef TRELLIS_MAKE
+
 } // namespace trellis

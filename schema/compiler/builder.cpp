@@ -1,7 +1,5 @@
 #include "schema/compiler/builder.h"
 
-#include "schema/compiler/builtins.h"
-
 #include <algorithm>
 #include <map>
 #include <numeric>
@@ -142,7 +140,7 @@ class builder {
         return fresh;
     }
     bool declare_type(const word& name) {
-        if (find_builtin(name.text) != nullptr || name.text == "string" || name.text == "oid" ||
+        if (find_built_in(name.text.c_str()) != nullptr || name.text == "string" || name.text == "oid" ||
             name.text == "list") {
             out_.add(name.where, quoted(name.text) + " is a built-in type", "choose another name");
             return false;
@@ -301,7 +299,7 @@ class builder {
         case syntax::type_kind::text:
             into.shape = type.extent ? attribute_shape::fixed_string : attribute_shape::counted_string;
             into.type.name = "char";
-            into.type.value = find_builtin("char");
+            into.type.value = find_built_in("char");
             break;
         case syntax::type_kind::list:
             into.shape = attribute_shape::list;
@@ -329,13 +327,13 @@ class builder {
     static bool is_plain(const type_ref& t) { return is_plain_value(t) || t.of_enumeration != nullptr; }
 
     void resolve_name(const word& name, type_ref& into) {
-        into.value = find_builtin(name.text);
+        into.value = find_built_in(name.text.c_str());
         into.of_record = records_.find(name.text);
         into.of_enumeration = enumerations_.find(name.text);
         into.of_flag_set = flag_sets_.find(name.text);
         if (is_known(into)) return;
         std::vector<std::string> known = names_of(types_);
-        for (const builtin& b : builtins())
+        for (const built_in_value& b : value_list::rows)
             known.push_back(b.name);
         unknown(name, "type", known, "declare it, or import it from its bundle");
     }
@@ -439,7 +437,7 @@ class builder {
     record* record_named(const word& name) {
         record* found = records_.find(name.text);
         if (found != nullptr) return found;
-        if (types_.contains(name.text) || find_builtin(name.text) != nullptr)
+        if (types_.contains(name.text) || find_built_in(name.text.c_str()) != nullptr)
             out_.add(name.where, quoted(name.text) + " is no record", "name a record of this bundle");
         else {
             std::vector<std::string> known;

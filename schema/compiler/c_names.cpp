@@ -15,7 +15,7 @@ std::string plain_c_type(const type_ref& type) {
 }
 
 std::string facade(const type_ref& type) {
-    if (type.value != nullptr) return "trellis::types::" + type.value->facade;
+    if (type.value != nullptr) return std::string("trellis::types::") + type.value->facade;
     if (type.of_record != nullptr) return "types::" + type.of_record->name;
     if (type.of_enumeration != nullptr) return "types::" + type.of_enumeration->name;
     if (type.of_flag_set != nullptr) return "types::" + type.of_flag_set->name;

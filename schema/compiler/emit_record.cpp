@@ -87,11 +87,10 @@ void emit_public_header(emission& run, const record& type, const type_text& text
 
 /// Values whose binary form is their own bytes.
 bool has_fixed_form(const attribute& of) {
-    static const std::set<std::string> octets = {"ipv4_addr", "ipv6_addr", "loom_mac_addr"};
     if (of.shape == attribute_shape::fixed_string) return true;
     if (!facts_of(of.shape).in_place) return false;
-    const builtin* value = of.type.value;
-    return is_plain_value(of.type) || (value != nullptr && octets.contains(value->name));
+    const built_in_value* value = of.type.value;
+    return value != nullptr && (value->is_number() || value->is_octets());
 }
 
 /// Small records of which holders write and read the binary form in place (codec/part_form.h).

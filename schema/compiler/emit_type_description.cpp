@@ -16,9 +16,6 @@ namespace trellis::schema {
 
 namespace {
 
-constexpr const char* owners_of_blocks[] = {"loom_vstring", "nexa_bytestr", "loom_aes_vstring",
-                                            "loom_aes_password_vstring", "loom_username_vstring"};
-
 using luid = std::array<std::uint8_t, 16>;
 
 std::uint8_t shape_of(attribute_shape shape) {
@@ -42,8 +39,7 @@ std::uint8_t form_of(const type_ref& type) {
     if (type.of_enumeration != nullptr) return LOOM_FORM_ENUMERATION;
     if (type.of_flag_set != nullptr) return LOOM_FORM_FLAG_SET;
     if (type.value == nullptr) return LOOM_FORM_OID;
-    const bool owns = std::ranges::find(owners_of_blocks, type.value->name) != std::end(owners_of_blocks);
-    return owns ? LOOM_FORM_BLOCK : LOOM_FORM_BYTES;
+    return type.value->owns_block() ? LOOM_FORM_BLOCK : LOOM_FORM_BYTES;
 }
 
 /// The luid of an attribute's type; none for values, and for what another bundle owns.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "diag/statements.h"
+#include "frame/value_list.h"
 #include "instance/attribute_shape.h"
 
 #include <array>
@@ -22,18 +23,6 @@ struct location {
     int column = 0;
 };
 
-enum class builtin_family { scalar, boolean, object_value, opaque_value };
-
-/// A built-in value type (fixed stock; see builtins.h).
-struct builtin {
-    std::string name;   // "u_int32", "loom_vstring", ...
-    std::string c_type; // "uint32_t", "struct loom_vstring"
-    std::string facade; // name in trellis::types: "u_int32", "char_", "double_"
-    builtin_family family;
-    std::uint32_t width;
-    std::uint32_t alignment;
-};
-
 struct record;
 struct enumeration;
 struct flag_set;
@@ -43,7 +32,7 @@ struct bundle;
 /// What an attribute is made of. Exactly one of the pointers is set, or none for an oid.
 struct type_ref {
     std::string name; // as written in the schema
-    const builtin* value = nullptr;
+    const built_in_value* value = nullptr;
     record* of_record = nullptr;
     enumeration* of_enumeration = nullptr; // own or imported
     flag_set* of_flag_set = nullptr;
@@ -57,7 +46,7 @@ inline bool is_known(const type_ref& type) {
 /// Scalars and the truth value: passed by value.
 inline bool is_plain_value(const type_ref& type) {
     return type.value != nullptr &&
-           (type.value->family == builtin_family::scalar || type.value->family == builtin_family::boolean);
+           (type.value->category == value_category::scalar || type.value->category == value_category::boolean);
 }
 
 struct attribute {
