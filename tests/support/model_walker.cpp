@@ -70,6 +70,8 @@ bool is_integer(const std::string& type) {
 }
 
 constexpr uint32_t variant_at = 8, flags_at = 10, enumeration_value_at = 12, bits_at = 11;
+/// Bytes of a jump, on the wire.
+constexpr size_t jump_width = 4;
 constexpr uint32_t enumeration_width = 16;
 
 const uint8_t* at(const void* object, uint32_t offset) { return static_cast<const uint8_t*>(object) + offset; }
@@ -534,10 +536,13 @@ std::vector<uint8_t> model_walker::marshal(const std::string& type, const void* 
 
 void model_walker::marshal_value(const std::string& type, const void* value, const uint8_t* area,
                                  std::vector<uint8_t>& out, bool* complete) const {
+    const auto begin_jump = [&] {
+        out.insert(out.end(), jump_width, 0);
+        return out.size() - jump_width;
+    };
     const auto patch_jump = [&](size_t start) {
-        std::vector<uint8_t> jump;
-        append_big_endian(jump, static_cast<uint32_t>(out.size() - start));
-        std::memcpy(out.data() + start, jump.data(), jump.size());
+        for (size_t i = 0, rest = out.size() - start; i < jump_width; ++i, rest >>= 8)
+            out[start + jump_width - 1 - i] = static_cast<uint8_t>(rest);
     };
     if (const auto found = schema_.enumerations.find(type); found != schema_.enumerations.end()) {
         const int32_t user = read_at<int32_t>(value, enumeration_value_at);
@@ -550,8 +555,7 @@ void model_walker::marshal_value(const std::string& type, const void* value, con
     }
     if (const auto found = schema_.flag_sets.find(type); found != schema_.flag_sets.end()) {
         out.push_back(*at(value, variant_at));
-        const size_t jump = out.size();
-        append_big_endian(out, 0);
+        const size_t jump = begin_jump();
         out.insert(out.end(), at(value, bits_at),
                    at(value, bits_at + found->second.bytes_within(variant_of(value))));
         patch_jump(jump);
@@ -571,8 +575,7 @@ void model_walker::marshal_value(const std::string& type, const void* value, con
     const uint8_t flags = static_cast<uint8_t>(*at(value, flags_at) & OBJ_RA_DATA);
     out.push_back(static_cast<uint8_t>(flags | (tracking_on() ? OBJ_STATE_TRACKED : 0)));
     if (flags != 0) out.insert(out.end(), 9, 0);
-    const size_t jump = out.size();
-    append_big_endian(out, 0);
+    const size_t jump = begin_jump();
     for (const attribute_description& a : record->attributes)
         if (variant_of(value) >= 0 && a.since <= variant_of(value))
             marshal_attribute(*record, a, value, area, out, complete);
