@@ -187,6 +187,8 @@ u32 store::leave_volatile(const std::byte* image, u64 size) {
         const journal_place place = end_of_journal().place;
         error = base_.refresh();
         if (!error) error = base_.copy_from(image, size, place.number, place.previous);
+        // Pages that were not flushed would count as written the next time.
+        if (error && error != ENOSPC && error != EDQUOT) fail_for_good(error);
     }
     unlock_byte(lock_file_, lock_byte::opening);
     return error;

@@ -132,6 +132,7 @@ class store {
     u32 refuse_other_path(int error) const;
     u32 refuse_unmade() const;
     u32 open_control();
+    u32 flush_names();
     u32 renew_files();
     u32 open_files();
     u32 open_image(bool afresh);

@@ -219,6 +219,15 @@ u32 store::renew_files() {
     return 0;
 }
 
+/// Who made the database may have died, or failed, before its names were on the disk.
+u32 store::flush_names() {
+    int error = directory_.flush();
+    if (!error) error = directory_.flush_parent();
+    if (!error) return 0;
+    return fail(static_cast<u32>(error), "database %s: its directory cannot be flushed: %s",
+                directory_.path().c_str(), words_of(error).c_str());
+}
+
 u32 store::enter(bool exclusive) {
     if (!lock_byte_for_writing(lock_file_, lock_byte::opening, true))
         return fail(static_cast<u32>(errno), "database %s: cannot be locked: %s", directory_.path().c_str(),
@@ -232,8 +241,13 @@ u32 store::enter(bool exclusive) {
                               : "database %s: is in use exclusively; close the other handle on it",
                     directory_.path().c_str());
     if (const u32 error = open_control()) return error;
-    if (alone_ && control_.belongs_to(superblock_.incarnation) && control_->failed != 0)
+    if (alone_)
+        if (const u32 error = flush_names()) return error;
+    if (alone_ && control_.belongs_to(superblock_.incarnation) && control_->failed != 0) {
         if (const u32 error = renew_files()) return error;
+        // The image is all that holds the latest state of a volatile database, and has not suffered.
+        if (superblock_.level == durability::volatile_) control_->failed = 0;
+    }
     if (const u32 error = open_files()) return error;
     open_image(false);
     const image_identity image = identify_image();
@@ -288,8 +302,10 @@ u32 store::make_image() {
     if (!error) error = check_end(place, flushed_before);
     if (error) return error;
     report_.rebuilt = place.number != 0;
-    // Nothing that was cut off may ever fit again.
-    if (superblock_.level != durability::volatile_ && place.number != 0) {
+    // Nothing that was cut off may ever fit again, not even behind a first commit, which is often made the same
+    // way.
+    const bool may_have_more = place.number != 0 || journal_.size(place.file) > journal_first_entry;
+    if (superblock_.level != durability::volatile_ && may_have_more) {
         int failure = journal_.append(place, entry_kind::recovery, {}, nullptr, place.number);
         if (!failure) failure = journal_.flush(place.file);
         if (failure)

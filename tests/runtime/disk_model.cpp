@@ -41,7 +41,8 @@ disk_model::~disk_model() { loom_disk_observe(nullptr, nullptr); }
 int disk_model::see(const loom_disk_operation* operation, void* context) {
     auto& self = *static_cast<disk_model*>(context);
     const std::lock_guard guard(self.mutex_);
-    if (self.directory_ != operation->directory) return 0;
+    // Questions change nothing.
+    if (self.directory_ != operation->directory || operation->kind > LOOM_DISK_FLUSH_DIRECTORY) return 0;
     const int error = self.before_each ? self.before_each(self, *operation) : 0;
     self.follow(*operation, error);
     return error;
