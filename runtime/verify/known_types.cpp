@@ -40,12 +40,22 @@ void known_types::connect() {
 
 const known_type* known_types::of(const loom_type_info* info) const {
     const auto found = by_info_.find(info);
-    return found == by_info_.end() ? nullptr : found->second.get();
+    if (found != by_info_.end()) return found->second.get();
+    const auto other = other_words_.find(info);
+    return other == other_words_.end() ? nullptr : other->second;
 }
 
 const known_type* known_types::of_luid(const u8* luid) const {
     const auto found = by_luid_.find(key_of(luid));
     return found == by_luid_.end() ? nullptr : found->second;
+}
+
+const known_type* known_types::table_of(const known_type& record) const {
+    for (const auto& [luid, type] : by_luid_)
+        if (type->description && type->description->kind == LOOM_TYPE_TABLE &&
+            referred(*type, type->description->record) == &record)
+            return type;
+    return nullptr;
 }
 
 const known_type* known_types::referred(const known_type& from, u32 reference) {

@@ -78,6 +78,7 @@ bool object_walk::has_right_type(const part& object) {
     // A part that nobody has touched yet may still be all zero.
     if (word == object.type.info || (object.nested && !word)) return true;
     const known_type* other = types_.of(word);
+    if (other == &object.type || (!other && judge_word_ && judge_word_(word, object.type))) return true;
     found_.damage(place_of(object.at, object.type.name),
                   other ? "has the type word of " + other->name : "has a type word that leads to no type");
     return false;

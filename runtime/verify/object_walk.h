@@ -31,6 +31,9 @@ class object_walk {
         visit_object_ = std::move(object);
         visit_reference_ = std::move(reference);
     }
+    /// Asked about a type word that leads to no type: whether it may be that of the type expected there.
+    using word_fn = std::function<bool(const loom_type_info* word, const known_type& expected)>;
+    void set_judge_of_words(word_fn judge) { judge_word_ = std::move(judge); }
     /// Counted references that were met, by reference.
     const std::unordered_map<u64, u64>& references() const { return references_; }
     /// Types of objects that were met and are not described: what these own is not known.
@@ -78,6 +81,7 @@ class object_walk {
     std::set<std::string> undescribed_;
     part_fn visit_object_;
     part_fn visit_reference_;
+    word_fn judge_word_;
 };
 
 } // namespace loom

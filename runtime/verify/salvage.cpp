@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cstdio>
 #include <filesystem>
 
 namespace loom {
@@ -26,6 +27,14 @@ Function slot(const loom_table_vft& vft, u32 number) {
 }
 
 std::string told(u64 number) { return std::to_string(number); }
+/// What a loaded bundle has of a type; null when none knows it. What the database has may be damaged.
+const loom_type_info* info_in_bundles(const u8* luid) {
+    for (const loom_module_node* node = loom_module_tot_root.first; node; node = node->next)
+        for (loom_type_info* const* info = node->type_infos; info && *info; ++info)
+            if (std::memcmp((*info)->luid, luid, sizeof(*info)->luid) == 0) return *info;
+    return nullptr;
+}
+
 bool is_of_kind(const known_type& type, const char* kind) {
     return std::strncmp(type.info->kind, kind, sizeof type.info->kind) == 0;
 }
@@ -47,6 +56,10 @@ class salvager {
 
   private:
     void find_types();
+    void add_types_of_bundles();
+    bool is_lost(const void* address) const;
+    bool may_be(const loom_type_info* word, const known_type& type);
+    const known_type* type_of_lost_word(const loom_table* table);
     void find_tables();
     void find_records();
     void prove_records(const void* address, found_table& of);
@@ -103,10 +116,44 @@ void salvager::find_types() {
     });
     for (const loom_type_info* info : infos) {
         const auto described = descriptions.find(std::string(reinterpret_cast<const char*>(info->luid), 16));
-        // The bundle's own description is as good, if it is of these variants.
-        types_.add(*info, described != descriptions.end() ? described->second : find_description(*info));
+        const loom_type_info* own = described == descriptions.end() ? info_in_bundles(info->luid) : nullptr;
+        types_.add(*info, own                               ? find_description(*own)
+                          : described != descriptions.end() ? described->second
+                                                            : nullptr);
     }
+    add_types_of_bundles();
     types_.connect();
+}
+
+/// Where records of types are lost, the bundles' own stand for them: what words lead there is found out later.
+void salvager::add_types_of_bundles() {
+    if (source_.lost_pages().empty()) return;
+    for (const loom_module_node* node = loom_module_tot_root.first; node; node = node->next)
+        for (loom_type_info* const* info = node->type_infos; info && *info; ++info)
+            if (!types_.of_luid((*info)->luid)) types_.add(**info, find_description(**info));
+}
+
+bool salvager::is_lost(const void* address) const {
+    return memory_.contains(address) &&
+           std::ranges::binary_search(source_.lost_pages(), memory_.offset_of(address) / page_size);
+}
+
+/// A type word that leads into a lost page can be that of a type whose record is lost; it is from then on.
+bool salvager::may_be(const loom_type_info* word, const known_type& type) {
+    if (memory_.contains(type.info) || !is_lost(word)) return false;
+    types_.add_word(word, type);
+    return true;
+}
+
+/// The path of a table ends with the luid of its type.
+const known_type* salvager::type_of_lost_word(const loom_table* table) {
+    const std::string path(table->table_name, strnlen(table->table_name, sizeof table->table_name));
+    if (!is_lost(table->header.loom_tinfo) || path.size() < 33 || path[path.size() - 33] != '/') return nullptr;
+    u8 luid[16];
+    for (std::size_t i = 0; i < sizeof luid; ++i)
+        if (std::sscanf(path.c_str() + path.size() - 32 + 2 * i, "%2hhx", luid + i) != 1) return nullptr;
+    const known_type* type = types_.of_luid(luid);
+    return type && may_be(table->header.loom_tinfo, *type) ? type : nullptr;
 }
 
 void salvager::find_tables() {
@@ -114,26 +161,29 @@ void salvager::find_tables() {
         if (size < sizeof(loom_table)) return;
         const auto* table = static_cast<const loom_table*>(payload);
         const known_type* type = types_.of(table->header.loom_tinfo);
+        if (!type) type = type_of_lost_word(table);
         if (!type || !type->description || !is_of_kind(*type, "table")) return;
         tables_[table] = {type, table, known_types::referred(*type, type->description->record), {}, 0};
     });
 }
 
 void salvager::find_records() {
-    std::map<const known_type*, const known_type*> table_types;
-    for (const auto& [address, of] : tables_)
-        table_types[of.record_type] = of.type;
     blocks_->each_lost([&](void* payload, u64 size) {
         if (size < sizeof(loom_table_record)) return;
         auto* record = static_cast<loom_table_record*>(payload);
+        if (!(record->record_flags & REC_IN_TABLE)) return;
         const known_type* type = types_.of(record->loom_tinfo);
-        if (!type || !is_of_kind(*type, "table_record") || !(record->record_flags & REC_IN_TABLE)) return;
+        if (!type) {
+            const auto table = tables_.find(record->table);
+            type = table != tables_.end() ? table->second.record_type : nullptr;
+            if (!type || !may_be(record->loom_tinfo, *type)) return;
+        }
+        if (!is_of_kind(*type, "table_record")) return;
         if (!type->description || size < type->description->base_size) return;
         found_table& of = tables_[record->table];
         if (!of.type) {
             of.record_type = type;
-            const auto known = table_types.find(type);
-            of.type = known != table_types.end() ? known->second : nullptr;
+            of.type = types_.table_of(*type);
         }
         if (of.type && of.record_type == type) of.records.push_back(record);
     });
@@ -151,10 +201,12 @@ void salvager::prove_records(const void* address, found_table& of) {
             header->loom_flags &= static_cast<u8>(~(OBJ_STATE_TRACKED | OBJ_STTR_OFFSET));
         },
         nullptr);
-    const auto is_lost = [&](loom_table_record* record) {
+    objects.set_judge_of_words(
+        [this](const loom_type_info* word, const known_type& expected) { return may_be(word, expected); });
+    const auto cannot_be_read = [&](loom_table_record* record) {
         return !objects.walk(record, *of.record_type) || !objects.undescribed().empty();
     };
-    of.lost = std::erase_if(of.records, is_lost);
+    of.lost = std::erase_if(of.records, cannot_be_read);
     for (const std::string& type : objects.undescribed())
         found_.unchecked(label_of(of), "type " + type + " is not described: its records cannot be proved");
     const u64 counted = address && of.table ? of.table->record_count : 0;
