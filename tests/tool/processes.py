@@ -4,7 +4,9 @@
 """
 
 import contextlib
+import os
 import pathlib
+import random
 import socket
 import subprocess
 import sys
@@ -64,26 +66,93 @@ class Processes(unittest.TestCase):
                 self.assertIn(self.records(), [3, 1503])
         self.assertEqual((importing.returncode, self.records()), (0, 1503))
 
-    def test_what_is_no_record_is_refused(self):
-        header = b"\xbc" + 6 * b"\xff"
-        for sent, said in [
-            (100 * b"x", "its header is wrong"),
-            (b"", "before it sent a record"),
-            (header, "7 of 43 bytes"),
-            (header + bytes(7) + b"\x01" + bytes(1 + 11 + 16 + 20), "20 of 213 bytes"),  # promises more than follows
-            (header + bytes(8) + b"\x2f" + bytes(11 + 16 + 4), "no loaded bundle knows"),
-        ]:
-            ours, its = socket.socketpair()
-            with ours, subprocess.Popen([LOOM, "receive"], stdin=its, stderr=subprocess.PIPE, text=True) as receiver:
-                its.close()
+    def received(self, sent, *options, then_close=True):
+        """What the receiver says, its answers and its greatest size in KiB, when these bytes are sent to it."""
+        ours, its = socket.socketpair()
+        with ours, its, tempfile.TemporaryFile("w+") as said:
+            receiver = subprocess.Popen([LOOM, "receive", "--bundle", "greenhouse", *options], stdin=its,
+                                        stdout=subprocess.DEVNULL, stderr=said)
+            its.close()
+            ours.settimeout(20)
+            with contextlib.suppress(BrokenPipeError):
                 ours.sendall(sent)
+            if then_close:
                 ours.shutdown(socket.SHUT_WR)
-                # The receiver's manifests must be taken, or it might wait for room.
-                with contextlib.suppress(ConnectionResetError):
-                    while ours.recv(4096):
-                        pass
-                self.assertIn(said, receiver.communicate()[1])
-            self.assertEqual(receiver.returncode, 1, said)
+            stream = ours.makefile("rb")
+
+            def number():
+                return int.from_bytes(stream.read(4), "big")
+
+            for _ in range(number()):  # the manifests
+                stream.read(number())
+            answers = []
+            with contextlib.suppress(ConnectionResetError):  # it may close before it has taken everything
+                while answer := stream.read(4):
+                    answers.append(int.from_bytes(answer, "big"))
+            _, status, used = os.wait4(receiver.pid, 0)
+            receiver.returncode = os.waitstatus_to_exitcode(status)
+            said.seek(0)
+            return receiver.returncode, said.read(), answers, used.ru_maxrss
+
+    def sent(self):
+        """The bytes of a record, as they travel to a receiver that greets as ours does."""
+        ours, its = socket.socketpair()
+        with ours, its:
+            receiver = subprocess.Popen([LOOM, "receive", "--bundle", "greenhouse"], stdin=its, stderr=subprocess.DEVNULL)
+            its.close()
+            ours.shutdown(socket.SHUT_WR)
+            greeting = ours.makefile("rb").read()
+            receiver.wait()
+        with socket.socket(socket.AF_UNIX) as listening:
+            listening.bind(str(self.file("listening")))
+            listening.listen()
+            words = ["send", self.db, "bed_tbl", "house=1", "row=1", "--socket", self.file("listening")]
+            with subprocess.Popen([LOOM, *words], stderr=subprocess.DEVNULL), listening.accept()[0] as sender:
+                sender.sendall(greeting)
+                whole = sender.recv(1000)
+                sender.sendall(bytes(4))
+        return whole
+
+    def test_what_is_no_record_is_refused_and_answered(self):
+        header, unknown = b"\xbc" + 6 * b"\xff", bytes(11 + 16 + 4)
+        huge = header + bytes(5) + b"\x0f\xff\xff\xff" + unknown
+        for sent, answer, said, options in [
+            (100 * b"x", 22, "its header is wrong", []),
+            (b"", None, "before it sent a record", []),
+            (header, 22, "7 of 43 bytes", []),
+            (header + bytes(7) + b"\x01" + bytes(1 + 11 + 16 + 20), 22, "20 of 213 bytes", []),  # more is promised
+            (header + bytes(8) + b"\x2f" + unknown, 52, "no loaded bundle knows", []),
+            (huge, 90, "more than the 16777216 that are taken", []),
+            (huge, 22, "bytes came", ["--largest", "1024"]),
+        ]:
+            status, told, answers, size = self.received(sent, *options)
+            self.assertIn(said, told)
+            self.assertEqual((status, answers), (1, [answer] if answer else []), said)
+            self.assertLess(size, 100_000, said)
+
+    def test_who_lets_the_time_pass_is_not_waited_for(self):
+        for sent in [b"", b"\xbc", b"\xbc" + 6 * b"\xff" + bytes(7) + b"\x01" + bytes(29)]:
+            status, said, answers, _ = self.received(sent, "--patience", "1", then_close=False)
+            self.assertIn("within 1 seconds", said)
+            self.assertEqual((status, answers), (1, [110]))
+        with socket.socket(socket.AF_UNIX) as silent:  # nor is a receiver that does not greet
+            silent.bind(str(self.file("silent")))
+            silent.listen()
+            send = subprocess.run([LOOM, "send", self.db, "bed_tbl", "--socket", self.file("silent"), "--patience", "1"],
+                                  capture_output=True, text=True, timeout=20)
+        self.assertIn("greeting does not come within 1 seconds", send.stderr)
+
+    def test_any_bytes_are_answered(self):
+        whole = self.sent()
+        self.assertEqual(self.received(whole)[2], [0])
+        chance = random.Random(8)
+        for _ in range(40):
+            damaged = bytearray(whole)
+            for _ in range(chance.randint(1, 6)):
+                damaged[chance.randrange(16, len(damaged))] = chance.choice([0, 1, 127, 128, 255, chance.randrange(256)])
+            status, said, answers, size = self.received(bytes(damaged[:chance.choice([120, 120, chance.randrange(44, 120)])]))
+            self.assertEqual((len(answers), status), (1, int(answers != [0])), (said, damaged.hex()))
+            self.assertLess(size, 100_000, damaged.hex())
 
 
 if __name__ == "__main__":

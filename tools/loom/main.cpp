@@ -29,6 +29,9 @@ constexpr std::size_t any_number = static_cast<std::size_t>(-1);
 const option tenant{"--tenant", "N", "work on the records of tenant N (default 0)"};
 const option source{"--src", "N", "take records of source N (default 1)"};
 const option nearest{"--nearest", "", "or else the next one behind it"};
+const option largest{"--largest", "MIB", "take no more at once from the other side (default 16 MiB)"};
+const option patience{"--patience", "SECONDS",
+                      "wait so long for each step of the other side (default 30; 0: for ever)"};
 const option as_text{"--text", "", "as text"};
 const option as_xml{"--xml", "", "as XML"};
 
@@ -146,14 +149,18 @@ const std::vector<command>& commands() {
          .most = any_number,
          .options = {{"--socket", "PATH", "to the 'loom receive' that listens there"},
                      {"--exec", "COMMAND...",
-                      "to a command that gets one end of a socket pair as its standard input"}},
+                      "to a command that gets one end of a socket pair as its standard input"},
+                     largest,
+                     patience},
          .run = send_records},
         {.name = "receive",
          .summary = "print records that another process sends",
          .options = {{"--socket", "PATH", "listen there (default: the standard input is the socket)"},
                      as_text,
                      as_xml,
-                     {"--into", "DB", "put them into this database instead"}},
+                     {"--into", "DB", "put them into this database instead"},
+                     largest,
+                     patience},
          .run = receive_records},
         {.name = "bundles", .summary = "list the bundles", .run = list_bundles},
         {.name = "types",

@@ -5,6 +5,9 @@
 //     sender:   a table record: 27-byte header, 16-byte luid, payload, key     } for each record,
 //     receiver: u32, 0 or the error number with which it was refused           } until the sender closes
 //
+// What is no record is answered too, and the receiver closes behind any refusal: 22 for what is malformed or cut
+// short, 90 for what is too large, 110 for what does not come in time.
+//
 // Numbers travel most significant byte first, as everywhere on the wire.
 #include "commands.h"
 #include "failure.h"
@@ -17,7 +20,7 @@
 
 #include <loom/wire.h>
 
-#include <array>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 
@@ -26,7 +29,18 @@ namespace {
 
 using trellis::wire::header_size;
 using trellis::wire::message_frame_size;
-constexpr std::size_t largest_message = std::size_t{256} * 1024 * 1024;
+constexpr unsigned usual_largest = 16;  // MiB
+constexpr unsigned usual_patience = 30; // seconds
+
+/// What a peer may cost at most, by the options.
+struct peer_limits {
+    explicit peer_limits(const arguments& line)
+        : largest(std::size_t{line.number("--largest", 1024, usual_largest)} << 20),
+          patience(line.number("--patience", 86400, usual_patience)) {}
+
+    std::size_t largest; // bytes of a message
+    unsigned patience;   // seconds for each step
+};
 
 // ----------------------------------------------------------------------------------------------------- manifests
 
@@ -45,30 +59,27 @@ void send_manifests(const stream_socket& socket) {
 
 using peer_pointer = std::unique_ptr<loom_peer, decltype(&loom_peer_release)>;
 
-peer_pointer receive_manifests(const stream_socket& socket) {
-    constexpr std::uint32_t most_manifests = 1000, longest_manifest = 16 * 1024 * 1024;
+peer_pointer receive_manifests(const stream_socket& socket, std::size_t room) {
+    constexpr std::uint32_t most_manifests = 1000;
     peer_pointer peer(loom_peer_create("receiver"), &loom_peer_release);
     const std::uint32_t count = socket.receive_number("the receiver's greeting");
     if (count > most_manifests) throw failure("what answers there is no 'loom receive'");
     for (std::uint32_t i = 0; i < count; ++i) {
         const std::uint32_t length = socket.receive_number("the receiver's manifest");
-        if (length > longest_manifest) throw failure("what answers there is no 'loom receive'");
-        std::string text(length, '\0');
-        socket.receive_all(std::as_writable_bytes(std::span(text)), "the receiver's manifest");
-        if (loom_peer_add_manifest(peer.get(), text.data(), text.size()) != 0)
+        if (length > room) throw failure("the receiver's manifests are larger than --largest allows");
+        room -= length;
+        std::vector<std::byte> text;
+        if (length != 0) socket.receive(text, length, "the receiver's manifest");
+        if (loom_peer_add_manifest(peer.get(), reinterpret_cast<const char*>(text.data()), text.size()) != 0)
             throw failure(std::string("the receiver's manifest cannot be read: ") + loom_error_text());
     }
     return peer;
 }
 
-/// What the other end speaks. It may be any program: one that does not greet is not waited for long.
-peer_pointer receive_peer(const stream_socket& socket) {
-    constexpr unsigned patience = 30; // seconds; a receiver may have many bundles to load
-    socket.set_patience(patience);
+/// What the other end speaks. It may be any program.
+peer_pointer receive_peer(const stream_socket& socket, const peer_limits& limits) {
     try {
-        peer_pointer peer = receive_manifests(socket);
-        socket.set_patience(0);
-        return peer;
+        return receive_manifests(socket, limits.largest);
     } catch (const failure& reason) {
         throw failure(reason.what(),
                       "let 'loom receive', or a program that greets as it does, be at the other end");
@@ -100,8 +111,10 @@ void send_all_records(context& c, Connect connect) {
     const table_type type = table_type::of(stored, db, c.loaded);
     const std::vector<loom_table_record*> records = wanted_records(c, db, stored, type);
 
+    const peer_limits limits(c.line);
     auto&& socket = connect();
-    const peer_pointer peer = receive_peer(socket);
+    socket.set_patience(limits.patience);
+    const peer_pointer peer = receive_peer(socket, limits);
     loom_set_peer(db.handle(), peer.get());
     for (loom_table_record* record : records) {
         check_interruption();
@@ -117,19 +130,34 @@ void send_all_records(context& c, Connect connect) {
 
 // ----------------------------------------------------------------------------------------------------- receiving
 
+/// What came is refused, and the sender hears why.
+class refusal : public failure {
+  public:
+    refusal(std::uint32_t number, const std::string& what, const std::string& cure)
+        : failure(what, cure), number_(number) {}
+    std::uint32_t number() const { return number_; }
+
+  private:
+    std::uint32_t number_;
+};
+
 /// The next message, frame included; empty when the sender has closed.
-std::vector<std::byte> receive_message(const stream_socket& socket, loom_handle* handle) {
-    std::vector<std::byte> message(message_frame_size);
-    if (!socket.receive_or_end(message, "a record's frame")) return {};
+std::vector<std::byte> receive_message(const stream_socket& socket, loom_handle* handle, std::size_t largest) {
+    std::vector<std::byte> message;
+    if (!socket.receive_or_end(message, message_frame_size, "a record's frame")) return {};
     loom_message_header header{};
     std::uint32_t error = 0;
     _loom_message_header_unmarshal(handle, tool_domain, message.data(), &header, header_size, &error);
-    if (error || header.hdr_magic != LOOM_MESSAGE_HEADER_MAGIC || header.hdr_length < message_frame_size ||
-        header.hdr_length > largest_message)
-        throw failure("what came in is no table record: its header is wrong",
+    if (error || header.hdr_magic != LOOM_MESSAGE_HEADER_MAGIC || header.hdr_length < message_frame_size)
+        throw refusal(LOOM_EINVAL, "what came in is no table record: its header is wrong",
                       "let 'loom send' or a program with the same frame write to this socket");
-    message.resize(header.hdr_length);
-    socket.receive_all(std::span(message).subspan(message_frame_size), "a record");
+    if (header.hdr_length > largest)
+        throw refusal(LOOM_EMSGSIZE,
+                      "a record of " + std::to_string(header.hdr_length) + " bytes is announced, more than the " +
+                          std::to_string(largest) + " that are taken",
+                      "raise the limit with --largest MIB, if the sender is to be trusted");
+    if (header.hdr_length > message_frame_size)
+        socket.receive(message, header.hdr_length - message_frame_size, "a record");
     return message;
 }
 
@@ -153,8 +181,14 @@ class receiver {
     }
 
   private:
+    table_type::owned_record record_of(const table_type& type, std::span<const std::byte> message) const try {
+        return type.from_bytes(handle(), message);
+    } catch (const failure& reason) {
+        throw refusal(LOOM_EINVAL, reason.what(), reason.cure());
+    }
+
     std::uint32_t print(const table_type& type, std::span<const std::byte> message) {
-        const auto record = type.from_bytes(handle(), message);
+        const auto record = record_of(type, message);
         if (as_xml_)
             write_indented(std::cout, type.to_xml(handle(), record.get()), 0);
         else
@@ -165,7 +199,7 @@ class receiver {
     std::uint32_t insert(const table_type& type, std::span<const std::byte> message) {
         write_section writing(database_);
         loom_table* table = type.open(handle(), type.name());
-        auto record = type.from_bytes(handle(), message);
+        auto record = record_of(type, message);
         const std::uint32_t error = type.insert(handle(), table, record);
         if (error == 0) writing.commit();
         return error;
@@ -188,23 +222,56 @@ int send_records(context& c) {
         return exit_good;
     }
     std::optional<child_process> child;
-    send_all_records(c, [&]() -> const stream_socket& { return child.emplace(command).socket(); });
+    send_all_records(c, [&]() -> stream_socket& { return child.emplace(command).socket(); });
     child->finish();
     return exit_good;
 }
 
+namespace {
+/// Nothing is expected of who is refused, not even that he listens.
+void answer_refused(const stream_socket& socket, std::uint32_t number) {
+    try {
+        socket.send_number(number);
+    } catch (const failure&) {
+        return;
+    }
+}
+
+/// Takes the next record and answers it, whatever it is; false when the sender has closed.
+bool take_next(const stream_socket& socket, receiver& target, std::size_t largest) {
+    std::uint32_t unexplained = LOOM_EINVAL; // of what does not come whole
+    try {
+        const std::vector<std::byte> message = receive_message(socket, target.handle(), largest);
+        if (message.empty()) return false;
+        unexplained = EIO;
+        const std::uint32_t answer = target.take(message);
+        if (answer != 0) throw refusal(answer, "a record was refused: error " + error_number_text(answer), {});
+        socket.send_number(answer);
+        return true;
+    } catch (const refusal& reason) {
+        answer_refused(socket, reason.number());
+        throw;
+    } catch (const timed_out&) {
+        answer_refused(socket, ETIMEDOUT);
+        throw;
+    } catch (const std::exception&) {
+        answer_refused(socket, unexplained);
+        throw;
+    }
+}
+} // namespace
+
 int receive_records(context& c) {
+    const peer_limits limits(c.line);
     c.loaded.load_all();
     receiver target(c);
     const std::optional<std::string> path = c.line.value("--socket");
-    const stream_socket socket = path ? stream_socket::accepted_at(*path) : stream_socket::standard_input();
+    stream_socket socket = path ? stream_socket::accepted_at(*path) : stream_socket::standard_input();
+    socket.set_patience(limits.patience);
     send_manifests(socket);
     unsigned count = 0;
-    for (std::vector<std::byte> message; !(message = receive_message(socket, target.handle())).empty(); ++count) {
-        const std::uint32_t answer = target.take(message);
-        socket.send_number(answer);
-        if (answer != 0) throw failure("a record was refused: error " + error_number_text(answer));
-    }
+    while (take_next(socket, target, limits.largest))
+        ++count;
     if (count == 0) throw failure("the sender closed before it sent a record");
     return exit_good;
 }

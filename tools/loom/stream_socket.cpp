@@ -3,15 +3,18 @@
 #include "failure.h"
 #include "interruption.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -82,45 +85,73 @@ stream_socket::~stream_socket() {
     if (descriptor_ >= 0) ::close(descriptor_);
 }
 
-stream_socket::stream_socket(stream_socket&& other) noexcept : descriptor_(other.descriptor_) {
-    other.descriptor_ = -1;
-}
+stream_socket::stream_socket(stream_socket&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)), patience_(other.patience_) {}
+
+/// The moment at which one piece of work is given up.
+class stream_socket::deadline {
+  public:
+    explicit deadline(const stream_socket& socket) : socket_(socket) {}
+
+    /// Waits until something can be done; throws when the time is over.
+    void wait_for(short event, const std::string& what) const {
+        using std::chrono::milliseconds;
+        pollfd waiting{socket_.descriptor_, event, 0};
+        const auto left = std::chrono::duration_cast<milliseconds>(end() - clock::now()).count();
+        const int milliseconds_left = socket_.patience_ == 0 ? -1 : static_cast<int>(std::max<long>(left, 0));
+        if (::poll(&waiting, 1, milliseconds_left) == 0)
+            throw timed_out(what + " within " + std::to_string(socket_.patience_) + " seconds",
+                            "see to the other side, or give more time with --patience SECONDS");
+    }
+
+  private:
+    using clock = std::chrono::steady_clock;
+    clock::time_point end() const { return begun_ + std::chrono::seconds(socket_.patience_); }
+
+    const stream_socket& socket_;
+    clock::time_point begun_ = clock::now();
+};
 
 void stream_socket::send_all(std::span<const std::byte> bytes) const {
+    const deadline limit(*this);
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) {
-            check_interruption();
-            continue;
-        }
+        limit.wait_for(POLLOUT, "the other side does not take what is sent");
+        const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (sent <= 0) throw failure("the other side is gone: " + system_error());
         bytes = bytes.subspan(static_cast<std::size_t>(sent));
     }
 }
 
-bool stream_socket::receive_or_end(std::span<std::byte> bytes, const std::string& what) const {
+bool stream_socket::receive_or_end(std::vector<std::byte>& bytes, std::size_t size,
+                                   const std::string& what) const {
+    constexpr std::size_t piece = std::size_t{64} * 1024;
+    const deadline limit(*this);
     std::size_t received = 0;
-    while (received < bytes.size()) {
-        const ssize_t count = ::recv(descriptor_, bytes.data() + received, bytes.size() - received, 0);
-        if (count < 0 && errno == EINTR) {
-            check_interruption();
-            continue;
-        }
-        if (count < 0 && errno == EAGAIN) throw failure(what + " does not come");
+    const std::size_t before = bytes.size();
+    while (received < size) {
+        limit.wait_for(POLLIN, what + " does not come");
+        const std::size_t wanted = std::min(piece, size - received);
+        bytes.resize(before + received + wanted);
+        const ssize_t count = ::recv(descriptor_, bytes.data() + before + received, wanted, MSG_DONTWAIT);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (count < 0) throw failure(what + " cannot be received: " + system_error());
-        if (count == 0 && received == 0) return false;
+        if (count == 0 && received == 0) {
+            bytes.resize(before);
+            return false;
+        }
         if (count == 0)
             throw failure("the other side closed in the middle of " + what + ": " + std::to_string(received) +
-                          " of " + std::to_string(bytes.size()) + " bytes came");
+                          " of " + std::to_string(size) + " bytes came");
         received += static_cast<std::size_t>(count);
     }
+    bytes.resize(before + received);
     return true;
 }
 
-void stream_socket::receive_all(std::span<std::byte> bytes, const std::string& what) const {
-    if (!bytes.empty() && !receive_or_end(bytes, what))
-        throw failure("the other side closed before " + what + " came: 0 of " + std::to_string(bytes.size()) +
-                      " bytes");
+void stream_socket::receive(std::vector<std::byte>& bytes, std::size_t size, const std::string& what) const {
+    if (!receive_or_end(bytes, size, what))
+        throw failure("the other side closed before " + what + " came: 0 of " + std::to_string(size) + " bytes");
 }
 
 void stream_socket::send_number(std::uint32_t number) const {
@@ -130,18 +161,12 @@ void stream_socket::send_number(std::uint32_t number) const {
 }
 
 std::uint32_t stream_socket::receive_number(const std::string& what) const {
-    std::array<std::byte, 4> bytes{};
-    receive_all(bytes, what);
+    std::vector<std::byte> bytes;
+    receive(bytes, sizeof(std::uint32_t), what);
     std::uint32_t number = 0;
     for (const std::byte byte : bytes)
         number = number << 8 | std::to_integer<std::uint32_t>(byte);
     return number;
-}
-
-void stream_socket::set_patience(unsigned seconds) const {
-    timeval limit{};
-    limit.tv_sec = seconds;
-    ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 void stream_socket::shut_down(bool both_ways) const { ::shutdown(descriptor_, both_ways ? SHUT_RDWR : SHUT_WR); }

@@ -1,6 +1,9 @@
 // Local stream sockets between two processes, and a child process at the other end of a socket pair. What travels
-// is told by those who send.
+// is told by those who send. Who is at the other end is not trusted: waiting has an end, and memory is taken as
+// bytes come, not as they are promised.
 #pragma once
+
+#include "failure.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +13,11 @@
 #include <vector>
 
 namespace tool {
+
+/// The other end let the time pass.
+class timed_out : public failure {
+    using failure::failure;
+};
 
 class stream_socket {
   public:
@@ -27,18 +35,23 @@ class stream_socket {
 
     void send_all(std::span<const std::byte> bytes) const;
     void send_number(std::uint32_t number) const;
-    /// Fills `bytes`; throws failure, naming `what` and how much of it came, when the other end closes before.
-    void receive_all(std::span<std::byte> bytes, const std::string& what) const;
+    /// Appends so many bytes; throws failure, naming `what` and how much of it came, when the other end closes
+    /// before.
+    void receive(std::vector<std::byte>& bytes, std::size_t size, const std::string& what) const;
     /// The same, but false when the other end closed before the first byte.
-    bool receive_or_end(std::span<std::byte> bytes, const std::string& what) const;
+    bool receive_or_end(std::vector<std::byte>& bytes, std::size_t size, const std::string& what) const;
     std::uint32_t receive_number(const std::string& what) const;
-    /// From now on receiving gives up after so many seconds without a byte; 0: never.
-    void set_patience(unsigned seconds) const;
+    /// From now on each of these gives up, throwing timed_out, when it has not done its work after so many
+    /// seconds; 0: never.
+    void set_patience(unsigned seconds) { patience_ = seconds; }
     /// Nothing more will be sent; with `both_ways` nothing received either, so that nobody waits for this end.
     void shut_down(bool both_ways) const;
 
   private:
+    class deadline;
+
     int descriptor_;
+    unsigned patience_ = 0;
 };
 
 /// A program that runs with one end of a socket pair as its standard input.
@@ -49,7 +62,7 @@ class child_process {
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
 
-    const stream_socket& socket() const { return socket_; }
+    stream_socket& socket() { return socket_; }
     /// Closes this end and waits; throws failure when the program failed.
     void finish();
 
