@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include <random>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -25,7 +27,7 @@ constexpr uint32_t domain = 1;
 /// A mapped database with a table of seven tracked records that own something in every way.
 class owners_database {
   public:
-    explicit owners_database(uint32_t flags = 0, uint32_t kind = LOOM_DB_MAPPED) {
+    explicit owners_database(uint32_t flags = 0, uint32_t kind = LOOM_DB_MAPPED, uint64_t journal_limit = 0) {
         std::string name = (std::filesystem::temp_directory_path() / "loom-verify-XXXXXX").string();
         if (!mkdtemp(name.data())) std::abort();
         directory_ = name;
@@ -37,6 +39,7 @@ class owners_database {
         options.flags = LOOM_OPEN_CREATE | flags;
         options.tracking = LOOM_TRACKING_ON;
         options.reserve = 64 << 20;
+        options.journal_limit = journal_limit;
         handle = loom_open(&options);
         if (!handle) std::abort();
         EXPECT_EQ(loom_write_begin(handle), 0u);
@@ -90,6 +93,8 @@ class owners_database {
         EXPECT_EQ(loom_read_end(handle), 0u);
         return text;
     }
+
+    std::string path() const { return directory_ + "/db"; }
 
     loom_salvage_result salvaged{};
     loom_handle* handle = nullptr;
@@ -274,6 +279,30 @@ TEST(salvage, needs_no_tree_and_no_list) {
         EXPECT_EQ(friend_table, id == 5 ? db.table : nullptr);
         cell = static_cast<char*>(record->seq_next);
     }
+}
+
+/// Journal files fill up, are absorbed and written again while they are looked through.
+TEST(verify, finds_nothing_beside_a_writer) {
+    owners_database db(0, LOOM_DB_MAPPED, 16 << 10);
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        loom_handle* handle = loom_open_mapped(db.path().c_str(), 0);
+        uint32_t err = 0;
+        for (uint32_t round = 0; round < 400; ++round) {
+            EXPECT_EQ(loom_write_begin(handle), 0u);
+            const std::string text(1 + round * 7 % 900, 'x');
+            loom_vstring_assign(handle, domain, &db[round % 7]->word, text.data(),
+                                static_cast<uint32_t>(text.size()), &err);
+            EXPECT_EQ(round % 5 == 4 ? loom_write_abort(handle) : loom_write_commit(handle), 0u);
+            if (round % 20 == 0) loom_database_sync(handle);
+        }
+        EXPECT_EQ(err, 0u);
+        loom_close(handle);
+        done = true;
+    });
+    while (!done)
+        EXPECT_EQ(db.verify(LOOM_VERIFY_DEEP), "");
+    writer.join();
 }
 
 /// Whatever bytes a database has, nothing is followed that was not proved.
