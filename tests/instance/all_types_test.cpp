@@ -1,8 +1,8 @@
 // Every type of the catalogue through its whole life: made, filled, read back, copied, compared, moved, ended.
 // With tracking absent, off and on, in each kind of database, for each variant that a peer may speak; every store
 // must have been announced, no block may be left, and as many objects must end as were made.
+#include "records.h"
 #include "tests/support/forms.h"
-#include "tests/support/typed.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 /// Objects of every type that were made and not ended, as the statistics count them.
 std::map<std::string, i64> living_objects(loom_handle* handle) {
     std::map<std::string, i64> living;
-    const auto count = [&](const char* name, const loom_type_info* info) {
+    const auto count = [&](const std::string& name, const loom_type_info* info) {
         if (handle->db_kind != 0)
             info = static_cast<loom_type_info*>(
                 handle->tinfo_lookup(handle->tinfo_ctx, test_handle::domain, info->luid_text));
@@ -27,28 +27,32 @@ std::map<std::string, i64> living_objects(loom_handle* handle) {
         }
         if (sum != 0) living[name] = sum;
     };
-    for (const record_driver& each : all_records())
-        count(each.name, each.type_info());
-    for (const compact_driver& each : all_compact_types())
-        count(each.name, each.type_info());
+    const auto count_all = [&](const auto& types) {
+        for (const auto& [name, type] : types)
+            count(name, static_cast<const loom_type_info*>(find_function("_" + name + "_type_info_internal")));
+    };
+    count_all(catalogue().records);
+    count_all(catalogue().enumerations);
+    count_all(catalogue().flag_sets);
     return living;
 }
 
 /// An object whose variant does not reach an attribute leaves a nested record there as it was made: it is set up
-/// with its holder and not ended with it.
-void add_all_nested(const record_driver& driver, std::map<std::string, i64>& left) {
-    for (const auto& [name, since] : driver.nested) {
-        ++left[name];
-        add_all_nested(record_named(name), left);
+/// with its holder and not ended with it. Adds the records in place that came after the variant.
+void add_nested(const record_description& record, int variant, std::map<std::string, i64>& left) {
+    for (const attribute_description& a : record.attributes) {
+        const auto nested = catalogue().records.find(a.type);
+        const bool in_place = a.shape == attribute_shape::object || a.shape == attribute_shape::fixed_array;
+        if (!in_place || nested == catalogue().records.end() || a.since <= variant) continue;
+        for (u32 i = 0; i < std::max(a.extent, 1u); ++i) {
+            ++left[a.type];
+            add_nested(nested->second, -1, left);
+        }
     }
 }
-std::map<std::string, i64> left_behind(const record_driver& driver, int variant) {
+std::map<std::string, i64> left_behind(const record_description& record, int variant) {
     std::map<std::string, i64> left;
-    for (const auto& [name, since] : driver.nested) {
-        if (since <= variant) continue;
-        ++left[name];
-        add_all_nested(record_named(name), left);
-    }
+    add_nested(record, variant, left);
     return left;
 }
 std::map<std::string, i64> sum_of(std::map<std::string, i64> a, const std::map<std::string, i64>& b, i64 times) {
@@ -78,34 +82,31 @@ std::vector<setting> all_settings() {
     return all;
 }
 
-std::string joined(const std::vector<std::string>& faults) {
-    std::string text;
-    for (size_t i = 0; i < faults.size() && i < 20; ++i)
-        text += faults[i] + "\n";
-    return text;
+handle_options options_of(const setting& in) {
+    handle_options made{};
+    made.db_kind = in.db_kind;
+    made.tracking = in.tracking;
+    made.unfollowed = in.unfollowed;
+    made.check_stores = !in.unfollowed;
+    return made;
 }
 
 class every_record : public ::testing::TestWithParam<setting> {
   protected:
-    static handle_options options() {
-        handle_options made{};
-        made.db_kind = GetParam().db_kind;
-        made.tracking = GetParam().tracking;
-        made.unfollowed = GetParam().unfollowed;
-        made.check_stores = !made.unfollowed;
-        return made;
-    }
+    static handle_options options() { return options_of(GetParam()); }
 };
 
 /// Objects of one record, filled with what their seeds give, under one handle.
 class life {
   public:
-    life(const record_driver& driver, test_handle& handle) : driver_(driver), handle_(handle), tables_(handle) {
+    life(const record_description& record, test_handle& handle)
+        : record_(record), type_(record.name), handle_(handle), tables_(handle) {
         // The first objects of all bring the type information of their bundles into the database, where it stays.
         void* first = made();
         fill(first, 1);
         end(first);
-        record_named("ud_type").destroy(handle, domain, record_named("ud_type").create(handle, domain));
+        const named_type another("ud_type");
+        another.destroy(handle, domain, another.create(handle, domain));
         handle.end_operation();
         blocks_ = handle.live_blocks();
         living_ = living_objects(handle);
@@ -113,7 +114,7 @@ class life {
     }
 
     void* made() {
-        void* object = driver_.create(handle_, domain);
+        void* object = type_.create(handle_, domain);
         EXPECT_NE(object, nullptr);
         handle_.end_operation();
         return object;
@@ -125,48 +126,47 @@ class life {
         walk(const_cast<void*>(object), false, seed, when);
     }
     void* clone_of(const void* object) {
-        std::vector<std::byte> workspace(size_t{driver_.len(handle_, domain, object)} + 1);
+        std::vector<std::byte> workspace(size_t{type_.len(handle_, domain, object)} + 1);
         void* copy = nullptr;
         u32 error = 0;
-        driver_.clone(handle_, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()),
-                      &error);
+        operate(record_.name, "_clone", handle_.get(), domain, object, &copy, workspace.data(),
+                static_cast<i32>(workspace.size()), &error);
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
         through_wire_ = true;
         return copy;
     }
     std::vector<std::byte> wire_form_of(const void* object, u32 expected_error = 0) {
-        std::vector<std::byte> wire(size_t{driver_.len(handle_, domain, object)} + 64);
+        std::vector<std::byte> wire(size_t{type_.len(handle_, domain, object)} + 64);
         u32 error = 0;
-        wire.resize(driver_.marshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), &error));
+        wire.resize(type_.marshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), &error));
         EXPECT_EQ(error, expected_error);
         handle_.end_operation();
         return wire;
     }
     void read(void* object, const std::vector<std::byte>& wire, u32 existing) {
         u32 error = 0;
-        EXPECT_EQ(driver_.unmarshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), existing,
-                                    &error),
-                  wire.size());
+        EXPECT_EQ(
+            type_.unmarshal(handle_, domain, wire.data(), object, static_cast<i32>(wire.size()), existing, &error),
+            wire.size());
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
         through_wire_ = true;
     }
     void raise(void* object) {
         u32 error = 0;
-        exported<void(loom_handle*, u32, void*, u32*)>(std::string(driver_.name) +
-                                                       "_adjust_variant")(handle_, domain, object, &error);
+        operate(record_.name, "_adjust_variant", handle_.get(), domain, object, &error);
         EXPECT_EQ(error, 0u);
         handle_.end_operation();
     }
     void move(void* to, void* from, u32 expected_error = 0) {
         u32 error = 0;
-        driver_.set(handle_, domain, to, from, &error);
+        operate(record_.name, "_set", handle_.get(), domain, to, from, &error);
         EXPECT_EQ(error, expected_error);
         handle_.end_operation();
     }
     void end(void* object) {
-        driver_.destroy(handle_, domain, object);
+        type_.destroy(handle_, domain, object);
         handle_.end_operation();
     }
 
@@ -183,19 +183,17 @@ class life {
     reference_tables& tables() { return tables_; }
 
   private:
-    static constexpr u32 domain = test_handle::domain;
-
     void walk(void* object, bool sets, u64 seed, const char* when) {
-        std::vector<std::string> faults;
-        object_walk all(handle_, sets, seed, faults);
-        all.tables = &tables_;
+        accessor_walk all{
+            .schema = catalogue(), .handle = handle_, .setting = sets, .seed = seed, .tables = &tables_};
         all.refilled = refilled_;
         all.through_wire = through_wire_;
-        driver_.walk(all, object);
-        EXPECT_TRUE(faults.empty()) << when << ": " << joined(faults);
+        all.walk(record_.name, pattern_of(record_.name, seed), object);
+        EXPECT_EQ(all.faults.substr(0, 2000), "") << when;
     }
 
-    const record_driver& driver_;
+    const record_description& record_;
+    named_type type_;
     test_handle& handle_;
     reference_tables tables_;
     bool refilled_ = false;
@@ -207,26 +205,26 @@ class life {
 /// A new object, moved to a block that is as long as older code would have made it.
 class older_layout {
   public:
-    older_layout(const record_driver& driver, test_handle& handle, void* newest, i8 layout) {
-        const std::string name = driver.name;
-        const auto size_of = exported<u32(loom_handle*, const void*, u32, u32)>(name + "_sizeof_internal");
-        const auto remove_places = exported<void(loom_handle*, u32, void*, u32*)>(name + "_offset_remove");
-        const auto place = exported<void(loom_handle*, u32, void*, void*, u32*)>(name + "_offset_update");
+    older_layout(const record_description& record, test_handle& handle, void* newest, int layout) {
+        const auto size_of = [&](const void* object, u32 with_area, u32 area_only) {
+            return operate<u32>(record.name, "_sizeof_internal", handle.get(), object, with_area, area_only);
+        };
         const test_handle::unannounced by_hand(handle, "the test lays the object out itself");
-        const u32 domain = test_handle::domain;
         const bool tracked = is_on(handle);
         auto* header = static_cast<loom_object*>(newest);
         header->loom_layout_variant = static_cast<u8>(layout);
         // Without a control block the layout is not looked at: a block of the base size must do.
-        size_ = size_of(handle, newest, 1, 0);
+        size_ = size_of(newest, 1, 0);
         object_ = static_cast<u8*>(handle->alloc(handle->alloc_ctx, domain, size_ + sizeof guard));
         memset(object_, 0, size_);
-        memcpy(object_, newest, tracked ? size_of(handle, newest, 0, 0) : size_);
+        memcpy(object_, newest, tracked ? size_of(newest, 0, 0) : size_);
         memcpy(object_ + size_, guard, sizeof guard);
         u32 error = 0;
-        header->loom_layout_variant = static_cast<u8>(driver.newest);
-        remove_places(handle, domain, newest, &error);
-        if (tracked) place(handle, domain, object_, object_ + size_of(handle, object_, 0, 0), &error);
+        header->loom_layout_variant = static_cast<u8>(record.newest);
+        operate(record.name, "_offset_remove", handle.get(), domain, newest, &error);
+        if (tracked)
+            operate(record.name, "_offset_update", handle.get(), domain, object_, object_ + size_of(object_, 0, 0),
+                    &error);
         handle->free(handle->alloc_ctx, domain, newest);
         EXPECT_EQ(error, 0u);
     }
@@ -245,9 +243,9 @@ class older_layout {
 i8 variant_of(const void* object) { return static_cast<const loom_object*>(object)->loom_variant; }
 
 /// What every record must do, whatever its variant.
-void live_through(const record_driver& driver, test_handle& handle, int variant, u64 seed) {
-    SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
-    life on(driver, handle);
+void live_through(const record_description& record, test_handle& handle, int variant, u64 seed) {
+    SCOPED_TRACE(record.name + " variant " + std::to_string(variant));
+    life on(record, handle);
     void* object = on.made();
     ASSERT_EQ(variant_of(object), variant);
     on.fill(object, seed);
@@ -257,8 +255,8 @@ void live_through(const record_driver& driver, test_handle& handle, int variant,
     // A copy is equal, hashes alike and holds the same values. References are not counted for it.
     void* copy = on.clone_of(object);
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(driver.compare(object, copy), 0);
-    EXPECT_EQ(driver.hash(object, 4711), driver.hash(copy, 4711));
+    EXPECT_EQ(named_type(record.name).compare(object, copy), 0);
+    EXPECT_EQ(named_type(record.name).hash(object, 4711), named_type(record.name).hash(copy, 4711));
     on.expect_filled(copy, seed, "in the copy");
     EXPECT_EQ(on.tables().references(), references);
 
@@ -288,14 +286,14 @@ void live_through(const record_driver& driver, test_handle& handle, int variant,
 
     on.end(copy);
     on.end(object);
-    on.expect_nothing_left(left_behind(driver, variant), 3);
+    on.expect_nothing_left(left_behind(record, variant), 3);
 }
 
 /// The type does not exist for the peer: nothing of an object can be reached, and what it was made with stays with
 /// it.
-void live_through_without_variant(const record_driver& driver, test_handle& handle) {
-    SCOPED_TRACE(std::string(driver.name) + " without variant");
-    life on(driver, handle);
+void live_through_without_variant(const record_description& record, test_handle& handle) {
+    SCOPED_TRACE(record.name + " without variant");
+    life on(record, handle);
     void* object = on.made();
     ASSERT_EQ(variant_of(object), -1);
     on.fill(object, 1);
@@ -310,28 +308,28 @@ void live_through_without_variant(const record_driver& driver, test_handle& hand
     on.expect_filled(copy, 1, "moved to");
     on.end(copy);
     on.end(object);
-    on.expect_nothing_left(left_behind(driver, -1), 2);
+    on.expect_nothing_left(left_behind(record, -1), 2);
 }
 
 TEST_P(every_record, lives_its_whole_life_in_the_newest_variant) {
     u64 seed = 20240101;
-    for (const record_driver& driver : all_records()) {
+    for (const auto& [name, record] : catalogue().records) {
         test_handle handle(options());
-        live_through(driver, handle, driver.newest, ++seed);
+        live_through(record, handle, record.newest, ++seed);
         if (HasFailure()) return;
     }
 }
 
 TEST_P(every_record, lives_its_whole_life_under_older_peers) {
     u64 seed = 77;
-    for (const record_driver& driver : all_records()) {
-        for (int variant = -1; variant < driver.newest; ++variant) {
+    for (const auto& [name, record] : catalogue().records) {
+        for (int variant = -1; variant < record.newest; ++variant) {
             test_handle handle(options());
-            const older_peer limit(handle, driver.name, variant);
+            const older_peer limit(handle, record.name.c_str(), variant);
             if (variant < 0)
-                live_through_without_variant(driver, handle);
+                live_through_without_variant(record, handle);
             else
-                live_through(driver, handle, variant, ++seed);
+                live_through(record, handle, variant, ++seed);
             if (HasFailure()) return;
         }
     }
@@ -340,15 +338,15 @@ TEST_P(every_record, lives_its_whole_life_under_older_peers) {
 /// Objects of different variants meet when the peer changes.
 TEST_P(every_record, outlives_its_peer) {
     constexpr u64 newer_seed = 5, older_seed = 6;
-    for (const record_driver& driver : all_records()) {
-        for (int variant = -1; variant < driver.newest; ++variant) {
-            SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
+    for (const auto& [name, record] : catalogue().records) {
+        for (int variant = -1; variant < record.newest; ++variant) {
+            SCOPED_TRACE(record.name + " variant " + std::to_string(variant));
             test_handle handle(options());
-            life on(driver, handle);
+            life on(record, handle);
             void* newer = on.made();
             on.fill(newer, newer_seed);
             const std::vector<std::byte> wire = on.wire_form_of(newer);
-            const older_peer limit(handle, driver.name, variant);
+            const older_peer limit(handle, record.name.c_str(), variant);
             void* older = on.made();
             void* reader = on.made();
             EXPECT_EQ(variant_of(older), variant);
@@ -358,11 +356,11 @@ TEST_P(every_record, outlives_its_peer) {
             on.wire_form_of(newer, LOOM_EIDRM);
             void* copy = on.clone_of(newer);
             ASSERT_NE(copy, nullptr);
-            EXPECT_EQ(variant_of(copy), driver.newest);
+            EXPECT_EQ(variant_of(copy), record.newest);
             on.expect_filled(copy, newer_seed, "cloned");
             // A reader takes as much as it has room for, whatever its peer knows.
             on.read(reader, wire, 0);
-            EXPECT_EQ(variant_of(reader), driver.newest);
+            EXPECT_EQ(variant_of(reader), record.newest);
             on.expect_filled(reader, newer_seed, "read");
             // A newer object does not fit into an older one, but the other way round.
             on.move(older, newer, LOOM_EIDRM);
@@ -377,7 +375,7 @@ TEST_P(every_record, outlives_its_peer) {
             loom_set_peer(handle, nullptr);
             on.expect_stale_arms();
             on.raise(older);
-            EXPECT_EQ(variant_of(older), driver.newest);
+            EXPECT_EQ(variant_of(older), record.newest);
             on.fill(older, newer_seed);
             on.expect_filled(older, newer_seed, "raised");
 
@@ -393,18 +391,18 @@ TEST_P(every_record, outlives_its_peer) {
 /// An object that was laid out by older code has less room, and its tracking area begins where that ends.
 TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
     constexpr u64 seed = 8;
-    for (const record_driver& driver : all_records()) {
-        for (i8 layout = 0; layout < driver.newest; ++layout) {
-            SCOPED_TRACE(std::string(driver.name) + " layout " + std::to_string(layout));
+    for (const auto& [name, record] : catalogue().records) {
+        for (int layout = 0; layout < record.newest; ++layout) {
+            SCOPED_TRACE(record.name + " layout " + std::to_string(layout));
             test_handle handle(options());
-            life on(driver, handle);
+            life on(record, handle);
             void* newest = on.made();
             on.fill(newest, seed);
             const std::vector<std::byte> newest_wire = on.wire_form_of(newest);
             {
-                const older_peer limit(handle, driver.name, layout);
+                const older_peer limit(handle, record.name.c_str(), layout);
                 void* object = on.made();
-                older_layout made(driver, handle, object, layout);
+                older_layout made(record, handle, object, layout);
                 loom_set_peer(handle, nullptr);
 
                 // The peer knows more than there is room for.
@@ -413,8 +411,8 @@ TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
                 on.expect_filled(made.object(), seed, "filled");
                 void* copy = on.clone_of(made.object());
                 ASSERT_NE(copy, nullptr);
-                EXPECT_EQ(driver.compare(made.object(), copy), 0);
-                EXPECT_EQ(driver.hash(made.object(), 1), driver.hash(copy, 1));
+                EXPECT_EQ(named_type(record.name).compare(made.object(), copy), 0);
+                EXPECT_EQ(named_type(record.name).hash(made.object(), 1), named_type(record.name).hash(copy, 1));
                 on.expect_filled(copy, seed, "cloned");
                 on.read(made.object(), newest_wire, 1);
                 EXPECT_EQ(variant_of(made.object()), layout);
@@ -437,11 +435,10 @@ TEST_P(every_record, of_an_older_layout_is_used_within_its_room) {
 /// An object that is referred to is ended by its last reference.
 TEST_P(every_record, ends_with_its_last_reference) {
     constexpr u64 seed = 9;
-    constexpr u32 domain = test_handle::domain;
-    for (const record_driver& driver : all_records()) {
-        SCOPED_TRACE(driver.name);
+    for (const auto& [name, record] : catalogue().records) {
+        SCOPED_TRACE(record.name);
         test_handle handle(options());
-        life on(driver, handle);
+        life on(record, handle);
         void* object = on.made();
         on.fill(object, seed);
         u32 error = 0;
@@ -468,10 +465,10 @@ TEST_P(every_record, ends_with_its_last_reference) {
 TEST_P(every_record, keeps_the_tables_that_it_refers_to) {
     constexpr u64 seed = 10;
     u32 referring = 0;
-    for (const record_driver& driver : all_records()) {
-        SCOPED_TRACE(driver.name);
+    for (const auto& [name, record] : catalogue().records) {
+        SCOPED_TRACE(record.name);
         test_handle handle(options());
-        life on(driver, handle);
+        life on(record, handle);
         void* object = on.made();
         on.fill(object, seed);
         const u32 references = on.tables().references();
@@ -493,68 +490,78 @@ INSTANTIATE_TEST_SUITE_P(settings, every_record, ::testing::ValuesIn(all_setting
 
 class every_compact_type : public ::testing::TestWithParam<setting> {};
 
+/// An enumeration or flag set: its members' user values, or bit numbers, each with its variant.
+struct compact_type {
+    std::string name;
+    int newest;
+    std::vector<std::pair<i32, int>> members;
+    bool is_flag_set;
+};
+std::vector<compact_type> compact_types() {
+    std::vector<compact_type> all;
+    for (const auto& [name, type] : catalogue().enumerations) {
+        all.push_back({name, type.newest, {}, false});
+        for (const auto& each : type.members)
+            all.back().members.emplace_back(each.value, each.since);
+    }
+    for (const auto& [name, type] : catalogue().flag_sets) {
+        all.push_back({name, type.newest, {}, true});
+        for (const auto& each : type.bits)
+            all.back().members.emplace_back(static_cast<i32>(all.back().members.size()), each.since);
+    }
+    return all;
+}
+
+/// Sets a member or bit in one object and takes it to another by the wire and by `set`.
+void set_and_copy(const compact_type& type, test_handle& handle, void* object, void* copy, i32 value,
+                  u32 refused) {
+    const named_type operations(type.name);
+    u32 error = 0;
+    loom_handle* const h = handle;
+    if (type.is_flag_set)
+        operate(type.name, "_set_value", h, domain, object, value, 1u, &error);
+    else
+        operate(type.name, "_set_value", h, domain, object, value, &error);
+    handle.end_operation();
+    EXPECT_EQ(error, refused) << value;
+    if (error != 0) return;
+    const i32 got = type.is_flag_set ? operate<i32>(type.name, "_get_value", h, domain, object, value, &error)
+                                     : operate<i32>(type.name, "_get_value", h, domain, object, &error);
+    EXPECT_EQ(got, type.is_flag_set ? 1 : value);
+    std::byte wire[64];
+    const u32 size = operations.marshal(h, domain, wire, object, sizeof wire, &error);
+    EXPECT_EQ(size, operations.len(h, domain, object));
+    EXPECT_EQ(operations.unmarshal(h, domain, wire, copy, static_cast<i32>(size), 0, &error), size);
+    handle.end_operation();
+    EXPECT_EQ(operations.compare(object, copy), 0);
+    EXPECT_EQ(operations.hash(object, 99), operations.hash(copy, 99));
+    operate(type.name, "_set", h, domain, copy, object, &error);
+    handle.end_operation();
+    EXPECT_EQ(operations.compare(object, copy), 0);
+    EXPECT_EQ(error, 0u);
+}
+
 TEST_P(every_compact_type, lives_its_whole_life) {
-    for (const compact_driver& driver : all_compact_types()) {
-        for (int variant = -1; variant <= driver.newest; ++variant) {
-            SCOPED_TRACE(std::string(driver.name) + " variant " + std::to_string(variant));
-            handle_options options{};
-            options.db_kind = GetParam().db_kind;
-            options.tracking = GetParam().tracking;
-            options.unfollowed = GetParam().unfollowed;
-            options.check_stores = !options.unfollowed;
-            test_handle handle(options);
-            const older_peer limit(handle, driver.name, variant);
-            auto* const set_value = exported_address(std::string(driver.name) + "_set_value");
-            auto* const get_value = exported_address(std::string(driver.name) + "_get_value");
-            driver.destroy(handle, test_handle::domain, driver.create(handle, test_handle::domain));
+    for (const compact_type& type : compact_types()) {
+        const named_type operations(type.name);
+        for (int variant = -1; variant <= type.newest; ++variant) {
+            SCOPED_TRACE(type.name + " variant " + std::to_string(variant));
+            test_handle handle(options_of(GetParam()));
+            const older_peer limit(handle, type.name.c_str(), variant);
+            operations.destroy(handle, domain, operations.create(handle, domain));
             handle.end_operation();
             const u64 blocks = handle.live_blocks();
             const auto living = living_objects(handle);
-
-            void* object = driver.create(handle, test_handle::domain);
-            ASSERT_NE(object, nullptr);
-            void* copy = driver.create(handle, test_handle::domain);
+            void* object = operations.create(handle, domain);
+            void* copy = operations.create(handle, domain);
             EXPECT_EQ(handle.live_blocks(), blocks + 2);
-            EXPECT_EQ(driver.compare(object, copy), 0);
+            EXPECT_EQ(operations.compare(object, copy), 0);
             handle.end_operation();
-            for (const auto& [value, since] : driver.members) {
-                const bool refused = since > 0 && since > variant;
-                u32 error = 0;
-                if (driver.is_flag_set)
-                    reinterpret_cast<void (*)(loom_handle*, u32, void*, u32, u32, u32*)>(set_value)(
-                        handle, test_handle::domain, object, static_cast<u32>(value), 1, &error);
-                else
-                    reinterpret_cast<void (*)(loom_handle*, u32, void*, i32, u32*)>(set_value)(
-                        handle, test_handle::domain, object, value, &error);
-                handle.end_operation();
-                EXPECT_EQ(error, refused ? u32{LOOM_EIDRM} : 0u) << value;
-                if (error != 0) continue;
-                i64 got;
-                if (driver.is_flag_set)
-                    got = reinterpret_cast<u32 (*)(loom_handle*, u32, const void*, u32, u32*)>(get_value)(
-                        handle, test_handle::domain, object, static_cast<u32>(value), &error);
-                else
-                    got = reinterpret_cast<i32 (*)(loom_handle*, u32, const void*, u32*)>(get_value)(
-                        handle, test_handle::domain, object, &error);
-                EXPECT_EQ(got, driver.is_flag_set ? 1 : value);
-                EXPECT_EQ(error, 0u);
-                // A copy through the wire and a copy by set are the value itself.
-                std::byte wire[64];
-                const u32 size = driver.marshal(handle, test_handle::domain, wire, object, sizeof wire, &error);
-                EXPECT_EQ(size, driver.len(handle, test_handle::domain, object));
-                EXPECT_EQ(
-                    driver.unmarshal(handle, test_handle::domain, wire, copy, static_cast<i32>(size), 0, &error),
-                    size);
-                handle.end_operation();
-                EXPECT_EQ(driver.compare(object, copy), 0);
-                EXPECT_EQ(driver.hash(object, 99), driver.hash(copy, 99));
-                driver.set(handle, test_handle::domain, copy, object, &error);
-                handle.end_operation();
-                EXPECT_EQ(driver.compare(object, copy), 0);
-                EXPECT_EQ(error, 0u);
-            }
-            driver.destroy(handle, test_handle::domain, copy);
-            driver.destroy(handle, test_handle::domain, object);
+            for (const auto& [value, since] : type.members)
+                set_and_copy(type, handle, object, copy, value,
+                             since > 0 && since > variant ? u32{LOOM_EIDRM} : 0u);
+            operations.destroy(handle, domain, copy);
+            operations.destroy(handle, domain, object);
             EXPECT_EQ(handle.take_violations(), "");
             EXPECT_EQ(handle.live_blocks(), blocks);
             EXPECT_EQ(living_objects(handle), living);
@@ -565,9 +572,9 @@ TEST_P(every_compact_type, lives_its_whole_life) {
 INSTANTIATE_TEST_SUITE_P(settings, every_compact_type, ::testing::ValuesIn(all_settings()),
                          [](const auto& info) { return name_of(info.param); });
 
-TEST(catalogue, has_all_types) {
-    EXPECT_EQ(all_records().size(), 103u);
-    EXPECT_EQ(all_compact_types().size(), 18u);
+TEST(types, are_all_there) {
+    EXPECT_EQ(catalogue().records.size(), 103u);
+    EXPECT_EQ(compact_types().size(), 18u);
 }
 
 } // namespace

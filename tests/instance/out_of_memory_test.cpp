@@ -1,7 +1,7 @@
 // The n-th allocation fails, for n from 1 until the operation passes: the failure is reported where it must be,
 // nothing is lost, and what is left can be used, copied and ended.
+#include "records.h"
 #include "tests/support/sanitized.h"
-#include "tests/support/typed.h"
 
 #include <trellis_test_types/rec_child_comp_key_parent_comp_key.h>
 #include <trellis_test_types/string_key.h>
@@ -14,28 +14,21 @@
 namespace trellis::testing {
 namespace {
 
-constexpr u32 domain = test_handle::domain;
-
 /// The allocation that fails next: each, one by one. A record takes up to some hundreds, and the walk is as long
 /// as their square; under a sanitizer it takes each of the first 40 and then steps that grow with the way gone.
 u64 following(u64 nth) { return !under_sanitizer || nth < 40 ? nth + 1 : nth + nth / 8; }
 
-std::string joined(const std::vector<std::string>& faults) {
-    std::string text;
-    for (const std::string& each : faults)
-        text += each + "\n";
-    return text;
+accessor_walk walk_of(test_handle& handle, bool sets, u64 seed) {
+    return {.schema = catalogue(), .handle = handle, .setting = sets, .seed = seed};
+}
+void fill(test_handle& handle, const std::string& type, void* object, u64 seed) {
+    accessor_walk walk = walk_of(handle, true, seed);
+    walk.walk(type, pattern_of(type, seed), object);
+    ASSERT_EQ(walk.faults, "");
 }
 
-void fill(test_handle& handle, const record_driver& driver, void* object, u64 seed) {
-    std::vector<std::string> faults;
-    object_walk walk(handle, true, seed, faults);
-    driver.walk(walk, object);
-    ASSERT_TRUE(faults.empty()) << joined(faults);
-}
-
-std::vector<std::byte> workspace_for(test_handle& handle, const record_driver& driver, const void* object) {
-    return std::vector<std::byte>(size_t{driver.len(handle, domain, object)} + 64);
+std::vector<std::byte> workspace_for(test_handle& handle, const std::string& type, const void* object) {
+    return std::vector<std::byte>(size_t{named_type(type).len(handle, domain, object)} + 64);
 }
 
 struct setting {
@@ -74,136 +67,140 @@ TEST_P(without_memory, creating_gives_null_and_nothing_is_left) {
         handle->fail_allocation(0);
         EXPECT_EQ(handle->live_blocks(), 0u) << name;
     };
-    for (const record_driver& each : all_records())
-        fails_cleanly(
-            each.name, [&] { return each.create(*handle, domain); },
-            [&](void* made) { each.destroy(*handle, domain, made); });
-    for (const compact_driver& each : all_compact_types())
-        fails_cleanly(
-            each.name, [&] { return each.create(*handle, domain); },
-            [&](void* made) { each.destroy(*handle, domain, made); });
+    const auto all_fail_cleanly = [&](const auto& types) {
+        for (const auto& [name, description] : types) {
+            const named_type type(name);
+            fails_cleanly(
+                name.c_str(), [&] { return type.create(*handle, domain); },
+                [&](void* made) { type.destroy(*handle, domain, made); });
+        }
+    };
+    all_fail_cleanly(catalogue().records);
+    all_fail_cleanly(catalogue().enumerations);
+    all_fail_cleanly(catalogue().flag_sets);
 }
 
 TEST_P(without_memory, setting_reports_12_and_leaves_a_whole_object) {
-    for (const record_driver& driver : all_records()) {
+    for (const auto& [name, record] : catalogue().records) {
+        const named_type type(name);
         const auto handle = open();
         for (u64 nth = 1;; nth = following(nth)) {
-            void* object = driver.create(*handle, domain);
-            std::vector<std::string> faults;
-            object_walk walk(*handle, true, 42, faults);
+            void* object = type.create(*handle, domain);
+            accessor_walk walk = walk_of(*handle, true, 42);
             walk.memory_may_end = true;
             handle->fail_allocation(nth);
-            driver.walk(walk, object);
+            walk.walk(name, pattern_of(name, 42), object);
             const bool failed = handle->allocation_failed();
             handle->fail_allocation(0);
-            EXPECT_TRUE(faults.empty()) << driver.name << " allocation " << nth << ": " << joined(faults);
-            EXPECT_EQ(failed, walk.stopped) << driver.name;
+            EXPECT_EQ(walk.faults, "") << name << " allocation " << nth;
+            EXPECT_EQ(failed, walk.stopped) << name;
             // What was set before can still be used, and with memory the whole can be set.
-            EXPECT_EQ(driver.compare(object, object), 0);
-            driver.hash(object, 1);
-            EXPECT_GT(driver.len(*handle, domain, object), 0u);
+            EXPECT_EQ(type.compare(object, object), 0);
+            type.hash(object, 1);
+            EXPECT_GT(type.len(*handle, domain, object), 0u);
             if (failed) {
-                fill(*handle, driver, object, 42);
-                object_walk check(*handle, false, 42, faults);
+                fill(*handle, name, object, 42);
+                accessor_walk check = walk_of(*handle, false, 42);
                 check.refilled = true;
-                driver.walk(check, object);
-                EXPECT_TRUE(faults.empty())
-                    << driver.name << " behind allocation " << nth << ": " << joined(faults);
+                check.walk(name, pattern_of(name, 42), object);
+                EXPECT_EQ(check.faults, "") << name << " behind allocation " << nth;
             }
-            driver.destroy(*handle, domain, object);
-            ASSERT_EQ(handle->live_blocks(), 0u) << driver.name << " allocation " << nth << "\n"
+            type.destroy(*handle, domain, object);
+            ASSERT_EQ(handle->live_blocks(), 0u) << name << " allocation " << nth << "\n"
                                                  << handle->describe_live_blocks();
-            ASSERT_EQ(loom_tracking_map_count(*handle), 0u) << driver.name << " allocation " << nth;
-            ASSERT_EQ(handle->take_violations(), "") << driver.name << " allocation " << nth;
+            ASSERT_EQ(loom_tracking_map_count(*handle), 0u) << name << " allocation " << nth;
+            ASSERT_EQ(handle->take_violations(), "") << name << " allocation " << nth;
             if (!failed) break;
         }
     }
 }
 
 TEST_P(without_memory, copying_gives_null_and_12) {
-    for (const record_driver& driver : all_records()) {
+    for (const auto& [name, record] : catalogue().records) {
+        const named_type type(name);
         const auto handle = open();
-        void* object = driver.create(*handle, domain);
-        fill(*handle, driver, object, 7);
-        std::vector<std::byte> workspace = workspace_for(*handle, driver, object);
+        void* object = type.create(*handle, domain);
+        fill(*handle, name, object, 7);
+        std::vector<std::byte> workspace = workspace_for(*handle, name, object);
         const u64 blocks = handle->live_blocks();
         const u64 placed = loom_tracking_map_count(*handle);
         for (u64 nth = 1;; nth = following(nth)) {
             void* copy = nullptr;
             u32 error = 0;
             handle->fail_allocation(nth);
-            driver.clone(*handle, domain, object, &copy, workspace.data(), static_cast<i32>(workspace.size()),
-                         &error);
+            operate(name, "_clone", handle->get(), domain, object, &copy, workspace.data(),
+                    static_cast<i32>(workspace.size()), &error);
             const bool failed = handle->allocation_failed();
             handle->fail_allocation(0);
             if (!failed) {
                 EXPECT_EQ(error, 0u);
-                EXPECT_EQ(driver.compare(object, copy), 0);
-                driver.destroy(*handle, domain, copy);
+                EXPECT_EQ(type.compare(object, copy), 0);
+                type.destroy(*handle, domain, copy);
             } else {
-                EXPECT_EQ(error, u32{LOOM_ENOMEM}) << driver.name << " allocation " << nth;
-                EXPECT_EQ(copy, nullptr) << driver.name << " allocation " << nth;
+                EXPECT_EQ(error, u32{LOOM_ENOMEM}) << name << " allocation " << nth;
+                EXPECT_EQ(copy, nullptr) << name << " allocation " << nth;
             }
-            ASSERT_EQ(handle->live_blocks(), blocks) << driver.name << " allocation " << nth;
-            ASSERT_EQ(loom_tracking_map_count(*handle), placed) << driver.name << " allocation " << nth;
+            ASSERT_EQ(handle->live_blocks(), blocks) << name << " allocation " << nth;
+            ASSERT_EQ(loom_tracking_map_count(*handle), placed) << name << " allocation " << nth;
             if (!failed) break;
         }
-        driver.destroy(*handle, domain, object);
+        type.destroy(*handle, domain, object);
         ASSERT_EQ(handle->live_blocks(), 0u);
     }
 }
 
 TEST_P(without_memory, reading_over_an_object_in_use_reports_12) {
-    for (const record_driver& driver : all_records()) {
+    for (const auto& [name, record] : catalogue().records) {
+        const named_type type(name);
         const auto handle = open();
-        void* source = driver.create(*handle, domain);
-        fill(*handle, driver, source, 8);
-        std::vector<std::byte> wire = workspace_for(*handle, driver, source);
+        void* source = type.create(*handle, domain);
+        fill(*handle, name, source, 8);
+        std::vector<std::byte> wire = workspace_for(*handle, name, source);
         u32 error = 0;
-        const u32 size =
-            driver.marshal(*handle, domain, wire.data(), source, static_cast<i32>(wire.size()), &error);
-        ASSERT_EQ(error, 0u) << driver.name;
+        const u32 size = type.marshal(*handle, domain, wire.data(), source, static_cast<i32>(wire.size()), &error);
+        ASSERT_EQ(error, 0u) << name;
         const u64 blocks = handle->live_blocks();
         for (const u32 existing : {0u, 1u}) {
             for (u64 nth = 1;; nth = following(nth)) {
-                void* object = driver.create(*handle, domain);
+                void* object = type.create(*handle, domain);
                 // Over an object of other contents; without `existing` the object is a new one.
-                if (existing != 0) fill(*handle, driver, object, 9);
+                if (existing != 0) fill(*handle, name, object, 9);
                 handle->fail_allocation(nth);
                 error = 0;
-                driver.unmarshal(*handle, domain, wire.data(), object, static_cast<i32>(size), existing, &error);
+                type.unmarshal(*handle, domain, wire.data(), object, static_cast<i32>(size), existing, &error);
                 const bool failed = handle->allocation_failed();
                 handle->fail_allocation(0);
-                EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << driver.name << " allocation " << nth;
-                if (failed) driver.len(*handle, domain, object);
-                driver.destroy(*handle, domain, object);
+                EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << name << " allocation " << nth;
+                if (failed) type.len(*handle, domain, object);
+                type.destroy(*handle, domain, object);
                 ASSERT_EQ(handle->live_blocks(), blocks)
-                    << driver.name << " allocation " << nth << " existing " << existing;
+                    << name << " allocation " << nth << " existing " << existing;
                 if (!failed) break;
             }
         }
-        driver.destroy(*handle, domain, source);
+        type.destroy(*handle, domain, source);
         ASSERT_EQ(handle->live_blocks(), 0u);
     }
 }
 
 TEST_P(without_memory, moving_reports_12_and_both_objects_can_be_ended) {
-    for (const record_driver& driver : all_records()) {
+    for (const auto& [name, record] : catalogue().records) {
+        const named_type type(name);
         const auto handle = open();
         for (u64 nth = 1;; nth = following(nth)) {
-            void* from = driver.create(*handle, domain);
-            void* to = driver.create(*handle, domain);
-            fill(*handle, driver, from, 10);
-            fill(*handle, driver, to, 11);
+            void* from = type.create(*handle, domain);
+            void* to = type.create(*handle, domain);
+            fill(*handle, name, from, 10);
+            fill(*handle, name, to, 11);
             u32 error = 0;
             handle->fail_allocation(nth);
-            driver.set(*handle, domain, to, from, &error);
+            operate(name, "_set", handle->get(), domain, to, from, &error);
             const bool failed = handle->allocation_failed();
             handle->fail_allocation(0);
-            EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << driver.name << " allocation " << nth;
-            driver.destroy(*handle, domain, from);
-            driver.destroy(*handle, domain, to);
-            ASSERT_EQ(handle->live_blocks(), 0u) << driver.name << " allocation " << nth;
+            EXPECT_EQ(error, failed ? u32{LOOM_ENOMEM} : 0u) << name << " allocation " << nth;
+            type.destroy(*handle, domain, from);
+            type.destroy(*handle, domain, to);
+            ASSERT_EQ(handle->live_blocks(), 0u) << name << " allocation " << nth;
             if (!failed) break;
         }
     }

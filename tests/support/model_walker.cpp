@@ -314,6 +314,14 @@ model_walker::elements model_walker::elements_of(const attribute_description& a,
     return found;
 }
 
+std::vector<const void*> model_walker::values_of(const attribute_description& a, const record_description& in,
+                                                 const void* object) const {
+    std::vector<const void*> values;
+    for (const auto& each : elements_of(a, in, object, nullptr).all)
+        values.push_back(each.value);
+    return values;
+}
+
 // ---- Filling ---------------------------------------------------------------------------------------------------
 
 void model_walker::fill(const std::string& type, void* object, std::mt19937& random,

@@ -29,6 +29,7 @@ struct attribute_description {
     uint32_t extent = 0;       // of fixed arrays and fixed strings
     std::string length;        // the attribute that counts a variable array or counted string
     std::string discriminator; // the attribute that selects an arm
+    std::string target;        // the table of a reference
     int32_t case_value = 0;
 };
 
@@ -160,16 +161,20 @@ class model_walker {
     /// tracked objects; "elements" are those of an array. Bytes are hexadecimal digits.
     nlohmann::json view(const std::string& type, const void* object) const;
 
+    /// The values of an attribute: one, those of an array or list, an arm if there is one.
+    std::vector<const void*> values_of(const attribute_description& a, const record_description& in,
+                                       const void* object) const;
+    uint32_t width_of(const std::string& type) const;
+    uint32_t count_of(const attribute_description& a, const record_description& in, const void* object) const;
+    bool is_selected(const attribute_description& a, const record_description& in, const void* object) const;
+
   private:
     struct elements; // the values of an attribute, with their areas
     elements elements_of(const attribute_description& a, const record_description& in, const void* object,
                          const uint8_t* area) const;
     const record_description* record_of(const std::string& type) const;
-    uint32_t width_of(const std::string& type) const;
     uint32_t tracking_size_of(const std::string& type) const;
     uint32_t tracking_alignment_of(const std::string& type) const;
-    uint32_t count_of(const attribute_description& a, const record_description& in, const void* object) const;
-    bool is_selected(const attribute_description& a, const record_description& in, const void* object) const;
     bool tracking_on() const;
 
     void fill_record(const record_description& record, void* object, std::mt19937& random,

@@ -30,6 +30,7 @@ attribute_description attribute_of(const json& from) {
     a.extent = from.value("extent", 0u);
     a.length = from.value("length", "");
     a.discriminator = from.value("discriminator", "");
+    a.target = from.value("target", "");
     a.case_value = from.value("case_value", 0);
     return a;
 }
