@@ -108,6 +108,7 @@ class life {
         const named_type another("ud_type");
         another.destroy(handle, domain, another.create(handle, domain));
         handle.end_operation();
+        handle.trust_blocks();
         blocks_ = handle.live_blocks();
         living_ = living_objects(handle);
         EXPECT_EQ(tables_.references(), 0u);

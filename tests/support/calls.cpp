@@ -441,6 +441,8 @@ class stage {
             handle().forget_blocks();
         else if (name == "refuse")
             handle().refuse_ranges();
+        else if (name == "number_statements")
+            handle().number_statements();
         else if (name == "tenant")
             loom_set_tenant(static_cast<u16>(number(1)));
         else

@@ -183,7 +183,8 @@ void test_handle::on_report(const loom_report& what) {
 void test_handle::on_trace(const loom_trace_record& record) {
     char text[1024];
     loom_trace_format(trace_decoder(), &record, text, sizeof text);
-    log("says " + std::to_string(record.level) + " " + text);
+    const std::string number = numbering_ ? "#" + std::to_string(record.index) + " " : "";
+    log("says " + std::to_string(record.level) + " " + number + text);
 }
 
 // ---- Memory ------------------------------------------------------------------------------------------------

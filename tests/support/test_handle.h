@@ -81,12 +81,19 @@ class test_handle {
     /// Names the block in use that begins there, if any does and has no name of its own.
     void name_block(const void* address, const std::string& name);
 
+    /// From now on the log tells the numbers of statements in front of their texts: which of equal ones it was.
+    void number_statements() { numbering_ = true; }
     /// From now on the arena refuses every notice.
     void refuse_ranges() { refusing_ = true; }
 
     // ---- Checker
     /// Ends an operation: stores since the last announcement are judged, fresh blocks count as old ones.
     void end_operation();
+    /// Blocks in use from now on are not looked at: type information, of which there is much.
+    void trust_blocks() {
+        for (auto& [address, at] : blocks_)
+            at.shadow.clear();
+    }
     /// Violations since the last call, one per line; empty when every store was announced.
     std::string take_violations();
 
@@ -155,6 +162,7 @@ class test_handle {
     u64 named_blocks_ = 0;
 
     bool refusing_ = false;
+    bool numbering_ = false;
     u64 failing_ = 0;
     bool failed_ = false;
     u64 allocations_ = 0;

@@ -159,8 +159,11 @@ TEST_P(every_table, a_key_travels_and_is_found_through_the_function_record) {
                           LOOM_VFT_PKEY_UNMARSHAL)(h(), d, &key, wire.data(), static_cast<i32>(written), &all.err);
     EXPECT_EQ(read, written);
     ASSERT_NE(key, nullptr);
+    // An enumeration without a member of value 0 that is unset comes back from the wire as its first member, so
+    // that the key is another one.
+    const bool is_another = GetParam().key_type.rfind("comp_key_with_", 0) == 0;
     EXPECT_EQ(all.label(slot(static_cast<find*>(nullptr), LOOM_VFT_SEARCH)(h(), d, all.table, key, 0, &all.err)),
-              "3:1");
+              is_another ? "none" : "3:1");
     char text[4096] = {};
     EXPECT_GT(slot(static_cast<print*>(nullptr), LOOM_VFT_PKEY_PRINT)(h(), d, all.table, three, text, sizeof text,
                                                                       &all.err),
