@@ -67,6 +67,15 @@ class subject {
     void* object_;
 };
 
+/// Whether the last state of a record is that of a reference or list, which wants two bytes of room to be read.
+bool ends_with_guarded_state(const std::string& type) {
+    const auto record = schema().records.find(type);
+    if (record == schema().records.end() || record->second.attributes.empty()) return false;
+    const attribute_description& last = record->second.attributes.back();
+    return last.shape == attribute_shape::oid || last.shape == attribute_shape::list ||
+           ends_with_guarded_state(last.type);
+}
+
 class all_types : public ::testing::TestWithParam<std::string> {};
 class all_records : public ::testing::TestWithParam<std::string> {};
 
@@ -97,9 +106,8 @@ TEST_P(all_types, binary_form_is_the_walkers_and_comes_back) {
 
             subject target(GetParam(), reading);
             const bool in_use = seed % 2 == 1;
-            // Something stands behind the record: a last guarded byte wants two bytes of room.
             std::vector<uint8_t> received = bytes;
-            received.push_back(0xAA);
+            if (in_use || ends_with_guarded_state(GetParam())) received.push_back(0xAA);
             if (in_use) target.fill(random, {});
             ASSERT_EQ(target.unmarshal(received.data(), received.size(), in_use, &error), bytes.size());
             ASSERT_EQ(error, 0u);
@@ -188,7 +196,7 @@ TEST_P(all_types, buffers_of_every_length) {
         const std::vector<uint8_t> bytes = source.marshal(&error);
         ASSERT_EQ(error, 0u);
         const size_t step = bytes.size() > 4000 ? 7 : 1;
-        for (size_t size = 1; size < bytes.size(); size += step) {
+        const auto try_size = [&](size_t size) {
             exact_buffer buffer(size + 1, 0xAA); // one spare byte
             error = 0;
             const uint32_t written = source.operations().marshal(writing, domain, buffer.data(), source.object(),
@@ -196,7 +204,8 @@ TEST_P(all_types, buffers_of_every_length) {
             ASSERT_LE(written, size);
             // Only state bytes go missing without an error.
             if (tracking != LOOM_TRACKING_ON) {
-                ASSERT_EQ(error, 90u) << "room for " << size;
+                ASSERT_EQ(error, size < bytes.size() ? 90u : 0u) << "room for " << size;
+                ASSERT_TRUE(size < bytes.size() || hex(buffer.data(), written) == hex(bytes));
             }
 
             const exact_buffer cut(bytes.data(), size);
@@ -205,7 +214,10 @@ TEST_P(all_types, buffers_of_every_length) {
                 error = 0;
                 target.unmarshal(cut.data(), size, 0, &error);
             }
-        }
+        };
+        for (size_t size = 1; size < bytes.size(); size += step)
+            try_size(size);
+        try_size(bytes.size());
     }
 }
 

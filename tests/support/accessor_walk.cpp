@@ -136,12 +136,13 @@ class attribute_pass {
     template <class Number>
     void pass_value(Number value, bool by_value) {
         if (w.setting) {
-            by_value = by_value || choose(2) == 0;
-            if (by_value)
-                call("set_value", value);
-            else
-                with_local(values_[0], [&](const void* source) { call("set", source); });
-            return done(by_value ? "set_value" : "set");
+            if (!by_value && choose(2) == 0)
+                return with_local(values_[0], [&](const void* source) {
+                    call("set", source);
+                    done("set");
+                });
+            call("set_value", value);
+            return done("set_value");
         }
         const auto got = call<Number>("get_value");
         done("get_value");
