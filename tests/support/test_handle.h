@@ -1,6 +1,6 @@
 // A handle for tests, on a real database of the runtime: it counts and fails allocations, keeps a log of what
 // happened in order, and proves that every changed byte of object memory was announced just before. Objects are
-// filled and read back in typed.h; nothing here knows a schema.
+// filled and read back by accessor_walk.h; nothing here knows a schema.
 #pragma once
 
 #include "frame/basic_types.h"
