@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -256,19 +257,29 @@ bool arena::fails_now() {
     return true;
 }
 
+/// What is missing, and what helps against it.
+void arena::tell_shortage(u64 size) const {
+    const arena_header& h = header();
+    const char* reason = "its room, chosen when it was made, is used up; move its records to one with more";
+    if (private_memory_)
+        reason = shortage_ ? "the process has no more memory; raise its limit (ulimit -v)"
+                           : "its room is used up; open it with a larger reserve";
+    else if (shortage_ == EFBIG)
+        reason = "the process may not make larger files; raise its limit (ulimit -f)";
+    else if (shortage_)
+        reason = "the disk is full; make room on it";
+    explain(ENOMEM, "database %s: no room for %llu bytes, with %llu of at most %llu: %s", h.name,
+            static_cast<unsigned long long>(size), static_cast<unsigned long long>(h.extent),
+            static_cast<unsigned long long>(h.reserve), reason);
+}
+
 void* arena::allocate(u64 size) {
     if (fails_now()) return nullptr;
     const u64 total = size > reserve_ ? 0 : block_total(size);
     block* piece = total && total <= largest_cached_block ? pop_cached(total) : nullptr;
     if (!piece && total) piece = take(total);
     if (!piece) {
-        const arena_header& h = header();
-        explain(
-            ENOMEM,
-            "database %s: no room for %llu bytes; it has %llu of at most %llu: make room on the disk, or open it "
-            "with a larger reserve",
-            h.name, static_cast<unsigned long long>(size), static_cast<unsigned long long>(h.extent),
-            static_cast<unsigned long long>(h.reserve));
+        tell_shortage(size);
         return nullptr;
     }
     if (log_) {
@@ -447,10 +458,15 @@ block* arena::take_top(u64 total) {
 bool arena::grow(u64 total) {
     arena_header& h = header();
     const u64 needed = h.top + total + head_size;
+    shortage_ = 0;
     if (needed > h.reserve) return false;
     const u64 step = std::clamp(h.extent / 2, smallest_growth, largest_growth);
-    const u64 extent = std::min(h.reserve, round_up(std::max(needed, h.extent + step), 4096));
-    if (!room_->extend(base_, h.extent, extent)) return false;
+    u64 extent = std::min(h.reserve, round_up(std::max(needed, h.extent + step), 4096));
+    shortage_ = room_->extend(base_, h.extent, extent);
+    // The last room of a disk is worth having.
+    if (shortage_ && extent > round_up(needed, 4096))
+        shortage_ = room_->extend(base_, h.extent, extent = round_up(needed, 4096));
+    if (shortage_) return false;
     if (private_memory_) poison(base_ + h.extent, extent - h.extent);
     assign(h.extent, extent);
     return true;

@@ -35,8 +35,8 @@ class undo_log;
 class backing {
   public:
     virtual ~backing() = default;
-    /// Makes the bytes up to `extent` usable; false when there is no room.
-    virtual bool extend(std::byte* base, u64 old_extent, u64 extent) = 0;
+    /// Makes the bytes up to `extent` usable; 0 or the error number of what has no room.
+    virtual int extend(std::byte* base, u64 old_extent, u64 extent) = 0;
 };
 
 /// A free or used piece of the arena.
@@ -50,7 +50,8 @@ inline constexpr u64 block_previous_in_use = 2;
 inline constexpr u64 block_cached = 4;
 inline constexpr u64 block_deferred = 8;
 inline constexpr u64 block_flags = 15;
-/// The upper 16 bits of a head: to whom the block belongs that was made outside of sections (nursery.h); 0: to all.
+/// The upper 16 bits of a head: to whom the block belongs that was made outside of sections (nursery.h); 0: to
+/// all.
 inline constexpr u32 block_owner_shift = 48;
 inline constexpr u64 block_size_mask = (u64{1} << block_owner_shift) - 1 - block_flags;
 
@@ -217,6 +218,7 @@ class arena {
     void merge(block* piece, u64 size);
     void flush_cached();
     bool grow(u64 total);
+    void tell_shortage(u64 size) const;
     void set_previous_in_use(block* piece, bool in_use);
     void count_taken(i64 blocks, i64 bytes);
     void count_cached(i64 blocks, i64 bytes);
@@ -239,6 +241,7 @@ class arena {
 
     std::byte* base_ = nullptr;
     u64 reserve_ = 0;
+    int shortage_ = 0; ///< why it could not grow; 0: it has all that it can ever have
     backing* room_ = nullptr;
     bool private_memory_ = false;
     bool listened_ = false;

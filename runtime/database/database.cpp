@@ -130,6 +130,9 @@ void fill_first_page(const superblock& made, std::span<std::byte> page) {
                   made.identity, made.name);
 }
 
+/// How long the file of an image must be.
+u64 length_of(const std::byte* image) { return reinterpret_cast<const arena_header*>(image)->extent; }
+
 /// Judges the header of an image; 0, or an error number with a text.
 u32 check_header(const arena_header& header, const superblock& fixed, const std::string& path) {
     if (std::memcmp(header.magic, arena_magic, sizeof arena_magic) != 0 || header.version != arena_version ||
@@ -180,7 +183,10 @@ std::shared_ptr<database> database::make_private(u64 wanted, const std::string& 
     fill_random(identity);
     std::byte* base = reserve_addresses(reserve, hash_of_bytes(identity));
     if (!base) {
-        fail(ENOMEM, "private database: no %" PRIu64 " bytes of addresses left", reserve);
+        fail(ENOMEM,
+             "private database: the process has no %" PRIu64
+             " bytes of addresses left; raise its limit (ulimit -v), or ask for a smaller reserve",
+             reserve);
         return nullptr;
     }
     made->reserve_ = reserve;
@@ -193,7 +199,7 @@ std::shared_ptr<database> database::make_private(u64 wanted, const std::string& 
         made->memory.attach(base, made.get(), true);
     }
     if (!usable || !made->make_root()) {
-        fail(ENOMEM, "private database: no memory");
+        fail(ENOMEM, "private database: the process has no memory; raise its limit (ulimit -v)");
         return nullptr;
     }
     return made;
@@ -232,7 +238,12 @@ std::shared_ptr<database> database::open_mapped(const loom_open_options& options
     if (read_only) {
         if (made->files->enter_read_only() != 0 || !made->map_snapshot()) return nullptr;
     } else {
-        if (made->files->enter(exclusive) != 0 || made->open_log() != 0 || !made->map_image()) return nullptr;
+        // Without its addresses nothing is begun.
+        void* const addresses = made->map_at_base(MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1);
+        if (!addresses) return nullptr;
+        munmap(addresses, made->files->fixed().room);
+        if (made->files->enter(exclusive, length_of) != 0 || made->open_log() != 0 || !made->map_image())
+            return nullptr;
         made->files->entered();
         made->checks_commits_ = std::getenv(checking_variable) != nullptr;
     }
@@ -292,7 +303,7 @@ void* database::map_at_base(int flags, int file) {
              path.c_str(), fixed.room);
     else
         fail(static_cast<u32>(error), "database %s: cannot be mapped at address %" PRIx64 ": %s", path.c_str(),
-             fixed.base, words_of(error).c_str());
+             fixed.base, words_and_cure_of(error).c_str());
     return nullptr;
 }
 
@@ -310,25 +321,42 @@ bool database::map_snapshot() {
     return true;
 }
 
-bool database::map_image() {
-    const superblock& fixed = files->fixed();
-    // Pages behind the file's end become usable as the file grows, in every process that has it mapped.
-    void* place = map_at_base(MAP_SHARED, files->image());
-    if (!place) return false;
-    reserve_ = fixed.room;
+/// Judges an image. While others use it they see to its length, and may just be changing it.
+u32 database::check_image(const void* place, bool& whole) const {
     const arena_header& header = *static_cast<const arena_header*>(place);
-    u32 failed = check_header(header, fixed, path);
     struct stat status {};
-    if (!failed && fstat(files->image(), &status) == 0 && static_cast<u64>(status.st_size) < header.extent &&
-        posix_fallocate(files->image(), 0, static_cast<off_t>(header.extent)) != 0)
-        failed = fail(ENOSPC, "database %s: no room on the disk for its image of %" PRIu64 " bytes", path.c_str(),
-                      header.extent);
-    if (failed) {
-        munmap(place, fixed.room);
-        return false;
+    const auto size = [&] { return fstat(files->image(), &status) == 0 ? static_cast<u64>(status.st_size) : 0; };
+    whole = size() >= page_size;
+    if (!whole) return 0;
+    if (const u32 error = check_header(header, files->fixed(), path)) return error;
+    whole = !files->is_only_user() || size() >= header.extent;
+    return 0;
+}
+
+bool database::map_image() {
+    reserve_ = files->fixed().room;
+    for (;;) {
+        // Pages behind the file's end become usable as the file grows, in every process that has it mapped.
+        void* place = map_at_base(MAP_SHARED, files->image());
+        if (!place) return false;
+        bool whole = false;
+        const u32 failed = check_image(place, whole);
+        if (whole && !failed) {
+            memory.attach(static_cast<std::byte*>(place), this, false);
+            files->guard_image(place);
+            return true;
+        }
+        munmap(place, reserve_);
+        // Base and journal know better than an image that somebody has cut or overwritten.
+        if (files->image_is_new()) {
+            if (!failed)
+                fail(EIO, "database %s: its image was cut short while it was made; open it again", path.c_str());
+            return false;
+        }
+        if (files->rebuild() != 0) return false;
+        log_ = std::make_unique<undo_log>();
+        if (log_->make_file(*files) != 0) return false;
     }
-    memory.attach(static_cast<std::byte*>(place), this, false);
-    return true;
 }
 
 bool database::make_log() {
@@ -360,12 +388,12 @@ void database::close_in_order() {
     }
 }
 
-bool database::extend(std::byte* base, u64 old_extent, u64 extent) {
-    if (read_only) return false;
+int database::extend(std::byte* base, u64 old_extent, u64 extent) {
+    if (read_only) return EROFS;
     if (mapped)
         return posix_fallocate(files->image(), static_cast<off_t>(old_extent),
-                               static_cast<off_t>(extent - old_extent)) == 0;
-    return mprotect(base, extent, PROT_READ | PROT_WRITE) == 0;
+                               static_cast<off_t>(extent - old_extent));
+    return mprotect(base, extent, PROT_READ | PROT_WRITE) == 0 ? 0 : errno;
 }
 
 database_root* database::make_root() {

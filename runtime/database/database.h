@@ -54,7 +54,7 @@ class database : public backing {
     static void release(std::shared_ptr<database>& used);
     ~database() override;
 
-    bool extend(std::byte* base, u64 old_extent, u64 extent) override;
+    int extend(std::byte* base, u64 old_extent, u64 extent) override;
 
     /// The root, made if needed; null when there is no memory. Inside a section, or private.
     database_root* make_root();
@@ -99,6 +99,7 @@ class database : public backing {
     bool make_log();
     u32 open_log();
     bool map_image();
+    u32 check_image(const void* place, bool& whole) const;
     bool map_snapshot();
     void* map_at_base(int flags, int file);
     bool may_share(const database& open_already) const;

@@ -5,6 +5,7 @@
 
 #include <loom_runtime/runtime.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -109,6 +110,25 @@ void fatal(const char* format, ...) {
 }
 
 std::string words_of(int number) { return std::strerror(number); }
+
+std::string words_and_cure_of(int number) {
+    const char* cure = nullptr;
+    switch (number) {
+    case ENOSPC:
+    case EDQUOT: cure = "make room on the disk"; break;
+    case EFBIG: cure = "let the process make larger files (ulimit -f)"; break;
+    case ENOMEM: cure = "let the process have more memory (ulimit -v), or end others"; break;
+    case EMFILE: cure = "let the process have more files open (ulimit -n)"; break;
+    case ENFILE: cure = "let the system have more files open (fs.file-max), or end processes"; break;
+    case EACCES:
+    case EPERM: cure = "get the right to write it, or open the database for reading only"; break;
+    case EROFS: cure = "open the database for reading only, or copy it to where it can be written"; break;
+    case EIO: cure = "look at the system's messages about the disk; restore the database from a backup"; break;
+    case ENOENT: cure = "restore the database from a backup"; break;
+    default: break;
+    }
+    return cure ? words_of(number) + "; " + cure : words_of(number);
+}
 
 } // namespace loom
 

@@ -48,5 +48,7 @@ T* done(T* made) {
 
 /// The words for an errno value.
 std::string words_of(int number);
+/// The same, and behind a semicolon what can be done about it where that is known of a file.
+std::string words_and_cure_of(int number);
 
 } // namespace loom

@@ -87,7 +87,7 @@ u32 undo_log::make_file(const store& files) {
     if (!error && !map_file(growth_step)) error = errno;
     if (error)
         return fail(static_cast<u32>(error), "database %s: its undo log cannot be made: %s",
-                    files.directory().path().c_str(), words_of(error).c_str());
+                    files.directory().path().c_str(), words_and_cure_of(error).c_str());
     extent_ = growth_step - entries_offset;
     undo_header fresh{};
     std::memcpy(fresh.magic, undo_magic, sizeof undo_magic);

@@ -109,11 +109,11 @@ u32 prepare_mapped(open_handle& handle) {
     if (db.read_only) {
         // The whole life of the handle is a read section: what it makes lies in memory of its own.
         handle.section = section_kind::read;
-        return db.make_root() ? 0 : fail(ENOMEM, "database %s: has no room for its root", db.path.c_str());
+        return db.make_root() ? 0 : ENOMEM;
     }
     if (const u32 error = handle.lock.open(db.files->lock_file()))
         return fail(error, "database %s: cannot be opened for locking: %s", db.path.c_str(),
-                    words_of(static_cast<int>(error)).c_str());
+                    words_and_cure_of(static_cast<int>(error)).c_str());
     if (const u32 error = handle.begin_read()) return error;
     const bool has_root = db.root() != nullptr;
     handle.end_read();
@@ -146,7 +146,7 @@ u32 open_handle::begin_write(section_purpose purpose) {
             return fail(EDEADLK, "this thread has a write section on the database with another handle");
         if (!lock.take_write())
             return fail(static_cast<u32>(errno), "write lock of %s: %s", db->path.c_str(),
-                        words_of(errno).c_str());
+                        words_and_cure_of(errno).c_str());
         lock_taken(db.get());
         db->writer = std::this_thread::get_id();
     }
@@ -228,7 +228,8 @@ u32 open_handle::begin_read() {
         if (db->writer.load() == std::this_thread::get_id())
             return fail(EDEADLK, "this thread has a write section on the database with another handle");
         if (!lock.take_read())
-            return fail(static_cast<u32>(errno), "read lock of %s: %s", db->path.c_str(), words_of(errno).c_str());
+            return fail(static_cast<u32>(errno), "read lock of %s: %s", db->path.c_str(),
+                        words_and_cure_of(errno).c_str());
         lock_taken(db.get());
         if (!db->needs_recovery()) break;
         // A writer has died. Only who has the write lock may put its bytes back.

@@ -61,7 +61,7 @@ struct base_file::absorption {
 
 u32 base_file::failed(const disk_file& file, const char* what, int error) const {
     return fail(static_cast<u32>(error), "database %s: %s cannot be %s: %s", directory_.c_str(),
-                file.path().c_str(), what, words_of(error).c_str());
+                file.path().c_str(), what, words_and_cure_of(error).c_str());
 }
 
 u32 base_file::damaged(u64 page) const {
@@ -291,7 +291,7 @@ u32 base_file::put_in(const absorption& work, const piece& value, std::byte* pag
     const int error = work.entries.read_bytes(work.file, value.place, place, value.length);
     if (!error) return 0;
     return fail(static_cast<u32>(error), "database %s: %s cannot be read: %s", directory_.c_str(),
-                work.entries.path(work.file).c_str(), words_of(error).c_str());
+                work.entries.path(work.file).c_str(), words_and_cure_of(error).c_str());
 }
 
 /// Calls `visit` with the number of each page that changes, its new bytes, and whether the present ones fit their
@@ -371,10 +371,10 @@ u32 base_file::absorb(journal& entries, u32 file, u64 last_number, u64 flushed) 
     if (const u32 error = compute_checksums(work)) return error;
     if (const int error = entries.append_checksums(work.end, work.sums, flushed))
         return fail(static_cast<u32>(error), "database %s: %s cannot be written: %s", directory_.c_str(),
-                    entries.path(file).c_str(), words_of(error).c_str());
+                    entries.path(file).c_str(), words_and_cure_of(error).c_str());
     if (const int error = entries.flush(file))
         return fail(static_cast<u32>(error), "database %s: %s cannot be flushed: %s", directory_.c_str(),
-                    entries.path(file).c_str(), words_of(error).c_str());
+                    entries.path(file).c_str(), words_and_cure_of(error).c_str());
     if (const u32 error = write_pages(work)) return error;
     if (const u32 error = write_entries(work)) return error;
     base_record next = record_;

@@ -63,10 +63,8 @@ u32 journal::open(const disk_directory& directory, const u8 (&incarnation)[16], 
     std::memcpy(incarnation_, incarnation, sizeof incarnation);
     for (u32 i = 0; i < journal_files; ++i)
         if (const int error = files_[i].open(directory, journal_names[i], writable))
-            return fail(static_cast<u32>(error),
-                        "database %s: %s cannot be opened: %s; restore the database from a "
-                        "backup, or the file's place and access rights",
-                        directory.path().c_str(), journal_names[i], words_of(error).c_str());
+            return fail(static_cast<u32>(error), "database %s: %s cannot be opened: %s", directory.path().c_str(),
+                        journal_names[i], words_and_cure_of(error).c_str());
     return 0;
 }
 

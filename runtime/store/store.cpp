@@ -133,7 +133,7 @@ u32 store::flush(u64 number) {
         const std::lock_guard guard(flush_mutex_);
         if (!lock_byte_for_writing(lock_file_, lock_byte::flushing, true))
             return fail(static_cast<u32>(errno), "database %s: cannot be locked for a flush: %s",
-                        directory_.path().c_str(), words_of(errno).c_str());
+                        directory_.path().c_str(), words_and_cure_of(errno).c_str());
         int error = 0;
         const u64 flushed = control_->flushed.load(std::memory_order_acquire);
         if (flushed < number) {

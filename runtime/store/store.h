@@ -7,6 +7,7 @@
 #include "runtime/store/base.h"
 #include "runtime/store/control.h"
 #include "runtime/store/locks.h"
+#include "runtime/store/lost_pages.h"
 #include "runtime/store/superblock.h"
 
 #include <condition_variable>
@@ -45,6 +46,9 @@ class store {
     /// Fills the first page of a new database.
     using first_page_fn = std::function<void(const superblock&, std::span<std::byte>)>;
 
+    /// How long the file of an image must be, to hold what is stored in it next.
+    using length_fn = u64 (*)(const std::byte* image);
+
     store() = default;
     store(const store&) = delete;
     store& operator=(const store&) = delete;
@@ -57,7 +61,7 @@ class store {
 
     /// Becomes a user of the database: opens what belongs to it, and makes the image anew unless it can be
     /// trusted. Until `entered` others wait who want to become one. 0, or an error number with a text.
-    u32 enter(bool exclusive);
+    u32 enter(bool exclusive, length_fn length_of);
     /// Opens what is needed to read the database, and changes nothing. There are no sections then.
     u32 enter_read_only();
     bool is_read_only() const { return control_.operator->() == nullptr; }
@@ -70,6 +74,12 @@ class store {
     /// Who opens the database next, alone, makes the image anew.
     void distrust_image() { control_.distrust(); }
     int image() const { return image_; }
+    /// Whether this opening has made the image.
+    bool image_is_new() const { return image_is_new_; }
+    /// The image is mapped there, its whole room: a page of it that is lost is told.
+    void guard_image(const void* memory) {
+        lost_pages_.protect(directory_.path(), memory, superblock_.room, control_);
+    }
     const recovery_report& report() const { return report_; }
     /// Who makes blocks outside of sections.
     owner_table& owners() const { return control_->owners; }
@@ -142,6 +152,7 @@ class store {
     using room_fn = std::function<u32(u64 end)>;
     struct putting_together;
     u32 replay(std::byte* image, journal_place& place);
+    u32 extend_image(u64 end);
     u32 put_together(std::byte* memory, const room_fn& make_room, putting_together& done);
     u32 apply(const journal_entry& entry, u32 file, const room_fn& make_room, std::byte* memory, u64& size) const;
     u32 apply_behind(journal_place& place, u64 last, const room_fn& make_room, std::byte* memory, u64& size) const;
@@ -167,9 +178,12 @@ class store {
     int lock_file_ = -1;
     int image_ = -1;
     bool alone_ = false;
+    bool image_is_new_ = false;
+    length_fn length_of_ = nullptr;
     journal journal_;
     base_file base_;
     control control_;
+    lost_page_guard lost_pages_;
     durability level_ = durability::ordered;
     u64 journal_limit_ = u64{64} << 20;
     recovery_report report_;

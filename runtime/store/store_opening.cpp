@@ -183,7 +183,7 @@ u32 store::open_control() {
     const int error = control_.open(directory_, superblock_.mode);
     if (!error) return 0;
     return fail(static_cast<u32>(error), "database %s: its control page cannot be opened: %s",
-                directory_.path().c_str(), words_of(error).c_str());
+                directory_.path().c_str(), words_and_cure_of(error).c_str());
 }
 
 u32 store::open_files() {
@@ -211,11 +211,11 @@ u32 store::renew_files() {
         if (error)
             return fail(static_cast<u32>(error),
                         "database %s: %s cannot be renewed after a failure of the disk: %s",
-                        directory_.path().c_str(), name, words_of(error).c_str());
+                        directory_.path().c_str(), name, words_and_cure_of(error).c_str());
     }
     if (const int error = directory_.flush())
         return fail(static_cast<u32>(error), "database %s: its directory cannot be flushed: %s",
-                    directory_.path().c_str(), words_of(error).c_str());
+                    directory_.path().c_str(), words_and_cure_of(error).c_str());
     return 0;
 }
 
@@ -225,13 +225,14 @@ u32 store::flush_names() {
     if (!error) error = directory_.flush_parent();
     if (!error) return 0;
     return fail(static_cast<u32>(error), "database %s: its directory cannot be flushed: %s",
-                directory_.path().c_str(), words_of(error).c_str());
+                directory_.path().c_str(), words_and_cure_of(error).c_str());
 }
 
-u32 store::enter(bool exclusive) {
+u32 store::enter(bool exclusive, length_fn length_of) {
+    length_of_ = length_of;
     if (!lock_byte_for_writing(lock_file_, lock_byte::opening, true))
         return fail(static_cast<u32>(errno), "database %s: cannot be locked: %s", directory_.path().c_str(),
-                    words_of(errno).c_str());
+                    words_and_cure_of(errno).c_str());
     alone_ = is_only_user();
     const bool entered = exclusive ? lock_byte_for_writing(lock_file_, lock_byte::use, false)
                                    : lock_byte_for_reading(lock_file_, lock_byte::use, false);
@@ -291,13 +292,17 @@ u32 store::make_image() {
             directory_.path().c_str());
     if (const u32 error = open_image(true))
         return fail(error, "database %s: its image cannot be made: %s", directory_.path().c_str(),
-                    words_of(static_cast<int>(error)).c_str());
+                    words_and_cure_of(static_cast<int>(error)).c_str());
     void* memory = mmap(nullptr, superblock_.room, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, image_, 0);
     if (memory == MAP_FAILED)
         return fail(static_cast<u32>(errno), "database %s: no %" PRIu64 " bytes of addresses for its image: %s",
-                    directory_.path().c_str(), superblock_.room, words_of(errno).c_str());
+                    directory_.path().c_str(), superblock_.room, words_and_cure_of(errno).c_str());
     journal_place place;
-    u32 error = replay(static_cast<std::byte*>(memory), place);
+    auto* const image = static_cast<std::byte*>(memory);
+    u32 error = replay(image, place);
+    // What is stored next may lie behind the last page that a commit has stored to. A header that says something
+    // impossible is told by who looks at it next.
+    if (!error && length_of_(image) <= superblock_.room) error = extend_image(length_of_(image));
     munmap(memory, superblock_.room);
     if (!error) error = check_end(place, flushed_before);
     if (error) return error;
@@ -310,7 +315,8 @@ u32 store::make_image() {
         if (!failure) failure = journal_.flush(place.file);
         if (failure)
             return fail(static_cast<u32>(failure), "database %s: its recovery cannot be written to %s: %s",
-                        directory_.path().c_str(), journal_.path(place.file).c_str(), words_of(failure).c_str());
+                        directory_.path().c_str(), journal_.path(place.file).c_str(),
+                        words_and_cure_of(failure).c_str());
     }
     if (superblock_.level == durability::volatile_)
         if (const u32 failure = base_.set_state(base_state::in_use)) return failure;
@@ -321,6 +327,7 @@ u32 store::make_image() {
     control_->absorbed = base_.record().number;
     control_->flushed = place.number;
     control_.trust(superblock_.incarnation, identify_image(), number, {place, journal_.first_number(place.file)});
+    image_is_new_ = true;
     return 0;
 }
 
@@ -361,7 +368,7 @@ u32 store::apply(const journal_entry& entry, u32 file, const room_fn& make_room,
     });
     if (!error) return 0;
     return fail(error, "database %s: %s cannot be read: %s", directory_.path().c_str(),
-                journal_.path(file).c_str(), words_of(static_cast<int>(error)).c_str());
+                journal_.path(file).c_str(), words_and_cure_of(static_cast<int>(error)).c_str());
 }
 
 /// Puts the values of the entries behind `place` in, up to where none fits or `last` is reached.
@@ -409,15 +416,18 @@ u32 store::put_together(std::byte* memory, const room_fn& make_room, putting_tog
     return apply_behind(place, ~u64{0}, make_room, memory, done.size);
 }
 
+u32 store::extend_image(u64 end) {
+    const int error = posix_fallocate(image_, 0, static_cast<off_t>(end));
+    if (!error) return 0;
+    return fail(static_cast<u32>(error), "database %s: no room for its image of %" PRIu64 " bytes: %s",
+                directory_.path().c_str(), end, words_and_cure_of(error).c_str());
+}
+
 u32 store::replay(std::byte* image, journal_place& place) {
     putting_together done;
-    const auto make_room = [&](u64 end) -> u32 {
-        const int error = posix_fallocate(image_, 0, static_cast<off_t>(end));
-        if (!error) return 0;
-        return fail(static_cast<u32>(error), "database %s: no room on the disk for its image of %" PRIu64 " bytes",
-                    directory_.path().c_str(), end);
-    };
-    if (const u32 error = put_together(image, make_room, done)) return error;
+    if (const u32 error = put_together(
+            image, [this](u64 end) { return extend_image(end); }, done))
+        return error;
     place = done.place;
     report_.commits_replayed = place.number - base_.record().number;
     const journal_place& end = done.end_of_first_file;
@@ -428,7 +438,7 @@ u32 store::read_committed(std::byte* memory, u64& size, journal_place& place) {
     const std::lock_guard guard(truncation_mutex_);
     if (!lock_byte_for_reading(lock_file_, lock_byte::truncating, true))
         return fail(static_cast<u32>(errno), "database %s: its base cannot be locked: %s",
-                    directory_.path().c_str(), words_of(errno).c_str());
+                    directory_.path().c_str(), words_and_cure_of(errno).c_str());
     putting_together done;
     u32 error = base_.refresh();
     if (!error)

@@ -87,12 +87,12 @@ u32 read_superblock(const disk_directory& directory, superblock& found) {
     disk_file file;
     if (const int error = file.open(directory, superblock_name, false))
         return fail(static_cast<u32>(error), "database %s: %s cannot be read: %s", directory.path().c_str(),
-                    superblock_name, words_of(error).c_str());
+                    superblock_name, words_and_cure_of(error).c_str());
     const std::string path = file.path();
     const int error = file.read(0, &found, sizeof found);
     if (error && error != ENODATA)
         return fail(static_cast<u32>(error), "database %s: cannot be read: %s", path.c_str(),
-                    words_of(error).c_str());
+                    words_and_cure_of(error).c_str());
     if (error || std::memcmp(found.magic, magic, sizeof magic) != 0)
         return fail(EINVAL, "%s is no superblock of a database; restore the database from a backup", path.c_str());
     if (found.version != store_version || found.record_size != sizeof found)

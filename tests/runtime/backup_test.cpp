@@ -69,7 +69,10 @@ struct backups : testing::Test {
         const std::uint64_t number = all[0];
         for (std::uint64_t each = number; each > 0 && each + cells / 100 > number; --each)
             for (std::size_t i = 1; i < 100; ++i)
-                EXPECT_EQ(all[each * 100 % cells + i], each) << "as of " << number;
+                if (all[each * 100 % cells + i] != each) {
+                    ADD_FAILURE() << "of commit " << each << " a cell is missing as of " << number;
+                    return number;
+                }
         return number;
     }
     /// The same, and it goes on from there.
@@ -215,5 +218,26 @@ TEST_F(backups, and_databases_are_not_kept_where_memory_is_not_shared) {
     EXPECT_FALSE(loom_open_mapped(path.c_str(), 0));
     EXPECT_NE(std::string(loom_error_text()).find("of the kind NFS"), std::string::npos);
     loom_disk_observe(nullptr, nullptr);
+}
+
+/// What is committed outlives an image of which pages are gone, and who used it is told.
+TEST_F(backups, are_not_needed_when_pages_of_the_image_are_lost) {
+    make().reset();
+    const auto lose_pages = [&] {
+        const handle_ptr handle = open(path);
+        work(handle, 1);
+        std::filesystem::resize_file(path + "/image", 4096);
+        work(handle, 2);
+    };
+    EXPECT_EXIT(lose_pages(), testing::KilledBySignal(SIGBUS),
+                "first.db: a page of its image cannot be read: .*; what is committed is kept");
+    const pid_t user = fork();
+    if (user == 0) lose_pages();
+    waitpid(user, nullptr, 0);
+    EXPECT_EQ(number_in(path), 1u);
+    for (const std::uint64_t size : {4096, 0}) {
+        std::filesystem::resize_file(path + "/image", size);
+        EXPECT_EQ(number_in(path), size ? 2u : 3u); // it has gone on
+    }
 }
 } // namespace

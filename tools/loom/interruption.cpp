@@ -25,6 +25,8 @@ void take(int number) {
 } // namespace
 
 void handle_interruptions() {
+    // A file over the limit of the process is told as such.
+    std::signal(SIGXFSZ, SIG_IGN);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};
         action.sa_handler = take;

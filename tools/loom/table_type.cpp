@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "xml_file.h"
 
+#include <cerrno>
 #include <loom/wire.h>
 #include <loom_runtime/xml.h>
 
@@ -44,7 +45,13 @@ using create_key_fn = void*(loom_handle*, std::uint32_t);
 using destroy_key_fn = void(loom_handle*, std::uint32_t, void*);
 
 void check(std::uint32_t error, const std::string& what) {
-    if (error) throw failure(what + ": error " + error_number_text(error));
+    if (error == 0) return;
+    // What is short is known below the bundle.
+    if (error == LOOM_ENOMEM || error == ENOSPC || error == EDQUOT) {
+        const failure told = runtime_failure();
+        throw failure(what + ": " + told.what(), told.cure());
+    }
+    throw failure(what + ": error " + error_number_text(error));
 }
 
 /// What a text form writes, in a buffer that grows until it has room.
