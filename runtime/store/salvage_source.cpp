@@ -49,8 +49,11 @@ u32 salvage_source::guess_superblock() {
     constexpr u64 slots[] = {0, 4096};
     if (base.open(directory_, base_name, false) != 0 || base.read(0, &header, sizeof header) != 0 ||
         std::memcmp(header.magic, arena_magic, sizeof header.magic) != 0 || header.fixed_check != check_of(header))
-        return fail(EIO, "database %s: neither its superblock nor the first page of its base can be read",
-                    directory_.path().c_str());
+        return fail(
+            EIO,
+            "database %s: neither its superblock nor the first page of its base can be read; restore it from a "
+            "backup",
+            directory_.path().c_str());
     fixed_ = make_superblock(header.base, header.reserve, durability::durable, 0600, header.name);
     std::memcpy(fixed_.identity, header.identity, sizeof fixed_.identity);
     if (sums.open(directory_, checksums_name, false) != 0) return 0;
