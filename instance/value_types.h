@@ -41,90 +41,72 @@ concept has_part_model = requires {
     typename Type::model;
 };
 
+// What follows names the exported functions `<type>_<operation>` of a type T: only a macro can make names. A line
+// is a reference that calls see through; functions stand where the argument list differs from that of other types.
+#define TRELLIS_OPERATION(T, OPERATION) static constexpr auto& OPERATION = ::T##_##OPERATION;
+
 // Operations that every value type has.
 #define TRELLIS_COMMON_FAMILY(T)                                                                                  \
-    static u32 len(loom_handle* h, u32 d, const c_type* v) { return ::T##_len(h, d, v); }                         \
-    static u32 marshal(loom_handle* h, u32 d, void* buffer, const c_type* v, i32 length, u32* err) {              \
-        return ::T##_marshal(h, d, buffer, v, length, err);                                                       \
-    }                                                                                                             \
-    static u32 unmarshal(loom_handle* h, u32 d, const void* buffer, c_type* v, i32 length, u32 existing,          \
-                         u32* err) {                                                                              \
-        return ::T##_unmarshal(h, d, buffer, v, length, existing, err);                                           \
-    }                                                                                                             \
-    static i32 print(loom_handle* h, u32 d, char* buffer, i32 depth, const char* label, const c_type* v,          \
-                     i32 length, u32* err) {                                                                      \
-        return ::T##_print(h, d, buffer, depth, label, v, length, err);                                           \
-    }                                                                                                             \
-    static u32 to_xml(loom_handle* h, u32 d, const char* element, char* buffer, const c_type* v, i32 length,      \
-                      u8 state, u32* err) {                                                                       \
-        return ::T##_to_xml(h, d, element, buffer, v, length, state, err);                                        \
-    }                                                                                                             \
-    static void from_xml(loom_handle* h, u32 d, const char* path, const loom_xml_document* document, c_type* v,   \
-                         u32* err, char* message, u32 message_length) {                                           \
-        ::T##_from_xml(h, d, path, document, v, err, message, message_length);                                    \
-    }                                                                                                             \
-    static u32 hash(const c_type* v, u32 seed) { return ::T##_hash(v, seed); }                                    \
-    static c_type* create(loom_handle* h, u32 d) { return ::T##_create(h, d); }                                   \
-    static void destroy(loom_handle* h, u32 d, c_type* v) { ::T##_destroy(h, d, v); }                             \
-    static void destroy_internal(loom_handle* h, u32 d, c_type* v, u32 release) {                                 \
-        ::T##_destroy_internal(h, d, v, release);                                                                 \
-    }
+    TRELLIS_OPERATION(T, len)                                                                                     \
+    TRELLIS_OPERATION(T, marshal)                                                                                 \
+    TRELLIS_OPERATION(T, unmarshal)                                                                               \
+    TRELLIS_OPERATION(T, print)                                                                                   \
+    TRELLIS_OPERATION(T, to_xml)                                                                                  \
+    TRELLIS_OPERATION(T, from_xml)                                                                                \
+    TRELLIS_OPERATION(T, hash)                                                                                    \
+    TRELLIS_OPERATION(T, create)                                                                                  \
+    TRELLIS_OPERATION(T, destroy)                                                                                 \
+    TRELLIS_OPERATION(T, destroy_internal)                                                                        \
+    TRELLIS_OPERATION(T, set)
 
-#define TRELLIS_COMPARE_FAMILY(T)                                                                                 \
-    static i32 compare(const c_type* a, const c_type* b) { return ::T##_compare(a, b); }
-
-// A set that leaves its source alone; a record's takes what its source points at.
-#define TRELLIS_COPY_FAMILY(T)                                                                                    \
-    static void set(loom_handle* h, u32 d, c_type* to, const c_type* from, u32* err) {                            \
-        ::T##_set(h, d, to, from, err);                                                                           \
-    }
-
-#define TRELLIS_GET_FAMILY(T)                                                                                     \
-    static c_type* get(loom_handle* h, u32 d, c_type* v, u32* err) { return ::T##_get(h, d, v, err); }
-
+// Operations of those that are passed by value.
 #define TRELLIS_PLAIN_FAMILY(T)                                                                                   \
-    static plain_type get_value(loom_handle* h, u32 d, const c_type* v, u32* err) {                               \
-        return ::T##_get_value(h, d, v, err);                                                                     \
-    }                                                                                                             \
-    static void set_value(loom_handle* h, u32 d, c_type* v, plain_type plain, u32* err) {                         \
-        ::T##_set_value(h, d, v, plain, err);                                                                     \
-    }
+    TRELLIS_OPERATION(T, get_value)                                                                               \
+    TRELLIS_OPERATION(T, set_value)
 
 #define TRELLIS_EMBEDDED_FAMILY(T)                                                                                \
     static loom_type_info* type_info() { return &::_##T##_type_info_internal; }                                   \
-    static void set_instance_embedded(loom_handle* h, u32 d, c_type* v) { ::T##_set_instance_embedded(h, d, v); }
+    TRELLIS_OPERATION(T, set_instance_embedded)
 
-// `initialize` of values that are called with nine arguments.
+#define TRELLIS_REFERENCES_FAMILY(T)                                                                              \
+    TRELLIS_OPERATION(T, get_oid_count)                                                                           \
+    TRELLIS_OPERATION(T, get_object_references)                                                                   \
+    TRELLIS_OPERATION(T, set_all_state_tracking_flag)                                                             \
+    TRELLIS_OPERATION(T, post_copyout_cleanup)
+
+// The `get` of types of bundles has no error word, that of built-in values has.
+#define TRELLIS_GET_WITHOUT_ERROR(T)                                                                              \
+    static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }
+
+// `initialize` is called with nine arguments or with six.
 #define TRELLIS_VALUE_INITIALIZE(T)                                                                               \
     static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32 no_accounting, void* base,    \
                            u32* err) {                                                                            \
         ::T##_initialize(h, d, v, type_info(), write_through, no_accounting, OBJ_NESTED, base, err);              \
     }
-
-#define TRELLIS_REFERENCES_FAMILY(T)                                                                              \
-    static u32 get_oid_count(loom_handle* h, u32 d, const c_type* v, u32* err) {                                  \
-        return ::T##_get_oid_count(h, d, v, err);                                                                 \
-    }                                                                                                             \
-    static void get_object_references(loom_handle* h, u32 d, const c_type* v, void** references, u32 count,       \
-                                      u32* err) {                                                                 \
-        ::T##_get_object_references(h, d, v, references, count, err);                                             \
-    }                                                                                                             \
-    static void set_all_state_tracking_flag(loom_handle* h, u32 d, c_type* v, u8 state) {                         \
-        ::T##_set_all_state_tracking_flag(h, d, v, state);                                                        \
+#define TRELLIS_SHORT_INITIALIZE(T)                                                                               \
+    static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32, void*, u32*) {               \
+        ::T##_initialize(h, d, v, type_info(), write_through, OBJ_NESTED);                                        \
     }
+
+// What records, enumerations and flag sets of a bundle share.
+#define TRELLIS_BUNDLE_FAMILY(T)                                                                                  \
+    TRELLIS_COMMON_FAMILY(T)                                                                                      \
+    TRELLIS_OPERATION(T, compare)                                                                                 \
+    TRELLIS_GET_WITHOUT_ERROR(T)                                                                                  \
+    TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
+    TRELLIS_OPERATION(T, create_internal)
 
 // A record, union or choice of a bundle.
 #define TRELLIS_RECORD_FAMILY(T)                                                                                  \
     static constexpr value_category category = value_category::record;                                            \
-    TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    static void set(loom_handle* h, u32 d, c_type* to, c_type* from, u32* err) {                                  \
-        ::T##_set(h, d, to, from, err);                                                                           \
-    }                                                                                                             \
-    TRELLIS_COMPARE_FAMILY(T)                                                                                     \
-    static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
-    TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
+    TRELLIS_BUNDLE_FAMILY(T)                                                                                      \
     TRELLIS_VALUE_INITIALIZE(T)                                                                                   \
     TRELLIS_REFERENCES_FAMILY(T)                                                                                  \
+    TRELLIS_OPERATION(T, marshal_for_clone)                                                                       \
+    TRELLIS_OPERATION(T, clone_internal)                                                                          \
+    TRELLIS_OPERATION(T, offset_update)                                                                           \
+    TRELLIS_OPERATION(T, offset_remove)                                                                           \
     /* A record of its own, not inside another. */                                                                \
     static void initialize_alone(loom_handle* h, u32 d, c_type* v, u32* err) {                                    \
         ::T##_initialize(h, d, v, type_info(), 1, 0, 0, nullptr, err);                                            \
@@ -135,63 +117,27 @@ concept has_part_model = requires {
     static u32 len_straight(loom_handle* h, u32 d, const c_type* v);                                              \
     static u32 marshal_straight(loom_handle* h, u32 d, u8* buffer, const c_type* v, i32 length, u32* err);        \
     static u32 unmarshal_straight(loom_handle* h, u32 d, const u8* buffer, c_type* v, i32 length, u32 existing,   \
-                                  u32* err);                                                                      \
-    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
-    static u32 marshal_for_clone(loom_handle* h, u32 d, void* buffer, const c_type* v, i32 length, u32* err) {    \
-        return ::T##_marshal_for_clone(h, d, buffer, v, length, err);                                             \
-    }                                                                                                             \
-    static void clone_internal(loom_handle* h, u32 d, const c_type* from, c_type** out, void* workspace,          \
-                               i32 size, u32* err) {                                                              \
-        ::T##_clone_internal(h, d, from, out, workspace, size, err);                                              \
-    }                                                                                                             \
-    static void post_copyout_cleanup(loom_handle* h, u32 d, c_type* to, c_type* from, u32* err) {                 \
-        ::T##_post_copyout_cleanup(h, d, to, from, err);                                                          \
-    }                                                                                                             \
-    static void offset_update(loom_handle* h, u32 d, c_type* v, void* base, u32* err) {                           \
-        ::T##_offset_update(h, d, v, base, err);                                                                  \
-    }                                                                                                             \
-    static void offset_remove(loom_handle* h, u32 d, c_type* v, u32* err) { ::T##_offset_remove(h, d, v, err); }
+                                  u32* err);
 
-// An enumeration of a bundle: six arguments to initialize.
+// An enumeration of a bundle, and one that another bundle shares.
 #define TRELLIS_ENUMERATION_FAMILY(T)                                                                             \
     static constexpr value_category category = value_category::enumeration;                                       \
-    TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    TRELLIS_COPY_FAMILY(T)                                                                                        \
-    TRELLIS_COMPARE_FAMILY(T)                                                                                     \
-    static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
+    TRELLIS_BUNDLE_FAMILY(T)                                                                                      \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
-    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
-    TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
-    static i32 map_to_user_value(i32 value) { return ::T##_map_to_user_value(value); }                            \
-    static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32, void*, u32*) {               \
-        ::T##_initialize(h, d, v, type_info(), write_through, OBJ_NESTED);                                        \
-    }
-
-// An enumeration that another bundle shares: the argument list of a value.
+    TRELLIS_OPERATION(T, map_to_user_value)                                                                       \
+    TRELLIS_SHORT_INITIALIZE(T)
 #define TRELLIS_SHARED_ENUMERATION_FAMILY(T)                                                                      \
     static constexpr value_category category = value_category::shared_enumeration;                                \
-    TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    TRELLIS_COPY_FAMILY(T)                                                                                        \
-    TRELLIS_COMPARE_FAMILY(T)                                                                                     \
-    static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
-    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
+    TRELLIS_BUNDLE_FAMILY(T)                                                                                      \
     TRELLIS_PLAIN_FAMILY(T)                                                                                       \
-    static i32 map_to_user_value(i32 value) { return ::T##_map_to_user_value(value); }                            \
-    TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
+    TRELLIS_OPERATION(T, map_to_user_value)                                                                       \
     TRELLIS_VALUE_INITIALIZE(T)
 
 // A flag set of a bundle.
 #define TRELLIS_FLAG_SET_FAMILY(T)                                                                                \
     static constexpr value_category category = value_category::flag_set;                                          \
-    TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    TRELLIS_COPY_FAMILY(T)                                                                                        \
-    TRELLIS_COMPARE_FAMILY(T)                                                                                     \
-    static c_type* get(loom_handle* h, u32 d, c_type* v, u32*) { return ::T##_get(h, d, v); }                     \
-    static c_type* create_internal(loom_handle* h, u32 d) { return ::T##_create_internal(h, d); }                 \
-    TRELLIS_EMBEDDED_FAMILY(T)                                                                                    \
-    static void initialize(loom_handle* h, u32 d, c_type* v, u32 write_through, u32, void*, u32*) {               \
-        ::T##_initialize(h, d, v, type_info(), write_through, OBJ_NESTED);                                        \
-    }
+    TRELLIS_BUNDLE_FAMILY(T)                                                                                      \
+    TRELLIS_SHORT_INITIALIZE(T)
 
 namespace types {
 
@@ -202,8 +148,7 @@ namespace types {
     static constexpr value_category category = row.category;                                                      \
     static_assert(sizeof(c_type) == row.width && alignof(c_type) == row.alignment);                               \
     TRELLIS_COMMON_FAMILY(T)                                                                                      \
-    TRELLIS_COPY_FAMILY(T)                                                                                        \
-    TRELLIS_GET_FAMILY(T)
+    TRELLIS_OPERATION(T, get)
 #define TRELLIS_SCALAR(FACADE, T, C)                                                                              \
     struct FACADE {                                                                                               \
         using c_type = C;                                                                                         \
@@ -215,13 +160,10 @@ namespace types {
     struct T {                                                                                                    \
         using c_type = ::T;                                                                                       \
         TRELLIS_BUILT_IN(T)                                                                                       \
-        TRELLIS_COMPARE_FAMILY(T)                                                                                 \
+        TRELLIS_OPERATION(T, compare)                                                                             \
         TRELLIS_EMBEDDED_FAMILY(T)                                                                                \
         TRELLIS_VALUE_INITIALIZE(T)                                                                               \
         TRELLIS_REFERENCES_FAMILY(T)                                                                              \
-        static void post_copyout_cleanup(loom_handle* h, u32 d, c_type* to, const c_type* from, u32* err) {       \
-            ::T##_post_copyout_cleanup(h, d, to, from, err);                                                      \
-        }                                                                                                         \
     };
 
 // clang-format off
@@ -241,7 +183,7 @@ struct loom_boolean {
     using plain_type = ::loom_boolean;
     TRELLIS_BUILT_IN(loom_boolean)
     TRELLIS_PLAIN_FAMILY(loom_boolean)
-    TRELLIS_COMPARE_FAMILY(loom_boolean)
+    TRELLIS_OPERATION(loom_boolean, compare)
     TRELLIS_EMBEDDED_FAMILY(loom_boolean)
     TRELLIS_VALUE_INITIALIZE(loom_boolean)
 };
