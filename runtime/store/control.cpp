@@ -92,16 +92,26 @@ void control::trust(const u8 (&incarnation)[16], const image_identity& image, u6
 }
 
 bool control::read_end(journal_end& end) const {
-    // A place that is read is written anew only two commits later; who reads that slowly reads again.
+    // A place that is read is written anew only two commits later; who reads that slowly reads again. Of a turn
+    // that was damaged nothing depends: the later one of two whole places holds.
     for (int tries = 0; tries < 100; ++tries) {
-        const published_place& published = page_->places[page_->turn.load(std::memory_order_acquire) % 2];
-        place_words words;
-        for (std::size_t i = 0; i < words.size(); ++i)
-            words[i] = published.words[i].load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (published.check.load(std::memory_order_relaxed) != checksum_of(words.data(), sizeof words)) continue;
-        end = {{words[0], {words[1], words[2]}, static_cast<u32>(words[3]), 0, words[4]}, words[5]};
-        return end.place.file < journal_files;
+        bool found = false;
+        for (const published_place& published : page_->places) {
+            place_words words;
+            const u64 check = published.check.load(std::memory_order_acquire);
+            for (std::size_t i = 0; i < words.size(); ++i)
+                words[i] = published.words[i].load(std::memory_order_relaxed);
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (published.check.load(std::memory_order_relaxed) != check ||
+                check != checksum_of(words.data(), sizeof words) || words[3] >= journal_files ||
+                (found && words[0] < end.place.number))
+                continue;
+            // Of one commit the later place is in a file that begins behind it.
+            if (found && words[0] == end.place.number && words[5] < end.first_of_file) continue;
+            end = {{words[0], {words[1], words[2]}, static_cast<u32>(words[3]), 0, words[4]}, words[5]};
+            found = true;
+        }
+        if (found) return true;
     }
     return false;
 }

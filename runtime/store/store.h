@@ -143,6 +143,7 @@ class store {
     u32 refuse_unmade() const;
     u32 open_control();
     u32 flush_names();
+    u32 mark_in_use();
     u32 renew_files();
     u32 open_files();
     u32 open_image(bool afresh);

@@ -270,10 +270,16 @@ void store::entered() {
     if (superblock_.level != durability::volatile_) start_keeper();
 }
 
+/// Of a volatile database, before anything is stored. A mark that fails may be on the disk or not.
+u32 store::mark_in_use() {
+    const u32 error = base_.set_state(base_state::in_use);
+    return error ? fail_for_good(error) : 0;
+}
+
 /// What this run of the machine has not lost, but of which the memory of its former users is gone.
 u32 store::settle_trusted() {
     control_->absorbed = base_.record().number;
-    if (superblock_.level == durability::volatile_) return base_.set_state(base_state::in_use);
+    if (superblock_.level == durability::volatile_) return mark_in_use();
     control_->flushed = 0;
     return flush(committed());
 }
@@ -318,8 +324,6 @@ u32 store::make_image() {
                         directory_.path().c_str(), journal_.path(place.file).c_str(),
                         words_and_cure_of(failure).c_str());
     }
-    if (superblock_.level == durability::volatile_)
-        if (const u32 failure = base_.set_state(base_state::in_use)) return failure;
     u8 making[16];
     fill_random(making);
     u64 number = 0;
@@ -328,7 +332,7 @@ u32 store::make_image() {
     control_->flushed = place.number;
     control_.trust(superblock_.incarnation, identify_image(), number, {place, journal_.first_number(place.file)});
     image_is_new_ = true;
-    return 0;
+    return superblock_.level == durability::volatile_ ? mark_in_use() : 0;
 }
 
 /// The place in the journal at which the base is.

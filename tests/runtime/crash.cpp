@@ -9,10 +9,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
 #include <thread>
+#include <unistd.h>
 
 namespace runtime_test {
 namespace {
@@ -167,6 +169,7 @@ int check_wrecks() {
     setenv("LOOM_CHECK_COMMITS", "1", 1);
     random_source random(static_cast<std::uint32_t>(getpid()));
     for (std::string path; std::getline(std::cin, path);) {
+        alarm(60); // who hangs dies
         const finding found = look_at(path, random);
         std::string fault = found.fault;
         std::replace(fault.begin(), fault.end(), '\n', ' ');
@@ -456,6 +459,97 @@ int crash_main(const std::vector<std::string>& arguments) {
               << " recoveries cut off, " << counts.failed << " failed calls, " << counts.refused << " refused, "
               << counts.backups << " backups, " << counts.wrong.size() << " wrong" << std::endl;
     return counts.wrong.empty() ? 0 : 1;
+}
+
+namespace {
+/// One of them is damaged in each round.
+struct victim {
+    const char* name;
+    std::vector<std::string> files;
+    bool has_open_section; ///< left by a process that died
+};
+
+void damage(const std::string& file, random_source& random) {
+    const std::uint64_t size = std::filesystem::file_size(file);
+    if (size == 0) return;
+    // Most of a file may be room that was never written to.
+    const std::uint64_t reach = random() % 2 ? size : std::min<std::uint64_t>(size, 32 << 10);
+    const std::uint64_t place = (std::uint64_t{random()} << 20 ^ random()) % reach;
+    if (random() % 5 == 0) return std::filesystem::resize_file(file, place);
+    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
+    stream.seekg(static_cast<long>(place));
+    const int byte = stream.get();
+    stream.seekp(static_cast<long>(place));
+    stream.put(static_cast<char>(byte ^ (1 << random() % 8)));
+}
+
+bool restores(const std::string& backup, const std::string& target, std::string& reason) {
+    const char* const name = backup.c_str();
+    loom_restore_options options{};
+    options.size = sizeof options;
+    options.files = &name;
+    options.file_count = 1;
+    options.path = target.c_str();
+    options.commit = LOOM_BACKUP_ALL;
+    if (loom_restore(&options, nullptr) == 0) return true;
+    reason = loom_error_text();
+    return false;
+}
+} // namespace
+
+int flips_main(const std::vector<std::string>& arguments) {
+    const unsigned rounds = static_cast<unsigned>(std::stoul(arguments.at(1)));
+    random_source random(static_cast<std::uint32_t>(std::stoul(arguments.at(2))));
+    const scratch_directory directory;
+    const std::string path = directory.file("good.db"), copy = directory.file("copy.db"),
+                      backup = directory.file("backup"), bad = directory.file("bad");
+    std::uint64_t digest = 0;
+    {
+        const handle_ptr handle = open_for_work(path, LOOM_DURABILITY_DURABLE);
+        for (std::uint64_t number = 1; number <= 60; ++number) {
+            work(handle, number, &digest);
+            if (number == 45) loom_database_sync(handle);
+        }
+        loom_backup(handle, backup.c_str(), LOOM_BACKUP_ALL, nullptr);
+    }
+    const victim victims[] = {{"base", {"base", "checksums"}, false},
+                              {"journals", {"journal.0", "journal.1"}, false},
+                              {"headers", {"superblock", "control"}, true},
+                              {"undo log with an open section", {"undo"}, true},
+                              {"backup", {}, false}};
+    examiner judge;
+    std::uint64_t all_wrong = 0;
+    for (const victim& each : victims) {
+        std::uint64_t told = 0, harmless = 0, wrong = 0;
+        for (unsigned round = 0; round < rounds; ++round) {
+            std::filesystem::remove_all(copy);
+            finding found;
+            bool is_there = true;
+            if (each.files.empty()) {
+                std::filesystem::copy_file(backup, bad, std::filesystem::copy_options::overwrite_existing);
+                damage(bad, random);
+                is_there = restores(bad, copy, found.fault);
+            } else {
+                std::filesystem::copy(path, copy);
+                if (each.has_open_section) child_process({"die_in_work", copy}).wait();
+                damage(copy + "/" + each.files[random() % each.files.size()], random);
+            }
+            if (is_there) found = judge.look(copy);
+            std::filesystem::remove_all(copy + "r");
+            if (!found.is_wrong && !found.is_database && found.fault.size() > 20) {
+                ++told;
+            } else if (found.is_database && found.number == 60 && found.digest == digest) {
+                ++harmless;
+            } else {
+                ++wrong;
+                std::cout << "  " << each.name << ", round " << round << ": " << found.fault << '\n';
+            }
+        }
+        std::cout << each.name << ": " << rounds << " damaged, " << told << " told, " << harmless << " harmless, "
+                  << wrong << " wrong, dead or hanging" << std::endl;
+        all_wrong += wrong;
+    }
+    return all_wrong != 0;
 }
 
 } // namespace runtime_test

@@ -42,4 +42,7 @@ int check_wrecks();
 /// Runs a plan and prints its counts; 0 when nothing was wrong.
 int crash_main(const std::vector<std::string>& arguments);
 
+/// Flips bits of all files of a database, and cuts them: what is opened then is right, or refused with a text.
+int flips_main(const std::vector<std::string>& arguments);
+
 } // namespace runtime_test

@@ -126,6 +126,7 @@ void change_a_lot(loom_handle* handle) {
 int run_child(const std::vector<std::string>& arguments) {
     const std::string& operation = arguments[0];
     if (operation == "crash") return crash_main(arguments);
+    if (operation == "flips") return flips_main(arguments);
     if (operation == "check_wrecks") return check_wrecks();
     handle_ptr handle(loom_open_mapped(arguments[1].c_str(), 0));
     if (!handle) {
@@ -141,6 +142,11 @@ int run_child(const std::vector<std::string>& arguments) {
             set_cell(handle, 1, 0);
             if (loom_write_commit(handle)) return 3;
         }
+    } else if (operation == "die_in_work") {
+        loom_write_begin(handle);
+        for (std::size_t i = 0; i < 100; ++i)
+            set_cell(handle, i, 0xDEAD);
+        kill(getpid(), SIGKILL);
     } else if (operation == "die_in_section") {
         loom_write_begin(handle);
         change_a_lot(handle);
