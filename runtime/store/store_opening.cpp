@@ -398,6 +398,11 @@ struct store::putting_together {
 u32 store::put_together(std::byte* memory, const room_fn& make_room, putting_together& done) {
     journal_place& place = done.place;
     if (const u32 error = find_start(place)) return error;
+    // A file that the base has wholly leads on to the other, which may be the one that is absorbed.
+    journal_entry next;
+    const u32 behind = (place.file + 1) % journal_files;
+    if (!journal_.read(place, next) && journal_.begins_behind(behind, place.number, place.previous))
+        place = journal_.start_of(behind);
     journal_place& end = done.end_of_first_file;
     end = place;
     for (journal_entry entry; journal_.read(end, entry);)
