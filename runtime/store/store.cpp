@@ -173,7 +173,7 @@ u32 store::truncate() {
                                  control_->flushed.load(std::memory_order_acquire));
         if (!error) control_->absorbed.store(last, std::memory_order_release);
         // Without room it is tried again later; anything else must be looked at by somebody.
-        if (error && error != ENOSPC && error != EDQUOT) fail_for_good(error);
+        if (error) fail_for_good(error);
     }
     unlock_byte(lock_file_, lock_byte::truncating);
     return error;
