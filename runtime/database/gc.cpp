@@ -116,12 +116,15 @@ bool take_off_gc_list(open_handle& own, loom_table* table) {
     return true;
 }
 
+/// The end of one object may end another that waits, by the references that it held: mappings are kept by number.
 void collect_objects(open_handle& own, loom_gc_result& result) {
-    std::vector<loom_oid_mapping*> waiting;
-    for (loom_oid_mapping* each = own.db->root()->pending_objects; each; each = each->next_pending)
-        waiting.push_back(each);
-    for (loom_oid_mapping* each : waiting) {
-        const bool ended = each->count == 0 && destroy_put_off(&own.view, each);
+    const database_root& root = *own.db->root();
+    std::vector<u64> waiting;
+    for (const loom_oid_mapping* each = root.pending_objects; each; each = each->next_pending)
+        waiting.push_back(each->reference);
+    for (const u64 reference : waiting) {
+        loom_oid_mapping* mapping = find_by_reference(root, reference);
+        const bool ended = !mapping || (mapping->count == 0 && destroy_put_off(&own.view, mapping));
         ++(ended ? result.objects_destroyed : result.objects_waiting);
     }
 }

@@ -13,6 +13,11 @@ inline loom_oid_mapping* find_by_object(const database_root& root, const void* o
                                     [&](const loom_oid_mapping& each) { return each.object == object; });
 }
 
+inline loom_oid_mapping* find_by_reference(const database_root& root, u64 reference) {
+    return root.oids_by_reference.find(reference,
+                                       [&](const loom_oid_mapping& each) { return each.reference == reference; });
+}
+
 /// Top bit of an oid's object word: the value holds a counted reference.
 inline constexpr u64 oid_counted = u64{1} << 63;
 

@@ -23,11 +23,6 @@ namespace loom {
 namespace {
 database_root& root_of(loom_handle* handle) { return *opened(handle)->db->root(); }
 
-loom_oid_mapping* find_by_reference(const database_root& root, u64 reference) {
-    return root.oids_by_reference.find(reference,
-                                       [&](const loom_oid_mapping& each) { return each.reference == reference; });
-}
-
 void write_id(const database& db, u64 reference, u8* id) {
     for (int i = 0; i < 8; ++i)
         id[i] = static_cast<u8>(reference >> (56 - 8 * i));
