@@ -67,7 +67,8 @@ class subject {
     void* object_;
 };
 
-/// Whether the last state of a record is that of a reference or list, which wants two bytes of room to be read.
+/// Whether the last state of a record is that of a reference or list, which wants two bytes of room to be read. Of
+/// an older variant any attribute may be the last.
 bool ends_with_guarded_state(const std::string& type) {
     const auto record = schema().records.find(type);
     if (record == schema().records.end() || record->second.attributes.empty()) return false;
@@ -107,7 +108,7 @@ TEST_P(all_types, binary_form_is_the_walkers_and_comes_back) {
             subject target(GetParam(), reading);
             const bool in_use = seed % 2 == 1;
             std::vector<uint8_t> received = bytes;
-            if (in_use || ends_with_guarded_state(GetParam())) received.push_back(0xAA);
+            if (in_use || options.lower_variants || ends_with_guarded_state(GetParam())) received.push_back(0xAA);
             if (in_use) target.fill(random, {});
             ASSERT_EQ(target.unmarshal(received.data(), received.size(), in_use, &error), bytes.size());
             ASSERT_EQ(error, 0u);
